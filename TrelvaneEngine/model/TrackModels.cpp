@@ -1,0 +1,163 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+#include "TrelvaneEngine/model/TrackModels.hpp"
+
+#include <algorithm>
+#include <array>
+#include <cctype>
+#include <fmt/printf.h>
+
+namespace trelvane {
+
+namespace {
+
+template <typename E, std::size_t N>
+std::optional<E> fromRaw(std::string_view raw, const std::array<std::pair<E, std::string_view>, N>& table) {
+    for (const auto& [value, name] : table)
+        if (name == raw) return value;
+    return std::nullopt;
+}
+
+template <typename E, std::size_t N>
+std::string_view toRaw(E v, const std::array<std::pair<E, std::string_view>, N>& table) {
+    for (const auto& [value, name] : table)
+        if (value == v) return name;
+    return {};
+}
+
+constexpr std::array<std::pair<SourceType, std::string_view>, 2> kSourceTypes{
+    {{SourceType::video, "video"}, {SourceType::audio, "audio"}}};
+constexpr std::array<std::pair<SyncStatus, std::string_view>, 4> kSyncStatuses{{{SyncStatus::pending, "pending"},
+                                                                               {SyncStatus::synced, "synced"},
+                                                                               {SyncStatus::weak, "weak"},
+                                                                               {SyncStatus::failed, "failed"}}};
+constexpr std::array<std::pair<AudioUsability, std::string_view>, 4> kUsabilities{
+    {{AudioUsability::ok, "ok"},
+     {AudioUsability::none, "none"},
+     {AudioUsability::silent, "silent"},
+     {AudioUsability::undecodable, "undecodable"}}};
+constexpr std::array<std::pair<SyncMode, std::string_view>, 2> kSyncModes{
+    {{SyncMode::tracks, "tracks"}, {SyncMode::stacks, "stacks"}}};
+constexpr std::array<std::pair<ClockQuality, std::string_view>, 5> kClockQualities{
+    {{ClockQuality::none, "none"},
+     {ClockQuality::filesystem, "filesystem"},
+     {ClockQuality::asset, "asset"},
+     {ClockQuality::filename, "filename"},
+     {ClockQuality::embedded, "embedded"}}};
+
+bool passIsOneOf(const std::string& pass, std::initializer_list<std::string_view> tokens) {
+    return std::find(tokens.begin(), tokens.end(), pass) != tokens.end();
+}
+
+std::string upper(std::string s) {
+    for (char& c : s)
+        if (c >= 'a' && c <= 'z') c = static_cast<char>(c - 32);
+    return s;
+}
+
+} // namespace
+
+std::string_view rawValue(SourceType v) { return toRaw(v, kSourceTypes); }
+std::string_view rawValue(SyncStatus v) { return toRaw(v, kSyncStatuses); }
+std::string_view rawValue(AudioUsability v) { return toRaw(v, kUsabilities); }
+std::string_view rawValue(SyncMode v) { return toRaw(v, kSyncModes); }
+std::string_view rawName(ClockQuality v) { return toRaw(v, kClockQualities); }
+
+std::optional<SourceType> sourceTypeFromRaw(std::string_view raw) { return fromRaw(raw, kSourceTypes); }
+std::optional<SyncStatus> syncStatusFromRaw(std::string_view raw) { return fromRaw(raw, kSyncStatuses); }
+std::optional<AudioUsability> audioUsabilityFromRaw(std::string_view raw) { return fromRaw(raw, kUsabilities); }
+std::optional<SyncMode> syncModeFromRaw(std::string_view raw) { return fromRaw(raw, kSyncModes); }
+std::optional<ClockQuality> clockQualityFromRaw(int raw) {
+    if (raw < 0 || raw > 4) return std::nullopt;
+    return static_cast<ClockQuality>(raw);
+}
+
+double ClipItem::pictureDuration() const {
+    if (!pictureURL) return duration;
+    if (pictureFrames && recordFrameRate && *recordFrameRate > 0)
+        return static_cast<double>(*pictureFrames) / static_cast<double>(*recordFrameRate);
+    // The sidecar audio of a take runs this much longer than its picture.
+    return std::max(0.0, duration - 0.512);
+}
+
+std::string ClipItem::placementExplanation() const {
+    switch (audioUsability) {
+    case AudioUsability::none: return "No audio track in this file — placed by clock or between neighbours";
+    case AudioUsability::silent: return "Audio track is silent — placed by clock or between neighbours";
+    case AudioUsability::undecodable:
+        return "Format not decodable on this Mac — placed by clock or between neighbours";
+    case AudioUsability::ok: break;
+    }
+
+    const std::string pass = placementPass.value_or("");
+    std::string line;
+    if (pass == "ref") {
+        line = "Reference track — everything else is measured against it";
+    } else if (pass == "linked") {
+        line = "Long recorder linked to the reference by content consensus";
+    } else if (pass == "unlinked") {
+        line = "Long recorder with no audio in common with the reference — placed after it";
+    } else if (pass == "sibling-ch") {
+        line = "Channel of the same recorder — follows its lead track";
+    } else if (pass == "clock") {
+        line = "No audio match nearby — placed by the device clock";
+    } else if (passIsOneOf(pass, {"interp", "interp-noaudio", ""})) {
+        line = duration >= kShortestMatchableClip
+                   ? std::string("No matching audio nearby — placed between neighbours")
+                   : fmt::sprintf("Shorter than %.0f s — not compared, placed between neighbours",
+                                  kShortestMatchableClip);
+    } else if (pass == "stack-alone") {
+        line = "No other take shares this audio — placed in shooting order";
+    } else if (pass == "stack") {
+        line = "Stacked with takes sharing the same audio";
+    } else if (pass == "sibling") {
+        line = "Placed alongside a matched clip from the same camera";
+    } else if (pass == "A3cam") {
+        line = "Matched a sibling camera — no external recorder nearby";
+    } else if (pass == "A3cluster") {
+        line = "Synced only against other cameras — no external recorder nearby";
+    } else if (pass == "A3b-broll") {
+        line = "Long take placed via nearby B-roll";
+    } else {
+        switch (syncStatus) {
+        case SyncStatus::pending: line = "Not placed yet"; break;
+        case SyncStatus::synced: line = "Strong audio match"; break;
+        case SyncStatus::weak: line = "Weak audio match — check by ear"; break;
+        case SyncStatus::failed: line = "Audio match below the confidence floor"; break;
+        }
+    }
+
+    if (matchScore && !passIsOneOf(pass, {"ref", "interp", "interp-noaudio", "clock", "unlinked", "sibling-ch"}))
+        line += fmt::sprintf(" · score %.1f", *matchScore);
+    if (placementNote && !placementNote->empty()) line += " · " + *placementNote;
+    if (tcDisagrees) line += " · timecode disagrees with the audio position";
+    return line;
+}
+
+std::optional<std::string> ClipItem::failureBucket() const {
+    if (syncStatus != SyncStatus::failed) return std::nullopt;
+    if (audioUsability != AudioUsability::ok) return std::string("no usable audio");
+    if (duration < kShortestMatchableClip) return fmt::sprintf("shorter than %.0f s", kShortestMatchableClip);
+    const std::string pass = placementPass.value_or("");
+    if (passIsOneOf(pass, {"interp", "interp-noaudio", ""})) return std::string("no audio nearby");
+    if (pass == "clock") return std::string("placed by clock");
+    if (pass == "stack-alone") return std::string("no matching take");
+    return std::string("not found");
+}
+
+std::string TrackSource::subtitle() const {
+    const std::size_t n = clips.size();
+    std::string s = std::to_string(n) + " clip" + (n == 1 ? "" : "s") + "  ·  ";
+    if (!clips.empty()) {
+        const ClipItem& first = clips.front();
+        s += upper(first.pictureURL ? first.pictureURL->pathExtension() : first.url.pathExtension());
+    }
+    return s;
+}
+
+std::string DayRegionProposal::timeRangeHint() const {
+    if (rangeOverride) return *rangeOverride;
+    if (startDate && endDate) return formatClockTime(*startDate) + " – " + formatClockTime(*endDate);
+    return "time unknown";
+}
+
+} // namespace trelvane

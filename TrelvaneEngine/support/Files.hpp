@@ -1,0 +1,36 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+#pragma once
+
+#include <filesystem>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace trelvane::Files {
+
+struct Entry {
+    std::filesystem::path path;
+    std::string name;
+    // The entry itself, links not followed: a link to a folder is not a folder here, so that a
+    // walk over a dropped tree can never loop through a link.
+    bool isDirectory = false;
+};
+
+// The entries of one folder without hidden ones (names starting with "."), ordered by name bytes
+// so that every run sees the same order. Nothing for a folder that can't be listed.
+std::optional<std::vector<Entry>> listDirectory(const std::filesystem::path& folder);
+
+struct Kind {
+    bool exists = false;
+    bool isDirectory = false;
+};
+// Existence and directory flag, following links (a dropped link to a folder is that folder).
+Kind kindOf(const std::filesystem::path& path);
+
+// Whether the name is hidden from listings.
+inline bool isHidden(const std::string& name) { return !name.empty() && name.front() == '.'; }
+
+// Lower-cased ASCII copy; other bytes (UTF-8 sequences included) stay as they are.
+std::string lowercased(std::string s);
+
+} // namespace trelvane::Files

@@ -1,0 +1,124 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+#include "TrelvaneEngine/model/TrackModels.hpp"
+#include "TrelvaneEngine/model/TrelvaneError.hpp"
+
+#include <gtest/gtest.h>
+
+using namespace trelvane;
+
+namespace {
+
+ClipItem clipAt(const std::string& path, double duration) {
+    ClipItem c;
+    c.url = Url::fromPath(path);
+    c.duration = duration;
+    return c;
+}
+
+} // namespace
+
+TEST(TrackModels, SubtitleCountsClipsAndNamesTheFirstExtension) {
+    TrackSource t;
+    EXPECT_EQ(t.subtitle(), "0 clips  ·  ");
+    t.clips.push_back(clipAt("/s/rec/take.wav", 10));
+    EXPECT_EQ(t.subtitle(), "1 clip  ·  WAV");
+    t.clips.front().pictureURL = Url::fromPath("/s/A001.RDC/A001_C001_001.r3d");
+    t.clips.push_back(clipAt("/s/rec/take2.wav", 10));
+    EXPECT_EQ(t.subtitle(), "2 clips  ·  R3D");
+}
+
+TEST(TrackModels, PictureDurationPrefersFramesThenTrimsTheSidecar) {
+    ClipItem c = clipAt("/a.wav", 0.4);
+    EXPECT_DOUBLE_EQ(c.pictureDuration(), 0.4);
+    c.pictureURL = Url::fromPath("/a.r3d");
+    EXPECT_DOUBLE_EQ(c.pictureDuration(), 0.0);
+    c.duration = 10.0;
+    EXPECT_DOUBLE_EQ(c.pictureDuration(), 10.0 - 0.512);
+    c.pictureFrames = 240;
+    c.recordFrameRate = 0.0f;
+    EXPECT_DOUBLE_EQ(c.pictureDuration(), 10.0 - 0.512);
+    c.recordFrameRate = 24.0f;
+    EXPECT_DOUBLE_EQ(c.pictureDuration(), 10.0);
+}
+
+TEST(TrackModels, ExplanationAndBucketOfAShortFailedClip) {
+    ClipItem c = clipAt("/a.wav", 3.0);
+    c.syncStatus = SyncStatus::failed;
+    EXPECT_EQ(c.failureBucket(), "shorter than 5 s");
+    EXPECT_EQ(c.placementExplanation(), "Shorter than 5 s — not compared, placed between neighbours");
+    c.duration = 5.0;
+    EXPECT_EQ(c.failureBucket(), "no audio nearby");
+    EXPECT_EQ(c.placementExplanation(), "No matching audio nearby — placed between neighbours");
+    c.placementPass = "clock";
+    EXPECT_EQ(c.failureBucket(), "placed by clock");
+    c.placementPass = "stack-alone";
+    EXPECT_EQ(c.failureBucket(), "no matching take");
+    c.placementPass = "main";
+    EXPECT_EQ(c.failureBucket(), "not found");
+    EXPECT_EQ(c.placementExplanation(), "Audio match below the confidence floor");
+    c.audioUsability = AudioUsability::undecodable;
+    EXPECT_EQ(c.failureBucket(), "no usable audio");
+    c.syncStatus = SyncStatus::weak;
+    EXPECT_EQ(c.failureBucket(), std::nullopt);
+}
+
+TEST(TrackModels, ScoreNoteAndTimecodeAreAppendedInOrderWhereThePassAllows) {
+    ClipItem c = clipAt("/a.wav", 30.0);
+    c.matchScore = 9.26f;
+    c.placementPass = "ref";
+    EXPECT_EQ(c.placementExplanation(), "Reference track — everything else is measured against it");
+    c.placementPass = "stack";
+    EXPECT_EQ(c.placementExplanation(), "Stacked with takes sharing the same audio · score 9.3");
+    c.placementNote = "between A and B";
+    c.tcDisagrees = true;
+    EXPECT_EQ(c.placementExplanation(), "Stacked with takes sharing the same audio · score 9.3 · between A and B"
+                                        " · timecode disagrees with the audio position");
+    c.placementNote = "";
+    c.placementPass = "main";
+    c.syncStatus = SyncStatus::weak;
+    EXPECT_EQ(c.placementExplanation(),
+              "Weak audio match — check by ear · score 9.3 · timecode disagrees with the audio position");
+    c.syncStatus = SyncStatus::pending;
+    c.matchScore.reset();
+    c.tcDisagrees = false;
+    EXPECT_EQ(c.placementExplanation(), "Not placed yet");
+    // Unusable audio wins over everything else the clip holds.
+    c.audioUsability = AudioUsability::silent;
+    c.matchScore = 12.0f;
+    c.placementNote = "note";
+    c.tcDisagrees = true;
+    EXPECT_EQ(c.placementExplanation(), "Audio track is silent — placed by clock or between neighbours");
+}
+
+TEST(TrackModels, TimeRangeHintNeedsBothDatesOrAnOverride) {
+    DayRegionProposal p;
+    EXPECT_EQ(p.timeRangeHint(), "time unknown");
+    p.startDate = dateFromUnixSeconds(1'700'000'000);
+    EXPECT_EQ(p.timeRangeHint(), "time unknown");
+    p.endDate = dateFromUnixSeconds(1'700'000'000 + 3600);
+    const std::string hint = p.timeRangeHint();
+    EXPECT_NE(hint.find(" – "), std::string::npos) << hint;
+    EXPECT_TRUE(hint.ends_with("AM") || hint.ends_with("PM")) << hint;
+    p.rangeOverride = "text-sync day 2";
+    EXPECT_EQ(p.timeRangeHint(), "text-sync day 2");
+}
+
+TEST(TrackModels, RawCodesRoundTripAndUnknownCodesGiveNothing) {
+    EXPECT_EQ(rawValue(SyncStatus::weak), "weak");
+    EXPECT_EQ(syncStatusFromRaw("failed"), SyncStatus::failed);
+    EXPECT_EQ(syncStatusFromRaw("Failed"), std::nullopt);
+    EXPECT_EQ(audioUsabilityFromRaw("undecodable"), AudioUsability::undecodable);
+    EXPECT_EQ(sourceTypeFromRaw("video"), SourceType::video);
+    EXPECT_EQ(syncModeFromRaw("stacks"), SyncMode::stacks);
+    EXPECT_EQ(clockQualityFromRaw(3), ClockQuality::filename);
+    EXPECT_EQ(clockQualityFromRaw(5), std::nullopt);
+    EXPECT_LT(ClockQuality::asset, ClockQuality::filename);
+}
+
+TEST(TrackModels, ErrorDescriptionsQuoteTheFileName) {
+    EXPECT_EQ(TrelvaneError::noAudioTrack("a.mov").description(), "No audio track in \"a.mov\"");
+    EXPECT_EQ(TrelvaneError::silentAudio("b.wav").description(), "Audio track in \"b.wav\" is silent (muted)");
+    EXPECT_EQ(TrelvaneError::emptySamples("c.mp4").description(), "No audio in \"c.mp4\"");
+    EXPECT_EQ(TrelvaneError::readerStartFailed("x").description(), "Reader failed: x");
+    EXPECT_EQ(TrelvaneError::notEnoughTracks().description(), "Need at least 2 tracks");
+}
