@@ -1,0 +1,90 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+#pragma once
+
+// Small helpers shared by the tests: a temporary folder that cleans up after itself, file makers,
+// and a capture of the engine log.
+
+#include "TrelvaneEngine/support/EngineLog.hpp"
+
+#include <algorithm>
+#include <atomic>
+#include <filesystem>
+#include <fstream>
+#include <mutex>
+#include <random>
+#include <string>
+#include <unistd.h>
+#include <vector>
+
+namespace trelvane::test {
+
+class TempDir {
+public:
+    TempDir() {
+        std::random_device rd;
+        path_ = std::filesystem::temp_directory_path() /
+                ("trelvane-test-" + std::to_string(::getpid()) + "-" + std::to_string(rd()));
+        std::filesystem::create_directories(path_);
+    }
+    ~TempDir() {
+        std::error_code ec;
+        // Folders made unreadable by a test must be opened again to be removed.
+        for (auto it = std::filesystem::recursive_directory_iterator(
+                 path_, std::filesystem::directory_options::skip_permission_denied, ec);
+             !ec && it != std::filesystem::recursive_directory_iterator(); it.increment(ec))
+            std::filesystem::permissions(it->path(), std::filesystem::perms::owner_all,
+                                         std::filesystem::perm_options::add, ec);
+        std::filesystem::remove_all(path_, ec);
+    }
+    TempDir(const TempDir&) = delete;
+    TempDir& operator=(const TempDir&) = delete;
+
+    const std::filesystem::path& path() const { return path_; }
+    std::filesystem::path operator/(const std::string& rel) const { return path_ / rel; }
+
+    // Makes the file (and its folders) with the given bytes.
+    std::filesystem::path file(const std::string& rel, const std::string& bytes = "x") const {
+        const auto p = path_ / rel;
+        std::filesystem::create_directories(p.parent_path());
+        std::ofstream(p, std::ios::binary) << bytes;
+        return p;
+    }
+    std::filesystem::path dir(const std::string& rel) const {
+        const auto p = path_ / rel;
+        std::filesystem::create_directories(p);
+        return p;
+    }
+
+private:
+    std::filesystem::path path_;
+};
+
+// Collects the engine's log lines while alive.
+class LogCapture {
+public:
+    LogCapture() {
+        EngineLog::setSink([this](const std::string& line) {
+            std::lock_guard lock(mutex_);
+            lines_.push_back(line);
+        });
+    }
+    ~LogCapture() { EngineLog::resetSink(); }
+    std::vector<std::string> lines() const {
+        std::lock_guard lock(mutex_);
+        return lines_;
+    }
+    bool contains(const std::string& line) const {
+        const auto l = lines();
+        return std::find(l.begin(), l.end(), line) != l.end();
+    }
+    int countStartingWith(const std::string& prefix) const {
+        const auto l = lines();
+        return static_cast<int>(std::count_if(l.begin(), l.end(), [&](const std::string& s) { return s.starts_with(prefix); }));
+    }
+
+private:
+    mutable std::mutex mutex_;
+    std::vector<std::string> lines_;
+};
+
+} // namespace trelvane::test
