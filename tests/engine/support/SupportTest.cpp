@@ -1,0 +1,108 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+#include "TrelvaneEngine/support/Date.hpp"
+#include "TrelvaneEngine/support/NaturalOrder.hpp"
+#include "TrelvaneEngine/support/Url.hpp"
+#include "TrelvaneEngine/support/Uuid.hpp"
+#include "TrelvaneEngine/support/WorkerWindow.hpp"
+
+#include <atomic>
+#include <gtest/gtest.h>
+#include <regex>
+#include <set>
+
+using namespace trelvane;
+
+TEST(Support, NaturalOrderComparesDigitRunsByValueAndIgnoresCase) {
+    EXPECT_LT(localizedStandardCompare("A_2", "A_10"), 0);
+    EXPECT_LT(localizedStandardCompare("clip9", "CLIP10"), 0);
+    EXPECT_LT(localizedStandardCompare("a", "B"), 0);
+    EXPECT_GT(localizedStandardCompare("b", "A"), 0);
+    EXPECT_LT(localizedStandardCompare("x", "x1"), 0);
+    EXPECT_EQ(localizedStandardCompare("same", "same"), 0);
+    // Equivalent but not identical names still get a fixed, antisymmetric order.
+    EXPECT_NE(localizedStandardCompare("Clip", "clip"), 0);
+    EXPECT_EQ(localizedStandardCompare("Clip", "clip"), -localizedStandardCompare("clip", "Clip"));
+    EXPECT_NE(localizedStandardCompare("A01", "A1"), 0);
+    EXPECT_LT(localizedStandardCompare("C0099", "C0100"), 0);
+    EXPECT_LT(localizedStandardCompare("99999999999999999999999", "100000000000000000000000"), 0);
+}
+
+TEST(Support, UrlsAreAbsoluteNormalisedValues) {
+    const Url u = Url::fromPath("/shoot/./cam/../cam/C0001.MP4");
+    EXPECT_EQ(u.path(), "/shoot/cam/C0001.MP4");
+    EXPECT_EQ(u.pathExtension(), "MP4");
+    EXPECT_EQ(u.baseName(), "C0001");
+    EXPECT_EQ(u.lastPathComponent(), "C0001.MP4");
+    EXPECT_EQ(u.deletingLastPathComponent().path(), "/shoot/cam");
+    EXPECT_EQ(u.deletingPathExtension().path(), "/shoot/cam/C0001");
+    EXPECT_EQ(u, Url::fromPath("/shoot/cam/C0001.MP4"));
+    EXPECT_EQ(Url::fromPath("/shoot/cam/").path(), "/shoot/cam");
+    EXPECT_EQ(Url::fromPath("/.hidden").pathExtension(), "");
+    EXPECT_EQ(Url::fromPath("/").deletingLastPathComponent().path(), "/");
+    EXPECT_EQ(Url::fromPath("/a").deletingLastPathComponent().path(), "/");
+    EXPECT_TRUE(Url::fromPath("relative/x.wav").path().starts_with("/"));
+}
+
+TEST(Support, UuidsAreRandomVersion4AndRoundTrip) {
+    std::set<Uuid> seen;
+    const std::regex canonical("^[0-9A-F]{8}-[0-9A-F]{4}-4[0-9A-F]{3}-[89AB][0-9A-F]{3}-[0-9A-F]{12}$");
+    for (int i = 0; i < 1000; ++i) {
+        const Uuid u = Uuid::random();
+        EXPECT_TRUE(std::regex_match(u.string(), canonical)) << u.string();
+        seen.insert(u);
+        EXPECT_EQ(Uuid::parse(u.string()), u);
+    }
+    EXPECT_EQ(seen.size(), 1000u);
+    EXPECT_EQ(Uuid::parse("not-a-uuid"), std::nullopt);
+    EXPECT_TRUE(Uuid().isNil());
+}
+
+TEST(Support, DatesKeepMillisecondsAndPrintTheirOffset) {
+    const Date d = dateFromUnixSeconds(1'718'390'096.789);
+    EXPECT_NEAR(unixSeconds(d), 1'718'390'096.789, 1e-6);
+    EXPECT_EQ(iso8601UTC(d), "2024-06-14T18:34:56.789Z");
+    const std::regex local(R"(^\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.789[+-]\d\d:\d\d$)");
+    EXPECT_TRUE(std::regex_match(iso8601(d), local)) << iso8601(d);
+    const std::regex clock(R"(^(1[0-2]|[1-9]):[0-5]\d (AM|PM)$)");
+    EXPECT_TRUE(std::regex_match(formatClockTime(d), clock)) << formatClockTime(d);
+}
+
+TEST(Support, WorkerWindowKeepsAtMostNInFlightAndRunsEveryJobOnce) {
+    std::atomic<int> inFlight{0}, peak{0};
+    std::mutex m;
+    std::vector<std::size_t> started, handed;
+    WorkerWindow::run<int>(
+        3, 20,
+        [&](std::size_t i) {
+            {
+                std::lock_guard lock(m);
+                started.push_back(i);
+            }
+            const int now = ++inFlight;
+            int p = peak.load();
+            while (now > p && !peak.compare_exchange_weak(p, now)) {
+            }
+            std::this_thread::sleep_for(std::chrono::milliseconds(2 + (i % 3)));
+            --inFlight;
+            return static_cast<int>(i) * 2;
+        },
+        [&](std::size_t i, int r) {
+            EXPECT_EQ(r, static_cast<int>(i) * 2);
+            handed.push_back(i);
+        });
+    EXPECT_LE(peak.load(), 3);
+    EXPECT_EQ(handed.size(), 20u);
+    std::sort(started.begin(), started.end());
+    for (std::size_t i = 0; i < started.size(); ++i) EXPECT_EQ(started[i], i) << "every job ran once";
+
+    std::stop_source stop;
+    int ran = 0;
+    WorkerWindow::run<int>(
+        2, 10, [&](std::size_t) { return 0; },
+        [&](std::size_t, int) {
+            ++ran;
+            stop.request_stop();
+        },
+        stop.get_token());
+    EXPECT_LE(ran, 2) << "no job starts after a stop";
+}
