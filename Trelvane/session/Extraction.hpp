@@ -1,0 +1,43 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+#pragma once
+
+// The records of the extraction pipeline: what a clip's analysis job gives back to the controller.
+
+#include "TrelvaneEngine/model/TrackModels.hpp"
+
+#include <optional>
+#include <string>
+#include <variant>
+#include <vector>
+
+namespace trelvane {
+
+struct ExtractJob {
+    Uuid id;          // the clip
+    Url url;          // its file
+    std::string name; // file name without extension
+    double duration = 0;
+};
+
+struct ExtractPayload {
+    // Absent when the payload came from the cache without touching the media.
+    std::optional<double> duration;
+    std::vector<float> preview;
+    std::vector<float> envelope;
+    SpectralBands::Feature bands;
+};
+
+struct NoUsableAudio {
+    AudioUsability usability = AudioUsability::none;
+    std::string reason;
+    std::optional<std::string> formatExt;
+};
+
+struct ExtractFailed {};
+
+using ExtractOutcome = std::variant<ExtractPayload, NoUsableAudio, ExtractFailed>;
+
+// The envelope's decimation factor: 160 samples at 16 kHz, so 100 values a second.
+inline constexpr int kEnvelopeFactor = 160;
+
+} // namespace trelvane

@@ -1,0 +1,81 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+#include "Trelvane/session/SessionJson.hpp"
+
+namespace trelvane::SessionJson {
+
+namespace {
+
+using nlohmann::json;
+
+template <typename T> json opt(const std::optional<T>& v) { return v ? json(*v) : json(nullptr); }
+json opt(const std::optional<Url>& v) { return v ? json(v->path()) : json(nullptr); }
+json opt(const std::optional<Uuid>& v) { return v ? json(v->string()) : json(nullptr); }
+json opt(const std::optional<Date>& v) { return v ? json(iso8601(*v)) : json(nullptr); }
+
+json encodeClip(const ClipItem& c) {
+    return json{
+        {"id", c.id.string()},
+        {"url", c.url.path()},
+        {"duration", c.duration},
+        {"startOffset", c.startOffset},
+        {"syncStatus", rawValue(c.syncStatus)},
+        {"matchScore", opt(c.matchScore)},
+        {"placementPass", opt(c.placementPass)},
+        {"placementNote", opt(c.placementNote)},
+        {"frameRate", opt(c.frameRate)},
+        {"pictureURL", opt(c.pictureURL)},
+        {"recordFrameRate", opt(c.recordFrameRate)},
+        {"conformFrameRate", opt(c.conformFrameRate)},
+        {"pictureFrames", opt(c.pictureFrames)},
+        {"pictureTimecode", opt(c.pictureTimecode)},
+        {"pixelWidth", opt(c.pixelWidth)},
+        {"pixelHeight", opt(c.pixelHeight)},
+        {"startTimecode", opt(c.startTimecode)},
+        {"tcDisagrees", c.tcDisagrees},
+        {"channelCount", c.channelCount},
+        {"audioChannelIndices", c.audioChannelIndices},
+        {"deviceName", opt(c.deviceName)},
+        {"recordingDate", opt(c.recordingDate)},
+        {"clockQuality", rawName(c.clockQuality)},
+        {"dayRegion", opt(c.dayRegion)},
+        {"audioUsability", rawValue(c.audioUsability)},
+        {"siblingLeaderID", opt(c.siblingLeaderID)},
+        {"placementExplanation", c.placementExplanation()},
+        {"failureBucket", opt(c.failureBucket())},
+    };
+}
+
+json encodeTrack(const TrackSource& t) {
+    json clips = json::array();
+    for (const auto& c : t.clips) clips.push_back(encodeClip(c));
+    return json{
+        {"id", t.id.string()},
+        {"name", t.name},
+        {"type", rawValue(t.type)},
+        {"session", t.session},
+        {"deviceName", opt(t.deviceName)},
+        {"lockedGrouping", t.lockedGrouping},
+        {"cameraGroup", opt(t.cameraGroup)},
+        {"dayRegion", opt(t.dayRegion)},
+        {"siblingOf", opt(t.siblingOf)},
+        {"textSyncOffsetByPeer", t.textSyncOffsetByPeer},
+        {"forceReference", t.forceReference},
+        {"isMuted", t.isMuted},
+        {"subtitle", t.subtitle()},
+        {"clips", std::move(clips)},
+    };
+}
+
+} // namespace
+
+nlohmann::json encode(const std::vector<TrackSource>& sources) {
+    json tracks = json::array();
+    for (const auto& t : sources) tracks.push_back(encodeTrack(t));
+    return json{{"tracks", std::move(tracks)}};
+}
+
+std::string dump(const std::vector<TrackSource>& sources) {
+    return encode(sources).dump(2, ' ', false, nlohmann::json::error_handler_t::replace);
+}
+
+} // namespace trelvane::SessionJson

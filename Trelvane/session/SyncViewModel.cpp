@@ -1,0 +1,1156 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+#include "Trelvane/session/SyncViewModel.hpp"
+
+#include "Trelvane/session/AppLog.hpp"
+#include "Trelvane/session/Notifier.hpp"
+#include "TrelvaneEngine/support/EngineLog.hpp"
+#include "TrelvaneEngine/support/NaturalOrder.hpp"
+#include "TrelvaneEngine/support/WorkerWindow.hpp"
+
+#include <algorithm>
+#include <cmath>
+#include <fmt/printf.h>
+
+namespace trelvane {
+
+namespace {
+
+std::string plural(int n, const char* word) { return fmt::format("{} {}{}", n, word, n == 1 ? "" : "s"); }
+
+} // namespace
+
+std::string_view rawName(AppState::Kind kind) {
+    switch (kind) {
+    case AppState::Kind::idle: return "idle";
+    case AppState::Kind::extracting: return "extracting";
+    case AppState::Kind::ready: return "ready";
+    case AppState::Kind::syncing: return "syncing";
+    case AppState::Kind::synced: return "synced";
+    case AppState::Kind::error: return "error";
+    }
+    return {};
+}
+
+std::shared_ptr<SyncViewModel> SyncViewModel::create(MainQueue& queue, Settings& settings, SessionStages stages) {
+    return std::shared_ptr<SyncViewModel>(new SyncViewModel(queue, settings, std::move(stages)));
+}
+
+SyncViewModel::SyncViewModel(MainQueue& queue, Settings& settings, SessionStages stages)
+    : queue_(queue), settings_(settings), stages_(std::move(stages)) {}
+
+SyncViewModel::~SyncViewModel() {
+    if (syncTask_) syncTask_->request_stop();
+    if (ingestStop_) ingestStop_->request_stop();
+}
+
+// ---- observing and small setters ------------------------------------------------------------
+
+std::shared_ptr<void> SyncViewModel::observe(Observer observer) {
+    const auto id = nextObserverId_++;
+    observers_.emplace(id, std::move(observer));
+    std::weak_ptr<SyncViewModel> weak = weak_from_this();
+    return std::shared_ptr<void>(nullptr, [weak, id](void*) {
+        if (auto self = weak.lock()) self->observers_.erase(id);
+    });
+}
+
+void SyncViewModel::notify(Published what) {
+    // Copy first: an observer may add or drop observers while being told.
+    const auto observers = observers_;
+    for (const auto& [id, fn] : observers)
+        if (observers_.contains(id)) fn(what);
+}
+
+void SyncViewModel::setSources(Sources sources) {
+    sources_ = std::move(sources);
+    notify(Published::sources);
+}
+
+void SyncViewModel::setState(AppState state) {
+    if (state_ == state) return;
+    state_ = std::move(state);
+    notify(Published::state);
+}
+
+void SyncViewModel::setErrorMessage(std::optional<std::string> message) {
+    errorMessage_ = std::move(message);
+    notify(Published::errorMessage);
+}
+
+void SyncViewModel::refreshCounters() {
+    int synced = 0, weak = 0, failed = 0;
+    for (const auto& t : sources_)
+        for (const auto& c : t.clips) {
+            if (c.syncStatus == SyncStatus::synced) ++synced;
+            if (c.syncStatus == SyncStatus::weak) ++weak;
+            if (c.syncStatus == SyncStatus::failed && c.audioUsability == AudioUsability::ok) ++failed;
+        }
+    syncedCount_ = synced;
+    weakCount_ = weak;
+    failedCount_ = failed;
+    notify(Published::counters);
+}
+
+void SyncViewModel::resetOutcome() {
+    for (auto& t : sources_)
+        for (auto& c : t.clips) c.syncStatus = SyncStatus::pending;
+    notify(Published::sources);
+    syncedCount_ = weakCount_ = failedCount_ = 0;
+    notify(Published::counters);
+    setState(AppState::idle());
+    offsetsBeforeCloseGaps_.reset();
+    failureSummary_.reset();
+    notify(Published::failureSummary);
+}
+
+bool SyncViewModel::isStackMode() const { return settings_.stringValue(Settings::kSyncModeKey) == Settings::kSyncModeStacks; }
+
+void SyncViewModel::postSelf(std::function<void(SyncViewModel&)> fn) {
+    std::weak_ptr<SyncViewModel> weak = weak_from_this();
+    queue_.post([weak, fn = std::move(fn)] {
+        if (auto self = weak.lock()) fn(*self);
+    });
+}
+
+void SyncViewModel::postSelfAfter(double seconds, std::function<void(SyncViewModel&)> fn) {
+    std::weak_ptr<SyncViewModel> weak = weak_from_this();
+    queue_.postAfter(seconds, [weak, fn = std::move(fn)] {
+        if (auto self = weak.lock()) fn(*self);
+    });
+}
+
+// ---- derived reads ----------------------------------------------------------------------------
+
+bool SyncViewModel::allExtracted() const {
+    if (sources_.empty()) return false;
+    for (const auto& t : sources_)
+        for (const auto& c : t.clips)
+            if (!c.cachedEnvelope && c.audioUsability == AudioUsability::ok) return false;
+    return true;
+}
+
+double SyncViewModel::totalDuration() const {
+    double end = 0;
+    for (const auto& t : sources_)
+        for (const auto& c : t.clips) end = std::max(end, c.startOffset + c.duration);
+    return end;
+}
+
+int SyncViewModel::totalClipCount() const {
+    int n = 0;
+    for (const auto& t : sources_) n += static_cast<int>(t.clips.size());
+    return n;
+}
+
+std::vector<float> SyncViewModel::detectedFrameRates() const {
+    static constexpr float kRates[] = {23.976f, 24.f, 25.f, 29.97f, 30.f, 50.f, 59.94f, 60.f};
+    std::vector<float> out;
+    for (const auto& t : sources_)
+        for (const auto& c : t.clips) {
+            if (!c.frameRate) continue;
+            float best = kRates[0];
+            // Ascending table and a strict test: at equal distance the lower rate wins.
+            for (float r : kRates)
+                if (std::fabs(r - *c.frameRate) < std::fabs(best - *c.frameRate)) best = r;
+            if (std::find(out.begin(), out.end(), best) == out.end()) out.push_back(best);
+        }
+    std::sort(out.begin(), out.end());
+    return out;
+}
+
+double SyncViewModel::pxPerSec() const {
+    if (frozenPxPerSec_) return *frozenPxPerSec_;
+    const double total = totalDuration();
+    if (!(total > 0) || !(availableWidth_ > 0)) return 2.0;
+    return std::max(0.01, availableWidth_ / total * zoomMultiplier_);
+}
+
+double SyncViewModel::playbackTime() const {
+    std::optional<double> earliest;
+    for (const auto& t : sources_)
+        for (const auto& c : t.clips)
+            if (selectedClipIDs_.contains(c.id) && (!earliest || c.startOffset < *earliest)) earliest = c.startOffset;
+    return earliest.value_or(playheadTime_);
+}
+
+std::optional<std::string> SyncViewModel::summarizeFailures(const Sources& sources) {
+    std::vector<std::string> parts;
+    std::vector<std::pair<std::string, int>> buckets; // in order of first appearance
+    int total = 0;
+    for (const auto& t : sources)
+        for (const auto& c : t.clips)
+            if (auto bucket = c.failureBucket()) {
+                ++total;
+                auto it = std::find_if(buckets.begin(), buckets.end(), [&](const auto& b) { return b.first == *bucket; });
+                if (it == buckets.end())
+                    buckets.emplace_back(*bucket, 1);
+                else
+                    ++it->second;
+            }
+    if (total > 0) {
+        std::stable_sort(buckets.begin(), buckets.end(), [](const auto& a, const auto& b) { return a.second > b.second; });
+        std::string part = fmt::format("{} failed: ", total);
+        for (std::size_t i = 0; i < buckets.size(); ++i)
+            part += (i ? " · " : "") + fmt::format("{} {}", buckets[i].second, buckets[i].first);
+        parts.push_back(std::move(part));
+    }
+    for (const auto& t : sources) {
+        if (t.clips.size() < 50 || t.lockedGrouping) continue;
+        const auto synced = std::count_if(t.clips.begin(), t.clips.end(),
+                                          [](const ClipItem& c) { return c.syncStatus == SyncStatus::synced; });
+        if (static_cast<double>(synced) < 0.4 * static_cast<double>(t.clips.size()))
+            parts.push_back("'" + t.name + "' looks like several devices in one folder — select clips and press N");
+    }
+    if (parts.empty()) return std::nullopt;
+    std::string joined;
+    for (std::size_t i = 0; i < parts.size(); ++i) joined += (i ? "  ·  " : "") + parts[i];
+    return joined;
+}
+
+void SyncViewModel::recomputeOffsets(std::size_t sourceIndex) {
+    if (sourceIndex >= sources_.size()) return;
+    IngestEngine::recomputeOffsets(sources_[sourceIndex]);
+    notify(Published::sources);
+}
+
+// ---- adding media -------------------------------------------------------------------------------
+
+void SyncViewModel::browseFiles() {
+    pendingFileChoice_ = FileChoiceRequest{"Select files or folders", true, true, true};
+    notify(Published::pendingFileChoice);
+}
+
+void SyncViewModel::chooseFiles(const std::optional<std::vector<Url>>& urls) {
+    pendingFileChoice_.reset();
+    notify(Published::pendingFileChoice);
+    if (urls && !urls->empty()) ingestURLs(*urls);
+}
+
+void SyncViewModel::ingestURLs(const std::vector<Url>& urls) {
+    // New media always joins the track layout, never a stack result.
+    if (sourcesBeforeStacks_) {
+        sources_ = std::move(*sourcesBeforeStacks_);
+        sourcesBeforeStacks_.reset();
+    }
+    setSources(ingestEngine_.ingest(urls, std::move(sources_)));
+    if (state_.is(AppState::Kind::synced) || state_.is(AppState::Kind::error)) resetOutcome();
+    ++pendingAdds_;
+    if (!chainRunning_) startNextAdd();
+}
+
+void SyncViewModel::startNextAdd() {
+    if (pendingAdds_ == 0) {
+        chainRunning_ = false;
+        notify(Published::ingestActive);
+        return;
+    }
+    --pendingAdds_;
+    const bool wasRunning = chainRunning_;
+    chainRunning_ = true;
+    if (!wasRunning) notify(Published::ingestActive);
+    const auto generation = chainGeneration_;
+    loadMetadataThenExtract(generation, [this, generation] {
+        if (generation == chainGeneration_) startNextAdd();
+    });
+}
+
+void SyncViewModel::loadMetadataThenExtract(std::uint64_t generation, Step done) {
+    if (!stages_.loadMetadata) {
+        afterMetadata(generation, std::move(done));
+        return;
+    }
+    ingestStop_ = tasks_.spawn([weak = weak_from_this(), &queue = queue_, loader = stages_.loadMetadata,
+                                copy = sources_, generation, done](std::stop_token stop) mutable {
+        auto post = [&queue, weak, generation](std::function<void(SyncViewModel&)> fn) {
+            queue.post([weak, generation, fn = std::move(fn)] {
+                auto self = weak.lock();
+                if (self && self->chainGeneration_ == generation) fn(*self);
+            });
+        };
+        Sources result = loader(
+            std::move(copy), [&post](const Sources& updated) { post([updated](SyncViewModel& vm) { vm.setSources(updated); }); },
+            stop);
+        if (stop.stop_requested()) return;
+        post([result = std::move(result), generation, done](SyncViewModel& vm) mutable {
+            vm.setSources(std::move(result));
+            vm.afterMetadata(generation, done);
+        });
+    });
+}
+
+void SyncViewModel::afterMetadata(std::uint64_t generation, Step done) {
+    // Each result is installed before the next stage reads it.
+    if (stages_.splitSourcesByDevice) setSources(stages_.splitSourcesByDevice(sources_));
+    if (stages_.detectSiblingChannels) setSources(stages_.detectSiblingChannels(sources_));
+
+    auto dayRegions = [this, generation, done] {
+        if (generation != chainGeneration_) return;
+        auto finish = [this, generation, done] {
+            if (generation != chainGeneration_) return;
+            setSources(IngestEngine::sortSources(std::move(sources_)));
+            for (const auto& t : sources_) {
+                const std::string folder =
+                    t.clips.empty() ? std::string() : t.clips.front().url.deletingLastPathComponent().path();
+                EngineLog::logf("[Ingest] track '%s' (%s, locked=%s) %d clips, from '%s'", t.name, rawValue(t.type),
+                                t.lockedGrouping ? "true" : "false", static_cast<int>(t.clips.size()), folder);
+            }
+            setState(AppState::idle());
+            extractWaveforms(generation, done);
+        };
+        if (!stages_.detectDayRegions) {
+            finish();
+            return;
+        }
+        auto proposals = stages_.detectDayRegions(sources_);
+        const auto fromTextSync = std::count_if(proposals.begin(), proposals.end(), [](const DayRegionProposal& p) {
+            return p.rangeOverride && p.rangeOverride->find("text-sync") != std::string::npos;
+        });
+        if (fromTextSync > 0)
+            EngineLog::logf("[Ingest] day-regions from text-sync (%d region(s))", static_cast<int>(proposals.size()));
+        if (proposals.empty() || !stages_.applyDayRegions) {
+            finish();
+            return;
+        }
+        promptDayRegions(proposals, [this, proposals, finish](std::set<Uuid> accepted) {
+            setSources(stages_.applyDayRegions(sources_, proposals, accepted));
+            finish();
+        });
+    };
+
+    if (!stages_.detectCameraGroups) {
+        dayRegions();
+        return;
+    }
+    auto proposals = stages_.detectCameraGroups(sources_);
+    if (proposals.empty() || !stages_.applyCameraGroups) {
+        dayRegions();
+        return;
+    }
+    promptCameraGroups(proposals, [this, proposals, dayRegions](std::set<Uuid> accepted) {
+        setSources(stages_.applyCameraGroups(sources_, proposals, accepted));
+        dayRegions();
+    });
+}
+
+void SyncViewModel::promptCameraGroups(std::vector<CameraGroupProposal> proposals, Continuation next) {
+    cameraGroupContinuation_ = std::move(next);
+    pendingCameraGroups_ = std::move(proposals);
+    notify(Published::pendingCameraGroups);
+}
+
+void SyncViewModel::promptDayRegions(std::vector<DayRegionProposal> proposals, Continuation next) {
+    dayRegionContinuation_ = std::move(next);
+    pendingDayRegions_ = std::move(proposals);
+    notify(Published::pendingDayRegions);
+}
+
+void SyncViewModel::confirmCameraGroups(const std::set<Uuid>& accepted) {
+    pendingCameraGroups_.reset();
+    notify(Published::pendingCameraGroups);
+    if (!cameraGroupContinuation_) return;
+    // Resumed once, from the queue: a dialog may answer from inside an observer call.
+    auto next = std::move(*cameraGroupContinuation_);
+    cameraGroupContinuation_.reset();
+    const auto generation = chainGeneration_;
+    postSelf([next = std::move(next), accepted, generation](SyncViewModel& vm) {
+        if (vm.chainGeneration_ == generation) next(accepted);
+    });
+}
+
+void SyncViewModel::confirmDayRegions(const std::set<Uuid>& accepted) {
+    pendingDayRegions_.reset();
+    notify(Published::pendingDayRegions);
+    if (!dayRegionContinuation_) return;
+    auto next = std::move(*dayRegionContinuation_);
+    dayRegionContinuation_.reset();
+    const auto generation = chainGeneration_;
+    postSelf([next = std::move(next), accepted, generation](SyncViewModel& vm) {
+        if (vm.chainGeneration_ == generation) next(accepted);
+    });
+}
+
+// ---- extraction -----------------------------------------------------------------------------------
+
+void SyncViewModel::extractWaveforms(std::uint64_t generation, Step done) {
+    std::vector<ExtractJob> jobs;
+    for (const auto& t : sources_)
+        for (const auto& c : t.clips)
+            if (!c.cachedEnvelope && c.audioUsability == AudioUsability::ok)
+                jobs.push_back({c.id, c.url, c.url.baseName(), c.duration});
+    if (jobs.empty()) {
+        setState(AppState::ready());
+        done();
+        return;
+    }
+    if (!stages_.extractClip) {
+        EngineLog::logf("[Extract] audio analysis is not available in this build — %d clip(s) not analysed",
+                        static_cast<int>(jobs.size()));
+        done();
+        return;
+    }
+
+    // A clip whose duration is still unknown weighs half a second.
+    auto weight = [](const ExtractJob& j) { return std::max(j.duration, 0.5); };
+    double totalWork = 0;
+    for (const auto& j : jobs) totalWork += weight(j);
+    totalWork = std::max(totalWork, 1.0);
+
+    extractSubProgress_.clear();
+    extractDoneWork_ = 0;
+    startBarEase();
+    extractionStartedAt_ = queue_.now();
+    clipReadyAt_.clear();
+    clipFXActive_ = true;
+    notify(Published::clipFXActive);
+    setState(AppState::extracting(0, jobs.front().name));
+
+    // The window bounds the memory of decoded audio: 2 to 4 clips at a time.
+    const int window = std::clamp(WorkerWindow::processorCount(), 2, 4);
+    auto weak = weak_from_this();
+    auto post = [&queue = queue_, weak, generation](std::function<void(SyncViewModel&)> fn) {
+        queue.post([weak, generation, fn = std::move(fn)] {
+            auto self = weak.lock();
+            if (self && self->chainGeneration_ == generation) fn(*self);
+        });
+    };
+    ingestStop_ = tasks_.spawn([jobs, window, totalWork, weight, post, extract = stages_.extractClip,
+                                done](std::stop_token stop) {
+        WorkerWindow::run<ExtractOutcome>(
+            window, jobs.size(),
+            [&](std::size_t i) {
+                const ExtractJob& job = jobs[i];
+                auto onSub = [&post, job, weight, totalWork](double fraction) {
+                    post([job, fraction, weight, totalWork](SyncViewModel& vm) {
+                        vm.extractSubProgress_[job.id] = fraction * weight(job);
+                        vm.reportExtractProgress(totalWork, job.name);
+                    });
+                };
+                return extract(job.url, kEnvelopeFactor, job.duration, onSub);
+            },
+            [&](std::size_t i, ExtractOutcome outcome) {
+                const ExtractJob job = jobs[i];
+                post([job, outcome = std::move(outcome), weight, totalWork](SyncViewModel& vm) {
+                    vm.extractSubProgress_.erase(job.id);
+                    vm.extractDoneWork_ += weight(job);
+                    vm.reportExtractProgress(totalWork, job.name);
+                    if (const auto* payload = std::get_if<ExtractPayload>(&outcome)) {
+                        vm.updateClip(job.url, payload->duration, *payload);
+                        vm.clipReadyAt_[job.id] = vm.queue_.now();
+                    } else if (const auto* none = std::get_if<NoUsableAudio>(&outcome)) {
+                        vm.markNoUsableAudio(job.url, none->usability, none->formatExt);
+                        vm.clipReadyAt_[job.id] = vm.queue_.now();
+                        EngineLog::logf("[Extract] '%s': %s — will place by clock/interpolation", job.name,
+                                        none->reason.empty() ? std::string("no usable audio") : none->reason);
+                    }
+                });
+            },
+            stop);
+        if (stop.stop_requested()) return;
+        post([done](SyncViewModel& vm) {
+            vm.setState(AppState::ready());
+            vm.stopBarEaseSoon(0.6);
+            Notifier::stageDone("Media analyzed", fmt::format("{} clips ready — press Synchronize.", vm.totalClipCount()));
+            vm.formatAdvisoryCounts_.clear();
+            vm.postSelfAfter(0.8, [](SyncViewModel& v) {
+                v.clipFXActive_ = false;
+                v.notify(Published::clipFXActive);
+            });
+            vm.maybeSuggestStackMode();
+            done();
+        });
+    });
+}
+
+void SyncViewModel::reportExtractProgress(double totalWork, const std::string& current) {
+    if (!state_.is(AppState::Kind::extracting)) return;
+    double sub = 0;
+    for (const auto& [id, v] : extractSubProgress_) sub += v;
+    setState(AppState::extracting((sub + extractDoneWork_) / totalWork, current));
+}
+
+void SyncViewModel::updateClip(const Url& url, std::optional<double> duration, const ExtractPayload& payload) {
+    for (std::size_t si = 0; si < sources_.size(); ++si)
+        for (auto& c : sources_[si].clips)
+            if (c.url == url) {
+                if (duration) c.duration = *duration;
+                c.waveformPreview = payload.preview;
+                c.cachedEnvelope = payload.envelope;
+                c.bandFeature = payload.bands;
+                // A corrected duration moves the clips after it.
+                recomputeOffsets(si);
+                return;
+            }
+}
+
+void SyncViewModel::markNoUsableAudio(const Url& url, AudioUsability usability,
+                                      const std::optional<std::string>& formatExt) {
+    for (auto& t : sources_)
+        for (auto& c : t.clips)
+            if (c.url == url) {
+                c.audioUsability = usability;
+                if (formatExt) ++formatAdvisoryCounts_[*formatExt];
+                notify(Published::sources);
+                return;
+            }
+}
+
+void SyncViewModel::maybeSuggestStackMode() {
+    if (didOfferStackMode_ || isStackMode()) return;
+    didOfferStackMode_ = true;
+    if (!stages_.stackAdvice) return;
+    std::weak_ptr<SyncViewModel> weak = weak_from_this();
+    tasks_.spawn([weak, &queue = queue_, advice = stages_.stackAdvice, copy = sources_](std::stop_token stop) {
+        auto result = advice(copy, 12);
+        if (!result || stop.stop_requested()) return;
+        queue.post([weak, result = *result] {
+            if (auto self = weak.lock()) self->presentStackModeSuggestion(result);
+        });
+    });
+}
+
+void SyncViewModel::presentStackModeSuggestion(const StackBuilder::Advice& advice) {
+    StackModeOffer offer;
+    offer.title = "These look like repeated takes";
+    offer.text = fmt::format(
+        "“{}” and “{}” came from the same camera yet share {} seconds of the same audio — {} of the {} pairs "
+        "sampled do. That usually means several takes were recorded over the same playback.\n\nStack mode groups "
+        "those takes and aligns them one above the other. Track mode — the usual choice for a shoot — treats each "
+        "device as its own track and syncs the tracks to each other.\n\nIf this is an ordinary multi-camera shoot, "
+        "keep Track mode. You can change it at any time from the Mode menu.",
+        advice.example.first, advice.example.second, static_cast<long long>(advice.overlapSeconds), advice.matches,
+        advice.probed);
+    offer.keepButton = "Keep Track Mode";
+    offer.useButton = "Use Stack Mode";
+    offer.advice = advice;
+    pendingStackModeOffer_ = std::move(offer);
+    notify(Published::pendingStackModeOffer);
+}
+
+void SyncViewModel::answerStackModeOffer(bool useStackMode) {
+    if (!pendingStackModeOffer_) return;
+    pendingStackModeOffer_.reset();
+    notify(Published::pendingStackModeOffer);
+    if (!useStackMode) return;
+    settings_.setString(Settings::kSyncModeKey, std::string(Settings::kSyncModeStacks));
+    syncModeChanged();
+}
+
+// ---- sync -------------------------------------------------------------------------------------------
+
+void SyncViewModel::synchronize() {
+    if (isStackMode()) {
+        synchronizeStacks();
+        return;
+    }
+    restoreSourcesAfterStacks();
+    synchronizeTracks();
+}
+
+void SyncViewModel::startSyncTask(std::function<void(std::stop_token, std::uint64_t)> work) {
+    const auto run = ++syncRun_;
+    syncTask_ = tasks_.spawn([work = std::move(work), run](std::stop_token stop) { work(stop, run); });
+}
+
+void SyncViewModel::synchronizeTracks() {
+    if (!allExtracted() || sources_.size() < 2) {
+        setErrorMessage("Need at least 2 extracted tracks");
+        setState(AppState::error());
+        return;
+    }
+    if (syncTask_) return;
+    if (!stages_.synchronise) {
+        EngineLog::log("[SyncEngine] synchronisation is not available in this build");
+        setErrorMessage("Synchronization is not available in this build");
+        setState(AppState::error());
+        return;
+    }
+    offsetsBeforeCloseGaps_.reset();
+    syncWasStopped_ = false;
+    notify(Published::syncWasStopped);
+    setState(AppState::syncing());
+    syncProgress_ = 0;
+    notify(Published::syncProgress);
+    setErrorMessage(std::nullopt);
+    startBarEase();
+
+    // Opening of the animation: the longest track (audio preferred) end to end, every other track
+    // spread over the same width.
+    std::optional<std::size_t> chosen;
+    double chosenSum = -1, widest = 0;
+    const bool anyAudio = std::any_of(sources_.begin(), sources_.end(),
+                                      [](const TrackSource& t) { return t.type == SourceType::audio; });
+    for (std::size_t i = 0; i < sources_.size(); ++i) {
+        double sum = 0;
+        for (const auto& c : sources_[i].clips) sum += c.duration;
+        widest = std::max(widest, sum);
+        if ((!anyAudio || sources_[i].type == SourceType::audio) && sum > chosenSum) {
+            chosen = i;
+            chosenSum = sum;
+        }
+    }
+    displayedOffsets_.clear();
+    animToOffsets_.clear();
+    for (std::size_t i = 0; i < sources_.size(); ++i) {
+        const auto& clips = sources_[i].clips;
+        double t = 0;
+        for (std::size_t k = 0; k < clips.size(); ++k) {
+            double at;
+            if (chosen && i == *chosen) {
+                at = t;
+                t += clips[k].duration;
+            } else {
+                at = widest * static_cast<double>(k) / static_cast<double>(clips.size());
+            }
+            displayedOffsets_[clips[k].id] = at;
+            animToOffsets_[clips[k].id] = at;
+        }
+    }
+    notify(Published::displayedOffsets);
+    beginLiveAnimation();
+
+    for (auto& t : sources_)
+        for (auto& c : t.clips) c.syncStatus = SyncStatus::pending;
+    notify(Published::sources);
+
+    std::weak_ptr<SyncViewModel> weak = weak_from_this();
+    startSyncTask([weak, &queue = queue_, sync = stages_.synchronise, copy = sources_](std::stop_token stop,
+                                                                                         std::uint64_t run) mutable {
+        auto post = [&queue, weak, run](std::function<void(SyncViewModel&)> fn) {
+            queue.post([weak, run, fn = std::move(fn)] {
+                auto self = weak.lock();
+                // A late callback of a stopped run changes nothing.
+                if (self && self->syncTask_ && self->syncRun_ == run) fn(*self);
+            });
+        };
+        Sources result = sync(
+            std::move(copy),
+            [&post](double fraction, const std::string&) {
+                post([fraction](SyncViewModel& vm) {
+                    vm.syncProgress_ = fraction;
+                    vm.notify(Published::syncProgress);
+                });
+            },
+            [&post](const Uuid& id, double offset, SyncStatus status) {
+                post([id, offset, status](SyncViewModel& vm) {
+                    vm.animToOffsets_[id] = offset;
+                    vm.markClipFound(id, status);
+                });
+            },
+            stop);
+        if (stop.stop_requested()) return;
+        post([result = std::move(result)](SyncViewModel& vm) mutable { vm.finishTrackSync(std::move(result)); });
+    });
+}
+
+void SyncViewModel::markClipFound(const Uuid& id, SyncStatus status) {
+    for (auto& t : sources_)
+        for (auto& c : t.clips)
+            if (c.id == id) {
+                c.syncStatus = status;
+                notify(Published::sources);
+                refreshCounters();
+                return;
+            }
+}
+
+void SyncViewModel::finishTrackSync(Sources result) {
+    syncTask_.reset();
+    setSources(std::move(result));
+    refreshCounters();
+    failureSummary_ = summarizeFailures(sources_);
+    notify(Published::failureSummary);
+    syncProgress_ = 1;
+    notify(Published::syncProgress);
+    setState(AppState::synced());
+
+    std::vector<std::string> parts{fmt::format("{} synced", syncedCount_)};
+    if (weakCount_ > 0) parts.push_back(fmt::format("{} weak", weakCount_));
+    if (failedCount_ > 0) parts.push_back(fmt::format("{} failed", failedCount_));
+    std::string body;
+    for (std::size_t i = 0; i < parts.size(); ++i) body += (i ? " · " : "") + parts[i];
+    body += fmt::format(" of {} — ready to export.", totalClipCount());
+    Notifier::stageDone("Synchronization finished", body);
+
+    std::optional<double> earliest;
+    for (const auto& t : sources_)
+        for (const auto& c : t.clips) {
+            if ((c.syncStatus == SyncStatus::synced || c.syncStatus == SyncStatus::weak) &&
+                (!earliest || c.startOffset < *earliest))
+                earliest = c.startOffset;
+            animToOffsets_[c.id] = c.startOffset;
+        }
+    if (earliest) {
+        playheadTime_ = *earliest;
+        notify(Published::playheadTime);
+    }
+    if (settings_.boolValue(Settings::kAutoCloseGapsKey)) closeGaps(false);
+    postSelfAfter(1.6, [](SyncViewModel& vm) { vm.stopLiveAnimationSoon(); });
+    stopBarEaseSoon(0.6);
+    AppLog::upload("sync", settings_);
+}
+
+void SyncViewModel::synchronizeStacks() {
+    if (!allExtracted() || totalClipCount() < 2) {
+        setErrorMessage("Need at least 2 extracted clips");
+        setState(AppState::error());
+        return;
+    }
+    if (syncTask_) return;
+    if (!stages_.buildStacks) {
+        EngineLog::log("[Stacks] stack mode is not available in this build");
+        setErrorMessage("Stack mode is not available in this build");
+        setState(AppState::error());
+        return;
+    }
+    offsetsBeforeCloseGaps_.reset();
+    syncWasStopped_ = false;
+    notify(Published::syncWasStopped);
+    setState(AppState::syncing());
+    syncProgress_ = 0;
+    notify(Published::syncProgress);
+    setErrorMessage(std::nullopt);
+    startBarEase();
+    for (auto& t : sources_)
+        for (auto& c : t.clips) c.syncStatus = SyncStatus::pending;
+    notify(Published::sources);
+
+    std::weak_ptr<SyncViewModel> weak = weak_from_this();
+    startSyncTask([weak, &queue = queue_, build = stages_.buildStacks, copy = sources_](std::stop_token stop,
+                                                                                     std::uint64_t run) {
+        auto post = [&queue, weak, run](std::function<void(SyncViewModel&)> fn) {
+            queue.post([weak, run, fn = std::move(fn)] {
+                auto self = weak.lock();
+                if (self && self->syncTask_ && self->syncRun_ == run) fn(*self);
+            });
+        };
+        StackBuilder::Result result = build(
+            copy,
+            [&post](double fraction) {
+                post([fraction](SyncViewModel& vm) {
+                    vm.syncProgress_ = fraction;
+                    vm.notify(Published::syncProgress);
+                });
+            },
+            stop);
+        if (stop.stop_requested()) return;
+        post([result = std::move(result), copy](SyncViewModel& vm) mutable {
+            vm.finishStackSync(std::move(result), std::move(copy));
+        });
+    });
+}
+
+void SyncViewModel::finishStackSync(StackBuilder::Result result, Sources before) {
+    syncTask_.reset();
+    // A second stack run keeps the list saved by the first.
+    if (!sourcesBeforeStacks_) sourcesBeforeStacks_ = std::move(before);
+    setSources(std::move(result.tracks));
+    refreshCounters();
+    failureSummary_ = summarizeFailures(sources_);
+    notify(Published::failureSummary);
+    syncProgress_ = 1;
+    notify(Published::syncProgress);
+    setState(AppState::synced());
+
+    const int unmatched = static_cast<int>(result.unmatched.size());
+    std::string body = plural(static_cast<int>(sources_.size()), "track");
+    if (unmatched > 0) body += fmt::format(" · {} unmatched", unmatched);
+    body += " — ready to export.";
+    Notifier::stageDone("Takes stacked", body);
+
+    displayedOffsets_.clear();
+    animToOffsets_.clear();
+    std::optional<double> earliest;
+    for (const auto& t : sources_)
+        for (const auto& c : t.clips) {
+            displayedOffsets_[c.id] = c.startOffset;
+            animToOffsets_[c.id] = c.startOffset;
+            if (!earliest || c.startOffset < *earliest) earliest = c.startOffset;
+        }
+    notify(Published::displayedOffsets);
+    playheadTime_ = earliest.value_or(0);
+    notify(Published::playheadTime);
+    stopBarEaseSoon(0.6);
+    AppLog::upload("sync", settings_);
+}
+
+void SyncViewModel::restoreSourcesAfterStacks() {
+    if (!sourcesBeforeStacks_) return;
+    setSources(std::move(*sourcesBeforeStacks_));
+    sourcesBeforeStacks_.reset();
+    selectedClipIDs_.clear();
+    notify(Published::selectedClipIDs);
+    displayedOffsets_.clear();
+    notify(Published::displayedOffsets);
+    animToOffsets_.clear();
+    offsetsBeforeCloseGaps_.reset();
+    failureSummary_.reset();
+    notify(Published::failureSummary);
+    syncedCount_ = weakCount_ = failedCount_ = 0;
+    notify(Published::counters);
+    if (state_.is(AppState::Kind::synced)) setState(allExtracted() ? AppState::ready() : AppState::idle());
+    EngineLog::logf("[Stacks] restored the original %d track(s) after leaving stack mode",
+                    static_cast<int>(sources_.size()));
+}
+
+void SyncViewModel::syncModeChanged() {
+    restoreSourcesAfterStacks();
+    if (!state_.is(AppState::Kind::synced) && !state_.is(AppState::Kind::error)) return;
+    resetOutcome();
+    setState(!sources_.empty() && allExtracted() ? AppState::ready() : AppState::idle());
+    displayedOffsets_.clear();
+    animToOffsets_.clear();
+    notify(Published::displayedOffsets);
+}
+
+void SyncViewModel::cancelSynchronization() {
+    if (!state_.is(AppState::Kind::syncing)) return;
+    if (syncTask_) syncTask_->request_stop();
+    syncTask_.reset();
+    animTimer_.reset();
+    barTimer_.reset();
+    displayedOffsets_.clear();
+    animToOffsets_.clear();
+    notify(Published::displayedOffsets);
+    for (auto& t : sources_)
+        for (auto& c : t.clips) c.syncStatus = SyncStatus::pending;
+    notify(Published::sources);
+    refreshCounters();
+    syncProgress_ = 0;
+    notify(Published::syncProgress);
+    barFill_ = 0;
+    notify(Published::barFill);
+    syncWasStopped_ = true;
+    notify(Published::syncWasStopped);
+    setState(AppState::ready());
+}
+
+void SyncViewModel::cleanProject() {
+    // Stale steps of the chain see a new generation and stop; running workers finish unheard.
+    ++chainGeneration_;
+    if (ingestStop_) ingestStop_->request_stop();
+    ingestStop_.reset();
+    pendingAdds_ = 0;
+    chainRunning_ = false;
+    cameraGroupContinuation_.reset();
+    dayRegionContinuation_.reset();
+    if (pendingCameraGroups_) {
+        pendingCameraGroups_.reset();
+        notify(Published::pendingCameraGroups);
+    }
+    if (pendingDayRegions_) {
+        pendingDayRegions_.reset();
+        notify(Published::pendingDayRegions);
+    }
+    notify(Published::ingestActive);
+    animTimer_.reset();
+    barTimer_.reset();
+    if (syncTask_) syncTask_->request_stop();
+    syncTask_.reset();
+    setSources({});
+    sourcesBeforeStacks_.reset();
+    failureSummary_.reset();
+    notify(Published::failureSummary);
+    selectedClipIDs_.clear();
+    notify(Published::selectedClipIDs);
+    displayedOffsets_.clear();
+    notify(Published::displayedOffsets);
+    animToOffsets_.clear();
+    clipReadyAt_.clear();
+    extractSubProgress_.clear();
+    extractDoneWork_ = 0;
+    syncProgress_ = 0;
+    notify(Published::syncProgress);
+    syncedCount_ = weakCount_ = failedCount_ = 0;
+    notify(Published::counters);
+    playheadTime_ = 0;
+    notify(Published::playheadTime);
+    barFill_ = 0;
+    notify(Published::barFill);
+    setErrorMessage(std::nullopt);
+    clipFXActive_ = false;
+    notify(Published::clipFXActive);
+    frozenPxPerSec_.reset();
+    zoomMultiplier_ = 1;
+    notify(Published::zoom);
+    syncWasStopped_ = false;
+    notify(Published::syncWasStopped);
+    offsetsBeforeCloseGaps_.reset();
+    setState(AppState::idle());
+}
+
+// ---- close gaps ---------------------------------------------------------------------------------
+
+void SyncViewModel::closeGaps(bool announce) {
+    if (!state_.is(AppState::Kind::synced)) return;
+    const auto closed = GapCloser::closedOffsets(sources_);
+    if (!closed) {
+        EngineLog::log("[CloseGaps] nothing to close");
+        return;
+    }
+    if (!offsetsBeforeCloseGaps_) {
+        offsetsBeforeCloseGaps_.emplace();
+        for (const auto& t : sources_)
+            for (const auto& c : t.clips) (*offsetsBeforeCloseGaps_)[c.id] = c.startOffset;
+    }
+    for (auto& t : sources_)
+        for (auto& c : t.clips)
+            if (auto it = closed->offsets.find(c.id); it != closed->offsets.end()) {
+                c.startOffset = it->second;
+                animToOffsets_[c.id] = it->second;
+            }
+    notify(Published::sources);
+    displayedOffsets_ = animToOffsets_;
+    notify(Published::displayedOffsets);
+    playheadTime_ = 0;
+    notify(Published::playheadTime);
+    EngineLog::logf("[CloseGaps] removed %.1f min across %d gap(s)", closed->removed / 60.0, closed->gaps);
+    if (announce)
+        Notifier::stageDone("Gaps closed", fmt::sprintf("%.1f min of empty timeline removed.", closed->removed / 60.0));
+}
+
+void SyncViewModel::restoreGaps() {
+    if (!offsetsBeforeCloseGaps_) return;
+    for (auto& t : sources_)
+        for (auto& c : t.clips)
+            if (auto it = offsetsBeforeCloseGaps_->find(c.id); it != offsetsBeforeCloseGaps_->end()) {
+                c.startOffset = it->second;
+                animToOffsets_[c.id] = it->second;
+            }
+    notify(Published::sources);
+    displayedOffsets_ = animToOffsets_;
+    notify(Published::displayedOffsets);
+    offsetsBeforeCloseGaps_.reset();
+    EngineLog::log("[CloseGaps] restored the synced timeline");
+}
+
+// ---- animation ------------------------------------------------------------------------------------
+
+void SyncViewModel::beginLiveAnimation() {
+    std::weak_ptr<SyncViewModel> weak = weak_from_this();
+    animTimer_ = queue_.every(1.0 / 30.0, [weak] {
+        if (auto self = weak.lock()) self->tickLive();
+    });
+}
+
+void SyncViewModel::tickLive() {
+    if (animToOffsets_.empty()) return;
+    std::map<Uuid, double> next = displayedOffsets_;
+    for (const auto& [id, target] : animToOffsets_) {
+        const auto it = displayedOffsets_.find(id);
+        const double current = it != displayedOffsets_.end() ? it->second : target;
+        double value = current + (target - current) * 0.18;
+        if (std::fabs(target - value) < 0.25) value = target;
+        next[id] = value;
+    }
+    displayedOffsets_ = std::move(next);
+    notify(Published::displayedOffsets);
+}
+
+void SyncViewModel::stopLiveAnimationSoon() {
+    animTimer_.reset();
+    displayedOffsets_ = animToOffsets_;
+    notify(Published::displayedOffsets);
+}
+
+void SyncViewModel::startBarEase() {
+    barFill_ = 0;
+    notify(Published::barFill);
+    std::weak_ptr<SyncViewModel> weak = weak_from_this();
+    barTimer_ = queue_.every(1.0 / 60.0, [weak] {
+        if (auto self = weak.lock()) self->tickBar();
+    });
+}
+
+void SyncViewModel::tickBar() {
+    double target = 0;
+    switch (state_.kind) {
+    case AppState::Kind::extracting: target = state_.progress; break;
+    case AppState::Kind::syncing: target = syncProgress_; break;
+    case AppState::Kind::ready:
+    case AppState::Kind::synced: target = 1; break;
+    case AppState::Kind::idle:
+    case AppState::Kind::error: target = 0; break;
+    }
+    const double before = barFill_;
+    if (target >= 1 || state_.is(AppState::Kind::ready) || state_.is(AppState::Kind::synced)) {
+        barFill_ += (1 - barFill_) * 0.15;
+        if (barFill_ > 0.999) barFill_ = 1;
+    } else if (target - barFill_ > 0.004) {
+        barFill_ += (target - barFill_) * 0.15;
+    } else {
+        // Level with the target: creep a little so that the bar never looks stuck.
+        const double ceiling = std::min(target + 0.12, 0.97);
+        if (ceiling > barFill_) barFill_ += (ceiling - barFill_) * 0.018 + 0.0004;
+    }
+    if (barFill_ != before) notify(Published::barFill);
+}
+
+void SyncViewModel::stopBarEaseSoon(double delay) {
+    postSelfAfter(delay, [](SyncViewModel& vm) { vm.barTimer_.reset(); });
+}
+
+// ---- editing ----------------------------------------------------------------------------------------
+
+void SyncViewModel::toggleClipSelection(const Uuid& id) {
+    if (!selectedClipIDs_.erase(id)) selectedClipIDs_.insert(id);
+    notify(Published::selectedClipIDs);
+}
+
+void SyncViewModel::selectTrack(const Uuid& id) {
+    for (const auto& t : sources_)
+        if (t.id == id)
+            for (const auto& c : t.clips) selectedClipIDs_.insert(c.id);
+    notify(Published::selectedClipIDs);
+}
+
+void SyncViewModel::selectAllClips() {
+    for (const auto& t : sources_)
+        for (const auto& c : t.clips) selectedClipIDs_.insert(c.id);
+    notify(Published::selectedClipIDs);
+}
+
+void SyncViewModel::clearSelection() {
+    selectedClipIDs_.clear();
+    notify(Published::selectedClipIDs);
+}
+
+void SyncViewModel::toggleMute(const Uuid& id) {
+    for (auto& t : sources_)
+        if (t.id == id) {
+            t.isMuted = !t.isMuted;
+            notify(Published::sources);
+            return;
+        }
+}
+
+void SyncViewModel::moveSelectedToNewTrack() {
+    if (selectedClipIDs_.empty()) return;
+    const std::set<Uuid> selection = selectedClipIDs_;
+    // The edit applies to the tracks, never to a stack result.
+    if (sourcesBeforeStacks_) restoreSourcesAfterStacks();
+
+    std::vector<ClipItem> moved;
+    std::optional<std::string> session;
+    Sources kept;
+    for (auto& t : sources_) {
+        std::vector<ClipItem> stay;
+        bool lost = false;
+        for (auto& c : t.clips) {
+            if (selection.contains(c.id)) {
+                if (!session) session = t.session;
+                moved.push_back(std::move(c));
+                lost = true;
+            } else {
+                stay.push_back(std::move(c));
+            }
+        }
+        if (stay.empty() && lost) continue;
+        t.clips = std::move(stay);
+        if (lost) {
+            t.type = IngestEngine::inferredType(t.clips);
+            IngestEngine::recomputeOffsets(t);
+        }
+        kept.push_back(std::move(t));
+    }
+    sources_ = std::move(kept);
+    if (moved.empty()) {
+        notify(Published::sources);
+        return;
+    }
+    std::stable_sort(moved.begin(), moved.end(), [](const ClipItem& a, const ClipItem& b) {
+        return localizedStandardLess(a.url.lastPathComponent(), b.url.lastPathComponent());
+    });
+    TrackSource track;
+    track.type = IngestEngine::inferredType(moved);
+    std::vector<std::string> names;
+    for (const auto& t : sources_) names.push_back(t.name);
+    track.name = IngestEngine::uniqueName(moved.front().url.baseName(), track.type, names);
+    track.clips = std::move(moved);
+    track.session = session.value_or("");
+    // Locked, so that later adds and the split by device keep the user's decision.
+    track.lockedGrouping = true;
+    IngestEngine::recomputeOffsets(track);
+    sources_.push_back(std::move(track));
+    setSources(IngestEngine::sortSources(std::move(sources_)));
+    selectedClipIDs_.clear();
+    notify(Published::selectedClipIDs);
+    // The layout changed: an old result no longer holds.
+    if (state_.is(AppState::Kind::synced) || state_.is(AppState::Kind::error)) resetOutcome();
+}
+
+void SyncViewModel::deleteSelected() {
+    if (selectedClipIDs_.empty()) return;
+    auto removeFrom = [this](Sources& list, bool relayout) {
+        Sources kept;
+        for (auto& t : list) {
+            const auto before = t.clips.size();
+            std::erase_if(t.clips, [this](const ClipItem& c) { return selectedClipIDs_.contains(c.id); });
+            if (t.clips.empty()) continue;
+            if (relayout && t.clips.size() != before) IngestEngine::recomputeOffsets(t);
+            kept.push_back(std::move(t));
+        }
+        list = std::move(kept);
+    };
+    // Leaving stack mode must not bring deleted clips back.
+    if (sourcesBeforeStacks_) removeFrom(*sourcesBeforeStacks_, false);
+    removeFrom(sources_, !state_.is(AppState::Kind::synced));
+    notify(Published::sources);
+    selectedClipIDs_.clear();
+    notify(Published::selectedClipIDs);
+    if (sources_.empty()) setState(AppState::idle());
+    refreshCounters();
+}
+
+void SyncViewModel::setPlayheadTime(double seconds) {
+    playheadTime_ = seconds;
+    notify(Published::playheadTime);
+}
+
+void SyncViewModel::setScrubbing(bool scrubbing) {
+    isScrubbing_ = scrubbing;
+    notify(Published::isScrubbing);
+}
+
+void SyncViewModel::setDebugSyncEnabled(bool enabled) {
+    debugSyncEnabled_ = enabled;
+    notify(Published::debugSyncEnabled);
+}
+
+void SyncViewModel::zoomIn() {
+    zoomMultiplier_ = std::min(64.0, zoomMultiplier_ * kZoomStep);
+    notify(Published::zoom);
+}
+
+void SyncViewModel::zoomOut() {
+    zoomMultiplier_ = std::max(1.0, zoomMultiplier_ / kZoomStep);
+    notify(Published::zoom);
+}
+
+void SyncViewModel::zoomReset() {
+    zoomMultiplier_ = 1;
+    frozenPxPerSec_.reset();
+    notify(Published::zoom);
+}
+
+void SyncViewModel::setAvailableWidth(double width) {
+    availableWidth_ = width;
+    notify(Published::zoom);
+}
+
+void SyncViewModel::beginSidebarDrag() {
+    // Hold the scale while the divider moves, so that the timeline does not jump.
+    frozenPxPerSec_ = pxPerSec();
+    notify(Published::zoom);
+}
+
+void SyncViewModel::endSidebarDrag() {
+    frozenPxPerSec_.reset();
+    notify(Published::zoom);
+}
+
+void SyncViewModel::setSidebarWidth(double width) {
+    sidebarWidth_ = width;
+    notify(Published::zoom);
+}
+
+} // namespace trelvane
