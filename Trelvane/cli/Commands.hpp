@@ -1,0 +1,35 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+#pragma once
+
+// The subcommands of `trelvane`. Each parses nothing itself: main.cpp fills its options struct,
+// the command runs the session and returns the documented exit status.
+
+#include <CLI/CLI.hpp>
+#include <string>
+#include <vector>
+
+namespace trelvane::cli {
+
+// Exit statuses of every command.
+inline constexpr int kExitOK = 0;
+inline constexpr int kExitFailure = 1; // a path that doesn't exist, a failed run
+inline constexpr int kExitUsage = 2;
+
+struct CommonOptions {
+    bool verbose = false; // echo the log on standard error
+};
+
+struct ScanOptions {
+    std::vector<std::string> paths;
+    bool json = false;
+};
+
+void addScanCommand(CLI::App& app, ScanOptions& options);
+int runScan(const ScanOptions& options, const CommonOptions& common);
+
+// Shared by the commands: starts the log file and, with --verbose, echoes it on standard error.
+void startLogging(const CommonOptions& common);
+// Text made safe for a terminal: control characters escaped, invalid UTF-8 repaired.
+std::string terminalSafe(const std::string& text);
+
+} // namespace trelvane::cli

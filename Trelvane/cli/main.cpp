@@ -1,0 +1,38 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+// `trelvane`: the command-line face of the session controller.
+#include "Trelvane/cli/Commands.hpp"
+#include "TrelvaneVersion.hpp"
+
+#include <cstdio>
+#include <fmt/format.h>
+
+int main(int argc, char** argv) {
+    using namespace trelvane::cli;
+    CLI::App app{"Trelvane: lines up the clips of a multi-camera shoot by their sound."};
+    app.name("trelvane");
+    app.set_version_flag("--version", std::string("trelvane ") + trelvane::kVersion);
+    app.require_subcommand(1);
+    app.fallthrough();
+
+    CommonOptions common;
+    app.add_flag("-v,--verbose", common.verbose, "Echo the log on standard error");
+
+    ScanOptions scan;
+    addScanCommand(app, scan);
+
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::CallForHelp& e) {
+        return app.exit(e);
+    } catch (const CLI::CallForAllHelp& e) {
+        return app.exit(e);
+    } catch (const CLI::CallForVersion& e) {
+        return app.exit(e);
+    } catch (const CLI::ParseError& e) {
+        app.exit(e);
+        return kExitUsage;
+    }
+
+    if (app.got_subcommand("scan")) return runScan(scan, common);
+    return kExitUsage;
+}

@@ -1,0 +1,112 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+// The `trelvane` command as a user runs it: real process, real files, exit statuses.
+#include "TestSupport.hpp"
+
+#include <array>
+#include <cstdio>
+#include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
+#include <sys/wait.h>
+
+using trelvane::test::TempDir;
+
+namespace {
+
+struct Run {
+    int status = -1;
+    std::string out;
+};
+
+std::string quoted(const std::string& s) {
+    std::string q = "'";
+    for (char c : s) q += c == '\'' ? std::string("'\\''") : std::string(1, c);
+    return q + "'";
+}
+
+// Runs the CLI with the user's folders redirected into `home`; stderr is folded into `out` when asked.
+Run runCli(const TempDir& home, const std::string& args, bool withStderr = false) {
+    const std::string cmd = "XDG_DATA_HOME=" + quoted((home / "data").string()) +
+                            " XDG_CONFIG_HOME=" + quoted((home / "config").string()) +
+                            " XDG_CACHE_HOME=" + quoted((home / "cache").string()) + " " +
+                            quoted(TRELVANE_CLI_PATH) + " " + args + (withStderr ? " 2>&1" : " 2>/dev/null");
+    Run r;
+    FILE* pipe = ::popen(cmd.c_str(), "r");
+    if (!pipe) return r;
+    std::array<char, 4096> buf{};
+    std::size_t n;
+    while ((n = std::fread(buf.data(), 1, buf.size(), pipe)) > 0) r.out.append(buf.data(), n);
+    const int raw = ::pclose(pipe);
+    r.status = WIFEXITED(raw) ? WEXITSTATUS(raw) : -1;
+    return r;
+}
+
+} // namespace
+
+TEST(Cli, VersionHelpAndUsageErrorsHaveTheirExitStatuses) {
+    TempDir home;
+    const auto version = runCli(home, "--version");
+    EXPECT_EQ(version.status, 0);
+    EXPECT_EQ(version.out, "trelvane 0.1.0\n");
+    const auto help = runCli(home, "--help");
+    EXPECT_EQ(help.status, 0);
+    EXPECT_NE(help.out.find("scan"), std::string::npos);
+    EXPECT_EQ(runCli(home, "").status, 2);
+    EXPECT_EQ(runCli(home, "scan").status, 2) << "scan needs a path";
+    EXPECT_EQ(runCli(home, "scan --no-such-flag " + quoted(home.path().string())).status, 2);
+    EXPECT_EQ(runCli(home, "frobnicate").status, 2);
+}
+
+TEST(Cli, AMissingPathIsNamedAndFails) {
+    TempDir home;
+    const std::string missing = (home / "no such folder").string();
+    const auto r = runCli(home, "scan " + quoted(missing), true);
+    EXPECT_EQ(r.status, 1);
+    EXPECT_NE(r.out.find("no such file or folder: " + missing), std::string::npos) << r.out;
+}
+
+TEST(Cli, ScanPrintsTheTracksAndWritesTheLog) {
+    TempDir home;
+    home.file("shoot/CamA/C0001.MP4");
+    home.file("shoot/CamA/C0002.MP4");
+    home.file("shoot/Zoom/ZOOM0001.WAV");
+    const auto r = runCli(home, "scan " + quoted((home / "shoot").string()));
+    ASSERT_EQ(r.status, 0) << r.out;
+    EXPECT_NE(r.out.find("CamA"), std::string::npos) << r.out;
+    EXPECT_NE(r.out.find("2 clips  ·  MP4"), std::string::npos) << r.out;
+    EXPECT_NE(r.out.find("2 tracks, 3 clips"), std::string::npos) << r.out;
+    std::ifstream logFile(home / "data/Trelvane/Trelvane.log");
+    const std::string logText((std::istreambuf_iterator<char>(logFile)), {});
+    EXPECT_TRUE(logText.starts_with("[Trelvane] log start ")) << logText;
+    EXPECT_NE(logText.find("[Drop] '" + (home / "shoot").string() + "' isDir=true"), std::string::npos);
+}
+
+TEST(Cli, ScanJsonHasTheSessionShape) {
+    TempDir home;
+    home.file("shoot/CamA/C0001.MP4");
+    home.file(std::string("shoot/Zoom/odd \"name\" & \xff.WAV"));
+    const auto r = runCli(home, "scan --json " + quoted((home / "shoot").string()));
+    ASSERT_EQ(r.status, 0) << r.out;
+    const auto doc = nlohmann::json::parse(r.out);
+    ASSERT_EQ(doc["tracks"].size(), 2u);
+    const auto& track = doc["tracks"][0];
+    EXPECT_EQ(track["name"], "CamA");
+    EXPECT_EQ(track["type"], "video");
+    EXPECT_EQ(track["lockedGrouping"], true);
+    EXPECT_TRUE(track["deviceName"].is_null());
+    EXPECT_TRUE(track["siblingOf"].is_null());
+    EXPECT_EQ(track["subtitle"], "1 clip  ·  MP4");
+    EXPECT_EQ(track["session"], (home / "shoot").string());
+    const auto& clip = track["clips"][0];
+    EXPECT_EQ(clip["url"], (home / "shoot/CamA/C0001.MP4").string());
+    EXPECT_EQ(clip["syncStatus"], "pending");
+    EXPECT_EQ(clip["clockQuality"], "none");
+    EXPECT_EQ(clip["audioUsability"], "ok");
+    EXPECT_TRUE(clip["matchScore"].is_null());
+    EXPECT_TRUE(clip["failureBucket"].is_null());
+    EXPECT_EQ(clip["placementExplanation"], "Shorter than 5 s — not compared, placed between neighbours");
+    for (const char* heavy : {"waveformPreview", "cachedEnvelope", "fingerprint", "bassOnsets", "bandFeature"})
+        EXPECT_FALSE(clip.contains(heavy)) << heavy;
+    // A name that is not valid UTF-8 still gives a valid document.
+    const std::string name = doc["tracks"][1]["clips"][0]["url"];
+    EXPECT_NE(name.find("odd \"name\" & "), std::string::npos);
+}
