@@ -90,7 +90,12 @@ std::optional<std::string> writeAtomically(const std::filesystem::path& path, co
         if (ec) return ec.message();
     }
     auto temp = path;
-    temp.replace_filename("." + path.filename().string() + ".tmp-" + Uuid::random().string());
+    // Built by appending: GCC 12 at -O3 misreads `"." + std::string&&` as an overlapping copy.
+    std::string tempName = ".";
+    tempName += path.filename().string();
+    tempName += ".tmp-";
+    tempName += Uuid::random().string();
+    temp.replace_filename(tempName);
     const int fd = ::open(temp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
     if (fd < 0) return std::string(std::strerror(errno));
     if (!writeAll(fd, bytes) || ::fsync(fd) != 0) {
