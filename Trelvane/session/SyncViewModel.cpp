@@ -119,6 +119,20 @@ void SyncViewModel::postSelfAfter(double seconds, std::function<void(SyncViewMod
     });
 }
 
+SyncViewModel::Poster SyncViewModel::posterFor(std::function<bool(const SyncViewModel&)> stillCurrent) {
+    return [&queue = queue_, weak = weak_from_this(), stillCurrent = std::move(stillCurrent)](
+               std::function<void(SyncViewModel&)> fn) {
+        queue.post([weak, stillCurrent, fn = std::move(fn)] {
+            auto self = weak.lock();
+            if (self && stillCurrent(*self)) fn(*self);
+        });
+    };
+}
+
+SyncViewModel::Poster SyncViewModel::chainPoster(std::uint64_t generation) {
+    return posterFor([generation](const SyncViewModel& vm) { return vm.chainGeneration_ == generation; });
+}
+
 // ---- derived reads ----------------------------------------------------------------------------
 
 bool SyncViewModel::allExtracted() const {
@@ -259,14 +273,8 @@ void SyncViewModel::loadMetadataThenExtract(std::uint64_t generation, Step done)
         afterMetadata(generation, std::move(done));
         return;
     }
-    ingestStop_ = tasks_.spawn([weak = weak_from_this(), &queue = queue_, loader = stages_.loadMetadata,
-                                copy = sources_, generation, done](std::stop_token stop) mutable {
-        auto post = [&queue, weak, generation](std::function<void(SyncViewModel&)> fn) {
-            queue.post([weak, generation, fn = std::move(fn)] {
-                auto self = weak.lock();
-                if (self && self->chainGeneration_ == generation) fn(*self);
-            });
-        };
+    ingestStop_ = tasks_.spawn([post = chainPoster(generation), loader = stages_.loadMetadata, copy = sources_,
+                                generation, done](std::stop_token stop) mutable {
         Sources result = loader(
             std::move(copy), [&post](const Sources& updated) { post([updated](SyncViewModel& vm) { vm.setSources(updated); }); },
             stop);
@@ -406,13 +414,7 @@ void SyncViewModel::extractWaveforms(std::uint64_t generation, Step done) {
 
     // The window bounds the memory of decoded audio: 2 to 4 clips at a time.
     const int window = std::clamp(WorkerWindow::processorCount(), 2, 4);
-    auto weak = weak_from_this();
-    auto post = [&queue = queue_, weak, generation](std::function<void(SyncViewModel&)> fn) {
-        queue.post([weak, generation, fn = std::move(fn)] {
-            auto self = weak.lock();
-            if (self && self->chainGeneration_ == generation) fn(*self);
-        });
-    };
+    const Poster post = chainPoster(generation);
     ingestStop_ = tasks_.spawn([jobs, window, totalWork, weight, post, extract = stages_.extractClip,
                                 done](std::stop_token stop) {
         WorkerWindow::run<ExtractOutcome>(
@@ -546,9 +548,36 @@ void SyncViewModel::synchronize() {
     synchronizeTracks();
 }
 
-void SyncViewModel::startSyncTask(std::function<void(std::stop_token, std::uint64_t)> work) {
+void SyncViewModel::startSyncTask(std::function<void(std::stop_token, const Poster&)> work) {
     const auto run = ++syncRun_;
-    syncTask_ = tasks_.spawn([work = std::move(work), run](std::stop_token stop) { work(stop, run); });
+    // A late callback of a stopped or superseded run changes nothing.
+    Poster post = posterFor([run](const SyncViewModel& vm) { return vm.syncTask_ && vm.syncRun_ == run; });
+    syncTask_ = tasks_.spawn([work = std::move(work), post = std::move(post)](std::stop_token stop) { work(stop, post); });
+}
+
+void SyncViewModel::beginSyncRun() {
+    offsetsBeforeCloseGaps_.reset();
+    syncWasStopped_ = false;
+    notify(Published::syncWasStopped);
+    setState(AppState::syncing());
+    setSyncProgress(0);
+    setErrorMessage(std::nullopt);
+    startBarEase();
+}
+
+void SyncViewModel::setSyncProgress(double progress) {
+    syncProgress_ = progress;
+    notify(Published::syncProgress);
+}
+
+void SyncViewModel::installSyncOutcome(Sources result) {
+    syncTask_.reset();
+    setSources(std::move(result));
+    refreshCounters();
+    failureSummary_ = summarizeFailures(sources_);
+    notify(Published::failureSummary);
+    setSyncProgress(1);
+    setState(AppState::synced());
 }
 
 void SyncViewModel::synchronizeTracks() {
@@ -564,14 +593,7 @@ void SyncViewModel::synchronizeTracks() {
         setState(AppState::error());
         return;
     }
-    offsetsBeforeCloseGaps_.reset();
-    syncWasStopped_ = false;
-    notify(Published::syncWasStopped);
-    setState(AppState::syncing());
-    syncProgress_ = 0;
-    notify(Published::syncProgress);
-    setErrorMessage(std::nullopt);
-    startBarEase();
+    beginSyncRun();
 
     // Opening of the animation: the longest track (audio preferred) end to end, every other track
     // spread over the same width.
@@ -612,23 +634,11 @@ void SyncViewModel::synchronizeTracks() {
         for (auto& c : t.clips) c.syncStatus = SyncStatus::pending;
     notify(Published::sources);
 
-    std::weak_ptr<SyncViewModel> weak = weak_from_this();
-    startSyncTask([weak, &queue = queue_, sync = stages_.synchronise, copy = sources_](std::stop_token stop,
-                                                                                         std::uint64_t run) mutable {
-        auto post = [&queue, weak, run](std::function<void(SyncViewModel&)> fn) {
-            queue.post([weak, run, fn = std::move(fn)] {
-                auto self = weak.lock();
-                // A late callback of a stopped run changes nothing.
-                if (self && self->syncTask_ && self->syncRun_ == run) fn(*self);
-            });
-        };
+    startSyncTask([sync = stages_.synchronise, copy = sources_](std::stop_token stop, const Poster& post) mutable {
         Sources result = sync(
             std::move(copy),
             [&post](double fraction, const std::string&) {
-                post([fraction](SyncViewModel& vm) {
-                    vm.syncProgress_ = fraction;
-                    vm.notify(Published::syncProgress);
-                });
+                post([fraction](SyncViewModel& vm) { vm.setSyncProgress(fraction); });
             },
             [&post](const Uuid& id, double offset, SyncStatus status) {
                 post([id, offset, status](SyncViewModel& vm) {
@@ -654,14 +664,7 @@ void SyncViewModel::markClipFound(const Uuid& id, SyncStatus status) {
 }
 
 void SyncViewModel::finishTrackSync(Sources result) {
-    syncTask_.reset();
-    setSources(std::move(result));
-    refreshCounters();
-    failureSummary_ = summarizeFailures(sources_);
-    notify(Published::failureSummary);
-    syncProgress_ = 1;
-    notify(Published::syncProgress);
-    setState(AppState::synced());
+    installSyncOutcome(std::move(result));
 
     std::vector<std::string> parts{fmt::format("{} synced", syncedCount_)};
     if (weakCount_ > 0) parts.push_back(fmt::format("{} weak", weakCount_));
@@ -702,35 +705,14 @@ void SyncViewModel::synchronizeStacks() {
         setState(AppState::error());
         return;
     }
-    offsetsBeforeCloseGaps_.reset();
-    syncWasStopped_ = false;
-    notify(Published::syncWasStopped);
-    setState(AppState::syncing());
-    syncProgress_ = 0;
-    notify(Published::syncProgress);
-    setErrorMessage(std::nullopt);
-    startBarEase();
+    beginSyncRun();
     for (auto& t : sources_)
         for (auto& c : t.clips) c.syncStatus = SyncStatus::pending;
     notify(Published::sources);
 
-    std::weak_ptr<SyncViewModel> weak = weak_from_this();
-    startSyncTask([weak, &queue = queue_, build = stages_.buildStacks, copy = sources_](std::stop_token stop,
-                                                                                     std::uint64_t run) {
-        auto post = [&queue, weak, run](std::function<void(SyncViewModel&)> fn) {
-            queue.post([weak, run, fn = std::move(fn)] {
-                auto self = weak.lock();
-                if (self && self->syncTask_ && self->syncRun_ == run) fn(*self);
-            });
-        };
+    startSyncTask([build = stages_.buildStacks, copy = sources_](std::stop_token stop, const Poster& post) {
         StackBuilder::Result result = build(
-            copy,
-            [&post](double fraction) {
-                post([fraction](SyncViewModel& vm) {
-                    vm.syncProgress_ = fraction;
-                    vm.notify(Published::syncProgress);
-                });
-            },
+            copy, [&post](double fraction) { post([fraction](SyncViewModel& vm) { vm.setSyncProgress(fraction); }); },
             stop);
         if (stop.stop_requested()) return;
         post([result = std::move(result), copy](SyncViewModel& vm) mutable {
@@ -740,16 +722,9 @@ void SyncViewModel::synchronizeStacks() {
 }
 
 void SyncViewModel::finishStackSync(StackBuilder::Result result, Sources before) {
-    syncTask_.reset();
     // A second stack run keeps the list saved by the first.
     if (!sourcesBeforeStacks_) sourcesBeforeStacks_ = std::move(before);
-    setSources(std::move(result.tracks));
-    refreshCounters();
-    failureSummary_ = summarizeFailures(sources_);
-    notify(Published::failureSummary);
-    syncProgress_ = 1;
-    notify(Published::syncProgress);
-    setState(AppState::synced());
+    installSyncOutcome(std::move(result.tracks));
 
     const int unmatched = static_cast<int>(result.unmatched.size());
     std::string body = plural(static_cast<int>(sources_.size()), "track");
@@ -815,8 +790,7 @@ void SyncViewModel::cancelSynchronization() {
         for (auto& c : t.clips) c.syncStatus = SyncStatus::pending;
     notify(Published::sources);
     refreshCounters();
-    syncProgress_ = 0;
-    notify(Published::syncProgress);
+    setSyncProgress(0);
     barFill_ = 0;
     notify(Published::barFill);
     syncWasStopped_ = true;

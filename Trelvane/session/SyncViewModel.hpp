@@ -202,6 +202,11 @@ private:
 
     using Continuation = std::function<void(std::set<Uuid>)>;
     using Step = std::function<void()>;
+    // Hands a closure from a worker to the main queue; it runs only while the controller lives and
+    // the work it came from is still current.
+    using Poster = std::function<void(std::function<void(SyncViewModel&)>)>;
+    Poster posterFor(std::function<bool(const SyncViewModel&)> stillCurrent);
+    Poster chainPoster(std::uint64_t generation);
 
     void notify(Published what);
     void setSources(Sources sources);
@@ -236,7 +241,10 @@ private:
     void markClipFound(const Uuid& id, SyncStatus status);
     void finishTrackSync(Sources result);
     void finishStackSync(StackBuilder::Result result, Sources before);
-    void startSyncTask(std::function<void(std::stop_token, std::uint64_t)> work);
+    void startSyncTask(std::function<void(std::stop_token, const Poster&)> work);
+    void beginSyncRun();
+    void setSyncProgress(double progress);
+    void installSyncOutcome(Sources result);
 
     // animation
     void beginLiveAnimation();

@@ -1,4 +1,5 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
+#include "TestSupport.hpp"
 #include "Trelvane/session/AppLog.hpp"
 #include "Trelvane/session/Notifier.hpp"
 #include "Trelvane/session/Settings.hpp"
@@ -35,64 +36,14 @@ using namespace trelvane;
 namespace fs = std::filesystem;
 using namespace std::chrono_literals;
 
+using trelvane::test::LogCapture;
+using trelvane::test::ScopedEnv;
+using trelvane::test::TempDir;
+
 namespace {
 
-class TempDir {
-  public:
-    TempDir() {
-        std::string pattern = (fs::temp_directory_path() / "trelvane-applog-XXXXXX").string();
-        if (::mkdtemp(pattern.data()) == nullptr) throw std::runtime_error("mkdtemp failed");
-        path_ = pattern;
-    }
-    ~TempDir() {
-        std::error_code ec;
-        fs::remove_all(path_, ec);
-    }
-    const fs::path& path() const { return path_; }
 
-  private:
-    fs::path path_;
-};
 
-class LogCapture {
-  public:
-    LogCapture() {
-        EngineLog::setSink([this](const std::string& line) {
-            std::lock_guard lock(mutex_);
-            lines_.push_back(line);
-        });
-    }
-    ~LogCapture() { EngineLog::resetSink(); }
-    std::vector<std::string> lines() const {
-        std::lock_guard lock(mutex_);
-        return lines_;
-    }
-
-  private:
-    mutable std::mutex mutex_;
-    std::vector<std::string> lines_;
-};
-
-class ScopedEnv {
-  public:
-    ScopedEnv(const char* name, const std::optional<std::string>& value) : name_(name) {
-        if (const char* old = std::getenv(name)) old_ = old;
-        if (value)
-            ::setenv(name, value->c_str(), 1);
-        else
-            ::unsetenv(name);
-    }
-    ~ScopedEnv() {
-        if (old_)
-            ::setenv(name_.c_str(), old_->c_str(), 1);
-        else
-            ::unsetenv(name_.c_str());
-    }
-
-  private:
-    std::string name_;
-    std::optional<std::string> old_;
-};
 
 // Stops the log file and restores the default sink, whatever the test did.
 struct AppLogReset {
