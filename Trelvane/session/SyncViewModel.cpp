@@ -452,6 +452,8 @@ void SyncViewModel::extractWaveforms(std::uint64_t generation, Step done) {
             vm.setState(AppState::ready());
             vm.stopBarEaseSoon(0.6);
             Notifier::stageDone("Media analyzed", fmt::format("{} clips ready — press Synchronize.", vm.totalClipCount()));
+            vm.formatAdvisories_ = FormatAdvisory::fromCounts(vm.formatAdvisoryCounts_);
+            vm.notify(Published::formatAdvisories);
             vm.formatAdvisoryCounts_.clear();
             vm.postSelfAfter(0.8, [](SyncViewModel& v) {
                 v.clipFXActive_ = false;
@@ -850,6 +852,11 @@ void SyncViewModel::cleanProject() {
     notify(Published::syncWasStopped);
     offsetsBeforeCloseGaps_.reset();
     setState(AppState::idle());
+}
+
+void SyncViewModel::dismissFormatAdvisories() {
+    formatAdvisories_.clear();
+    notify(Published::formatAdvisories);
 }
 
 // ---- close gaps ---------------------------------------------------------------------------------

@@ -12,6 +12,7 @@
 // session; their results come back through the main queue and are dropped when the controller is
 // gone or the work was cancelled. The queue and the settings must outlive the controller.
 
+#include "Trelvane/session/FormatAdvisory.hpp"
 #include "Trelvane/session/MainQueue.hpp"
 #include "Trelvane/session/SessionStages.hpp"
 #include "Trelvane/session/Settings.hpp"
@@ -90,15 +91,6 @@ struct FileChoiceRequest {
     bool canChooseDirectories = true;
 };
 
-struct FormatAdvisory {
-    Uuid id = Uuid::random();
-    std::string ext;
-    int clipCount = 0;
-    std::string displayName;
-    std::string note;
-    std::optional<std::string> url;
-};
-
 class SyncViewModel : public std::enable_shared_from_this<SyncViewModel> {
 public:
     static std::shared_ptr<SyncViewModel> create(MainQueue& queue, Settings& settings, SessionStages stages);
@@ -171,6 +163,8 @@ public:
     void answerStackModeOffer(bool useStackMode);
     void closeGaps(bool announce);
     void restoreGaps();
+    // The advisory sheet was closed.
+    void dismissFormatAdvisories();
 
     // ---- editing ----------------------------------------------------------------------------
     void toggleClipSelection(const Uuid& id);

@@ -103,12 +103,15 @@ struct Doubles {
             acceptedRegions = a;
             return src;
         };
-        s.extractClip = [this](const Url&, int factor, double expected, const std::function<void(double)>& onSub) {
+        s.extractClip = [this](const Url& url, int factor, double expected, const std::function<void(double)>& onSub) {
             EXPECT_EQ(factor, 160);
             ++extractEntered;
             if (extractGate) extractGate->wait();
             ++extractCalls;
             onSub(0.5);
+            const std::string ext = url.pathExtension();
+            if (ext == "mxf" || ext == "braw")
+                return ExtractOutcome(NoUsableAudio{AudioUsability::undecodable, "container not decodable (" + ext + ")", ext});
             return ExtractOutcome(payloadOf(expected > 0 ? expected : 10));
         };
         s.synchronise = [this](Sources src, SessionStages::SyncProgress p, SessionStages::SyncPlace place,
@@ -547,4 +550,24 @@ TEST_F(SessionTest, AMissingStageIsSaidNotPretended) {
     EXPECT_TRUE(vm->state().is(AppState::Kind::idle));
     vm->synchronize();
     EXPECT_EQ(vm->errorMessage(), "Need at least 2 extracted tracks");
+}
+
+TEST_F(SessionTest, UndecodableFormatsAreMarkedAndTheKnownOnesAdvised) {
+    tmp.file("shoot/cam/A.mxf");
+    tmp.file("shoot/cam/B.mxf");
+    tmp.file("shoot/cam/C.braw");
+    tmp.file("shoot/rec/R.WAV");
+    vm->ingestURLs({Url::fromPath(tmp / "shoot")});
+    ASSERT_TRUE(pumpIngest());
+    EXPECT_TRUE(vm->allExtracted()) << "clips known to be unusable don't block the sync";
+    ASSERT_EQ(vm->formatAdvisories().size(), 2u);
+    EXPECT_EQ(vm->formatAdvisories()[0].ext, "mxf");
+    EXPECT_EQ(vm->formatAdvisories()[0].clipCount, 2);
+    EXPECT_EQ(vm->formatAdvisories()[1].displayName, "Blackmagic RAW (.braw)");
+    EXPECT_TRUE(log.contains("[Extract] 'A': container not decodable (mxf) — will place by clock/interpolation"));
+    EXPECT_EQ(vm->sources()[0].clips[0].audioUsability, AudioUsability::undecodable);
+    EXPECT_EQ(vm->sources()[0].clips[0].placementExplanation(),
+              "Format not decodable on this Mac — placed by clock or between neighbours");
+    vm->dismissFormatAdvisories();
+    EXPECT_TRUE(vm->formatAdvisories().empty());
 }
