@@ -25,15 +25,24 @@ bool isValidUTF8(const std::string& s) {
         const auto c = static_cast<unsigned char>(s[i]);
         std::size_t length;
         unsigned char low = 0x80, high = 0xBF;
-        if (c < 0x80) length = 1;
-        else if (c >= 0xC2 && c <= 0xDF) length = 2;
-        else if (c == 0xE0) length = 3, low = 0xA0;
-        else if (c == 0xED) length = 3, high = 0x9F;
-        else if (c >= 0xE1 && c <= 0xEF) length = 3;
-        else if (c == 0xF0) length = 4, low = 0x90;
-        else if (c == 0xF4) length = 4, high = 0x8F;
-        else if (c >= 0xF1 && c <= 0xF3) length = 4;
-        else return false;
+        if (c < 0x80)
+            length = 1;
+        else if (c >= 0xC2 && c <= 0xDF)
+            length = 2;
+        else if (c == 0xE0)
+            length = 3, low = 0xA0;
+        else if (c == 0xED)
+            length = 3, high = 0x9F;
+        else if (c >= 0xE1 && c <= 0xEF)
+            length = 3;
+        else if (c == 0xF0)
+            length = 4, low = 0x90;
+        else if (c == 0xF4)
+            length = 4, high = 0x8F;
+        else if (c >= 0xF1 && c <= 0xF3)
+            length = 4;
+        else
+            return false;
         if (s.size() - i < length) return false;
         for (std::size_t k = 1; k < length; ++k) {
             const auto b = static_cast<unsigned char>(s[i + k]);
@@ -57,8 +66,9 @@ void check(const Metadata& m) {
     if (m.timeBase) require(*m.timeBase > 1.0 && *m.timeBase < 500.0);
     require(m.width.has_value() == m.height.has_value());
     if (m.width) require(*m.width >= 128 && *m.width <= 20000 && *m.height >= 128 && *m.height <= 20000);
-    for (const auto* text : {&m.sidecarWAV, &m.edgeTimecode, &m.todTimecode, &m.model, &m.sensor, &m.bodySerial,
-                             &m.mediaSerial, &m.reel, &m.clipNumber, &m.firmware, &m.ownFilename})
+    for (const auto* text :
+         {&m.sidecarWAV, &m.edgeTimecode, &m.todTimecode, &m.model, &m.sensor, &m.bodySerial, &m.mediaSerial,
+          &m.reel, &m.clipNumber, &m.firmware, &m.ownFilename})
         checkText(*text);
 }
 

@@ -45,15 +45,9 @@ struct TextField {
     std::optional<std::string> Metadata::*field;
 };
 constexpr TextField kTextFields[] = {
-    {0xC4, &Metadata::sidecarWAV},
-    {0xAD, &Metadata::edgeTimecode},
-    {0xAE, &Metadata::todTimecode},
-    {0xA0, &Metadata::model},
-    {0xA1, &Metadata::sensor},
-    {0x32, &Metadata::bodySerial},
-    {0x06, &Metadata::mediaSerial},
-    {0x1B, &Metadata::clipNumber},
-    {0x25, &Metadata::firmware},
+    {0xC4, &Metadata::sidecarWAV},  {0xAD, &Metadata::edgeTimecode}, {0xAE, &Metadata::todTimecode},
+    {0xA0, &Metadata::model},       {0xA1, &Metadata::sensor},       {0x32, &Metadata::bodySerial},
+    {0x06, &Metadata::mediaSerial}, {0x1B, &Metadata::clipNumber},   {0x25, &Metadata::firmware},
     {0x56, &Metadata::ownFilename},
 };
 
@@ -184,7 +178,8 @@ std::string repairedUTF8(Bytes bytes) {
             }
         }
         if (valid)
-            for (std::size_t k = i; k < j; ++k) out.push_back(static_cast<char>(bytes[k]));
+            for (std::size_t k = i; k < j; ++k)
+                out.push_back(static_cast<char>(bytes[k]));
         else
             out += kReplacement;
         i = j;

@@ -77,7 +77,8 @@ void collectCards(const Url& folder, int depth, std::vector<REDCard>& out) {
     // Whatever its own name: a card copied off the camera is often renamed or put in a plain folder.
     if (!card.takes.empty()) out.push_back(std::move(card));
     if (depth >= kMaxCardDepth) return;
-    for (const auto& sub : subfolders) collectCards(sub, depth + 1, out);
+    for (const auto& sub : subfolders)
+        collectCards(sub, depth + 1, out);
 }
 
 // A non-empty run of at most kMaxTimecodeFieldDigits digits.
@@ -125,7 +126,8 @@ std::optional<double> REDCard::timecodeSeconds(std::string_view timecode, double
     std::array<std::string_view, 4> fields;
     std::size_t start = 0;
     for (std::size_t i = 0; i < 3; ++i) {
-        const auto sep = timecode.find_first_of(i < 2 ? std::string_view(":;") : std::string_view(":;."), start);
+        const auto sep =
+            timecode.find_first_of(i < 2 ? std::string_view(":;") : std::string_view(":;."), start);
         if (sep == std::string_view::npos) return std::nullopt;
         fields[i] = timecode.substr(start, sep - start);
         start = sep + 1;

@@ -19,11 +19,11 @@ namespace trelvane {
 
 struct REDCard {
     struct Take {
-        Url folder;             // the take folder
-        std::optional<Url> wav; // first .wav in the take folder (any case), if any
-        Url picture;            // the "_001" chunk, else the first .R3D by name
-        int chunkCount = 0;     // .R3D files in the take folder
-        std::uint64_t byteCount = 0; // their sizes summed
+        Url folder;                                // the take folder
+        std::optional<Url> wav;                    // first .wav in the take folder (any case), if any
+        Url picture;                               // the "_001" chunk, else the first .R3D by name
+        int chunkCount = 0;                        // .R3D files in the take folder
+        std::uint64_t byteCount = 0;               // their sizes summed
         std::optional<R3DHeader::Metadata> header; // R3DHeader::read(picture)
         // Frames of the picture. Always absent for now: the header records carry no frame count,
         // and counting frames would mean reading the chunks' frame index, far past the 16 KiB

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
-#include "TestSupport.hpp"
 #include "TrelvaneEngine/media/R3DHeader.hpp"
+#include "TestSupport.hpp"
 #include "engine/media/R3DTestFiles.hpp"
 
 #include <gtest/gtest.h>
@@ -33,16 +33,21 @@ std::vector<std::uint8_t> prefix(std::vector<std::uint8_t> bytes, std::size_t co
 // Just enough records to count as a header, with a recording rate so that the result is not
 // dropped; tests add the records they are about behind it.
 // Its eight records of eight bytes each fill offsets 64 to 128.
-R3DHeaderBuilder minimalHeader() { return R3DHeaderBuilder().float32(r3dtag::kRecordFrameRate, 25).filler(7); }
+R3DHeaderBuilder minimalHeader() {
+    return R3DHeaderBuilder().float32(r3dtag::kRecordFrameRate, 25).filler(7);
+}
 static_assert(R3DHeaderBuilder::kRecordsOffset == 64);
 
-std::vector<std::uint8_t> textBytes(std::string_view s) { return {s.begin(), s.end()}; }
+std::vector<std::uint8_t> textBytes(std::string_view s) {
+    return {s.begin(), s.end()};
+}
 
 } // namespace
 
 TEST(R3DHeader, ReadsEveryFieldOfATypicalHeader) {
     TempDir tmp;
-    const auto path = typicalR3DHeader("A001_C001_0101AB.WAV", "A001_C001_0101AB_001.R3D").write(tmp / "a.R3D");
+    const auto path =
+        typicalR3DHeader("A001_C001_0101AB.WAV", "A001_C001_0101AB_001.R3D").write(tmp / "a.R3D");
     const auto meta = R3DHeader::read(Url::fromPath(path));
     ASSERT_TRUE(meta);
     ASSERT_TRUE(meta->recordFrameRate);
@@ -131,7 +136,8 @@ TEST(R3DHeader, FrameSizeOutsideItsBoundsDropsBothSides) {
     auto size = [](std::uint32_t width, std::uint32_t height) {
         const auto meta = parse(minimalHeader().frameSize(width, height).bytes());
         EXPECT_TRUE(meta);
-        return meta ? std::pair(meta->width, meta->height) : std::pair<std::optional<int>, std::optional<int>>();
+        return meta ? std::pair(meta->width, meta->height)
+                    : std::pair<std::optional<int>, std::optional<int>>();
     };
     EXPECT_EQ(size(128, 20000), std::pair(std::optional(128), std::optional(20000)));
     EXPECT_EQ(size(20001, 2160), std::pair(std::optional<int>(), std::optional<int>()));
@@ -196,16 +202,18 @@ TEST(R3DHeader, WrongRecordTypeClearsItsFieldAndTheLastOfATagWins) {
     // A rate that is not a finite number is no rate; a short integer is no integer.
     for (const float bad : {std::numeric_limits<float>::quiet_NaN(), std::numeric_limits<float>::infinity(),
                             -std::numeric_limits<float>::infinity()}) {
-        const auto meta = parse(minimalHeader().text(r3dtag::kModel, "BODY").float32(r3dtag::kRecordFrameRate, bad).bytes());
+        const auto meta = parse(
+            minimalHeader().text(r3dtag::kModel, "BODY").float32(r3dtag::kRecordFrameRate, bad).bytes());
         ASSERT_TRUE(meta);
         EXPECT_FALSE(meta->recordFrameRate);
     }
-    const auto shortPayloads = parse(minimalHeader()
-                                         .text(r3dtag::kModel, "BODY")
-                                         .int32(r3dtag::kAudioSampleRate, 48000)
-                                         .record(r3dtype::kInt, r3dtag::kAudioSampleRate, {0xBB, 0x80})
-                                         .record(r3dtype::kFloat, r3dtag::kRecordFrameRate, {0x41, 0xC8, 0x00})
-                                         .bytes());
+    const auto shortPayloads =
+        parse(minimalHeader()
+                  .text(r3dtag::kModel, "BODY")
+                  .int32(r3dtag::kAudioSampleRate, 48000)
+                  .record(r3dtype::kInt, r3dtag::kAudioSampleRate, {0xBB, 0x80})
+                  .record(r3dtype::kFloat, r3dtag::kRecordFrameRate, {0x41, 0xC8, 0x00})
+                  .bytes());
     ASSERT_TRUE(shortPayloads);
     EXPECT_FALSE(shortPayloads->audioSampleRate);
     EXPECT_FALSE(shortPayloads->recordFrameRate);
@@ -237,9 +245,14 @@ TEST(R3DHeader, TextEndsAtItsFirstZeroAndInvalidUTF8IsRepaired) {
     EXPECT_FALSE(model({0, 'A', 'B'}));
     EXPECT_FALSE(model({}));
     EXPECT_EQ(model(textBytes("caf\xC3\xA9 \xF0\x9F\x8E\xA5")), "caf\xC3\xA9 \xF0\x9F\x8E\xA5");
-    EXPECT_EQ(model(textBytes("A\xFF" "B")), "A" + fffd + "B");
+    EXPECT_EQ(model(textBytes("A\xFF"
+                              "B")),
+              "A" + fffd + "B");
     EXPECT_EQ(model(textBytes("A\xE2\x82")), "A" + fffd) << "a sequence cut by the end";
-    EXPECT_EQ(model(textBytes("\xE2\x82" "A")), fffd + "A") << "a sequence cut by a plain character";
+    EXPECT_EQ(model(textBytes("\xE2\x82"
+                              "A")),
+              fffd + "A")
+        << "a sequence cut by a plain character";
     EXPECT_EQ(model({'A', 0xE2, 0x82, 0, 0xAC}), "A" + fffd) << "a sequence cut by the zero";
     EXPECT_EQ(model(textBytes("\xC0\xAF")), fffd + fffd) << "an overlong form";
     EXPECT_EQ(model(textBytes("\xED\xA0\x80")), fffd + fffd + fffd) << "a surrogate";
@@ -250,10 +263,12 @@ TEST(R3DHeader, TextEndsAtItsFirstZeroAndInvalidUTF8IsRepaired) {
 TEST(R3DHeader, RecordsNeedEightInARowAndTheLongestRunWins) {
     EXPECT_FALSE(parse(R3DHeaderBuilder().text(r3dtag::kModel, "BODY").filler(6).bytes()));
     EXPECT_EQ(parse(R3DHeaderBuilder().text(r3dtag::kModel, "BODY").filler(7).bytes()).value().model, "BODY");
-    EXPECT_EQ(parse(R3DHeaderBuilder().recordsAt(301).text(r3dtag::kModel, "BODY").filler(7).bytes()).value().model,
-              "BODY")
+    EXPECT_EQ(
+        parse(R3DHeaderBuilder().recordsAt(301).text(r3dtag::kModel, "BODY").filler(7).bytes()).value().model,
+        "BODY")
         << "records may start anywhere from 64 on";
-    EXPECT_FALSE(parse(R3DHeaderBuilder().recordsAt(512).minimumSize(1024).text(r3dtag::kModel, "BODY").filler(7).bytes()))
+    EXPECT_FALSE(parse(
+        R3DHeaderBuilder().recordsAt(512).minimumSize(1024).text(r3dtag::kModel, "BODY").filler(7).bytes()))
         << "but not from 512 on";
 
     // Two runs parted by a zero size: the longer one is read, the earlier one on a tie.
@@ -268,17 +283,27 @@ TEST(R3DHeader, RecordsNeedEightInARowAndTheLongestRunWins) {
     EXPECT_EQ(twoRuns(8, 8), "EARLY");
 
     // A record that claims more bytes than there are ends the walk before it.
-    const auto lying = parse(minimalHeader().raw({0xFF, 0xFF, r3dtype::kText, r3dtag::kModel}).text(r3dtag::kSensor, "S35").bytes());
+    const auto lying = parse(minimalHeader()
+                                 .raw({0xFF, 0xFF, r3dtype::kText, r3dtag::kModel})
+                                 .text(r3dtag::kSensor, "S35")
+                                 .bytes());
     ASSERT_TRUE(lying);
     EXPECT_FALSE(lying->model);
     EXPECT_FALSE(lying->sensor);
     EXPECT_EQ(lying->recordFrameRate, 25.0);
     // A size below four ends it as well.
-    const auto tiny = parse(minimalHeader().raw({0x00, 0x03, r3dtype::kText, r3dtag::kModel}).text(r3dtag::kSensor, "S35").bytes());
+    const auto tiny = parse(minimalHeader()
+                                .raw({0x00, 0x03, r3dtype::kText, r3dtag::kModel})
+                                .text(r3dtag::kSensor, "S35")
+                                .bytes());
     ASSERT_TRUE(tiny);
     EXPECT_FALSE(tiny->sensor);
     // A record of four bytes has an empty payload and is a record all the same.
-    const auto empty = parse(R3DHeaderBuilder().text(r3dtag::kModel, "BODY").record(r3dtype::kText, r3dtag::kSensor, {}).filler(6).bytes());
+    const auto empty = parse(R3DHeaderBuilder()
+                                 .text(r3dtag::kModel, "BODY")
+                                 .record(r3dtype::kText, r3dtag::kSensor, {})
+                                 .filler(6)
+                                 .bytes());
     ASSERT_TRUE(empty);
     EXPECT_FALSE(empty->sensor);
 }
@@ -295,7 +320,8 @@ TEST(R3DHeader, TruncatedFilesAndRandomBytesGiveNothingWithoutCrashing) {
         ASSERT_TRUE(meta) << n;
         EXPECT_FALSE(meta->model) << n;
     }
-    for (std::size_t n = 0; n < modelStart; ++n) EXPECT_FALSE(parse(prefix(bytes, n))) << n;
+    for (std::size_t n = 0; n < modelStart; ++n)
+        EXPECT_FALSE(parse(prefix(bytes, n))) << n;
 
     TempDir tmp;
     const auto typical = typicalR3DHeader().bytes();
@@ -312,7 +338,8 @@ TEST(R3DHeader, TruncatedFilesAndRandomBytesGiveNothingWithoutCrashing) {
     std::mt19937 random(20240501);
     for (int i = 0; i < 300; ++i) {
         std::vector<std::uint8_t> noise(random() % 20000);
-        for (auto& b : noise) b = static_cast<std::uint8_t>(random());
+        for (auto& b : noise)
+            b = static_cast<std::uint8_t>(random());
         // Half of them with the magic, so that the record walk runs over the noise.
         if (i % 2 == 0 && noise.size() >= 8) std::copy_n("RED2", 4, noise.begin() + 4);
         const auto meta = parse(noise);
@@ -334,7 +361,10 @@ TEST(R3DHeader, ReadsOnlyTheFirstSixteenKiB) {
         const std::size_t start = 64 + 8 * 8;
         std::vector<std::uint8_t> payload(end - start - 4, 'M');
         payload.back() = 0;
-        return minimalHeader().record(r3dtype::kText, r3dtag::kModel, payload).minimumSize(end + 4096).bytes();
+        return minimalHeader()
+            .record(r3dtype::kText, r3dtag::kModel, payload)
+            .minimumSize(end + 4096)
+            .bytes();
     };
     TempDir tmp;
     const auto fits = withModelEndingAt(R3DHeader::kMaxHeaderBytes);
@@ -344,7 +374,8 @@ TEST(R3DHeader, ReadsOnlyTheFirstSixteenKiB) {
 
     auto writeTo = [&](const std::string& name, const std::vector<std::uint8_t>& b) {
         const auto p = tmp / name;
-        std::ofstream(p, std::ios::binary).write(reinterpret_cast<const char*>(b.data()), static_cast<std::streamsize>(b.size()));
+        std::ofstream(p, std::ios::binary)
+            .write(reinterpret_cast<const char*>(b.data()), static_cast<std::streamsize>(b.size()));
         return Url::fromPath(p);
     };
     EXPECT_TRUE(R3DHeader::read(writeTo("fits.R3D", fits)).value().model);

@@ -54,7 +54,7 @@ inline constexpr std::uint8_t kIntAlt = 0x60;
 } // namespace r3dtype
 
 class R3DHeaderBuilder {
-public:
+  public:
     static constexpr std::size_t kRdiOffset = 16;
     static constexpr std::size_t kRecordsOffset = 64;
 
@@ -99,7 +99,8 @@ public:
     R3DHeaderBuilder& text(std::uint8_t tag, std::string_view s, std::uint8_t type = r3dtype::kText) {
         std::vector<std::uint8_t> payload(s.begin(), s.end());
         payload.push_back(0);
-        while (payload.size() % 4 != 0) payload.push_back(0);
+        while (payload.size() % 4 != 0)
+            payload.push_back(0);
         return record(type, tag, payload);
     }
     R3DHeaderBuilder& float32(std::uint8_t tag, float value, std::uint8_t type = r3dtype::kFloat) {
@@ -110,7 +111,8 @@ public:
     }
     // Records of an unused tag, to reach the eight records a header needs to count.
     R3DHeaderBuilder& filler(int count) {
-        for (int i = 0; i < count; ++i) int32(r3dtag::kUnused, static_cast<std::uint32_t>(i));
+        for (int i = 0; i < count; ++i)
+            int32(r3dtag::kUnused, static_cast<std::uint32_t>(i));
         return *this;
     }
     // Bytes added to the record area as they are: lying size fields, cut records.
@@ -131,7 +133,8 @@ public:
             out[kRdiOffset + 19] = static_cast<std::uint8_t>(denominator_);
             put32(out, kRdiOffset + 20, numerator_);
         }
-        std::copy(records_.begin(), records_.end(), out.begin() + static_cast<std::ptrdiff_t>(recordsOffset_));
+        std::copy(records_.begin(), records_.end(),
+                  out.begin() + static_cast<std::ptrdiff_t>(recordsOffset_));
         return out;
     }
     std::string string() const {
@@ -142,8 +145,8 @@ public:
     std::filesystem::path write(const std::filesystem::path& path) const {
         if (path.has_parent_path()) std::filesystem::create_directories(path.parent_path());
         const auto b = bytes();
-        std::ofstream(path, std::ios::binary).write(reinterpret_cast<const char*>(b.data()),
-                                                    static_cast<std::streamsize>(b.size()));
+        std::ofstream(path, std::ios::binary)
+            .write(reinterpret_cast<const char*>(b.data()), static_cast<std::streamsize>(b.size()));
         return path;
     }
 
@@ -152,7 +155,7 @@ public:
                 static_cast<std::uint8_t>(v >> 8), static_cast<std::uint8_t>(v)};
     }
 
-private:
+  private:
     static void put32(std::vector<std::uint8_t>& out, std::size_t at, std::uint32_t v) {
         const auto b = be32(v);
         std::copy(b.begin(), b.end(), out.begin() + static_cast<std::ptrdiff_t>(at));

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
-#include "TestSupport.hpp"
 #include "TrelvaneEngine/media/REDCard.hpp"
+#include "TestSupport.hpp"
 #include "engine/media/R3DTestFiles.hpp"
 
 #include <gtest/gtest.h>
@@ -15,17 +15,21 @@ using trelvane::test::typicalR3DHeader;
 
 namespace {
 
-Url url(const std::filesystem::path& p) { return Url::fromPath(p); }
+Url url(const std::filesystem::path& p) {
+    return Url::fromPath(p);
+}
 
 std::vector<std::string> roots(const std::vector<REDCard>& cards) {
     std::vector<std::string> out;
-    for (const auto& c : cards) out.push_back(c.root.lastPathComponent());
+    for (const auto& c : cards)
+        out.push_back(c.root.lastPathComponent());
     return out;
 }
 
 std::vector<std::string> takeNames(const REDCard& card) {
     std::vector<std::string> out;
-    for (const auto& t : card.takes) out.push_back(t.folder.lastPathComponent());
+    for (const auto& t : card.takes)
+        out.push_back(t.folder.lastPathComponent());
     return out;
 }
 
@@ -47,7 +51,8 @@ TEST(REDCard, CardListsItsTakesInNameOrderWithChunksWavAndHeader) {
     const std::string take1 = card + "/A001_C001_0101AB.RDC/";
     tmp.file(take1 + "A001_C001_0101AB_003.R3D", std::string(500, 'c'));
     tmp.file(take1 + "A001_C001_0101AB_002.R3D", std::string(1000, 'b'));
-    const auto first = typicalR3DHeader("A001_C001_0101AB.WAV").write(tmp / (take1 + "A001_C001_0101AB_001.R3D"));
+    const auto first =
+        typicalR3DHeader("A001_C001_0101AB.WAV").write(tmp / (take1 + "A001_C001_0101AB_001.R3D"));
     tmp.file(take1 + "A001_C001_0101AB.WAV", "RIFF");
     tmp.file(take1 + "._A001_C001_0101AB_001.R3D", "resource fork");
     tmp.file(take1 + "A001_C001_0101AB.RTN", "other camera file");
@@ -56,7 +61,8 @@ TEST(REDCard, CardListsItsTakesInNameOrderWithChunksWavAndHeader) {
     const auto cards = REDCard::cards(url(tmp / card));
     ASSERT_EQ(cards.size(), 1u);
     EXPECT_EQ(cards[0].root, url(tmp / card));
-    ASSERT_EQ(takeNames(cards[0]), (std::vector<std::string>{"A001_C001_0101AB.RDC", "A001_C002_0101CD.RDC"}));
+    ASSERT_EQ(takeNames(cards[0]),
+              (std::vector<std::string>{"A001_C001_0101AB.RDC", "A001_C002_0101CD.RDC"}));
 
     const auto& a = cards[0].takes[0];
     EXPECT_EQ(a.folder, url(tmp / take1));
@@ -142,9 +148,11 @@ TEST(REDCard, FindsCardsAnywhereUnderAShootParentFirst) {
     tmp.dir("shoot/day3/C001_0103.RDM/C001_C002.RDC");
 
     const auto cards = REDCard::cards(url(tmp / "shoot"));
-    EXPECT_EQ(roots(cards), (std::vector<std::string>{"shoot", "A001_0101AB.RDM", "extras", "B001_0101AB.RDM"}));
+    EXPECT_EQ(roots(cards),
+              (std::vector<std::string>{"shoot", "A001_0101AB.RDM", "extras", "B001_0101AB.RDM"}));
     ASSERT_EQ(cards.size(), 4u);
-    EXPECT_EQ(takeNames(cards[1]), (std::vector<std::string>{"A001_C001_0101AB.RDC", "A001_C002_0101AB.RDC"}));
+    EXPECT_EQ(takeNames(cards[1]),
+              (std::vector<std::string>{"A001_C001_0101AB.RDC", "A001_C002_0101AB.RDC"}));
     EXPECT_EQ(takeNames(cards[2]), std::vector<std::string>{"X001.RDC"});
 
     EXPECT_TRUE(REDCard::cards(url(tmp / "shoot/day3")).empty());
@@ -152,7 +160,8 @@ TEST(REDCard, FindsCardsAnywhereUnderAShootParentFirst) {
 
     // Deeper than real layouts go, the walk gives up.
     std::string deep = "deep";
-    for (int i = 0; i < 40; ++i) deep += "/d";
+    for (int i = 0; i < 40; ++i)
+        deep += "/d";
     makeTake(tmp, deep + "/T.RDC");
     makeTake(tmp, "deep/d/d/T.RDC");
     const auto deepCards = REDCard::cards(url(tmp / "deep"));
@@ -238,12 +247,12 @@ TEST(REDCard, TimecodeLabelsBecomeSecondsOnTheLabelClock) {
     EXPECT_FALSE(seconds("00:60:00:00", 25));
     EXPECT_FALSE(seconds("00:00:60:00", 25));
     EXPECT_FALSE(seconds("00:00:01:01", 0.4));
-    for (const auto bad : {"", "00:00:00", "00:00:00:00:00", "aa:00:00:00", "00:00:00:+1", "00:00:00:",
-                           ":00:00:00", "00.00:00:00", "00:00.00:00", "00:00:00/00", " 00:00:00:00",
-                           "00:00:00:00 ", "0000000000:00:00:00"})
+    for (const auto bad :
+         {"", "00:00:00", "00:00:00:00:00", "aa:00:00:00", "00:00:00:+1", "00:00:00:", ":00:00:00",
+          "00.00:00:00", "00:00.00:00", "00:00:00/00", " 00:00:00:00", "00:00:00:00 ", "0000000000:00:00:00"})
         EXPECT_FALSE(seconds(bad, 25)) << bad;
-    for (const double fps : {0.0, -25.0, std::numeric_limits<double>::quiet_NaN(),
-                             std::numeric_limits<double>::infinity()})
+    for (const double fps :
+         {0.0, -25.0, std::numeric_limits<double>::quiet_NaN(), std::numeric_limits<double>::infinity()})
         EXPECT_FALSE(seconds("00:00:00:00", fps)) << fps;
     EXPECT_EQ(seconds("00:00:01:00", std::numeric_limits<double>::max()), 1.0);
 }
