@@ -8,12 +8,12 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <mutex>
 #include <optional>
 #include <stdexcept>
-#include <cstdlib>
 #include <string>
 #include <unistd.h>
 #include <vector>
@@ -21,7 +21,7 @@
 namespace trelvane::test {
 
 class TempDir {
-public:
+  public:
     TempDir() {
         std::string pattern = (std::filesystem::temp_directory_path() / "trelvane-test-XXXXXX").string();
         if (::mkdtemp(pattern.data()) == nullptr) throw std::runtime_error("mkdtemp failed");
@@ -56,13 +56,13 @@ public:
         return p;
     }
 
-private:
+  private:
     std::filesystem::path path_;
 };
 
 // Collects the engine's log lines while alive.
 class LogCapture {
-public:
+  public:
     LogCapture() {
         EngineLog::setSink([this](const std::string& line) {
             std::lock_guard lock(mutex_);
@@ -80,17 +80,18 @@ public:
     }
     int countStartingWith(const std::string& prefix) const {
         const auto l = lines();
-        return static_cast<int>(std::count_if(l.begin(), l.end(), [&](const std::string& s) { return s.starts_with(prefix); }));
+        return static_cast<int>(
+            std::count_if(l.begin(), l.end(), [&](const std::string& s) { return s.starts_with(prefix); }));
     }
 
-private:
+  private:
     mutable std::mutex mutex_;
     std::vector<std::string> lines_;
 };
 
 // Sets (or with nothing, unsets) an environment variable for the life of the object.
 class ScopedEnv {
-public:
+  public:
     ScopedEnv(const char* name, const std::optional<std::string>& value) : name_(name) {
         if (const char* old = std::getenv(name)) old_ = old;
         if (value)
@@ -107,7 +108,7 @@ public:
     ScopedEnv(const ScopedEnv&) = delete;
     ScopedEnv& operator=(const ScopedEnv&) = delete;
 
-private:
+  private:
     std::string name_;
     std::optional<std::string> old_;
 };

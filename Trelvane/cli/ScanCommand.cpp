@@ -38,10 +38,17 @@ std::string terminalSafe(const std::string& text) {
         const auto c = static_cast<unsigned char>(text[i]);
         if (c < 0x20 || c == 0x7F) {
             switch (c) {
-            case '\n': out += "\\n"; break;
-            case '\t': out += "\\t"; break;
-            case '\r': out += "\\r"; break;
-            default: out += fmt::format("\\x{:02X}", c);
+            case '\n':
+                out += "\\n";
+                break;
+            case '\t':
+                out += "\\t";
+                break;
+            case '\r':
+                out += "\\r";
+                break;
+            default:
+                out += fmt::format("\\x{:02X}", c);
             }
             ++i;
             continue;
@@ -54,7 +61,8 @@ std::string terminalSafe(const std::string& text) {
         // A well-formed UTF-8 sequence passes; anything else becomes U+FFFD.
         std::size_t len = c >= 0xF0 && c < 0xF5 ? 4 : c >= 0xE0 ? 3 : c >= 0xC2 && c < 0xE0 ? 2 : 0;
         bool ok = len > 0 && i + len <= text.size();
-        for (std::size_t k = 1; ok && k < len; ++k) ok = (static_cast<unsigned char>(text[i + k]) & 0xC0) == 0x80;
+        for (std::size_t k = 1; ok && k < len; ++k)
+            ok = (static_cast<unsigned char>(text[i + k]) & 0xC0) == 0x80;
         if (ok) {
             out.append(text, i, len);
             i += len;
@@ -70,8 +78,8 @@ namespace {
 
 // Columns in display width: every UTF-8 lead byte or ASCII byte counts one.
 std::size_t displayWidth(const std::string& s) {
-    return static_cast<std::size_t>(
-        std::count_if(s.begin(), s.end(), [](char c) { return (static_cast<unsigned char>(c) & 0xC0) != 0x80; }));
+    return static_cast<std::size_t>(std::count_if(
+        s.begin(), s.end(), [](char c) { return (static_cast<unsigned char>(c) & 0xC0) != 0x80; }));
 }
 
 void printTable(const std::vector<std::vector<std::string>>& rows) {
@@ -112,11 +120,13 @@ int runScan(const ScanOptions& options, const CommonOptions& common) {
     auto answers = vm->observe([&vm](Published what) {
         if (what == Published::pendingCameraGroups && vm->pendingCameraGroups()) {
             std::set<Uuid> all;
-            for (const auto& p : *vm->pendingCameraGroups()) all.insert(p.id);
+            for (const auto& p : *vm->pendingCameraGroups())
+                all.insert(p.id);
             vm->confirmCameraGroups(all);
         } else if (what == Published::pendingDayRegions && vm->pendingDayRegions()) {
             std::set<Uuid> all;
-            for (const auto& p : *vm->pendingDayRegions()) all.insert(p.id);
+            for (const auto& p : *vm->pendingDayRegions())
+                all.insert(p.id);
             vm->confirmDayRegions(all);
         } else if (what == Published::pendingStackModeOffer && vm->pendingStackModeOffer()) {
             vm->answerStackModeOffer(false);
@@ -139,8 +149,9 @@ int runScan(const ScanOptions& options, const CommonOptions& common) {
                         terminalSafe(t.session.empty() ? "-" : t.session)});
     }
     printTable(rows);
-    std::cout << fmt::format("{} track{}, {} clip{}\n", vm->sources().size(), vm->sources().size() == 1 ? "" : "s",
-                             vm->totalClipCount(), vm->totalClipCount() == 1 ? "" : "s");
+    std::cout << fmt::format("{} track{}, {} clip{}\n", vm->sources().size(),
+                             vm->sources().size() == 1 ? "" : "s", vm->totalClipCount(),
+                             vm->totalClipCount() == 1 ? "" : "s");
     return kExitOK;
 }
 

@@ -13,14 +13,16 @@ const std::map<std::string, FormatAdvisory::Entry>& FormatAdvisory::catalog() {
           "https://support.apple.com/"}},
         {"braw",
          {"Blackmagic RAW (.braw)",
-          "Trelvane reads BRAW audio through Blackmagic's own framework. Install the free Blackmagic RAW Player "
+          "Trelvane reads BRAW audio through Blackmagic's own framework. Install the free Blackmagic RAW "
+          "Player "
           "(or DaVinci Resolve) and re-add the clips.",
           "https://www.blackmagicdesign.com/products/blackmagicraw"}},
         {"r3d", {"REDCODE RAW (.r3d)", "Needs RED's REDCODE tools/SDK.", "https://www.red.com/"}},
         {"ari", {"ARRIRAW (.ari)", "Needs ARRI's camera software tools.", "https://www.arri.com/"}},
         {"arx", {"ARRIRAW (.arx)", "Needs ARRI's camera software tools.", "https://www.arri.com/"}},
         {"crm",
-         {"Canon Cinema RAW Light (.crm)", "Needs Canon's Cinema RAW Development software.", "https://www.canon.com/"}},
+         {"Canon Cinema RAW Light (.crm)", "Needs Canon's Cinema RAW Development software.",
+          "https://www.canon.com/"}},
     };
     return entries;
 }
@@ -38,8 +40,9 @@ std::vector<FormatAdvisory> FormatAdvisory::fromCounts(const std::map<std::strin
         a.url = it->second.url;
         out.push_back(std::move(a));
     }
-    std::stable_sort(out.begin(), out.end(),
-                     [](const FormatAdvisory& a, const FormatAdvisory& b) { return a.clipCount > b.clipCount; });
+    std::stable_sort(out.begin(), out.end(), [](const FormatAdvisory& a, const FormatAdvisory& b) {
+        return a.clipCount > b.clipCount;
+    });
     return out;
 }
 

@@ -13,7 +13,8 @@ double steadySeconds() {
 
 } // namespace
 
-RunLoopMainQueue::RunLoopMainQueue(bool virtualClock) : virtualClock_(virtualClock), realOrigin_(steadySeconds()) {}
+RunLoopMainQueue::RunLoopMainQueue(bool virtualClock)
+    : virtualClock_(virtualClock), realOrigin_(steadySeconds()) {}
 
 double RunLoopMainQueue::clockNow() const {
     return virtualClock_ ? virtualNow_ : steadySeconds() - realOrigin_;

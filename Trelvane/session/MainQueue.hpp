@@ -20,7 +20,7 @@ namespace trelvane {
 
 // A repeating timer's handle: the timer stops when the handle is reset or destroyed.
 class Timer {
-public:
+  public:
     Timer() = default;
     explicit Timer(std::shared_ptr<bool> live) : live_(std::move(live)) {}
     Timer(Timer&&) noexcept = default;
@@ -39,13 +39,13 @@ public:
     }
     bool isActive() const { return live_ && *live_; }
 
-private:
+  private:
     // Read and written on the main thread only.
     std::shared_ptr<bool> live_;
 };
 
 class MainQueue {
-public:
+  public:
     virtual ~MainQueue() = default;
     virtual void post(std::function<void()> fn) = 0;
     virtual void postAfter(double seconds, std::function<void()> fn) = 0;
@@ -58,7 +58,7 @@ public:
 // A run loop on the calling thread, shared by the command-line tool (real time) and the tests
 // (virtual time, moved only by `advance`). Workers post under the mutex and wake the loop.
 class RunLoopMainQueue : public MainQueue {
-public:
+  public:
     void post(std::function<void()> fn) override;
     void postAfter(double seconds, std::function<void()> fn) override;
     Timer every(double seconds, std::function<void()> fn) override;
@@ -71,13 +71,13 @@ public:
     // time-out (real seconds) it gives up and returns false.
     bool runUntil(const std::function<bool()>& done, double timeoutSeconds = -1);
 
-protected:
+  protected:
     explicit RunLoopMainQueue(bool virtualClock);
     // Virtual clock only: moves time forward, running each delayed call and timer tick at its
     // moment, in order.
     void advanceVirtual(double seconds);
 
-private:
+  private:
     void schedule(double at, std::function<void()> fn);
     bool popDue(std::function<void()>& out);
     double clockNow() const;
@@ -95,14 +95,14 @@ private:
 
 // The command-line tool's queue: real time.
 class HeadlessMainQueue final : public RunLoopMainQueue {
-public:
+  public:
     HeadlessMainQueue() : RunLoopMainQueue(false) {}
 };
 
 // The tests' queue: nothing happens until the test pumps it, and time moves only by `advance`,
 // so timers, eases and delayed calls are deterministic.
 class ManualMainQueue final : public RunLoopMainQueue {
-public:
+  public:
     ManualMainQueue() : RunLoopMainQueue(true) {}
     void advance(double seconds) { advanceVirtual(seconds); }
 };

@@ -7,10 +7,18 @@ namespace {
 
 using nlohmann::json;
 
-template <typename T> json opt(const std::optional<T>& v) { return v ? json(*v) : json(nullptr); }
-json opt(const std::optional<Url>& v) { return v ? json(v->path()) : json(nullptr); }
-json opt(const std::optional<Uuid>& v) { return v ? json(v->string()) : json(nullptr); }
-json opt(const std::optional<Date>& v) { return v ? json(iso8601(*v)) : json(nullptr); }
+template <typename T> json opt(const std::optional<T>& v) {
+    return v ? json(*v) : json(nullptr);
+}
+json opt(const std::optional<Url>& v) {
+    return v ? json(v->path()) : json(nullptr);
+}
+json opt(const std::optional<Uuid>& v) {
+    return v ? json(v->string()) : json(nullptr);
+}
+json opt(const std::optional<Date>& v) {
+    return v ? json(iso8601(*v)) : json(nullptr);
+}
 
 json encodeClip(const ClipItem& c) {
     return json{
@@ -47,7 +55,8 @@ json encodeClip(const ClipItem& c) {
 
 json encodeTrack(const TrackSource& t) {
     json clips = json::array();
-    for (const auto& c : t.clips) clips.push_back(encodeClip(c));
+    for (const auto& c : t.clips)
+        clips.push_back(encodeClip(c));
     return json{
         {"id", t.id.string()},
         {"name", t.name},
@@ -70,7 +79,8 @@ json encodeTrack(const TrackSource& t) {
 
 nlohmann::json encode(const std::vector<TrackSource>& sources) {
     json tracks = json::array();
-    for (const auto& t : sources) tracks.push_back(encodeTrack(t));
+    for (const auto& t : sources)
+        tracks.push_back(encodeTrack(t));
     return json{{"tracks", std::move(tracks)}};
 }
 

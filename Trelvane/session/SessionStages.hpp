@@ -33,9 +33,11 @@ struct SessionStages {
     std::function<Sources(Sources)> splitSourcesByDevice;
     std::function<Sources(Sources)> detectSiblingChannels;
     std::function<std::vector<CameraGroupProposal>(const Sources&)> detectCameraGroups;
-    std::function<Sources(Sources, const std::vector<CameraGroupProposal>&, const std::set<Uuid>&)> applyCameraGroups;
+    std::function<Sources(Sources, const std::vector<CameraGroupProposal>&, const std::set<Uuid>&)>
+        applyCameraGroups;
     std::function<std::vector<DayRegionProposal>(const Sources&)> detectDayRegions;
-    std::function<Sources(Sources, const std::vector<DayRegionProposal>&, const std::set<Uuid>&)> applyDayRegions;
+    std::function<Sources(Sources, const std::vector<DayRegionProposal>&, const std::set<Uuid>&)>
+        applyDayRegions;
 
     // Worker. One clip's analysis: `factor` is the envelope's decimation, `onSub` a fraction 0…1.
     std::function<ExtractOutcome(const Url& url, int factor, double expectedSeconds,

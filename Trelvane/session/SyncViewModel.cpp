@@ -15,23 +15,32 @@ namespace trelvane {
 
 namespace {
 
-std::string plural(int n, const char* word) { return fmt::format("{} {}{}", n, word, n == 1 ? "" : "s"); }
+std::string plural(int n, const char* word) {
+    return fmt::format("{} {}{}", n, word, n == 1 ? "" : "s");
+}
 
 } // namespace
 
 std::string_view rawName(AppState::Kind kind) {
     switch (kind) {
-    case AppState::Kind::idle: return "idle";
-    case AppState::Kind::extracting: return "extracting";
-    case AppState::Kind::ready: return "ready";
-    case AppState::Kind::syncing: return "syncing";
-    case AppState::Kind::synced: return "synced";
-    case AppState::Kind::error: return "error";
+    case AppState::Kind::idle:
+        return "idle";
+    case AppState::Kind::extracting:
+        return "extracting";
+    case AppState::Kind::ready:
+        return "ready";
+    case AppState::Kind::syncing:
+        return "syncing";
+    case AppState::Kind::synced:
+        return "synced";
+    case AppState::Kind::error:
+        return "error";
     }
     return {};
 }
 
-std::shared_ptr<SyncViewModel> SyncViewModel::create(MainQueue& queue, Settings& settings, SessionStages stages) {
+std::shared_ptr<SyncViewModel> SyncViewModel::create(MainQueue& queue, Settings& settings,
+                                                     SessionStages stages) {
     return std::shared_ptr<SyncViewModel>(new SyncViewModel(queue, settings, std::move(stages)));
 }
 
@@ -93,7 +102,8 @@ void SyncViewModel::refreshCounters() {
 
 void SyncViewModel::resetOutcome() {
     for (auto& t : sources_)
-        for (auto& c : t.clips) c.syncStatus = SyncStatus::pending;
+        for (auto& c : t.clips)
+            c.syncStatus = SyncStatus::pending;
     notify(Published::sources);
     syncedCount_ = weakCount_ = failedCount_ = 0;
     notify(Published::counters);
@@ -103,7 +113,9 @@ void SyncViewModel::resetOutcome() {
     notify(Published::failureSummary);
 }
 
-bool SyncViewModel::isStackMode() const { return settings_.stringValue(Settings::kSyncModeKey) == Settings::kSyncModeStacks; }
+bool SyncViewModel::isStackMode() const {
+    return settings_.stringValue(Settings::kSyncModeKey) == Settings::kSyncModeStacks;
+}
 
 void SyncViewModel::postSelf(std::function<void(SyncViewModel&)> fn) {
     std::weak_ptr<SyncViewModel> weak = weak_from_this();
@@ -120,8 +132,8 @@ void SyncViewModel::postSelfAfter(double seconds, std::function<void(SyncViewMod
 }
 
 SyncViewModel::Poster SyncViewModel::posterFor(std::function<bool(const SyncViewModel&)> stillCurrent) {
-    return [&queue = queue_, weak = weak_from_this(), stillCurrent = std::move(stillCurrent)](
-               std::function<void(SyncViewModel&)> fn) {
+    return [&queue = queue_, weak = weak_from_this(),
+            stillCurrent = std::move(stillCurrent)](std::function<void(SyncViewModel&)> fn) {
         queue.post([weak, stillCurrent, fn = std::move(fn)] {
             auto self = weak.lock();
             if (self && stillCurrent(*self)) fn(*self);
@@ -146,13 +158,15 @@ bool SyncViewModel::allExtracted() const {
 double SyncViewModel::totalDuration() const {
     double end = 0;
     for (const auto& t : sources_)
-        for (const auto& c : t.clips) end = std::max(end, c.startOffset + c.duration);
+        for (const auto& c : t.clips)
+            end = std::max(end, c.startOffset + c.duration);
     return end;
 }
 
 int SyncViewModel::totalClipCount() const {
     int n = 0;
-    for (const auto& t : sources_) n += static_cast<int>(t.clips.size());
+    for (const auto& t : sources_)
+        n += static_cast<int>(t.clips.size());
     return n;
 }
 
@@ -183,7 +197,8 @@ double SyncViewModel::playbackTime() const {
     std::optional<double> earliest;
     for (const auto& t : sources_)
         for (const auto& c : t.clips)
-            if (selectedClipIDs_.contains(c.id) && (!earliest || c.startOffset < *earliest)) earliest = c.startOffset;
+            if (selectedClipIDs_.contains(c.id) && (!earliest || c.startOffset < *earliest))
+                earliest = c.startOffset;
     return earliest.value_or(playheadTime_);
 }
 
@@ -195,14 +210,16 @@ std::optional<std::string> SyncViewModel::summarizeFailures(const Sources& sourc
         for (const auto& c : t.clips)
             if (auto bucket = c.failureBucket()) {
                 ++total;
-                auto it = std::find_if(buckets.begin(), buckets.end(), [&](const auto& b) { return b.first == *bucket; });
+                auto it = std::find_if(buckets.begin(), buckets.end(),
+                                       [&](const auto& b) { return b.first == *bucket; });
                 if (it == buckets.end())
                     buckets.emplace_back(*bucket, 1);
                 else
                     ++it->second;
             }
     if (total > 0) {
-        std::stable_sort(buckets.begin(), buckets.end(), [](const auto& a, const auto& b) { return a.second > b.second; });
+        std::stable_sort(buckets.begin(), buckets.end(),
+                         [](const auto& a, const auto& b) { return a.second > b.second; });
         std::string part = fmt::format("{} failed: ", total);
         for (std::size_t i = 0; i < buckets.size(); ++i)
             part += (i ? " · " : "") + fmt::format("{} {}", buckets[i].second, buckets[i].first);
@@ -210,14 +227,17 @@ std::optional<std::string> SyncViewModel::summarizeFailures(const Sources& sourc
     }
     for (const auto& t : sources) {
         if (t.clips.size() < 50 || t.lockedGrouping) continue;
-        const auto synced = std::count_if(t.clips.begin(), t.clips.end(),
-                                          [](const ClipItem& c) { return c.syncStatus == SyncStatus::synced; });
+        const auto synced = std::count_if(t.clips.begin(), t.clips.end(), [](const ClipItem& c) {
+            return c.syncStatus == SyncStatus::synced;
+        });
         if (static_cast<double>(synced) < 0.4 * static_cast<double>(t.clips.size()))
-            parts.push_back("'" + t.name + "' looks like several devices in one folder — select clips and press N");
+            parts.push_back("'" + t.name +
+                            "' looks like several devices in one folder — select clips and press N");
     }
     if (parts.empty()) return std::nullopt;
     std::string joined;
-    for (std::size_t i = 0; i < parts.size(); ++i) joined += (i ? "  ·  " : "") + parts[i];
+    for (std::size_t i = 0; i < parts.size(); ++i)
+        joined += (i ? "  ·  " : "") + parts[i];
     return joined;
 }
 
@@ -273,10 +293,13 @@ void SyncViewModel::loadMetadataThenExtract(std::uint64_t generation, Step done)
         afterMetadata(generation, std::move(done));
         return;
     }
-    ingestStop_ = tasks_.spawn([post = chainPoster(generation), loader = stages_.loadMetadata, copy = sources_,
-                                generation, done](std::stop_token stop) mutable {
+    ingestStop_ = tasks_.spawn([post = chainPoster(generation), loader = stages_.loadMetadata,
+                                copy = sources_, generation, done](std::stop_token stop) mutable {
         Sources result = loader(
-            std::move(copy), [&post](const Sources& updated) { post([updated](SyncViewModel& vm) { vm.setSources(updated); }); },
+            std::move(copy),
+            [&post](const Sources& updated) {
+                post([updated](SyncViewModel& vm) { vm.setSources(updated); });
+            },
             stop);
         if (stop.stop_requested()) return;
         post([result = std::move(result), generation, done](SyncViewModel& vm) mutable {
@@ -299,8 +322,9 @@ void SyncViewModel::afterMetadata(std::uint64_t generation, Step done) {
             for (const auto& t : sources_) {
                 const std::string folder =
                     t.clips.empty() ? std::string() : t.clips.front().url.deletingLastPathComponent().path();
-                EngineLog::logf("[Ingest] track '%s' (%s, locked=%s) %d clips, from '%s'", t.name, rawValue(t.type),
-                                t.lockedGrouping ? "true" : "false", static_cast<int>(t.clips.size()), folder);
+                EngineLog::logf("[Ingest] track '%s' (%s, locked=%s) %d clips, from '%s'", t.name,
+                                rawValue(t.type), t.lockedGrouping ? "true" : "false",
+                                static_cast<int>(t.clips.size()), folder);
             }
             setState(AppState::idle());
             extractWaveforms(generation, done);
@@ -310,11 +334,13 @@ void SyncViewModel::afterMetadata(std::uint64_t generation, Step done) {
             return;
         }
         auto proposals = stages_.detectDayRegions(sources_);
-        const auto fromTextSync = std::count_if(proposals.begin(), proposals.end(), [](const DayRegionProposal& p) {
-            return p.rangeOverride && p.rangeOverride->find("text-sync") != std::string::npos;
-        });
+        const auto fromTextSync =
+            std::count_if(proposals.begin(), proposals.end(), [](const DayRegionProposal& p) {
+                return p.rangeOverride && p.rangeOverride->find("text-sync") != std::string::npos;
+            });
         if (fromTextSync > 0)
-            EngineLog::logf("[Ingest] day-regions from text-sync (%d region(s))", static_cast<int>(proposals.size()));
+            EngineLog::logf("[Ingest] day-regions from text-sync (%d region(s))",
+                            static_cast<int>(proposals.size()));
         if (proposals.empty() || !stages_.applyDayRegions) {
             finish();
             return;
@@ -400,7 +426,8 @@ void SyncViewModel::extractWaveforms(std::uint64_t generation, Step done) {
     // A clip whose duration is still unknown weighs half a second.
     auto weight = [](const ExtractJob& j) { return std::max(j.duration, 0.5); };
     double totalWork = 0;
-    for (const auto& j : jobs) totalWork += weight(j);
+    for (const auto& j : jobs)
+        totalWork += weight(j);
     totalWork = std::max(totalWork, 1.0);
 
     extractSubProgress_.clear();
@@ -451,7 +478,8 @@ void SyncViewModel::extractWaveforms(std::uint64_t generation, Step done) {
         post([done](SyncViewModel& vm) {
             vm.setState(AppState::ready());
             vm.stopBarEaseSoon(0.6);
-            Notifier::stageDone("Media analyzed", fmt::format("{} clips ready — press Synchronize.", vm.totalClipCount()));
+            Notifier::stageDone("Media analyzed",
+                                fmt::format("{} clips ready — press Synchronize.", vm.totalClipCount()));
             vm.formatAdvisories_ = FormatAdvisory::fromCounts(vm.formatAdvisoryCounts_);
             vm.notify(Published::formatAdvisories);
             vm.formatAdvisoryCounts_.clear();
@@ -468,11 +496,13 @@ void SyncViewModel::extractWaveforms(std::uint64_t generation, Step done) {
 void SyncViewModel::reportExtractProgress(double totalWork, const std::string& current) {
     if (!state_.is(AppState::Kind::extracting)) return;
     double sub = 0;
-    for (const auto& [id, v] : extractSubProgress_) sub += v;
+    for (const auto& [id, v] : extractSubProgress_)
+        sub += v;
     setState(AppState::extracting((sub + extractDoneWork_) / totalWork, current));
 }
 
-void SyncViewModel::updateClip(const Url& url, std::optional<double> duration, const ExtractPayload& payload) {
+void SyncViewModel::updateClip(const Url& url, std::optional<double> duration,
+                               const ExtractPayload& payload) {
     for (std::size_t si = 0; si < sources_.size(); ++si)
         for (auto& c : sources_[si].clips)
             if (c.url == url) {
@@ -503,13 +533,14 @@ void SyncViewModel::maybeSuggestStackMode() {
     didOfferStackMode_ = true;
     if (!stages_.stackAdvice) return;
     std::weak_ptr<SyncViewModel> weak = weak_from_this();
-    tasks_.spawn([weak, &queue = queue_, advice = stages_.stackAdvice, copy = sources_](std::stop_token stop) {
-        auto result = advice(copy, 12);
-        if (!result || stop.stop_requested()) return;
-        queue.post([weak, result = *result] {
-            if (auto self = weak.lock()) self->presentStackModeSuggestion(result);
+    tasks_.spawn(
+        [weak, &queue = queue_, advice = stages_.stackAdvice, copy = sources_](std::stop_token stop) {
+            auto result = advice(copy, 12);
+            if (!result || stop.stop_requested()) return;
+            queue.post([weak, result = *result] {
+                if (auto self = weak.lock()) self->presentStackModeSuggestion(result);
+            });
         });
-    });
 }
 
 void SyncViewModel::presentStackModeSuggestion(const StackBuilder::Advice& advice) {
@@ -517,12 +548,15 @@ void SyncViewModel::presentStackModeSuggestion(const StackBuilder::Advice& advic
     offer.title = "These look like repeated takes";
     offer.text = fmt::format(
         "“{}” and “{}” came from the same camera yet share {} seconds of the same audio — {} of the {} pairs "
-        "sampled do. That usually means several takes were recorded over the same playback.\n\nStack mode groups "
-        "those takes and aligns them one above the other. Track mode — the usual choice for a shoot — treats each "
-        "device as its own track and syncs the tracks to each other.\n\nIf this is an ordinary multi-camera shoot, "
+        "sampled do. That usually means several takes were recorded over the same playback.\n\nStack mode "
+        "groups "
+        "those takes and aligns them one above the other. Track mode — the usual choice for a shoot — treats "
+        "each "
+        "device as its own track and syncs the tracks to each other.\n\nIf this is an ordinary multi-camera "
+        "shoot, "
         "keep Track mode. You can change it at any time from the Mode menu.",
-        advice.example.first, advice.example.second, static_cast<long long>(advice.overlapSeconds), advice.matches,
-        advice.probed);
+        advice.example.first, advice.example.second, static_cast<long long>(advice.overlapSeconds),
+        advice.matches, advice.probed);
     offer.keepButton = "Keep Track Mode";
     offer.useButton = "Use Stack Mode";
     offer.advice = advice;
@@ -554,7 +588,8 @@ void SyncViewModel::startSyncTask(std::function<void(std::stop_token, const Post
     const auto run = ++syncRun_;
     // A late callback of a stopped or superseded run changes nothing.
     Poster post = posterFor([run](const SyncViewModel& vm) { return vm.syncTask_ && vm.syncRun_ == run; });
-    syncTask_ = tasks_.spawn([work = std::move(work), post = std::move(post)](std::stop_token stop) { work(stop, post); });
+    syncTask_ = tasks_.spawn(
+        [work = std::move(work), post = std::move(post)](std::stop_token stop) { work(stop, post); });
 }
 
 void SyncViewModel::beginSyncRun() {
@@ -605,7 +640,8 @@ void SyncViewModel::synchronizeTracks() {
                                       [](const TrackSource& t) { return t.type == SourceType::audio; });
     for (std::size_t i = 0; i < sources_.size(); ++i) {
         double sum = 0;
-        for (const auto& c : sources_[i].clips) sum += c.duration;
+        for (const auto& c : sources_[i].clips)
+            sum += c.duration;
         widest = std::max(widest, sum);
         if ((!anyAudio || sources_[i].type == SourceType::audio) && sum > chosenSum) {
             chosen = i;
@@ -633,25 +669,29 @@ void SyncViewModel::synchronizeTracks() {
     beginLiveAnimation();
 
     for (auto& t : sources_)
-        for (auto& c : t.clips) c.syncStatus = SyncStatus::pending;
+        for (auto& c : t.clips)
+            c.syncStatus = SyncStatus::pending;
     notify(Published::sources);
 
-    startSyncTask([sync = stages_.synchronise, copy = sources_](std::stop_token stop, const Poster& post) mutable {
-        Sources result = sync(
-            std::move(copy),
-            [&post](double fraction, const std::string&) {
-                post([fraction](SyncViewModel& vm) { vm.setSyncProgress(fraction); });
-            },
-            [&post](const Uuid& id, double offset, SyncStatus status) {
-                post([id, offset, status](SyncViewModel& vm) {
-                    vm.animToOffsets_[id] = offset;
-                    vm.markClipFound(id, status);
-                });
-            },
-            stop);
-        if (stop.stop_requested()) return;
-        post([result = std::move(result)](SyncViewModel& vm) mutable { vm.finishTrackSync(std::move(result)); });
-    });
+    startSyncTask(
+        [sync = stages_.synchronise, copy = sources_](std::stop_token stop, const Poster& post) mutable {
+            Sources result = sync(
+                std::move(copy),
+                [&post](double fraction, const std::string&) {
+                    post([fraction](SyncViewModel& vm) { vm.setSyncProgress(fraction); });
+                },
+                [&post](const Uuid& id, double offset, SyncStatus status) {
+                    post([id, offset, status](SyncViewModel& vm) {
+                        vm.animToOffsets_[id] = offset;
+                        vm.markClipFound(id, status);
+                    });
+                },
+                stop);
+            if (stop.stop_requested()) return;
+            post([result = std::move(result)](SyncViewModel& vm) mutable {
+                vm.finishTrackSync(std::move(result));
+            });
+        });
 }
 
 void SyncViewModel::markClipFound(const Uuid& id, SyncStatus status) {
@@ -672,7 +712,8 @@ void SyncViewModel::finishTrackSync(Sources result) {
     if (weakCount_ > 0) parts.push_back(fmt::format("{} weak", weakCount_));
     if (failedCount_ > 0) parts.push_back(fmt::format("{} failed", failedCount_));
     std::string body;
-    for (std::size_t i = 0; i < parts.size(); ++i) body += (i ? " · " : "") + parts[i];
+    for (std::size_t i = 0; i < parts.size(); ++i)
+        body += (i ? " · " : "") + parts[i];
     body += fmt::format(" of {} — ready to export.", totalClipCount());
     Notifier::stageDone("Synchronization finished", body);
 
@@ -709,12 +750,16 @@ void SyncViewModel::synchronizeStacks() {
     }
     beginSyncRun();
     for (auto& t : sources_)
-        for (auto& c : t.clips) c.syncStatus = SyncStatus::pending;
+        for (auto& c : t.clips)
+            c.syncStatus = SyncStatus::pending;
     notify(Published::sources);
 
     startSyncTask([build = stages_.buildStacks, copy = sources_](std::stop_token stop, const Poster& post) {
         StackBuilder::Result result = build(
-            copy, [&post](double fraction) { post([fraction](SyncViewModel& vm) { vm.setSyncProgress(fraction); }); },
+            copy,
+            [&post](double fraction) {
+                post([fraction](SyncViewModel& vm) { vm.setSyncProgress(fraction); });
+            },
             stop);
         if (stop.stop_requested()) return;
         post([result = std::move(result), copy](SyncViewModel& vm) mutable {
@@ -789,7 +834,8 @@ void SyncViewModel::cancelSynchronization() {
     animToOffsets_.clear();
     notify(Published::displayedOffsets);
     for (auto& t : sources_)
-        for (auto& c : t.clips) c.syncStatus = SyncStatus::pending;
+        for (auto& c : t.clips)
+            c.syncStatus = SyncStatus::pending;
     notify(Published::sources);
     refreshCounters();
     setSyncProgress(0);
@@ -871,7 +917,8 @@ void SyncViewModel::closeGaps(bool announce) {
     if (!offsetsBeforeCloseGaps_) {
         offsetsBeforeCloseGaps_.emplace();
         for (const auto& t : sources_)
-            for (const auto& c : t.clips) (*offsetsBeforeCloseGaps_)[c.id] = c.startOffset;
+            for (const auto& c : t.clips)
+                (*offsetsBeforeCloseGaps_)[c.id] = c.startOffset;
     }
     for (auto& t : sources_)
         for (auto& c : t.clips)
@@ -886,7 +933,8 @@ void SyncViewModel::closeGaps(bool announce) {
     notify(Published::playheadTime);
     EngineLog::logf("[CloseGaps] removed %.1f min across %d gap(s)", closed->removed / 60.0, closed->gaps);
     if (announce)
-        Notifier::stageDone("Gaps closed", fmt::sprintf("%.1f min of empty timeline removed.", closed->removed / 60.0));
+        Notifier::stageDone("Gaps closed",
+                            fmt::sprintf("%.1f min of empty timeline removed.", closed->removed / 60.0));
 }
 
 void SyncViewModel::restoreGaps() {
@@ -945,12 +993,20 @@ void SyncViewModel::startBarEase() {
 void SyncViewModel::tickBar() {
     double target = 0;
     switch (state_.kind) {
-    case AppState::Kind::extracting: target = state_.progress; break;
-    case AppState::Kind::syncing: target = syncProgress_; break;
+    case AppState::Kind::extracting:
+        target = state_.progress;
+        break;
+    case AppState::Kind::syncing:
+        target = syncProgress_;
+        break;
     case AppState::Kind::ready:
-    case AppState::Kind::synced: target = 1; break;
+    case AppState::Kind::synced:
+        target = 1;
+        break;
     case AppState::Kind::idle:
-    case AppState::Kind::error: target = 0; break;
+    case AppState::Kind::error:
+        target = 0;
+        break;
     }
     const double before = barFill_;
     if (target >= 1 || state_.is(AppState::Kind::ready) || state_.is(AppState::Kind::synced)) {
@@ -980,13 +1036,15 @@ void SyncViewModel::toggleClipSelection(const Uuid& id) {
 void SyncViewModel::selectTrack(const Uuid& id) {
     for (const auto& t : sources_)
         if (t.id == id)
-            for (const auto& c : t.clips) selectedClipIDs_.insert(c.id);
+            for (const auto& c : t.clips)
+                selectedClipIDs_.insert(c.id);
     notify(Published::selectedClipIDs);
 }
 
 void SyncViewModel::selectAllClips() {
     for (const auto& t : sources_)
-        for (const auto& c : t.clips) selectedClipIDs_.insert(c.id);
+        for (const auto& c : t.clips)
+            selectedClipIDs_.insert(c.id);
     notify(Published::selectedClipIDs);
 }
 
@@ -1044,7 +1102,8 @@ void SyncViewModel::moveSelectedToNewTrack() {
     TrackSource track;
     track.type = IngestEngine::inferredType(moved);
     std::vector<std::string> names;
-    for (const auto& t : sources_) names.push_back(t.name);
+    for (const auto& t : sources_)
+        names.push_back(t.name);
     track.name = IngestEngine::uniqueName(moved.front().url.baseName(), track.type, names);
     track.clips = std::move(moved);
     track.session = session.value_or("");

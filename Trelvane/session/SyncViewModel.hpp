@@ -33,8 +33,8 @@ namespace trelvane {
 struct AppState {
     enum class Kind { idle, extracting, ready, syncing, synced, error };
     Kind kind = Kind::idle;
-    double progress = 0;  // extracting only
-    std::string current;  // extracting only: the clip last touched, without extension
+    double progress = 0; // extracting only
+    std::string current; // extracting only: the clip last touched, without extension
 
     static AppState idle() { return {Kind::idle, 0, {}}; }
     static AppState extracting(double progress, std::string current) {
@@ -92,7 +92,7 @@ struct FileChoiceRequest {
 };
 
 class SyncViewModel : public std::enable_shared_from_this<SyncViewModel> {
-public:
+  public:
     static std::shared_ptr<SyncViewModel> create(MainQueue& queue, Settings& settings, SessionStages stages);
     ~SyncViewModel();
     SyncViewModel(const SyncViewModel&) = delete;
@@ -116,8 +116,12 @@ public:
     bool isScrubbing() const { return isScrubbing_; }
     const std::set<Uuid>& selectedClipIDs() const { return selectedClipIDs_; }
     bool syncWasStopped() const { return syncWasStopped_; }
-    const std::optional<std::vector<CameraGroupProposal>>& pendingCameraGroups() const { return pendingCameraGroups_; }
-    const std::optional<std::vector<DayRegionProposal>>& pendingDayRegions() const { return pendingDayRegions_; }
+    const std::optional<std::vector<CameraGroupProposal>>& pendingCameraGroups() const {
+        return pendingCameraGroups_;
+    }
+    const std::optional<std::vector<DayRegionProposal>>& pendingDayRegions() const {
+        return pendingDayRegions_;
+    }
     const std::optional<std::string>& failureSummary() const { return failureSummary_; }
     const std::vector<FormatAdvisory>& formatAdvisories() const { return formatAdvisories_; }
     const std::map<Uuid, double>& displayedOffsets() const { return displayedOffsets_; }
@@ -132,7 +136,9 @@ public:
 
     // Unpublished state a driver or a test may read.
     const std::optional<Sources>& sourcesBeforeStacks() const { return sourcesBeforeStacks_; }
-    const std::optional<std::map<Uuid, double>>& offsetsBeforeCloseGaps() const { return offsetsBeforeCloseGaps_; }
+    const std::optional<std::map<Uuid, double>>& offsetsBeforeCloseGaps() const {
+        return offsetsBeforeCloseGaps_;
+    }
     const std::map<Uuid, double>& animToOffsets() const { return animToOffsets_; }
     bool didOfferStackMode() const { return didOfferStackMode_; }
     bool isSyncRunning() const { return syncTask_.has_value(); }
@@ -191,7 +197,7 @@ public:
     // Lays the clips of one track end to end from 0.
     void recomputeOffsets(std::size_t sourceIndex);
 
-private:
+  private:
     SyncViewModel(MainQueue& queue, Settings& settings, SessionStages stages);
 
     using Continuation = std::function<void(std::set<Uuid>)>;
@@ -224,7 +230,8 @@ private:
     void extractWaveforms(std::uint64_t generation, Step done);
     void reportExtractProgress(double totalWork, const std::string& current);
     void updateClip(const Url& url, std::optional<double> duration, const ExtractPayload& payload);
-    void markNoUsableAudio(const Url& url, AudioUsability usability, const std::optional<std::string>& formatExt);
+    void markNoUsableAudio(const Url& url, AudioUsability usability,
+                           const std::optional<std::string>& formatExt);
     void maybeSuggestStackMode();
     void presentStackModeSuggestion(const StackBuilder::Advice& advice);
 

@@ -6,7 +6,8 @@
 namespace trelvane {
 
 TaskRunner::~TaskRunner() {
-    for (auto& t : tasks_) t.thread.request_stop();
+    for (auto& t : tasks_)
+        t.thread.request_stop();
     tasks_.clear(); // joins
 }
 

@@ -14,7 +14,7 @@
 namespace trelvane {
 
 class TaskRunner {
-public:
+  public:
     TaskRunner() = default;
     TaskRunner(const TaskRunner&) = delete;
     TaskRunner& operator=(const TaskRunner&) = delete;
@@ -23,7 +23,7 @@ public:
     // Starts `work` on a new thread and returns its stop source, so the caller can cancel it.
     std::stop_source spawn(std::function<void(std::stop_token)> work);
 
-private:
+  private:
     struct Task {
         std::jthread thread;
         std::shared_ptr<std::atomic<bool>> finished;

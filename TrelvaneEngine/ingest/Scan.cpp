@@ -18,9 +18,15 @@ namespace {
 // bind mount looping back on itself) from walking forever.
 constexpr int kMaxFolderDepth = 64;
 
-bool isDigit(char c) { return c >= '0' && c <= '9'; }
-bool isLowerLetter(char c) { return c >= 'a' && c <= 'z'; }
-bool isSpace(char c) { return c == ' ' || c == '\t' || c == '\n' || c == '\r' || c == '\f' || c == '\v'; }
+bool isDigit(char c) {
+    return c >= '0' && c <= '9';
+}
+bool isLowerLetter(char c) {
+    return c >= 'a' && c <= 'z';
+}
+bool isSpace(char c) {
+    return c == ' ' || c == '\t' || c == '\n' || c == '\r' || c == '\f' || c == '\v';
+}
 bool isWordChar(char c) {
     return isDigit(c) || isLowerLetter(c) || (c >= 'A' && c <= 'Z') || c == '_';
 }
@@ -30,17 +36,21 @@ bool matchesClipsPattern(const std::string& s) {
     if (!s.starts_with("clip")) return false;
     std::size_t i = 4;
     if (i < s.size() && s[i] == 's') ++i;
-    while (i < s.size() && isSpace(s[i])) ++i;
-    while (i < s.size() && isDigit(s[i])) ++i;
+    while (i < s.size() && isSpace(s[i]))
+        ++i;
+    while (i < s.size() && isDigit(s[i]))
+        ++i;
     return i == s.size();
 }
 
 // "^\d+[a-z]*$" on a lower-cased name ("100media", "001"); it also covers "^\d{3}[a-z]+$".
 bool matchesNumberedFolder(const std::string& s) {
     std::size_t i = 0;
-    while (i < s.size() && isDigit(s[i])) ++i;
+    while (i < s.size() && isDigit(s[i]))
+        ++i;
     if (i == 0) return false;
-    while (i < s.size() && isLowerLetter(s[i])) ++i;
+    while (i < s.size() && isLowerLetter(s[i]))
+        ++i;
     return i == s.size();
 }
 
@@ -65,9 +75,12 @@ std::string firstCharacters(const std::string& s, std::size_t count) {
     while (i < s.size() && chars < count) {
         const auto c = static_cast<unsigned char>(s[i]);
         std::size_t len = 1;
-        if (c >= 0xF0 && c < 0xF8) len = 4;
-        else if (c >= 0xE0) len = 3;
-        else if (c >= 0xC0) len = 2;
+        if (c >= 0xF0 && c < 0xF8)
+            len = 4;
+        else if (c >= 0xE0)
+            len = 3;
+        else if (c >= 0xC0)
+            len = 2;
         i = std::min(s.size(), i + len);
         ++chars;
     }
@@ -90,7 +103,9 @@ struct FolderId {
     bool operator==(const FolderId&) const = default;
 };
 struct FolderIdHash {
-    std::size_t operator()(const FolderId& f) const noexcept { return std::hash<ino_t>{}(f.ino) ^ (f.dev << 1); }
+    std::size_t operator()(const FolderId& f) const noexcept {
+        return std::hash<ino_t>{}(f.ino) ^ (f.dev << 1);
+    }
 };
 
 std::optional<FolderId> folderId(const std::filesystem::path& p) {
@@ -129,7 +144,8 @@ void logCard(const REDCard& card) {
     const std::string wavText =
         missingWAV > 0 ? fmt::sprintf(", %d take(s) with no sidecar WAV", missingWAV) : std::string();
     EngineLog::logf("[Ingest] RED card '%s': %d take(s), %d chunk(s), %s%s%s", card.root.baseName(),
-                    static_cast<int>(card.takes.size()), chunks, model.value_or("unknown body"), rate, wavText);
+                    static_cast<int>(card.takes.size()), chunks, model.value_or("unknown body"), rate,
+                    wavText);
 }
 
 ClipItem newClip(const Url& url) {
@@ -141,14 +157,19 @@ ClipItem newClip(const Url& url) {
 std::vector<std::string> trackNames(const std::vector<TrackSource>& tracks) {
     std::vector<std::string> names;
     names.reserve(tracks.size());
-    for (const auto& t : tracks) names.push_back(t.name);
+    for (const auto& t : tracks)
+        names.push_back(t.name);
     return names;
 }
 
 } // namespace
 
-bool IngestEngine::isVideoExtension(std::string_view ext) { return extensionIn(ext, videoExtensions); }
-bool IngestEngine::isAudioExtension(std::string_view ext) { return extensionIn(ext, audioExtensions); }
+bool IngestEngine::isVideoExtension(std::string_view ext) {
+    return extensionIn(ext, videoExtensions);
+}
+bool IngestEngine::isAudioExtension(std::string_view ext) {
+    return extensionIn(ext, audioExtensions);
+}
 bool IngestEngine::isAcceptedExtension(std::string_view ext) {
     return isVideoExtension(ext) || isAudioExtension(ext);
 }
@@ -231,7 +252,8 @@ std::string IngestEngine::commonAncestorPath(const std::vector<std::string>& pat
     for (std::size_t i = 1; i < paths.size(); ++i) {
         const auto parts = split(paths[i]);
         std::size_t n = 0;
-        while (n < common.size() && n < parts.size() && common[n] == parts[n]) ++n;
+        while (n < common.size() && n < parts.size() && common[n] == parts[n])
+            ++n;
         common.resize(n);
     }
     std::string joined;
@@ -243,8 +265,8 @@ std::string IngestEngine::commonAncestorPath(const std::vector<std::string>& pat
 }
 
 bool IngestEngine::isGenericFolder(const std::string& name) {
-    static const std::set<std::string> generic{"clip",  "clips",  "contents", "stream", "bdmv",  "private",
-                                               "avchd", "dcim",   "video",    "movies", "media", "footage"};
+    static const std::set<std::string> generic{"clip",  "clips", "contents", "stream", "bdmv",  "private",
+                                               "avchd", "dcim",  "video",    "movies", "media", "footage"};
     const std::string lower = Files::lowercased(name);
     return generic.contains(lower) || matchesClipsPattern(lower) || matchesNumberedFolder(lower);
 }
@@ -329,7 +351,8 @@ std::vector<TrackSource> IngestEngine::ingest(const std::vector<Url>& urls, std:
     for (const auto& url : urls) {
         auto cards = REDCard::cards(url);
         if (cards.empty()) continue;
-        for (const auto& card : cards) logCard(card);
+        for (const auto& card : cards)
+            logCard(card);
         cardsByPath[url.path()] = std::move(cards);
     }
 
@@ -350,7 +373,8 @@ std::vector<TrackSource> IngestEngine::ingest(const std::vector<Url>& urls, std:
     std::vector<std::string> loosePaths;
     for (const auto& track : into) {
         if (completeShootSessions.contains(track.session)) continue;
-        for (const auto& clip : track.clips) loosePaths.push_back(clip.url.path());
+        for (const auto& clip : track.clips)
+            loosePaths.push_back(clip.url.path());
     }
     for (const auto& url : urls)
         if (!completeShootSessions.contains(url.path())) loosePaths.push_back(url.path());
@@ -371,21 +395,24 @@ std::vector<TrackSource> IngestEngine::ingest(const std::vector<Url>& urls, std:
         const std::string session =
             found != sessionByPath.end() ? found->second : url.deletingLastPathComponent().path();
         if (const auto cards = cardsByPath.find(url.path()); cards != cardsByPath.end())
-            for (const auto& card : cards->second) queuedCards.push_back({card, session});
+            for (const auto& card : cards->second)
+                queuedCards.push_back({card, session});
 
         if (kind.isDirectory) {
             const auto leaves = leafMediaFolders(url);
             std::vector<std::string> leafNames;
-            for (const auto& leaf : leaves) leafNames.push_back(leaf.lastPathComponent());
+            for (const auto& leaf : leaves)
+                leafNames.push_back(leaf.lastPathComponent());
             EngineLog::log("[Drop]   leaves: " + printedList(leafNames));
-            const bool onlyItself =
-                leaves.size() < 2 && std::all_of(leaves.begin(), leaves.end(), [&](const Url& l) { return l == url; });
+            const bool onlyItself = leaves.size() < 2 && std::all_of(leaves.begin(), leaves.end(),
+                                                                     [&](const Url& l) { return l == url; });
             if (onlyItself) {
                 unlockedGroups.push_back({trackName(url), directMedia(url), false, session});
             } else {
                 for (const auto& leaf : leaves) {
                     auto files = directMedia(leaf);
-                    if (!files.empty()) lockedGroups.push_back({trackName(leaf), std::move(files), true, session});
+                    if (!files.empty())
+                        lockedGroups.push_back({trackName(leaf), std::move(files), true, session});
                 }
             }
         } else if (isAcceptedExtension(url.pathExtension())) {
@@ -397,7 +424,8 @@ std::vector<TrackSource> IngestEngine::ingest(const std::vector<Url>& urls, std:
     // dropped together with its folder lands in both groups.
     std::unordered_set<Url> existing;
     for (const auto& track : into)
-        for (const auto& clip : track.clips) existing.insert(clip.url);
+        for (const auto& clip : track.clips)
+            existing.insert(clip.url);
 
     auto addREDCard = [&](const REDCard& card, const std::string& session) {
         std::vector<ClipItem> clips;
@@ -413,8 +441,10 @@ std::vector<TrackSource> IngestEngine::ingest(const std::vector<Url>& urls, std:
                 clip.pictureURL = take.picture;
                 clip.pictureFrames = take.pictureFrames;
                 if (take.header) {
-                    if (take.header->recordFrameRate) clip.recordFrameRate = static_cast<float>(*take.header->recordFrameRate);
-                    if (take.header->timeBase) clip.conformFrameRate = static_cast<float>(*take.header->timeBase);
+                    if (take.header->recordFrameRate)
+                        clip.recordFrameRate = static_cast<float>(*take.header->recordFrameRate);
+                    if (take.header->timeBase)
+                        clip.conformFrameRate = static_cast<float>(*take.header->timeBase);
                     clip.pixelWidth = take.header->width;
                     clip.pixelHeight = take.header->height;
                 }
@@ -439,21 +469,25 @@ std::vector<TrackSource> IngestEngine::ingest(const std::vector<Url>& urls, std:
             if (!existing.contains(f)) files.push_back(f);
         if (files.empty()) return;
         std::stable_sort(files.begin(), files.end(), chronologicalOrder);
-        const bool video =
-            std::any_of(files.begin(), files.end(), [](const Url& f) { return isVideoExtension(f.pathExtension()); });
+        const bool video = std::any_of(files.begin(), files.end(),
+                                       [](const Url& f) { return isVideoExtension(f.pathExtension()); });
         TrackSource track;
         track.type = video ? SourceType::video : SourceType::audio;
         track.name = uniqueName(group.name, track.type, trackNames(into));
-        for (const auto& f : files) track.clips.push_back(newClip(f));
+        for (const auto& f : files)
+            track.clips.push_back(newClip(f));
         track.session = group.session;
         track.lockedGrouping = group.locked;
         into.push_back(std::move(track));
     };
 
     // 7. Cards, then locked groups, then unlocked ones.
-    for (const auto& q : queuedCards) addREDCard(q.card, q.session);
-    for (const auto& g : lockedGroups) addGroup(g);
-    for (const auto& g : unlockedGroups) addGroup(g);
+    for (const auto& q : queuedCards)
+        addREDCard(q.card, q.session);
+    for (const auto& g : lockedGroups)
+        addGroup(g);
+    for (const auto& g : unlockedGroups)
+        addGroup(g);
 
     // 8. Loose material of earlier drops joins the new loose session.
     for (auto& track : into)

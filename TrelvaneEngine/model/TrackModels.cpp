@@ -26,10 +26,11 @@ std::string_view toRaw(E v, const std::array<std::pair<E, std::string_view>, N>&
 
 constexpr std::array<std::pair<SourceType, std::string_view>, 2> kSourceTypes{
     {{SourceType::video, "video"}, {SourceType::audio, "audio"}}};
-constexpr std::array<std::pair<SyncStatus, std::string_view>, 4> kSyncStatuses{{{SyncStatus::pending, "pending"},
-                                                                               {SyncStatus::synced, "synced"},
-                                                                               {SyncStatus::weak, "weak"},
-                                                                               {SyncStatus::failed, "failed"}}};
+constexpr std::array<std::pair<SyncStatus, std::string_view>, 4> kSyncStatuses{
+    {{SyncStatus::pending, "pending"},
+     {SyncStatus::synced, "synced"},
+     {SyncStatus::weak, "weak"},
+     {SyncStatus::failed, "failed"}}};
 constexpr std::array<std::pair<AudioUsability, std::string_view>, 4> kUsabilities{
     {{AudioUsability::ok, "ok"},
      {AudioUsability::none, "none"},
@@ -56,16 +57,34 @@ std::string upper(std::string s) {
 
 } // namespace
 
-std::string_view rawValue(SourceType v) { return toRaw(v, kSourceTypes); }
-std::string_view rawValue(SyncStatus v) { return toRaw(v, kSyncStatuses); }
-std::string_view rawValue(AudioUsability v) { return toRaw(v, kUsabilities); }
-std::string_view rawValue(SyncMode v) { return toRaw(v, kSyncModes); }
-std::string_view rawName(ClockQuality v) { return toRaw(v, kClockQualities); }
+std::string_view rawValue(SourceType v) {
+    return toRaw(v, kSourceTypes);
+}
+std::string_view rawValue(SyncStatus v) {
+    return toRaw(v, kSyncStatuses);
+}
+std::string_view rawValue(AudioUsability v) {
+    return toRaw(v, kUsabilities);
+}
+std::string_view rawValue(SyncMode v) {
+    return toRaw(v, kSyncModes);
+}
+std::string_view rawName(ClockQuality v) {
+    return toRaw(v, kClockQualities);
+}
 
-std::optional<SourceType> sourceTypeFromRaw(std::string_view raw) { return fromRaw(raw, kSourceTypes); }
-std::optional<SyncStatus> syncStatusFromRaw(std::string_view raw) { return fromRaw(raw, kSyncStatuses); }
-std::optional<AudioUsability> audioUsabilityFromRaw(std::string_view raw) { return fromRaw(raw, kUsabilities); }
-std::optional<SyncMode> syncModeFromRaw(std::string_view raw) { return fromRaw(raw, kSyncModes); }
+std::optional<SourceType> sourceTypeFromRaw(std::string_view raw) {
+    return fromRaw(raw, kSourceTypes);
+}
+std::optional<SyncStatus> syncStatusFromRaw(std::string_view raw) {
+    return fromRaw(raw, kSyncStatuses);
+}
+std::optional<AudioUsability> audioUsabilityFromRaw(std::string_view raw) {
+    return fromRaw(raw, kUsabilities);
+}
+std::optional<SyncMode> syncModeFromRaw(std::string_view raw) {
+    return fromRaw(raw, kSyncModes);
+}
 std::optional<ClockQuality> clockQualityFromRaw(int raw) {
     if (raw < 0 || raw > 4) return std::nullopt;
     return static_cast<ClockQuality>(raw);
@@ -81,11 +100,14 @@ double ClipItem::pictureDuration() const {
 
 std::string ClipItem::placementExplanation() const {
     switch (audioUsability) {
-    case AudioUsability::none: return "No audio track in this file — placed by clock or between neighbours";
-    case AudioUsability::silent: return "Audio track is silent — placed by clock or between neighbours";
+    case AudioUsability::none:
+        return "No audio track in this file — placed by clock or between neighbours";
+    case AudioUsability::silent:
+        return "Audio track is silent — placed by clock or between neighbours";
     case AudioUsability::undecodable:
         return "Format not decodable on this Mac — placed by clock or between neighbours";
-    case AudioUsability::ok: break;
+    case AudioUsability::ok:
+        break;
     }
 
     const std::string pass = placementPass.value_or("");
@@ -119,14 +141,23 @@ std::string ClipItem::placementExplanation() const {
         line = "Long take placed via nearby B-roll";
     } else {
         switch (syncStatus) {
-        case SyncStatus::pending: line = "Not placed yet"; break;
-        case SyncStatus::synced: line = "Strong audio match"; break;
-        case SyncStatus::weak: line = "Weak audio match — check by ear"; break;
-        case SyncStatus::failed: line = "Audio match below the confidence floor"; break;
+        case SyncStatus::pending:
+            line = "Not placed yet";
+            break;
+        case SyncStatus::synced:
+            line = "Strong audio match";
+            break;
+        case SyncStatus::weak:
+            line = "Weak audio match — check by ear";
+            break;
+        case SyncStatus::failed:
+            line = "Audio match below the confidence floor";
+            break;
         }
     }
 
-    if (matchScore && !passIsOneOf(pass, {"ref", "interp", "interp-noaudio", "clock", "unlinked", "sibling-ch"}))
+    if (matchScore &&
+        !passIsOneOf(pass, {"ref", "interp", "interp-noaudio", "clock", "unlinked", "sibling-ch"}))
         line += fmt::sprintf(" · score %.1f", *matchScore);
     if (placementNote && !placementNote->empty()) line += " · " + *placementNote;
     if (tcDisagrees) line += " · timecode disagrees with the audio position";

@@ -37,7 +37,9 @@ std::string_view rawValue(SyncStatus v);
 std::string_view rawValue(AudioUsability v);
 std::string_view rawValue(SyncMode v);
 std::string_view rawName(ClockQuality v);
-inline int rawValue(ClockQuality v) { return static_cast<int>(v); }
+inline int rawValue(ClockQuality v) {
+    return static_cast<int>(v);
+}
 
 std::optional<SourceType> sourceTypeFromRaw(std::string_view raw);
 std::optional<SyncStatus> syncStatusFromRaw(std::string_view raw);

@@ -8,7 +8,7 @@ namespace trelvane {
 
 // The one error type of decoding and matching. `description()` is the text the user sees.
 class TrelvaneError : public std::exception {
-public:
+  public:
     enum class Kind {
         noAudioTrack,
         readerStartFailed,
@@ -33,7 +33,7 @@ public:
     const std::string& description() const { return description_; }
     const char* what() const noexcept override { return description_.c_str(); }
 
-private:
+  private:
     TrelvaneError(Kind kind, std::string detail);
     Kind kind_;
     std::string detail_;

@@ -28,13 +28,17 @@ Split split(Date date) {
 
 } // namespace
 
-Date dateNow() { return std::chrono::time_point_cast<std::chrono::microseconds>(std::chrono::system_clock::now()); }
+Date dateNow() {
+    return std::chrono::time_point_cast<std::chrono::microseconds>(std::chrono::system_clock::now());
+}
 
 Date dateFromUnixSeconds(double seconds) {
     return Date(std::chrono::microseconds(static_cast<long long>(std::llround(seconds * 1e6))));
 }
 
-double unixSeconds(Date date) { return static_cast<double>(date.time_since_epoch().count()) / 1e6; }
+double unixSeconds(Date date) {
+    return static_cast<double>(date.time_since_epoch().count()) / 1e6;
+}
 
 std::string iso8601(Date date) {
     const Split s = split(date);
@@ -42,17 +46,17 @@ std::string iso8601(Date date) {
     localtime_r(&s.seconds, &tm);
     const long off = tm.tm_gmtoff;
     const long offAbs = off < 0 ? -off : off;
-    return fmt::format("{:04}-{:02}-{:02}T{:02}:{:02}:{:02}.{:03}{}{:02}:{:02}", tm.tm_year + 1900, tm.tm_mon + 1,
-                       tm.tm_mday, tm.tm_hour, tm.tm_min, tm.tm_sec, s.millis, off < 0 ? '-' : '+', offAbs / 3600,
-                       (offAbs % 3600) / 60);
+    return fmt::format("{:04}-{:02}-{:02}T{:02}:{:02}:{:02}.{:03}{}{:02}:{:02}", tm.tm_year + 1900,
+                       tm.tm_mon + 1, tm.tm_mday, tm.tm_hour, tm.tm_min, tm.tm_sec, s.millis,
+                       off < 0 ? '-' : '+', offAbs / 3600, (offAbs % 3600) / 60);
 }
 
 std::string iso8601UTC(Date date) {
     const Split s = split(date);
     std::tm tm{};
     gmtime_r(&s.seconds, &tm);
-    return fmt::format("{:04}-{:02}-{:02}T{:02}:{:02}:{:02}.{:03}Z", tm.tm_year + 1900, tm.tm_mon + 1, tm.tm_mday,
-                       tm.tm_hour, tm.tm_min, tm.tm_sec, s.millis);
+    return fmt::format("{:04}-{:02}-{:02}T{:02}:{:02}:{:02}.{:03}Z", tm.tm_year + 1900, tm.tm_mon + 1,
+                       tm.tm_mday, tm.tm_hour, tm.tm_min, tm.tm_sec, s.millis);
 }
 
 std::string formatClockTime(Date date) {

@@ -25,7 +25,9 @@ void setSink(Sink sink) {
     currentSink() = std::move(sink);
 }
 
-void resetSink() { setSink(nullptr); }
+void resetSink() {
+    setSink(nullptr);
+}
 
 void log(const std::string& line) {
     std::lock_guard lock(sinkMutex());

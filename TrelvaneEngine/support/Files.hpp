@@ -28,7 +28,9 @@ struct Kind {
 Kind kindOf(const std::filesystem::path& path);
 
 // Whether the name is hidden from listings.
-inline bool isHidden(const std::string& name) { return !name.empty() && name.front() == '.'; }
+inline bool isHidden(const std::string& name) {
+    return !name.empty() && name.front() == '.';
+}
 
 // Lower-cased ASCII copy; other bytes (UTF-8 sequences included) stay as they are.
 std::string lowercased(std::string s);

@@ -7,7 +7,9 @@ namespace trelvane {
 
 namespace {
 
-bool isDigit(char c) { return c >= '0' && c <= '9'; }
+bool isDigit(char c) {
+    return c >= '0' && c <= '9';
+}
 
 unsigned char fold(char c) {
     const auto u = static_cast<unsigned char>(c);
@@ -21,12 +23,16 @@ int localizedStandardCompare(std::string_view a, std::string_view b) {
     while (i < a.size() && j < b.size()) {
         if (isDigit(a[i]) && isDigit(b[j])) {
             std::size_t ie = i, je = j;
-            while (ie < a.size() && isDigit(a[ie])) ++ie;
-            while (je < b.size() && isDigit(b[je])) ++je;
+            while (ie < a.size() && isDigit(a[ie]))
+                ++ie;
+            while (je < b.size() && isDigit(b[je]))
+                ++je;
             // Compare by value without converting: leading zeros off, then length, then digits.
             std::size_t ia = i, jb = j;
-            while (ia + 1 < ie && a[ia] == '0') ++ia;
-            while (jb + 1 < je && b[jb] == '0') ++jb;
+            while (ia + 1 < ie && a[ia] == '0')
+                ++ia;
+            while (jb + 1 < je && b[jb] == '0')
+                ++jb;
             const std::size_t la = ie - ia, lb = je - jb;
             if (la != lb) return la < lb ? -1 : 1;
             for (std::size_t k = 0; k < la; ++k)

@@ -14,7 +14,8 @@ Url Url::fromPath(const std::filesystem::path& path) {
         if (!ec) p = cwd / p;
     }
     std::string s = p.lexically_normal().string();
-    while (s.size() > 1 && s.back() == '/') s.pop_back();
+    while (s.size() > 1 && s.back() == '/')
+        s.pop_back();
     return Url(std::move(s));
 }
 

@@ -12,7 +12,7 @@ namespace trelvane {
 // their paths are; nothing touches the file system. Paths are kept as the bytes the OS gave, so a
 // name that is not valid UTF-8 survives untouched.
 class Url {
-public:
+  public:
     Url() = default;
     // A relative path is made absolute against the current directory; "." and ".." are folded.
     static Url fromPath(const std::filesystem::path& path);
@@ -36,7 +36,7 @@ public:
     auto operator<=>(const Url&) const = default;
     bool operator==(const Url&) const = default;
 
-private:
+  private:
     explicit Url(std::string p) : path_(std::move(p)) {}
     std::string path_;
 };
@@ -44,5 +44,7 @@ private:
 } // namespace trelvane
 
 template <> struct std::hash<trelvane::Url> {
-    std::size_t operator()(const trelvane::Url& u) const noexcept { return std::hash<std::string>{}(u.path()); }
+    std::size_t operator()(const trelvane::Url& u) const noexcept {
+        return std::hash<std::string>{}(u.path());
+    }
 };

@@ -28,8 +28,14 @@ std::filesystem::path homeDir() {
     return {};
 }
 
-std::filesystem::path dataDir() { return base("XDG_DATA_HOME", ".local/share") / "Trelvane"; }
-std::filesystem::path configDir() { return base("XDG_CONFIG_HOME", ".config") / "Trelvane"; }
-std::filesystem::path cacheDir() { return base("XDG_CACHE_HOME", ".cache") / "Trelvane"; }
+std::filesystem::path dataDir() {
+    return base("XDG_DATA_HOME", ".local/share") / "Trelvane";
+}
+std::filesystem::path configDir() {
+    return base("XDG_CONFIG_HOME", ".config") / "Trelvane";
+}
+std::filesystem::path cacheDir() {
+    return base("XDG_CACHE_HOME", ".cache") / "Trelvane";
+}
 
 } // namespace trelvane::UserDirs

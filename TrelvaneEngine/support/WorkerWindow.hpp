@@ -23,7 +23,9 @@
 namespace trelvane::WorkerWindow {
 
 // The processors the platform reports, at least 1.
-inline int processorCount() { return std::max(1u, std::thread::hardware_concurrency()); }
+inline int processorCount() {
+    return std::max(1u, std::thread::hardware_concurrency());
+}
 
 template <typename Result>
 void run(int window, std::size_t count, const std::function<Result(std::size_t)>& job,
@@ -39,15 +41,16 @@ void run(int window, std::size_t count, const std::function<Result(std::size_t)>
     auto start = [&](std::size_t index) {
         ++inFlight;
         threads.emplace(index, std::jthread([&, index] {
-            std::optional<Result> r;
-            r.emplace(job(index));
-            std::lock_guard lock(mutex);
-            finished.emplace_back(index, std::move(r));
-            done.notify_one();
-        }));
+                            std::optional<Result> r;
+                            r.emplace(job(index));
+                            std::lock_guard lock(mutex);
+                            finished.emplace_back(index, std::move(r));
+                            done.notify_one();
+                        }));
     };
 
-    while (next < count && static_cast<int>(inFlight) < window && !stop.stop_requested()) start(next++);
+    while (next < count && static_cast<int>(inFlight) < window && !stop.stop_requested())
+        start(next++);
     while (inFlight > 0) {
         std::pair<std::size_t, std::optional<Result>> item;
         {

@@ -8,7 +8,8 @@ namespace trelvane::GapCloser {
 std::optional<Closed> closedOffsets(const std::vector<TrackSource>& sources) {
     std::vector<const ClipItem*> clips;
     for (const auto& t : sources)
-        for (const auto& c : t.clips) clips.push_back(&c);
+        for (const auto& c : t.clips)
+            clips.push_back(&c);
     if (clips.empty()) return std::nullopt;
     std::stable_sort(clips.begin(), clips.end(),
                      [](const ClipItem* a, const ClipItem* b) { return a->startOffset < b->startOffset; });

@@ -19,7 +19,8 @@ struct Run {
 
 std::string quoted(const std::string& s) {
     std::string q = "'";
-    for (char c : s) q += c == '\'' ? std::string("'\\''") : std::string(1, c);
+    for (char c : s)
+        q += c == '\'' ? std::string("'\\''") : std::string(1, c);
     return q + "'";
 }
 
@@ -34,7 +35,8 @@ Run runCli(const TempDir& home, const std::string& args, bool withStderr = false
     if (!pipe) return r;
     std::array<char, 4096> buf{};
     std::size_t n;
-    while ((n = std::fread(buf.data(), 1, buf.size(), pipe)) > 0) r.out.append(buf.data(), n);
+    while ((n = std::fread(buf.data(), 1, buf.size(), pipe)) > 0)
+        r.out.append(buf.data(), n);
     const int raw = ::pclose(pipe);
     r.status = WIFEXITED(raw) ? WEXITSTATUS(raw) : -1;
     return r;
@@ -104,7 +106,8 @@ TEST(Cli, ScanJsonHasTheSessionShape) {
     EXPECT_TRUE(clip["matchScore"].is_null());
     EXPECT_TRUE(clip["failureBucket"].is_null());
     EXPECT_EQ(clip["placementExplanation"], "Shorter than 5 s — not compared, placed between neighbours");
-    for (const char* heavy : {"waveformPreview", "cachedEnvelope", "fingerprint", "bassOnsets", "bandFeature"})
+    for (const char* heavy :
+         {"waveformPreview", "cachedEnvelope", "fingerprint", "bassOnsets", "bandFeature"})
         EXPECT_FALSE(clip.contains(heavy)) << heavy;
     // A name that is not valid UTF-8 still gives a valid document.
     const std::string name = doc["tracks"][1]["clips"][0]["url"];

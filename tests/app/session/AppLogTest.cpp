@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
-#include "TestSupport.hpp"
 #include "Trelvane/session/AppLog.hpp"
+#include "TestSupport.hpp"
 #include "Trelvane/session/Notifier.hpp"
 #include "Trelvane/session/Settings.hpp"
 #include "TrelvaneEngine/support/EngineLog.hpp"
@@ -41,9 +41,6 @@ using trelvane::test::ScopedEnv;
 using trelvane::test::TempDir;
 
 namespace {
-
-
-
 
 // Stops the log file and restores the default sink, whatever the test did.
 struct AppLogReset {

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
-#include "TestSupport.hpp"
 #include "Trelvane/session/Settings.hpp"
+#include "TestSupport.hpp"
 #include "TrelvaneEngine/support/EngineLog.hpp"
 
 #include <gtest/gtest.h>
@@ -24,9 +24,6 @@ using trelvane::test::ScopedEnv;
 using trelvane::test::TempDir;
 
 namespace {
-
-
-
 
 void writeBytes(const fs::path& path, const std::string& bytes) {
     std::ofstream out(path, std::ios::binary | std::ios::trunc);

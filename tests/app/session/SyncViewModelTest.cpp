@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
-#include "TestSupport.hpp"
 #include "Trelvane/session/SyncViewModel.hpp"
+#include "TestSupport.hpp"
 
 #include <atomic>
 #include <condition_variable>
@@ -15,7 +15,7 @@ namespace {
 
 // A gate a worker-side double waits at until the test opens it.
 class Gate {
-public:
+  public:
     void open() {
         std::lock_guard lock(m_);
         open_ = true;
@@ -28,10 +28,11 @@ public:
     // Waits for the gate or for a stop, whichever comes first.
     void wait(std::stop_token stop) {
         std::unique_lock lock(m_);
-        while (!open_ && !stop.stop_requested()) cv_.wait_for(lock, std::chrono::milliseconds(5));
+        while (!open_ && !stop.stop_requested())
+            cv_.wait_for(lock, std::chrono::milliseconds(5));
     }
 
-private:
+  private:
     std::mutex m_;
     std::condition_variable cv_;
     bool open_ = false;
@@ -56,7 +57,8 @@ struct Doubles {
     std::vector<CameraGroupProposal> cameraProposals;
     std::vector<DayRegionProposal> dayProposals;
     std::set<Uuid> acceptedGroups, acceptedRegions;
-    std::function<Sources(Sources, SessionStages::SyncProgress, SessionStages::SyncPlace, std::stop_token)> sync;
+    std::function<Sources(Sources, SessionStages::SyncProgress, SessionStages::SyncPlace, std::stop_token)>
+        sync;
     std::function<StackBuilder::Result(Sources, std::function<void(double)>, std::stop_token)> stacks;
     std::optional<StackBuilder::Advice> advice;
 
@@ -87,7 +89,8 @@ struct Doubles {
             cameraProposals.clear(); // proposed once
             return out;
         };
-        s.applyCameraGroups = [this](Sources src, const std::vector<CameraGroupProposal>&, const std::set<Uuid>& a) {
+        s.applyCameraGroups = [this](Sources src, const std::vector<CameraGroupProposal>&,
+                                     const std::set<Uuid>& a) {
             calls.push_back("applyCameraGroups");
             acceptedGroups = a;
             return src;
@@ -98,12 +101,14 @@ struct Doubles {
             dayProposals.clear();
             return out;
         };
-        s.applyDayRegions = [this](Sources src, const std::vector<DayRegionProposal>&, const std::set<Uuid>& a) {
+        s.applyDayRegions = [this](Sources src, const std::vector<DayRegionProposal>&,
+                                   const std::set<Uuid>& a) {
             calls.push_back("applyDayRegions");
             acceptedRegions = a;
             return src;
         };
-        s.extractClip = [this](const Url& url, int factor, double expected, const std::function<void(double)>& onSub) {
+        s.extractClip = [this](const Url& url, int factor, double expected,
+                               const std::function<void(double)>& onSub) {
             EXPECT_EQ(factor, 160);
             ++extractEntered;
             if (extractGate) extractGate->wait();
@@ -111,7 +116,8 @@ struct Doubles {
             onSub(0.5);
             const std::string ext = url.pathExtension();
             if (ext == "mxf" || ext == "braw")
-                return ExtractOutcome(NoUsableAudio{AudioUsability::undecodable, "container not decodable (" + ext + ")", ext});
+                return ExtractOutcome(
+                    NoUsableAudio{AudioUsability::undecodable, "container not decodable (" + ext + ")", ext});
             return ExtractOutcome(payloadOf(expected > 0 ? expected : 10));
         };
         s.synchronise = [this](Sources src, SessionStages::SyncProgress p, SessionStages::SyncPlace place,
@@ -128,7 +134,8 @@ struct Doubles {
 };
 
 // Places every clip of track i at 100 * i + 5 * k, synced, with a score.
-Sources placeAll(Sources src, const SessionStages::SyncProgress& progress, const SessionStages::SyncPlace& place) {
+Sources placeAll(Sources src, const SessionStages::SyncProgress& progress,
+                 const SessionStages::SyncPlace& place) {
     for (std::size_t i = 0; i < src.size(); ++i)
         for (std::size_t k = 0; k < src[i].clips.size(); ++k) {
             auto& c = src[i].clips[k];
@@ -143,7 +150,7 @@ Sources placeAll(Sources src, const SessionStages::SyncProgress& progress, const
 }
 
 class SessionTest : public ::testing::Test {
-protected:
+  protected:
     TempDir tmp;
     ManualMainQueue queue;
     std::unique_ptr<Settings> settings;
@@ -153,7 +160,9 @@ protected:
 
     void SetUp() override {
         settings = std::make_unique<Settings>(tmp / "config/settings.json");
-        doubles.sync = [](Sources s, auto p, auto place, std::stop_token) { return placeAll(std::move(s), p, place); };
+        doubles.sync = [](Sources s, auto p, auto place, std::stop_token) {
+            return placeAll(std::move(s), p, place);
+        };
         make();
     }
     void make() { vm = SyncViewModel::create(queue, *settings, doubles.stages()); }
@@ -167,17 +176,21 @@ protected:
         return Url::fromPath(tmp / "shoot");
     }
     bool pumpUntil(const std::function<bool()>& done) { return queue.runUntil(done, 20.0); }
-    bool pumpIngest() { return pumpUntil([&] { return !vm->isIngesting(); }); }
+    bool pumpIngest() {
+        return pumpUntil([&] { return !vm->isIngesting(); });
+    }
     int clipsWith(SyncStatus s) const {
         int n = 0;
         for (const auto& t : vm->sources())
-            for (const auto& c : t.clips) n += c.syncStatus == s;
+            for (const auto& c : t.clips)
+                n += c.syncStatus == s;
         return n;
     }
     std::map<Uuid, double> offsets() const {
         std::map<Uuid, double> out;
         for (const auto& t : vm->sources())
-            for (const auto& c : t.clips) out[c.id] = c.startOffset;
+            for (const auto& c : t.clips)
+                out[c.id] = c.startOffset;
         return out;
     }
     void ingestAndSync() {
@@ -311,7 +324,8 @@ TEST_F(SessionTest, ATrackSyncInstallsTheResultCountsItAndClosesGaps) {
     EXPECT_DOUBLE_EQ(vm->playheadTime(), 0.0);
     EXPECT_EQ(log.countStartingWith("[CloseGaps] removed "), 1);
     double earliest = 1e9;
-    for (const auto& [id, off] : offsets()) earliest = std::min(earliest, off);
+    for (const auto& [id, off] : offsets())
+        earliest = std::min(earliest, off);
     EXPECT_DOUBLE_EQ(earliest, 0.0);
     vm->restoreGaps();
     EXPECT_TRUE(log.contains("[CloseGaps] restored the synced timeline"));
@@ -321,7 +335,8 @@ TEST_F(SessionTest, ATrackSyncInstallsTheResultCountsItAndClosesGaps) {
     queue.advance(1.0);
     EXPECT_FALSE(vm->displayedOffsets().empty());
     queue.advance(1.0);
-    for (const auto& [id, off] : vm->animToOffsets()) EXPECT_DOUBLE_EQ(vm->displayedOffsets().at(id), off);
+    for (const auto& [id, off] : vm->animToOffsets())
+        EXPECT_DOUBLE_EQ(vm->displayedOffsets().at(id), off);
 }
 
 TEST_F(SessionTest, StoppingASyncBringsBackThePositionsAndDropsTheLateResult) {
@@ -352,14 +367,17 @@ TEST_F(SessionTest, StoppingASyncBringsBackThePositionsAndDropsTheLateResult) {
     EXPECT_DOUBLE_EQ(vm->barFill(), 0.0);
 
     // Pressing Synchronize again from synced wipes the statuses and runs anew.
-    doubles.sync = [](Sources s, auto p, auto place, std::stop_token) { return placeAll(std::move(s), p, place); };
+    doubles.sync = [](Sources s, auto p, auto place, std::stop_token) {
+        return placeAll(std::move(s), p, place);
+    };
     vm->synchronize();
     ASSERT_TRUE(pumpUntil([&] { return vm->state().is(AppState::Kind::synced); }));
     int runs = 0;
     doubles.sync = [&runs](Sources s, auto p, auto place, std::stop_token) {
         ++runs;
         for (auto& t : s)
-            for (auto& c : t.clips) EXPECT_EQ(c.syncStatus, SyncStatus::pending);
+            for (auto& c : t.clips)
+                EXPECT_EQ(c.syncStatus, SyncStatus::pending);
         return placeAll(std::move(s), p, place);
     };
     vm->synchronize();
@@ -375,7 +393,8 @@ TEST_F(SessionTest, StackResultsAreUndoneByAnAddAndASecondStackingKeepsTheFirstL
         TrackSource merged;
         merged.name = "Stack " + std::to_string(stackRuns);
         for (auto& t : src)
-            for (auto& c : t.clips) merged.clips.push_back(c);
+            for (auto& c : t.clips)
+                merged.clips.push_back(c);
         r.tracks = {merged};
         r.unmatched = {"x"};
         return r;
@@ -417,8 +436,9 @@ TEST_F(SessionTest, TheStackModeOfferIsMadeOnceAndNeverInStackMode) {
     ASSERT_TRUE(pumpUntil([&] { return vm->pendingStackModeOffer().has_value(); }));
     const auto& offer = *vm->pendingStackModeOffer();
     EXPECT_EQ(offer.title, "These look like repeated takes");
-    EXPECT_TRUE(offer.text.starts_with("“C0001” and “C0004” came from the same camera yet share 61 seconds of the "
-                                       "same audio — 3 of the 12 pairs sampled do."))
+    EXPECT_TRUE(
+        offer.text.starts_with("“C0001” and “C0004” came from the same camera yet share 61 seconds of the "
+                               "same audio — 3 of the 12 pairs sampled do."))
         << offer.text;
     EXPECT_EQ(offer.keepButton, "Keep Track Mode");
     EXPECT_EQ(offer.useButton, "Use Stack Mode");
@@ -478,11 +498,13 @@ TEST_F(SessionTest, FailuresAreSummarisedByBucketAndBigUnsyncedFoldersGetAHint) 
     EXPECT_EQ(SyncViewModel::summarizeFailures({trackOf(50, true)}), std::nullopt);
 
     TrackSource t = trackOf(4, false);
-    for (auto& c : t.clips) c.syncStatus = SyncStatus::failed;
+    for (auto& c : t.clips)
+        c.syncStatus = SyncStatus::failed;
     t.clips[0].duration = 2;
     t.clips[1].placementPass = "clock";
     t.clips[2].placementPass = "clock";
-    EXPECT_EQ(SyncViewModel::summarizeFailures({t}), "4 failed: 2 placed by clock · 1 shorter than 5 s · 1 no audio nearby");
+    EXPECT_EQ(SyncViewModel::summarizeFailures({t}),
+              "4 failed: 2 placed by clock · 1 shorter than 5 s · 1 no audio nearby");
 }
 
 TEST_F(SessionTest, EditingMovesDeletesAndResetsTheOutcome) {
@@ -508,7 +530,8 @@ TEST_F(SessionTest, EditingMovesDeletesAndResetsTheOutcome) {
     EXPECT_TRUE(vm->state().is(AppState::Kind::idle));
     EXPECT_DOUBLE_EQ(vm->pxPerSec(), 2.0);
 
-    for (int i = 0; i < 20; ++i) vm->zoomIn();
+    for (int i = 0; i < 20; ++i)
+        vm->zoomIn();
     EXPECT_DOUBLE_EQ(vm->zoomMultiplier(), 64.0);
     vm->zoomReset();
     vm->zoomOut();
@@ -545,7 +568,8 @@ TEST_F(SessionTest, AMissingStageIsSaidNotPretended) {
     vm = SyncViewModel::create(queue, *settings, none);
     vm->ingestURLs({shoot()});
     ASSERT_TRUE(pumpIngest());
-    EXPECT_TRUE(log.contains("[Extract] audio analysis is not available in this build — 4 clip(s) not analysed"));
+    EXPECT_TRUE(
+        log.contains("[Extract] audio analysis is not available in this build — 4 clip(s) not analysed"));
     EXPECT_FALSE(vm->allExtracted());
     EXPECT_TRUE(vm->state().is(AppState::Kind::idle));
     vm->synchronize();
@@ -564,7 +588,8 @@ TEST_F(SessionTest, UndecodableFormatsAreMarkedAndTheKnownOnesAdvised) {
     EXPECT_EQ(vm->formatAdvisories()[0].ext, "mxf");
     EXPECT_EQ(vm->formatAdvisories()[0].clipCount, 2);
     EXPECT_EQ(vm->formatAdvisories()[1].displayName, "Blackmagic RAW (.braw)");
-    EXPECT_TRUE(log.contains("[Extract] 'A': container not decodable (mxf) — will place by clock/interpolation"));
+    EXPECT_TRUE(
+        log.contains("[Extract] 'A': container not decodable (mxf) — will place by clock/interpolation"));
     EXPECT_EQ(vm->sources()[0].clips[0].audioUsability, AudioUsability::undecodable);
     EXPECT_EQ(vm->sources()[0].clips[0].placementExplanation(),
               "Format not decodable on this Mac — placed by clock or between neighbours");

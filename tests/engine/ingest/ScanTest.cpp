@@ -13,17 +13,21 @@ using trelvane::test::TempDir;
 
 namespace {
 
-Url url(const std::filesystem::path& p) { return Url::fromPath(p); }
+Url url(const std::filesystem::path& p) {
+    return Url::fromPath(p);
+}
 
 std::vector<std::string> names(const std::vector<TrackSource>& tracks) {
     std::vector<std::string> out;
-    for (const auto& t : tracks) out.push_back(t.name);
+    for (const auto& t : tracks)
+        out.push_back(t.name);
     return out;
 }
 
 std::vector<std::string> clipNames(const TrackSource& t) {
     std::vector<std::string> out;
-    for (const auto& c : t.clips) out.push_back(c.url.lastPathComponent());
+    for (const auto& c : t.clips)
+        out.push_back(c.url.lastPathComponent());
     return out;
 }
 
@@ -148,7 +152,8 @@ TEST(Scan, TrackNamesClimbOverGenericFolders) {
 
 TEST(Scan, UniqueNamesCountUpAndGenericNamesBecomeTypeWords) {
     std::vector<std::string> existing;
-    for (int i = 0; i < 3; ++i) existing.push_back(IngestEngine::uniqueName("Interview", SourceType::audio, existing));
+    for (int i = 0; i < 3; ++i)
+        existing.push_back(IngestEngine::uniqueName("Interview", SourceType::audio, existing));
     EXPECT_EQ(existing, (std::vector<std::string>{"Interview", "Interview 2", "Interview 3"}));
     EXPECT_EQ(IngestEngine::uniqueName("Media", SourceType::video, {}), "CLIP");
     EXPECT_EQ(IngestEngine::uniqueName("Media", SourceType::video, {"CLIP"}), "CLIP 2");
@@ -158,7 +163,8 @@ TEST(Scan, UniqueNamesCountUpAndGenericNamesBecomeTypeWords) {
               std::string(40, 'x') + " 2");
     // Cut by characters, never inside one.
     std::string accented;
-    for (int i = 0; i < 45; ++i) accented += "é";
+    for (int i = 0; i < 45; ++i)
+        accented += "é";
     const auto cut = IngestEngine::uniqueName(accented, SourceType::audio, {});
     EXPECT_EQ(cut.size(), 80u);
 }
@@ -180,7 +186,8 @@ TEST(Scan, ClipsAreOrderedByNumberedNamesThenByDate) {
     }
     // Same name in two folders: the earlier file date goes first.
     const auto older = tmp.file("x/same.WAV"), newer = tmp.file("y/same.WAV");
-    std::filesystem::last_write_time(older, std::filesystem::file_time_type::clock::now() - std::chrono::hours(5));
+    std::filesystem::last_write_time(older,
+                                     std::filesystem::file_time_type::clock::now() - std::chrono::hours(5));
     EXPECT_TRUE(IngestEngine::chronologicalOrder(url(older), url(newer)));
     EXPECT_FALSE(IngestEngine::chronologicalOrder(url(newer), url(older)));
 }
@@ -198,7 +205,8 @@ TEST(Scan, CommonAncestorPathAndSortOrder) {
     tracks[2].name = "Cam 9";
     tracks[3].name = "Alpha";
     tracks[3].type = SourceType::audio;
-    EXPECT_EQ(names(IngestEngine::sortSources(tracks)), (std::vector<std::string>{"Cam 9", "cam 10", "Alpha", "Zoom"}));
+    EXPECT_EQ(names(IngestEngine::sortSources(tracks)),
+              (std::vector<std::string>{"Cam 9", "cam 10", "Alpha", "Zoom"}));
 
     std::vector<ClipItem> clips(1);
     clips[0].url = Url::fromPath("/x/a.wav");
@@ -223,7 +231,8 @@ TEST(Scan, HostileTreesEndInFewerTracksNeverACrashOrAHang) {
     tmp.file("locked/inner/x.WAV");
     ::chmod((tmp / "locked/inner").c_str(), 0);
     // Thousands of files in one folder.
-    for (int i = 0; i < 3000; ++i) tmp.file("many/F" + std::to_string(i) + ".WAV", "");
+    for (int i = 0; i < 3000; ++i)
+        tmp.file("many/F" + std::to_string(i) + ".WAV", "");
 
     IngestEngine engine;
     const auto loop = engine.ingest({url(tmp / "loop")}, {});
@@ -300,8 +309,9 @@ TEST(Scan, ARedCardBecomesOneLockedTrackWithPictureFieldsFromItsHeader) {
 
     // The card makes the drop a complete shoot even though its picture isn't a plain video file.
     EXPECT_TRUE(engine.completeShootSessions.contains((tmp / "shoot").string()));
-    EXPECT_TRUE(log.contains("[Ingest] RED card 'A001_0614AB': 2 take(s), 3 chunk(s), RED V-RAPTOR, record 25.000 / "
-                             "base 25.000, 1 take(s) with no sidecar WAV"));
+    EXPECT_TRUE(
+        log.contains("[Ingest] RED card 'A001_0614AB': 2 take(s), 3 chunk(s), RED V-RAPTOR, record 25.000 / "
+                     "base 25.000, 1 take(s) with no sidecar WAV"));
     // The take folders' files never leak into a track of loose files.
     EXPECT_EQ(tracks[1].name, "rec");
 }

@@ -71,8 +71,9 @@ TEST(TrackModels, ScoreNoteAndTimecodeAreAppendedInOrderWhereThePassAllows) {
     EXPECT_EQ(c.placementExplanation(), "Stacked with takes sharing the same audio · score 9.3");
     c.placementNote = "between A and B";
     c.tcDisagrees = true;
-    EXPECT_EQ(c.placementExplanation(), "Stacked with takes sharing the same audio · score 9.3 · between A and B"
-                                        " · timecode disagrees with the audio position");
+    EXPECT_EQ(c.placementExplanation(),
+              "Stacked with takes sharing the same audio · score 9.3 · between A and B"
+              " · timecode disagrees with the audio position");
     c.placementNote = "";
     c.placementPass = "main";
     c.syncStatus = SyncStatus::weak;
@@ -117,7 +118,8 @@ TEST(TrackModels, RawCodesRoundTripAndUnknownCodesGiveNothing) {
 
 TEST(TrackModels, ErrorDescriptionsQuoteTheFileName) {
     EXPECT_EQ(TrelvaneError::noAudioTrack("a.mov").description(), "No audio track in \"a.mov\"");
-    EXPECT_EQ(TrelvaneError::silentAudio("b.wav").description(), "Audio track in \"b.wav\" is silent (muted)");
+    EXPECT_EQ(TrelvaneError::silentAudio("b.wav").description(),
+              "Audio track in \"b.wav\" is silent (muted)");
     EXPECT_EQ(TrelvaneError::emptySamples("c.mp4").description(), "No audio in \"c.mp4\"");
     EXPECT_EQ(TrelvaneError::readerStartFailed("x").description(), "Reader failed: x");
     EXPECT_EQ(TrelvaneError::notEnoughTracks().description(), "Need at least 2 tracks");

@@ -93,7 +93,8 @@ TEST(Support, WorkerWindowKeepsAtMostNInFlightAndRunsEveryJobOnce) {
     EXPECT_LE(peak.load(), 3);
     EXPECT_EQ(handed.size(), 20u);
     std::sort(started.begin(), started.end());
-    for (std::size_t i = 0; i < started.size(); ++i) EXPECT_EQ(started[i], i) << "every job ran once";
+    for (std::size_t i = 0; i < started.size(); ++i)
+        EXPECT_EQ(started[i], i) << "every job ran once";
 
     std::stop_source stop;
     int ran = 0;
