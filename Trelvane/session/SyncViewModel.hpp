@@ -24,6 +24,7 @@
 #include <memory>
 #include <optional>
 #include <set>
+#include <span>
 #include <stop_token>
 #include <string>
 #include <vector>
@@ -190,6 +191,11 @@ class SyncViewModel : public std::enable_shared_from_this<SyncViewModel> {
     void beginSidebarDrag();
     void endSidebarDrag();
     void setSidebarWidth(double width);
+
+    // ---- the analysis of one clip, on a worker ---------------------------------------------------
+    // The peak bars drawn in the timeline: one bar a second, 10 to 1000 bars, each the square root
+    // of its block's RMS over the largest RMS (the root lifts quiet passages into view).
+    static std::vector<float> buildWaveform(std::span<const float> samples, double duration);
 
     // ---- helpers shared with the stages' drivers ---------------------------------------------
     // The one-line summary of what failed, or nothing.
