@@ -19,6 +19,8 @@ int main(int argc, char** argv) {
 
     ScanOptions scan;
     addScanCommand(app, scan);
+    ProbeOptions probe;
+    addProbeCommand(app, probe);
 
     try {
         app.parse(argc, argv);
@@ -34,5 +36,6 @@ int main(int argc, char** argv) {
     }
 
     if (app.got_subcommand("scan")) return runScan(scan, common);
+    if (app.got_subcommand("probe")) return runProbe(probe, common);
     return kExitUsage;
 }

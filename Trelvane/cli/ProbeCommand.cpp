@@ -1,0 +1,141 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+// `trelvane probe FILE...`: what the metadata readers find in each file, as the metadata load
+// would merge it into the clip. It is how a user sees why a clip landed where it did: which clock
+// it had and how far that was trusted, which device it was counted to, which timecode it carried.
+#include "Trelvane/cli/Commands.hpp"
+#include "TrelvaneEngine/media/AudioMetadata.hpp"
+#include "TrelvaneEngine/support/Date.hpp"
+#include "TrelvaneEngine/support/Files.hpp"
+#include "TrelvaneEngine/support/Url.hpp"
+
+#include <cmath>
+#include <fmt/format.h>
+#include <iostream>
+#include <nlohmann/json.hpp>
+
+namespace trelvane::cli {
+
+namespace {
+
+struct Probe {
+    Url url;
+    std::optional<double> duration;
+    std::optional<float> frameRate;
+    std::optional<std::string> device;
+    AudioExtractor::RecordingClock clock;
+    std::optional<int> channels;
+    std::vector<int> channelIndices;
+    std::optional<AudioExtractor::VideoSize> size;
+    std::optional<double> timecode;
+    std::string timecodeSource; // which reader of the chain gave it
+};
+
+Probe probe(const Url& url) {
+    Probe p;
+    p.url = url;
+    p.duration = AudioExtractor::readDuration(url);
+    p.frameRate = AudioExtractor::readFrameRate(url);
+    p.device = AudioExtractor::readDeviceInfo(url);
+    p.clock = AudioExtractor::readRecordingClock(url);
+    p.channels = AudioExtractor::readChannelCount(url);
+    // The load stage reads the indices with the count it merges: 1 when the count is unknown.
+    p.channelIndices = AudioExtractor::readAudioChannelIndices(url, p.channels.value_or(1));
+    p.size = AudioExtractor::readVideoSize(url);
+    if ((p.timecode = AudioExtractor::readMovieTimecode(url)))
+        p.timecodeSource = "movie";
+    else if ((p.timecode = AudioExtractor::readSonyNRTMTimecode(url)))
+        p.timecodeSource = "camera-xml";
+    else if ((p.timecode = AudioExtractor::readBWFTimecode(url)))
+        p.timecodeSource = "bext";
+    return p;
+}
+
+// A float rate as its decimal reading (29.97, not 29.969999313354492).
+double rateValue(float fps) {
+    return std::round(static_cast<double>(fps) * 1000.0) / 1000.0;
+}
+
+std::string clockText(double seconds) {
+    const auto ms = static_cast<long long>(std::llround(seconds * 1000.0));
+    return fmt::format("{:02}:{:02}:{:02}.{:03}", ms / 3'600'000, ms / 60'000 % 60, ms / 1000 % 60,
+                       ms % 1000);
+}
+
+nlohmann::json toJson(const Probe& p) {
+    using nlohmann::json;
+    json o = json::object();
+    o["path"] = p.url.path();
+    o["duration"] = p.duration ? json(*p.duration) : json(nullptr);
+    o["frameRate"] = p.frameRate ? json(rateValue(*p.frameRate)) : json(nullptr);
+    o["deviceName"] = p.device ? json(*p.device) : json(nullptr);
+    o["recordingDate"] = p.clock.date ? json(iso8601(*p.clock.date)) : json(nullptr);
+    o["clockQuality"] = std::string(rawName(p.clock.quality));
+    o["channelCount"] = p.channels ? json(*p.channels) : json(nullptr);
+    o["audioChannelIndices"] = p.channelIndices;
+    o["pixelWidth"] = p.size ? json(p.size->width) : json(nullptr);
+    o["pixelHeight"] = p.size ? json(p.size->height) : json(nullptr);
+    o["startTimecode"] = p.timecode ? json(*p.timecode) : json(nullptr);
+    o["timecodeSource"] = p.timecode ? json(p.timecodeSource) : json(nullptr);
+    return o;
+}
+
+void printText(const Probe& p) {
+    constexpr const char* kNone = "-";
+    const auto line = [](const char* label, const std::string& value) {
+        std::cout << fmt::format("  {:<17}{}\n", label, value);
+    };
+    std::cout << terminalSafe(p.url.path()) << '\n';
+    line("duration", p.duration ? fmt::format("{:.3f} s", *p.duration) : kNone);
+    line("frame rate", p.frameRate ? fmt::format("{:g} fps", rateValue(*p.frameRate)) : kNone);
+    line("device", p.device ? terminalSafe(*p.device) : kNone);
+    line("clock", p.clock.date ? fmt::format("{} ({})", iso8601(*p.clock.date), rawName(p.clock.quality))
+                               : fmt::format("none ({})", rawName(p.clock.quality)));
+    line("channels", p.channels ? std::to_string(*p.channels) : kNone);
+    std::string indices = "all";
+    if (!p.channelIndices.empty()) indices = fmt::format("{}", fmt::join(p.channelIndices, ", "));
+    line("channel indices", indices);
+    line("picture size", p.size ? fmt::format("{}x{}", p.size->width, p.size->height) : kNone);
+    line("timecode",
+         p.timecode ? fmt::format("{} ({:.3f} s, {})", clockText(*p.timecode), *p.timecode, p.timecodeSource)
+                    : kNone);
+}
+
+} // namespace
+
+void addProbeCommand(CLI::App& app, ProbeOptions& options) {
+    auto* cmd = app.add_subcommand("probe", "Print what the metadata readers find in media files");
+    cmd->add_option("files", options.files, "Media files")->required();
+    cmd->add_flag("--json", options.json, "Print one JSON object per file, in an array");
+}
+
+int runProbe(const ProbeOptions& options, const CommonOptions&) {
+    std::vector<Url> urls;
+    for (const auto& f : options.files) {
+        const Url url = Url::fromPath(f);
+        const auto kind = Files::kindOf(url.fsPath());
+        if (!kind.exists) {
+            std::cerr << "trelvane: no such file: " << terminalSafe(f) << '\n';
+            return kExitFailure;
+        }
+        if (kind.isDirectory) {
+            std::cerr << "trelvane: a folder, not a file: " << terminalSafe(f) << '\n';
+            return kExitFailure;
+        }
+        urls.push_back(url);
+    }
+
+    if (options.json) {
+        nlohmann::json all = nlohmann::json::array();
+        for (const auto& url : urls)
+            all.push_back(toJson(probe(url)));
+        std::cout << all.dump(2, ' ', false, nlohmann::json::error_handler_t::replace) << '\n';
+        return kExitOK;
+    }
+    for (std::size_t i = 0; i < urls.size(); ++i) {
+        if (i > 0) std::cout << '\n';
+        printText(probe(urls[i]));
+    }
+    return kExitOK;
+}
+
+} // namespace trelvane::cli

@@ -1,0 +1,162 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+// `trelvane probe` as a user runs it: real process, real media, exit statuses.
+#include "TestSupport.hpp"
+
+#include <array>
+#include <cstdio>
+#include <cstdlib>
+#include <ctime>
+#include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
+#include <sys/wait.h>
+
+using trelvane::test::TempDir;
+
+namespace {
+
+struct Run {
+    int status = -1;
+    std::string out;
+};
+
+std::string quoted(const std::string& s) {
+    std::string q = "'";
+    for (char c : s)
+        q += c == '\'' ? std::string("'\\''") : std::string(1, c);
+    return q + "'";
+}
+
+// Runs the CLI with the user's folders redirected into `home`, in a fixed zone so that printed
+// dates are known; stderr is folded into `out` when asked.
+Run runCli(const TempDir& home, const std::string& args, bool withStderr = false) {
+    const std::string cmd = "TZ=UTC XDG_DATA_HOME=" + quoted((home / "data").string()) +
+                            " XDG_CONFIG_HOME=" + quoted((home / "config").string()) +
+                            " XDG_CACHE_HOME=" + quoted((home / "cache").string()) + " " +
+                            quoted(TRELVANE_CLI_PATH) + " " + args + (withStderr ? " 2>&1" : " 2>/dev/null");
+    Run r;
+    FILE* pipe = ::popen(cmd.c_str(), "r");
+    if (!pipe) return r;
+    std::array<char, 4096> buf{};
+    std::size_t n;
+    while ((n = std::fread(buf.data(), 1, buf.size(), pipe)) > 0)
+        r.out.append(buf.data(), n);
+    const int raw = ::pclose(pipe);
+    r.status = WIFEXITED(raw) ? WEXITSTATUS(raw) : -1;
+    return r;
+}
+
+void ffmpeg(const std::string& args) {
+    const std::string cmd = "ffmpeg -nostdin -hide_banner -loglevel error -y " + args;
+    ASSERT_EQ(std::system(cmd.c_str()), 0) << cmd;
+}
+
+// A recorder take with a stamp at 14:30:12 and timecode 01:00:00 (48 kHz).
+std::filesystem::path recorderTake(const TempDir& home) {
+    const auto p = home / "shoot/ZOOM0001.WAV";
+    std::filesystem::create_directories(p.parent_path());
+    ffmpeg("-f lavfi -i sine=sample_rate=48000:duration=1 -ac 2 -c:a pcm_s16le -write_bext 1 "
+           "-metadata originator=" +
+           quoted("ZOOM F8") +
+           " -metadata origination_date=2024-03-15 -metadata origination_time=14:30:12"
+           " -metadata time_reference=172800000 " +
+           quoted(p.string()));
+    return p;
+}
+
+std::filesystem::path cameraClip(const TempDir& home) {
+    const auto p = home / "shoot/C0001.MP4";
+    std::filesystem::create_directories(p.parent_path());
+    ffmpeg("-f lavfi -i testsrc=size=320x240:rate=25:duration=1 -f lavfi -i sine=duration=1 "
+           "-timecode 00:00:10:05 -c:v libx264 -preset ultrafast -c:a aac -shortest " +
+           quoted(p.string()));
+    return p;
+}
+
+} // namespace
+
+TEST(Probe, PrintsWhatTheReadersFindInEachFile) {
+    TempDir home;
+    const auto wav = recorderTake(home);
+    const auto mp4 = cameraClip(home);
+    const auto r = runCli(home, "probe " + quoted(wav.string()) + " " + quoted(mp4.string()));
+    ASSERT_EQ(r.status, 0) << r.out;
+    const auto wavAt = r.out.find(wav.string() + "\n");
+    const auto mp4At = r.out.find(mp4.string() + "\n");
+    ASSERT_NE(wavAt, std::string::npos) << r.out;
+    ASSERT_NE(mp4At, std::string::npos) << r.out;
+    ASSERT_LT(wavAt, mp4At);
+    const std::string first = r.out.substr(wavAt, mp4At - wavAt);
+    const std::string second = r.out.substr(mp4At);
+    for (const char* line : {"duration         1.000 s", "device           ZOOM F8",
+                             "clock            2024-03-15T14:30:12.000+00:00 (embedded)",
+                             "channels         2", "channel indices  all", "frame rate       -",
+                             "picture size     -", "timecode         01:00:00.000 (3600.000 s, bext)"})
+        EXPECT_NE(first.find(line), std::string::npos) << line << "\n" << first;
+    for (const char* line :
+         {"frame rate       25 fps", "picture size     320x240", "(filesystem)",
+          "timecode         00:00:10.200 (10.200 s, movie)", "device           cam_h264_320x240_25"})
+        EXPECT_NE(second.find(line), std::string::npos) << line << "\n" << second;
+}
+
+TEST(Probe, JsonHasOneObjectPerFileWithNullsForWhatIsAbsent) {
+    TempDir home;
+    const auto wav = recorderTake(home);
+    const auto mp4 = cameraClip(home);
+    const auto junk = home.file("shoot/notes.wav", "not audio");
+    const auto r = runCli(home, "probe --json " + quoted(wav.string()) + " " + quoted(mp4.string()) + " " +
+                                    quoted(junk.string()));
+    ASSERT_EQ(r.status, 0) << r.out;
+    const auto doc = nlohmann::json::parse(r.out);
+    ASSERT_TRUE(doc.is_array());
+    ASSERT_EQ(doc.size(), 3u);
+
+    const auto& w = doc[0];
+    EXPECT_EQ(w["path"], wav.string());
+    EXPECT_EQ(w["duration"], 1.0);
+    EXPECT_TRUE(w["frameRate"].is_null());
+    EXPECT_EQ(w["deviceName"], "ZOOM F8");
+    EXPECT_EQ(w["recordingDate"], "2024-03-15T14:30:12.000+00:00");
+    EXPECT_EQ(w["clockQuality"], "embedded");
+    EXPECT_EQ(w["channelCount"], 2);
+    EXPECT_EQ(w["audioChannelIndices"], nlohmann::json::array());
+    EXPECT_TRUE(w["pixelWidth"].is_null());
+    EXPECT_TRUE(w["pixelHeight"].is_null());
+    EXPECT_EQ(w["startTimecode"], 3600.0);
+    EXPECT_EQ(w["timecodeSource"], "bext");
+
+    const auto& m = doc[1];
+    EXPECT_EQ(m["frameRate"], 25.0);
+    EXPECT_EQ(m["pixelWidth"], 320);
+    EXPECT_EQ(m["pixelHeight"], 240);
+    EXPECT_DOUBLE_EQ(m["startTimecode"].get<double>(), 10.2);
+    EXPECT_EQ(m["timecodeSource"], "movie");
+    EXPECT_EQ(m["clockQuality"], "filesystem");
+
+    // A file that is no media: every reading absent but the file's own date.
+    const auto& j = doc[2];
+    for (const char* key : {"duration", "frameRate", "deviceName", "channelCount", "pixelWidth",
+                            "pixelHeight", "startTimecode", "timecodeSource"})
+        EXPECT_TRUE(j[key].is_null()) << key;
+    EXPECT_EQ(j["clockQuality"], "filesystem");
+    EXPECT_TRUE(j["recordingDate"].is_string());
+}
+
+TEST(Probe, MissingFilesFoldersAndUsageErrorsHaveTheirExitStatuses) {
+    TempDir home;
+    const auto wav = recorderTake(home);
+    const std::string missing = (home / "no such take.wav").string();
+    const auto r = runCli(home, "probe " + quoted(wav.string()) + " " + quoted(missing), true);
+    EXPECT_EQ(r.status, 1);
+    EXPECT_NE(r.out.find("no such file: " + missing), std::string::npos) << r.out;
+    // Nothing is printed for the files before it either: the paths are checked first.
+    EXPECT_EQ(r.out.find("ZOOM F8"), std::string::npos) << r.out;
+
+    const auto folder = runCli(home, "probe " + quoted((home / "shoot").string()), true);
+    EXPECT_EQ(folder.status, 1);
+    EXPECT_NE(folder.out.find((home / "shoot").string()), std::string::npos) << folder.out;
+
+    EXPECT_EQ(runCli(home, "probe").status, 2) << "probe needs a file";
+    EXPECT_EQ(runCli(home, "probe --no-such-flag " + quoted(wav.string())).status, 2);
+    const auto help = runCli(home, "--help");
+    EXPECT_NE(help.out.find("probe"), std::string::npos) << help.out;
+}
