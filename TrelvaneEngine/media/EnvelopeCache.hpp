@@ -1,0 +1,115 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+#pragma once
+
+// What is costly to recompute for a file seen before, kept on disk: the waveform preview, the RMS
+// envelope and the band feature. Re-adding a clip then skips decoding. A namespace of static
+// operations without state; every failure in it only means a miss (load gives nothing, save gives
+// false), so callers never handle an error. Callable from any thread: writes go to a temporary file
+// in the cache folder that is then renamed over the entry, so two writers of one key (who write the
+// same content) and a crash mid-write never leave a half entry that reads as valid.
+//
+// Entries live in one folder, named by the source file's key: "<key>" holds preview and envelope,
+// "<key>.bands" the band feature. All numbers are little-endian, without padding:
+//
+//   preview and envelope            band feature
+//   u32 version (4)                 u32 version (6)
+//   u32 n, then n f32 (preview)     u32 band count b
+//   u32 m, then m f32 (envelope)    u32 frames f, then b * f f32, band after band
+//
+// A file is read only when it is exactly as long as its counts say, so a truncated, padded or
+// hostile file is a miss; no count is trusted before it has been checked against the bytes there.
+
+#include "TrelvaneEngine/features/SpectralBands.hpp"
+#include "TrelvaneEngine/support/Date.hpp"
+#include "TrelvaneEngine/support/Url.hpp"
+
+#include <cstddef>
+#include <cstdint>
+#include <filesystem>
+#include <optional>
+#include <span>
+#include <string>
+#include <vector>
+
+namespace trelvane::EnvelopeCache {
+
+// Raising a version turns the old entries into misses; they age out through `prune`.
+inline constexpr std::uint32_t kPairVersion = 4;
+inline constexpr std::uint32_t kBandsVersion = 6;
+
+// `prune` removes entries older than this, whatever the total size...
+inline constexpr std::int64_t kMaxAgeSeconds = 604'800; // 7 days
+// ...then the oldest ones while the total is above this (the total may equal it).
+inline constexpr std::int64_t kCeilingBytes = std::int64_t{1} << 31;
+
+// No entry larger than this is written or read (about 90 hours of band feature), so that a stray
+// huge file in the folder costs nothing.
+inline constexpr std::int64_t kMaxEntryBytes = std::int64_t{1} << 29;
+
+struct Pair {
+    std::vector<float> preview;
+    std::vector<float> envelope;
+
+    bool operator==(const Pair&) const = default;
+};
+
+struct PruneResult {
+    int removed = 0;
+    std::int64_t bytesFreed = 0;
+};
+
+// The user's cache folder for Trelvane ($XDG_CACHE_HOME/Trelvane or ~/.cache/Trelvane). It is made,
+// with its parents, by the first save. Every operation below takes the folder as a last argument,
+// which defaults to this one.
+std::filesystem::path cacheDir();
+
+// The key of a source file: djb2 (64-bit, wrapping) over the UTF-8 bytes of
+// "<path>|<size in bytes>|<modification time in whole seconds since 1970, truncated toward zero>",
+// printed as 16 lower-case hex digits. A file moved, rewritten or touched to another second gets a
+// new key; a touch within the same second does not. Only the file's status is read (following
+// links, so an entry follows the file a link points at). Nothing when the file can't be stat'ed,
+// is not a regular file or can't be read by this process: such a file is never cached.
+std::optional<std::string> cacheKey(const Url& url);
+
+// The bytes of an entry, or nothing when a count does not fit in 32 bits.
+std::optional<std::vector<std::uint8_t>> serialize(std::span<const float> preview,
+                                                   std::span<const float> envelope);
+// Nothing unless the version is 4 and the bytes are exactly what the counts promise.
+std::optional<Pair> deserialize(std::span<const std::uint8_t> bytes);
+
+// The bytes of a band entry, or nothing for a feature that is not one: a band whose length is not
+// `frames`, a negative `frames`, frames without bands or bands without frames.
+std::optional<std::vector<std::uint8_t>> serializeBands(const SpectralBands::Feature& feature);
+// Nothing unless the version is 6, the bytes are exactly what the counts promise and the counts
+// describe a feature (both zero, the empty feature, or both positive with `frames` within an int).
+std::optional<SpectralBands::Feature> deserializeBands(std::span<const std::uint8_t> bytes);
+
+// Preview and envelope of the file, if cached under its current key.
+std::optional<Pair> loadPair(const Url& url, const std::filesystem::path& folder = cacheDir());
+// Stores them under the file's current key. False when the file has no key or the entry could not
+// be written (the folder is made with its parents first); nothing half-written is left behind.
+bool savePair(const Url& url, std::span<const float> preview, std::span<const float> envelope,
+              const std::filesystem::path& folder = cacheDir());
+
+// The band feature of the file, if cached under its current key.
+std::optional<SpectralBands::Feature> loadBands(const Url& url,
+                                                const std::filesystem::path& folder = cacheDir());
+// As `savePair`, for the band feature.
+bool saveBands(const Url& url, const SpectralBands::Feature& feature,
+               const std::filesystem::path& folder = cacheDir());
+
+// Removes the entries whose modification time is earlier than `now` minus 7 days, then, while the
+// remaining files add up to more than 2^31 bytes, the oldest of them (by modification time, then
+// name). A file that can't be removed is skipped. Logs
+// "[Cache] pruned <n> entr(y|ies) (<MB> MB) — older than 7 days or over the 2 GB ceiling" when
+// anything went, with MB and GB in units of 2^20 and 2^30 bytes. Only the regular files directly in
+// the folder count as entries; anything else there is left alone.
+PruneResult prune(Date now, const std::filesystem::path& folder = cacheDir());
+
+// The sizes of the entries added up; 0 for a folder that is missing or can't be listed.
+std::int64_t cacheSize(const std::filesystem::path& folder = cacheDir());
+
+// Removes every entry; the folder itself stays.
+void clearAll(const std::filesystem::path& folder = cacheDir());
+
+} // namespace trelvane::EnvelopeCache
