@@ -1,9 +1,32 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 #pragma once
 
+// The feature audio matching rests on: a clip's analysis audio (mono float at 16 kHz) turned once
+// into eight log-energy series, one per logarithmic frequency band, at 25 frames per second. Two
+// clips are compared by correlating them band by band and fusing the eight results. Band envelopes
+// rather than waveforms make a match survive different microphones, levels and phase.
+//
+// All operations are pure functions of their arguments (the FFT plans they share are read-only),
+// callable from any thread. Refusals are an empty result, never an exception.
+
+#include <array>
+#include <optional>
+#include <span>
 #include <vector>
 
 namespace trelvane::SpectralBands {
+
+inline constexpr int kSampleRate = 16'000; // Hz, of the analysis audio
+inline constexpr int kWindow = 1'024;      // samples, 64 ms: the FFT length
+inline constexpr unsigned kLog2Window = 10;
+inline constexpr int kHop = 640;      // samples, 40 ms
+inline constexpr int kFrameRate = 25; // frames per second
+inline constexpr int kBandCount = 8;
+inline constexpr int kMinimumFrames = 5; // a shorter feature or slice is refused
+// FFT bin edges (bins of 15.625 Hz): band b sums bins kBandEdges[b] to kBandEdges[b + 1] - 1, so
+// the bands run from 15.625 Hz to the Nyquist frequency. They are clamp(int(exp2(i * 9 / 8)), 1, 512)
+// for i from 1 to 8, truncated, after a first edge of 1.
+inline constexpr std::array<int, kBandCount + 1> kBandEdges = {1, 2, 4, 10, 22, 49, 107, 234, 512};
 
 // Eight z-scored band-energy series at 25 frames per second (window 1,024 samples, hop 640 at
 // 16 kHz). `frames` is the length of each series; 0 for an empty feature, whose `bands` is empty.
@@ -13,5 +36,42 @@ struct Feature {
 
     bool operator==(const Feature&) const = default;
 };
+
+// One candidate alignment of a clip against a reference.
+struct Peak {
+    // Seconds from the reference's start to the clip's start; negative when the clip starts first.
+    double offsetSeconds = 0;
+    // Height of the fused correlation at this lag, in standard deviations above the mean of the
+    // searched range.
+    float score = 0;
+
+    bool operator==(const Peak&) const = default;
+};
+
+// The feature of `pcm`, samples at 16 kHz: frames of 1,024 samples every 640, so
+// (pcm.size() - 1024) / 640 + 1 frames, each band z-scored over the whole. Fewer than 5 frames
+// (under 3,584 samples) give the empty feature; never fails.
+Feature compute(std::span<const float> pcm);
+
+// The cut of `feature` from `fromSec` for `durationSec` (seconds, rounded half away from zero to
+// frames at 25 fps; a negative start counts as 0), each band z-scored again on its own. Nothing
+// when the cut has 4 frames or fewer, runs past the end (it is not shortened), the feature hasn't
+// exactly 8 bands of `frames` values, or either argument is not finite.
+std::optional<Feature> slice(const Feature& feature, double fromSec, double durationSec);
+
+// The best `topK` offsets of `clip` against `ref`, best first, none closer than
+// `minSeparationSec` to a better one. The clip must be strictly shorter than the reference (a
+// caller wanting the other case swaps them). Only offsets that keep at least `minOverlapSec` of
+// the clip on the reference are searched (truncated to whole frames; a negative value counts as
+// none), further limited to [minOffsetSec, maxOffsetSec] (seconds, rounded half away from zero to
+// frames); an infinite bound means none on that side. Empty when `topK` is below 1, either feature
+// has fewer than 5 frames or bands of another length than its `frames`, the band counts differ, no
+// band varies, the range is empty or flat, or `minOverlapSec` is not a number.
+std::vector<Peak> peaks(const Feature& clip, const Feature& ref, double minOffsetSec, double maxOffsetSec,
+                        double minOverlapSec, int topK, double minSeparationSec);
+
+// `values` less their mean, divided by their standard deviation unless that is 1e-9 or less (then
+// only centred). The normalisation of every band; exposed for its tests.
+std::vector<float> zscore(std::span<const float> values);
 
 } // namespace trelvane::SpectralBands
