@@ -1,0 +1,602 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+#include "TrelvaneEngine/media/AudioExtractor.hpp"
+
+#include "TrelvaneEngine/model/TrelvaneError.hpp"
+#include "TrelvaneEngine/support/Files.hpp"
+
+#include <algorithm>
+#include <cerrno>
+#include <climits>
+#include <cmath>
+#include <cstdint>
+#include <fmt/format.h>
+#include <limits>
+#include <memory>
+#include <optional>
+#include <sys/stat.h>
+#include <system_error>
+
+extern "C" {
+#include <libavcodec/avcodec.h>
+#include <libavformat/avformat.h>
+#include <libavutil/channel_layout.h>
+#include <libavutil/dict.h>
+#include <libavutil/error.h>
+#include <libavutil/frame.h>
+#include <libswresample/swresample.h>
+}
+
+namespace trelvane::AudioExtractor {
+
+namespace {
+
+constexpr int kRate = 16000;
+// Room for two hours is made before the first sample, so that the usual clip never moves its
+// samples while it grows; the reservation is address space, pages are only touched as filled.
+constexpr std::size_t kTwoHours = 115'200'000;
+constexpr std::int64_t kMostSamples = static_cast<std::int64_t>(kLongestExtraction * kAnalysisRate);
+// Frames one packet may fail to give before the decoder is taken to be stuck.
+constexpr int kMostRejectedFrames = 1000;
+// The most channels libswresample mixes in one stream.
+constexpr int kMostChannels = 64;
+// Demuxers of media that a shoot holds. Playlists and concatenation lists are not media: they
+// would make the demuxer open other files.
+constexpr const char* kMediaFormats = "mov,wav,w64,aiff,caf,mp3,aac,ac3,eac3,flac,ogg,matroska,avi,asf,mxf,"
+                                      "mpegts,mpeg,dv,flv,amr,wv,ape,au,tta,dts,truehd,gxf,nut";
+
+// ---- handles -------------------------------------------------------------------------------------
+
+struct FormatCloser {
+    void operator()(AVFormatContext* ctx) const noexcept { avformat_close_input(&ctx); }
+};
+struct CodecFree {
+    void operator()(AVCodecContext* ctx) const noexcept { avcodec_free_context(&ctx); }
+};
+struct SwrFree {
+    void operator()(SwrContext* ctx) const noexcept { swr_free(&ctx); }
+};
+struct PacketFree {
+    void operator()(AVPacket* pkt) const noexcept { av_packet_free(&pkt); }
+};
+struct FrameFree {
+    void operator()(AVFrame* frame) const noexcept { av_frame_free(&frame); }
+};
+struct DictionaryFree {
+    void operator()(AVDictionary** dict) const noexcept { av_dict_free(dict); }
+};
+
+using FormatPtr = std::unique_ptr<AVFormatContext, FormatCloser>;
+using CodecPtr = std::unique_ptr<AVCodecContext, CodecFree>;
+using SwrPtr = std::unique_ptr<SwrContext, SwrFree>;
+using PacketPtr = std::unique_ptr<AVPacket, PacketFree>;
+using FramePtr = std::unique_ptr<AVFrame, FrameFree>;
+
+std::string ffmpegMessage(int error) {
+    char text[AV_ERROR_MAX_STRING_SIZE] = {};
+    if (av_strerror(error, text, sizeof text) < 0) return fmt::format("Error {}", error);
+    return text;
+}
+
+// A resampler from `channels` channels of `format` at `rate` Hz to mono floats at `to` Hz that
+// mixes all channels with the same weight. Nothing when libswresample refuses.
+SwrPtr makeResampler(int channels, AVSampleFormat format, int rate, int to) {
+    if (channels < 1 || channels > kMostChannels || rate < 1 || to < 1) return nullptr;
+    AVChannelLayout in{};
+    av_channel_layout_default(&in, channels);
+    AVChannelLayout out{};
+    av_channel_layout_default(&out, 1);
+    SwrContext* raw = nullptr;
+    const int made = swr_alloc_set_opts2(&raw, &out, AV_SAMPLE_FMT_FLT, to, &in, format, rate, 0, nullptr);
+    av_channel_layout_uninit(&in);
+    av_channel_layout_uninit(&out);
+    SwrPtr swr(raw);
+    if (made < 0 || !swr) return nullptr;
+    // Equal weights rather than the library's downmix law, which would favour the centre and
+    // drop channels it has no place for (an LFE, unnamed channels of a recorder).
+    const std::vector<double> weights(static_cast<std::size_t>(channels), 1.0 / channels);
+    if (channels > 1 && swr_set_matrix(swr.get(), weights.data(), channels) < 0) return nullptr;
+    if (swr_init(swr.get()) < 0) return nullptr;
+    return swr;
+}
+
+// ---- the mix ---------------------------------------------------------------------------------------
+
+// The analysis stream as it is decoded: every stream adds its mono samples at its own position,
+// so streams are summed sample by sample and the shorter ones are padded with silence.
+class Mix {
+  public:
+    Mix(std::string name, double expectedSeconds, const Progress& onProgress)
+        : name_(std::move(name)), onProgress_(onProgress) {
+        expected_ = expectedSeconds > 0 ? expectedSeconds * kAnalysisRate : 0;
+    }
+
+    // Called once the file is known to hold sound.
+    void reserve() {
+        std::size_t room = kTwoHours;
+        // A longer file is expected: make its room at once rather than by doubling, which would
+        // briefly hold the old and the new array.
+        if (expected_ > 0 && expected_ < static_cast<double>(kMostSamples))
+            room = std::max(room, static_cast<std::size_t>(expected_ + 60 * kAnalysisRate));
+        samples_.reserve(std::min(room, static_cast<std::size_t>(kMostSamples)));
+    }
+
+    // Adds `count` samples at `position` (samples from the file's zero; before it, they are cut)
+    // and moves `position` past them.
+    void add(std::int64_t& position, const float* data, std::int64_t count) {
+        if (position < 0) {
+            const std::int64_t cut = std::min(count, -position);
+            data += cut;
+            count -= cut;
+            position += cut;
+        }
+        if (count <= 0) return;
+        if (position + count > kMostSamples)
+            throw TrelvaneError::readFailed(
+                fmt::format("{}: longer than {} hours", name_, static_cast<int>(kLongestExtraction / 3600)));
+        const auto end = static_cast<std::size_t>(position + count);
+        const bool appending = static_cast<std::size_t>(position) == samples_.size();
+        if (samples_.size() < end) samples_.resize(end, 0.0f);
+        float* to = samples_.data() + position;
+        if (appending)
+            std::copy(data, data + count, to);
+        else
+            for (std::int64_t i = 0; i < count; ++i)
+                to[i] += data[i];
+        position += count;
+        report();
+    }
+
+    std::vector<float>& samples() { return samples_; }
+
+  private:
+    void report() {
+        if (!onProgress_ || expected_ <= 0) return;
+        const double p = std::min(static_cast<double>(samples_.size()) / expected_, 1.0);
+        if (p - lastReported_ < 0.01) return;
+        onProgress_(p);
+        lastReported_ = p;
+    }
+
+    std::string name_;
+    const Progress& onProgress_;
+    double expected_ = 0;
+    double lastReported_ = 0;
+    std::vector<float> samples_;
+};
+
+// ---- one audio stream ------------------------------------------------------------------------------
+
+struct StreamReader {
+    AVStream* stream = nullptr;
+    CodecPtr decoder;
+    // Built for the format of the frames that arrive, and built anew when it changes.
+    SwrPtr resampler;
+    int channels = 0;
+    int format = -1;
+    int rate = 0;
+    // Where the next output sample goes, once the first frame has placed the stream.
+    std::int64_t position = 0;
+    bool placed = false;
+};
+
+// The reasons a read stops before its end.
+struct ReadFailure {};
+
+class Reader {
+  public:
+    Reader(const Url& url, double expectedSeconds, const Progress& onProgress)
+        : url_(url), name_(url.lastPathComponent()), mix_(name_, expectedSeconds, onProgress) {}
+
+    std::vector<float> run() {
+        open();
+        chooseStreams();
+        try {
+            decodeAll();
+        } catch (const ReadFailure&) {
+            throw TrelvaneError::emptySamples(name_);
+        }
+        if (mix_.samples().empty()) throw TrelvaneError::emptySamples(name_);
+        return std::move(mix_.samples());
+    }
+
+  private:
+    void open() {
+        struct stat st {};
+        if (::stat(url_.path().c_str(), &st) != 0)
+            throw TrelvaneError::readerStartFailed(std::error_code(errno, std::generic_category()).message());
+        // A pipe would block, a device never end.
+        if (S_ISDIR(st.st_mode))
+            throw TrelvaneError::readerStartFailed(
+                std::error_code(EISDIR, std::generic_category()).message());
+        if (!S_ISREG(st.st_mode)) throw TrelvaneError::readerStartFailed("Not a regular file");
+
+        AVDictionary* options = nullptr;
+        const std::unique_ptr<AVDictionary*, DictionaryFree> freeOptions(&options);
+        av_dict_set(&options, "protocol_whitelist", "file", 0);
+        av_dict_set(&options, "format_whitelist", kMediaFormats, 0);
+        AVFormatContext* raw = nullptr;
+        // The file protocol by name, so that no part of a path is ever taken for another protocol.
+        const std::string target = "file:" + url_.path();
+        // On failure the context is freed by the call itself.
+        const int opened = avformat_open_input(&raw, target.c_str(), nullptr, &options);
+        if (opened < 0) {
+            // A format outside the list above is, to this reader, no media at all.
+            const int shown = opened == AVERROR(EINVAL) ? AVERROR_INVALIDDATA : opened;
+            throw TrelvaneError::readerStartFailed(ffmpegMessage(shown));
+        }
+        format_.reset(raw);
+
+        // Pictures are never decoded, and not even read where the demuxer can skip them.
+        bool incomplete = false;
+        for (unsigned i = 0; i < raw->nb_streams; ++i) {
+            AVStream* st = raw->streams[i];
+            const AVCodecParameters* par = st->codecpar;
+            if (par->codec_type != AVMEDIA_TYPE_AUDIO)
+                st->discard = AVDISCARD_ALL;
+            else if (par->codec_id == AV_CODEC_ID_NONE || par->sample_rate <= 0 ||
+                     par->ch_layout.nb_channels <= 0 || st->start_time == AV_NOPTS_VALUE)
+                incomplete = true;
+        }
+        // Only files whose headers leave something out are probed (a WAV tells no start time, an
+        // MPEG transport stream no sample rate); a failure leaves what the headers gave.
+        if (incomplete) avformat_find_stream_info(raw, nullptr);
+    }
+
+    void chooseStreams() {
+        AVFormatContext* ctx = format_.get();
+        int missingDecoder = 0;
+        std::string missingName;
+        for (unsigned i = 0; i < ctx->nb_streams; ++i) {
+            AVStream* st = ctx->streams[i];
+            if (st->codecpar->codec_type != AVMEDIA_TYPE_AUDIO) continue;
+            st->discard = AVDISCARD_DEFAULT;
+            const AVCodec* codec = avcodec_find_decoder(st->codecpar->codec_id);
+            CodecPtr decoder(codec ? avcodec_alloc_context3(codec) : nullptr);
+            if (!decoder || avcodec_parameters_to_context(decoder.get(), st->codecpar) < 0) {
+                ++missingDecoder;
+                missingName = avcodec_get_name(st->codecpar->codec_id);
+                st->discard = AVDISCARD_ALL;
+                continue;
+            }
+            // The time base lets the decoder move a frame's timestamp past the priming samples it
+            // drops, so that the first kept sample lands where the edit list puts it.
+            decoder->pkt_timebase = st->time_base;
+            if (avcodec_open2(decoder.get(), codec, nullptr) < 0) {
+                ++missingDecoder;
+                missingName = avcodec_get_name(st->codecpar->codec_id);
+                st->discard = AVDISCARD_ALL;
+                continue;
+            }
+            auto reader = std::make_unique<StreamReader>();
+            reader->stream = st;
+            reader->decoder = std::move(decoder);
+            if (streamsByIndex_.size() <= i) streamsByIndex_.resize(i + 1);
+            streamsByIndex_[i] = reader.get();
+            streams_.push_back(std::move(reader));
+        }
+        if (streams_.empty() && missingDecoder == 0) throw TrelvaneError::noAudioTrack(name_);
+        if (streams_.empty())
+            throw TrelvaneError::readerStartFailed(
+                fmt::format("{} ({})", ffmpegMessage(AVERROR_DECODER_NOT_FOUND), missingName));
+
+        // The clip starts where its earliest sound or picture starts: a stream that begins later
+        // is preceded by silence. Cover art has a time but is no picture of the clip.
+        for (unsigned i = 0; i < ctx->nb_streams; ++i) {
+            const AVStream* st = ctx->streams[i];
+            const auto type = st->codecpar->codec_type;
+            const bool picture =
+                type == AVMEDIA_TYPE_VIDEO && (st->disposition & AV_DISPOSITION_ATTACHED_PIC) == 0;
+            if ((type != AVMEDIA_TYPE_AUDIO && !picture) || st->start_time == AV_NOPTS_VALUE) continue;
+            if (type == AVMEDIA_TYPE_AUDIO && (i >= streamsByIndex_.size() || !streamsByIndex_[i])) continue;
+            const auto start = seconds(st->start_time, st->time_base);
+            if (start && (!zero_ || *start < *zero_)) zero_ = start;
+        }
+    }
+
+    static std::optional<double> seconds(std::int64_t ts, AVRational base) {
+        if (ts == AV_NOPTS_VALUE || base.num <= 0 || base.den <= 0) return std::nullopt;
+        const double s = static_cast<double>(ts) * av_q2d(base);
+        if (!std::isfinite(s)) return std::nullopt;
+        return s;
+    }
+
+    void decodeAll() {
+        const PacketPtr packet(av_packet_alloc());
+        const FramePtr frame(av_frame_alloc());
+        if (!packet || !frame) throw ReadFailure{};
+        frame_ = frame.get();
+        mix_.reserve();
+        while (true) {
+            const int got = av_read_frame(format_.get(), packet.get());
+            if (got == AVERROR_EOF) break;
+            if (got < 0) throw ReadFailure{};
+            const auto index = static_cast<std::size_t>(packet->stream_index);
+            StreamReader* reader = index < streamsByIndex_.size() ? streamsByIndex_[index] : nullptr;
+            if (reader) decode(*reader, packet.get());
+            av_packet_unref(packet.get());
+        }
+        if (brokeOff()) throw ReadFailure{};
+        for (auto& reader : streams_) {
+            decode(*reader, nullptr);
+            drainResampler(*reader);
+        }
+    }
+
+    // Whether the file ends before the sound its index promises. A demuxer that finds its next
+    // sample beyond the end of a cut-off file reports the end of the file, not an error, and the
+    // read would pass for complete with part of the sound. Files without an index of their own
+    // (WAV) end where their data ends: a recording cut short by a flat battery stays readable.
+    bool brokeOff() {
+        struct stat st {};
+        if (::stat(url_.path().c_str(), &st) != 0) return true;
+        const auto size = static_cast<std::int64_t>(st.st_size);
+        for (const auto& reader : streams_) {
+            const int count = avformat_index_get_entries_count(reader->stream);
+            for (int i = 0; i < count; ++i) {
+                const AVIndexEntry* entry = avformat_index_get_entry(reader->stream, i);
+                if (entry && entry->pos >= 0 && entry->pos + entry->size > size) return true;
+            }
+        }
+        return false;
+    }
+
+    // Sends one packet (nothing: the end) and takes every frame it gives. A packet the decoder
+    // rejects as invalid leaves a gap, as a damaged block does; any other error ends the read.
+    void decode(StreamReader& reader, const AVPacket* packet) {
+        const int sent = avcodec_send_packet(reader.decoder.get(), packet);
+        if (sent < 0 && sent != AVERROR_INVALIDDATA && sent != AVERROR_EOF) throw ReadFailure{};
+        // Each rejected frame consumes input; the bound only guards against a decoder that
+        // would keep refusing the same data.
+        for (int rejected = 0;;) {
+            const int got = avcodec_receive_frame(reader.decoder.get(), frame_);
+            if (got == AVERROR(EAGAIN) || got == AVERROR_EOF) return;
+            if (got == AVERROR_INVALIDDATA && ++rejected < kMostRejectedFrames) continue;
+            if (got < 0) throw ReadFailure{};
+            convert(reader, frame_);
+            av_frame_unref(frame_);
+        }
+    }
+
+    void convert(StreamReader& reader, const AVFrame* frame) {
+        const int channels = frame->ch_layout.nb_channels;
+        if (frame->nb_samples <= 0 || channels <= 0) return;
+        if (!reader.resampler || channels != reader.channels || frame->format != reader.format ||
+            frame->sample_rate != reader.rate) {
+            drainResampler(reader);
+            reader.resampler = makeResampler(channels, static_cast<AVSampleFormat>(frame->format),
+                                             frame->sample_rate, kRate);
+            if (!reader.resampler) throw ReadFailure{};
+            reader.channels = channels;
+            reader.format = frame->format;
+            reader.rate = frame->sample_rate;
+        }
+        if (!reader.placed) place(reader, frame);
+        const int room = swr_get_out_samples(reader.resampler.get(), frame->nb_samples);
+        if (room < 0) throw ReadFailure{};
+        buffer_.resize(static_cast<std::size_t>(room) + 1);
+        auto* out = reinterpret_cast<std::uint8_t*>(buffer_.data());
+        const int made =
+            swr_convert(reader.resampler.get(), &out, room + 1,
+                        const_cast<const std::uint8_t**>(frame->extended_data), frame->nb_samples);
+        if (made < 0) throw ReadFailure{};
+        mix_.add(reader.position, buffer_.data(), made);
+    }
+
+    void drainResampler(StreamReader& reader) {
+        if (!reader.resampler) return;
+        buffer_.resize(4096);
+        auto* out = reinterpret_cast<std::uint8_t*>(buffer_.data());
+        while (true) {
+            const int made =
+                swr_convert(reader.resampler.get(), &out, static_cast<int>(buffer_.size()), nullptr, 0);
+            if (made < 0) throw ReadFailure{};
+            if (made == 0) break;
+            mix_.add(reader.position, buffer_.data(), made);
+        }
+        reader.resampler.reset();
+    }
+
+    // The first frame of a stream fixes where the stream lies on the clip's timeline; from then
+    // on its samples follow each other without regard to later timestamps.
+    void place(StreamReader& reader, const AVFrame* frame) {
+        reader.placed = true;
+        std::int64_t ts = frame->pts;
+        if (ts == AV_NOPTS_VALUE) ts = frame->best_effort_timestamp;
+        if (ts == AV_NOPTS_VALUE) ts = reader.stream->start_time;
+        const auto start = seconds(ts, reader.stream->time_base);
+        if (!start) return;
+        if (!zero_) zero_ = start;
+        const double offset = std::round((*start - *zero_) * kAnalysisRate);
+        // Timestamps that put the stream absurdly far from the others say nothing of its place.
+        if (std::abs(offset) >= static_cast<double>(kMostSamples)) return;
+        reader.position = static_cast<std::int64_t>(offset);
+    }
+
+    Url url_;
+    std::string name_;
+    Mix mix_;
+    FormatPtr format_;
+    std::vector<std::unique_ptr<StreamReader>> streams_;
+    std::vector<StreamReader*> streamsByIndex_;
+    std::optional<double> zero_;
+    AVFrame* frame_ = nullptr;
+    std::vector<float> buffer_;
+};
+
+float peakMagnitude(std::span<const float> samples) {
+    float peak = 0;
+    for (const float x : samples)
+        peak = std::max(peak, std::abs(x));
+    return peak;
+}
+
+// Clips to [-1, 1]; a NaN, which no recording holds, becomes silence rather than poisoning the
+// levels.
+void clip(std::vector<float>& samples) {
+    for (float& x : samples)
+        x = x > 1.0f ? 1.0f : x < -1.0f ? -1.0f : std::isnan(x) ? 0.0f : x;
+}
+
+void scaleToHalf(std::vector<float>& samples) {
+    const float peak = peakMagnitude(samples);
+    if (peak <= 0.000001f) return;
+    const float scale = 0.5f / peak;
+    for (float& x : samples)
+        x *= scale;
+}
+
+Extraction finish(std::vector<float> samples, const std::string& name) {
+    clip(samples);
+    if (!(peakMagnitude(samples) > 0.001f)) throw TrelvaneError::silentAudio(name);
+    detail::levelAudio(samples, kAnalysisRate);
+    Extraction result;
+    result.duration = static_cast<double>(samples.size()) / kAnalysisRate;
+    result.samples = std::move(samples);
+    return result;
+}
+
+} // namespace
+
+Extraction extract(const Url& url, double expectedSeconds, const Progress& onProgress) {
+    if (Files::lowercased(url.pathExtension()) == "braw") return detail::extractBRAW(url, onProgress);
+    Reader reader(url, expectedSeconds, onProgress);
+    return finish(reader.run(), url.lastPathComponent());
+}
+
+namespace detail {
+
+Extraction extractBRAW(const Url& url, const Progress& onProgress) {
+    if (!BRAWAudio::isAvailable()) throw TrelvaneError::readFailed(BRAWAudio::availabilityNote());
+    BRAWAudio::Progress scaled;
+    if (onProgress) scaled = [&onProgress](double fraction) { onProgress(fraction * 0.8); };
+    auto read = BRAWAudio::readAudio(url.path(), scaled);
+    if (!read.audio) throw TrelvaneError::readFailed(read.error);
+    return analysisFromInterleaved(*read.audio, url.lastPathComponent(), onProgress);
+}
+
+Extraction analysisFromInterleaved(const BRAWAudio::Audio& audio, const std::string& name,
+                                   const Progress& onProgress) {
+    const std::uint64_t frames = audio.frameCount;
+    const std::uint64_t channels = audio.channelCount;
+    if (frames == 0 || channels == 0 || !(audio.sampleRate > 0)) throw TrelvaneError::noAudioTrack(name);
+    if (frames > audio.interleaved.size() / channels) throw TrelvaneError::noAudioTrack(name);
+
+    std::vector<float> mono(frames);
+    const float* in = audio.interleaved.data();
+    if (channels == 1) {
+        std::copy(in, in + frames, mono.begin());
+    } else {
+        const float weight = 1.0f / static_cast<float>(channels);
+        for (std::uint64_t f = 0; f < frames; ++f) {
+            float sum = 0;
+            for (std::uint64_t c = 0; c < channels; ++c)
+                sum += in[f * channels + c];
+            mono[f] = sum * weight;
+        }
+    }
+    if (onProgress) onProgress(0.9);
+    std::vector<float> samples = resampleMono(mono, audio.sampleRate, kAnalysisRate);
+    mono = {};
+    // Here an empty stream is silence, not a failed read.
+    return finish(std::move(samples), name);
+}
+
+std::vector<float> resampleMono(std::span<const float> samples, double from, double to) {
+    if (std::abs(from - to) <= 0.5) return {samples.begin(), samples.end()};
+    const auto hertz = [](double rate) -> std::optional<int> {
+        if (!(rate >= 0.5) || rate > static_cast<double>(INT_MAX)) return std::nullopt;
+        return static_cast<int>(std::lround(rate));
+    };
+    const auto fromHz = hertz(from);
+    const auto toHz = hertz(to);
+    if (!fromHz || !toHz || samples.size() > static_cast<std::size_t>(INT_MAX))
+        throw TrelvaneError::readFailed("resampler");
+    const int count = static_cast<int>(samples.size());
+    const double capacity = std::trunc(to * static_cast<double>(count) / from) + 64;
+    if (!(capacity <= static_cast<double>(INT_MAX))) throw TrelvaneError::readFailed("resampler");
+
+    const SwrPtr swr = makeResampler(1, AV_SAMPLE_FMT_FLT, *fromHz, *toHz);
+    if (!swr) throw TrelvaneError::readFailed("resampler");
+    std::vector<float> out(static_cast<std::size_t>(capacity));
+    auto* to8 = reinterpret_cast<std::uint8_t*>(out.data());
+    const auto* from8 = reinterpret_cast<const std::uint8_t*>(samples.data());
+    const int room = static_cast<int>(out.size());
+    const int made = swr_convert(swr.get(), &to8, room, count > 0 ? &from8 : nullptr, count);
+    if (made < 0) throw TrelvaneError::readFailed(ffmpegMessage(made));
+    int total = made;
+    // The filter's tail, held back until the end of the input is known.
+    while (total < room) {
+        auto* tail = reinterpret_cast<std::uint8_t*>(out.data() + total);
+        const int more = swr_convert(swr.get(), &tail, room - total, nullptr, 0);
+        if (more < 0) throw TrelvaneError::readFailed(ffmpegMessage(more));
+        if (more == 0) break;
+        total += more;
+    }
+    out.resize(static_cast<std::size_t>(total));
+    return out;
+}
+
+void levelAudio(std::vector<float>& samples, double rate) {
+    const std::size_t n = samples.size();
+    if (n == 0) return;
+    const double wanted = rate * 0.4;
+    // Int(rate * 0.4) at least 1; a window longer than the clip is one window.
+    const std::size_t W =
+        wanted >= 1 ? (wanted >= static_cast<double>(n) ? n : static_cast<std::size_t>(wanted)) : 1;
+    const std::size_t N = (n + W - 1) / W;
+    if (N < 2) {
+        scaleToHalf(samples);
+        return;
+    }
+
+    std::vector<float> rms(N);
+    for (std::size_t i = 0; i < N; ++i) {
+        const std::size_t begin = i * W;
+        const std::size_t length = std::min(W, n - begin);
+        double sum = 0;
+        for (std::size_t j = begin; j < begin + length; ++j)
+            sum += static_cast<double>(samples[j]) * samples[j];
+        rms[i] = static_cast<float>(std::sqrt(sum / static_cast<double>(length)));
+    }
+
+    std::vector<float> kept;
+    for (const float r : rms)
+        if (r > 0.0001f) kept.push_back(r);
+    if (kept.empty()) return;
+    std::sort(kept.begin(), kept.end());
+    const float median = kept[kept.size() / 2];
+    const float gate = std::max(median * 0.05f, kept.front());
+
+    std::vector<float> gains(N);
+    for (std::size_t i = 0; i < N; ++i)
+        gains[i] = rms[i] >= gate ? std::clamp(median / rms[i], 0.25f, 8.0f) : std::min(median / gate, 8.0f);
+
+    std::vector<float> smooth(N);
+    for (std::size_t i = 0; i < N; ++i) {
+        const std::size_t lo = i >= 2 ? i - 2 : 0;
+        const std::size_t hi = std::min(i + 2, N - 1);
+        float sum = 0;
+        for (std::size_t k = lo; k <= hi; ++k)
+            sum += gains[k];
+        smooth[i] = sum / static_cast<float>(hi - lo + 1);
+    }
+
+    // Gains sit at window centres; between two centres they are interpolated, and the first and
+    // last half window hold the end gain.
+    const auto last = static_cast<double>(N - 1);
+    const auto width = static_cast<double>(W);
+    for (std::size_t j = 0; j < n; ++j) {
+        const double pos = static_cast<double>(j) / width - 0.5;
+        const double i0 = std::clamp(std::floor(pos), 0.0, last);
+        const double i1 = std::min(i0 + 1, last);
+        const auto t = static_cast<float>(std::clamp(pos - i0, 0.0, 1.0));
+        samples[j] *=
+            (1 - t) * smooth[static_cast<std::size_t>(i0)] + t * smooth[static_cast<std::size_t>(i1)];
+    }
+
+    scaleToHalf(samples);
+}
+
+} // namespace detail
+
+} // namespace trelvane::AudioExtractor
