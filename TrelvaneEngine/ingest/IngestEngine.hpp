@@ -10,8 +10,10 @@
 #include "TrelvaneEngine/model/TrackModels.hpp"
 
 #include <array>
+#include <functional>
 #include <optional>
 #include <set>
+#include <stop_token>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -62,6 +64,92 @@ struct IngestEngine {
     static std::optional<double> pictureTimecode(const REDCard::Take& take);
     // Lays a track's clips end to end from 0 in array order, as an unsynced track is shown.
     static void recomputeOffsets(TrackSource& source);
+
+    // Reads length, frame rate, device, recording clock, channels, picture size and timecode of
+    // every clip whose duration is 0, four clips at a time, and merges each result as it comes:
+    // the clip's fields, then recomputeOffsets on its track, then `onClipUpdated` (if set) with
+    // the whole list, on the calling thread. Blocking; meant for a worker thread. At the end it
+    // logs one "[Ingest] clock track …" line per track. Once `stop` is requested no further clip
+    // is started and the list is returned as merged so far, without the clock lines. A clip
+    // whose length can't be read keeps duration 0 and is read again by the next call.
+    static std::vector<TrackSource> loadMetadata(
+        std::vector<TrackSource> sources,
+        const std::function<void(const std::vector<TrackSource>&)>& onClipUpdated, std::stop_token stop = {});
+
+    // Device split: one track per recording device, run on the whole list after loadMetadata.
+    // Locked tracks and single-folder audio tracks stay whole and only get their `deviceName`;
+    // every other track with several device labels becomes one track per label (at most 8, the
+    // rest and the unlabelled clips in "<name> (other)"). Every track leaves with its `type`
+    // inferred from its clips and its `deviceName` from its clips' labels where they have one.
+    static std::vector<TrackSource> splitSourcesByDevice(std::vector<TrackSource> sources);
+    // The device behind a label: upper-cased, "DIGITAL CAMERA" and punctuation gone, trailing
+    // serial numbers (words of five digits or more) dropped, repeated words once. May be empty.
+    static std::string normalizeDeviceKey(const std::string& label);
+    // The raw label of the device with most clips; labels starting "cam_" (codec fingerprints,
+    // not devices) and labels with an empty key don't count. Nothing when no clip has a label.
+    static std::optional<std::string> trackDeviceLabel(const std::vector<ClipItem>& clips);
+    // "C0012.MP4" -> {"C", 12}: the file name without extension split before its trailing digits.
+    // Nothing without trailing digits, without a prefix, or when the digits overflow.
+    struct NumericKey {
+        std::string prefix;
+        long long num = 0;
+    };
+    static std::optional<NumericKey> clipNumericKey(const Url& url);
+
+    // Sibling channels: audio tracks whose files are the channels of one multi-channel recording
+    // (same stem, length and clock, one file per input) get `siblingOf` set to the leader track,
+    // and their clips `siblingLeaderID` set to their twin on the leader. Tracks already marked,
+    // video tracks and tracks of different sessions are never related. Never asks, never fails.
+    static std::vector<TrackSource> detectSiblingChannels(std::vector<TrackSource> sources);
+    // The file name without extension, less its last "_" and what follows ("T012_Tr1" -> "T012");
+    // a name with no such suffix, or that starts with its only "_", stays whole.
+    static std::string channelStem(const Url& url);
+
+    // Camera groups, day regions and text sync: the grouping proposals the user confirms.
+    // Detection never changes the tracks; apply writes only what the accepted proposals say.
+    // Video tracks of one session whose file numbers continue from one track to the next (same
+    // prefix, a step of 1 to 32) become one proposal per run of at least two tracks.
+    static std::vector<CameraGroupProposal> detectCameraGroups(const std::vector<TrackSource>& sources);
+    // Gives each accepted proposal that still finds two of its tracks the key "cam-<n>" (n counts
+    // accepted groups from 0 in this call) and lays their clips end to end across the tracks.
+    static std::vector<TrackSource> applyCameraGroups(std::vector<TrackSource> sources,
+                                                      const std::vector<CameraGroupProposal>& proposals,
+                                                      const std::set<Uuid>& accepted);
+    // The track indices in chronologicalOrder of the tracks' first clips; where either track has
+    // no clip, the lower index goes first. Stable, and safe although that order is not transitive.
+    static std::vector<int> tracksInClipOrder(const std::vector<TrackSource>& sources, std::vector<int> indices);
+    // The clock span of one track, from its trusted clips (clock from the file name or better),
+    // else from any dated clip with a clock; nothing when no clip has one.
+    struct TrackClockSpan {
+        int si = 0;
+        Date start;
+        Date end; // the latest date used, plus that clip's duration
+        ClockQuality quality = ClockQuality::none;
+        Date median; // element count/2 of the sorted dates used
+        int clipCount = 0; // all clips of the track, dated or not
+        double totalDur = 0; // seconds, all clips of the track
+    };
+    static std::optional<TrackClockSpan> trackClockSpan(const TrackSource& source, int index);
+    // One proposal per recording day of a session, from the audio recorders' clocks, or from the
+    // text-sync regions file where there is one. Proposes nothing when the clocks are in doubt.
+    static std::vector<DayRegionProposal> detectDayRegions(const std::vector<TrackSource>& sources);
+    // Writes the keys of the accepted proposals on their clips and tracks (clearing earlier ones in
+    // the sessions concerned), places tracks that no accepted proposal covers, then attaches the
+    // text-sync offsets of those sessions.
+    static std::vector<TrackSource> applyDayRegions(std::vector<TrackSource> sources,
+                                                    const std::vector<DayRegionProposal>& proposals,
+                                                    const std::set<Uuid>& accepted);
+    // Day regions from the session's text-sync regions file (TextSyncStore). Nothing: the file has
+    // nothing to say and the clocks decide. An empty list: the answer is "one day".
+    static std::optional<std::vector<DayRegionProposal>> detectDayRegionsFromTextSync(
+        const std::vector<TrackSource>& sources, const std::string& session, const std::vector<int>& indices);
+    // Fills `textSyncOffsetByPeer` of the session's tracks from the support edges of its regions
+    // file; the tracks come back unchanged without a file.
+    static std::vector<TrackSource> attachTextSyncPriors(std::vector<TrackSource> sources,
+                                                         const std::string& session);
+    // attachTextSyncPriors for each session of the given proposals.
+    static std::vector<TrackSource> attachTextSyncOffsets(const std::vector<DayRegionProposal>& proposals,
+                                                          std::vector<TrackSource> sources);
 };
 
 } // namespace trelvane

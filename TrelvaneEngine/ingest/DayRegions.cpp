@@ -1,0 +1,559 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+// Day regions: a shoot over several days leaves tracks that never overlap in time, and matching
+// across days only finds false hits. The recorders' clocks cut a session into days and the
+// cameras follow them. Clocks lie often, so most of this is about when not to believe them: in
+// doubt, no proposal, and the session stays one day for the audio to sort out.
+#include "TrelvaneEngine/ingest/IngestEngine.hpp"
+#include "TrelvaneEngine/ingest/TextSyncStore.hpp"
+#include "TrelvaneEngine/support/EngineLog.hpp"
+
+#include <algorithm>
+#include <cmath>
+#include <cstddef>
+#include <limits>
+#include <map>
+#include <numeric>
+#include <set>
+#include <string>
+#include <tuple>
+#include <utility>
+#include <vector>
+
+namespace trelvane {
+
+namespace {
+
+// Seconds.
+constexpr double kOutlierLimit = 86400;  // a clock further than a day from its group is wrong
+constexpr double kClusterMargin = 10800; // recordings closer than three hours are one day
+constexpr double kOrderMargin = 7200;
+constexpr double kClipMargin = 900;
+// How far past the first region's audio length undated camera clips may run before the rest is
+// taken to belong to the last region.
+constexpr double kDurationRatio = 1.05;
+// A clip length past this is a broken header, not a recording; it must not push dates off scale.
+constexpr double kLongestCredibleClip = 1e7;
+
+bool trusted(ClockQuality q) {
+    return q >= ClockQuality::filename;
+}
+
+double seconds(Date d) {
+    return unixSeconds(d);
+}
+
+double usableDuration(double d) {
+    return std::isfinite(d) && d > 0 ? std::min(d, kLongestCredibleClip) : 0.0;
+}
+
+Date plus(Date d, double secs) {
+    return d + std::chrono::microseconds(static_cast<long long>(std::llround(secs * 1e6)));
+}
+
+std::string joined(const std::vector<std::string>& parts, const char* separator) {
+    std::string out;
+    for (std::size_t i = 0; i < parts.size(); ++i) {
+        if (i > 0) out += separator;
+        out += parts[i];
+    }
+    return out;
+}
+
+// "/shoots/day1/" -> "day1"; "" and "/" -> "".
+std::string lastComponent(std::string path) {
+    while (!path.empty() && path.back() == '/')
+        path.pop_back();
+    const auto slash = path.rfind('/');
+    return slash == std::string::npos ? path : path.substr(slash + 1);
+}
+
+struct Dated {
+    Date date;
+    double duration = 0;
+    ClockQuality quality = ClockQuality::none;
+};
+
+// The clock span of a track's dated clips: earliest date, latest date plus that clip's length.
+std::pair<Date, Date> spanOf(const std::vector<Dated>& dated) {
+    Date start = dated.front().date;
+    const Dated* latest = &dated.front();
+    for (const auto& d : dated) {
+        start = std::min(start, d.date);
+        if (d.date > latest->date) latest = &d;
+    }
+    return {start, plus(latest->date, latest->duration)};
+}
+
+struct UnionFind {
+    std::vector<std::size_t> parent;
+    explicit UnionFind(std::size_t n) : parent(n) { std::iota(parent.begin(), parent.end(), std::size_t{0}); }
+    std::size_t find(std::size_t x) {
+        while (parent[x] != x)
+            x = parent[x] = parent[parent[x]];
+        return x;
+    }
+    void unite(std::size_t a, std::size_t b) {
+        a = find(a), b = find(b);
+        if (a != b) parent[std::max(a, b)] = std::min(a, b);
+    }
+};
+
+// The proposal's dates from its dated clips, less those further than a day from their median.
+void fillDates(DayRegionProposal& p, std::vector<Dated> dated) {
+    if (dated.empty()) return;
+    if (dated.size() > 1) {
+        std::vector<Date> dates;
+        for (const auto& d : dated)
+            dates.push_back(d.date);
+        std::sort(dates.begin(), dates.end());
+        const double median = seconds(dates[dates.size() / 2]);
+        std::vector<Dated> kept;
+        for (const auto& d : dated)
+            if (std::abs(seconds(d.date) - median) <= kOutlierLimit) kept.push_back(d);
+        if (!kept.empty()) dated = std::move(kept);
+    }
+    // The region ends where its last recording ends: across tracks, a long take that began
+    // earlier can end after the clip that began last.
+    p.startDate = dated.front().date;
+    p.endDate = plus(dated.front().date, dated.front().duration);
+    for (const auto& d : dated) {
+        p.startDate = std::min(*p.startDate, d.date);
+        p.endDate = std::max(*p.endDate, plus(d.date, d.duration));
+        p.clockQuality = std::max(p.clockQuality, d.quality);
+    }
+}
+
+// Clock-based proposals for one session; logs its doubts and returns nothing where it has them.
+std::vector<DayRegionProposal> detectFromClocks(const std::vector<TrackSource>& sources,
+                                                const std::string& session, const std::vector<int>& indices) {
+    using Span = IngestEngine::TrackClockSpan;
+    const auto& track = [&](int si) -> const TrackSource& { return sources[static_cast<std::size_t>(si)]; };
+
+    // Audio recorders carry the clocks that decide; cameras follow.
+    std::vector<Span> spans;
+    int audioTracks = 0;
+    for (const int si : indices) {
+        if (track(si).type != SourceType::audio) continue;
+        ++audioTracks;
+        if (auto s = IngestEngine::trackClockSpan(track(si), si)) spans.push_back(*s);
+    }
+
+    if (spans.size() >= 2) {
+        std::vector<Date> medians;
+        for (const auto& s : spans)
+            medians.push_back(s.median);
+        std::sort(medians.begin(), medians.end());
+        const double groupMedian = seconds(medians[medians.size() / 2]);
+        const auto before = spans.size();
+        std::erase_if(
+            spans, [&](const Span& s) { return std::abs(seconds(s.median) - groupMedian) > kOutlierLimit; });
+        if (const auto dropped = before - spans.size(); dropped > 0)
+            EngineLog::logf(
+                "[Ingest] day-region: %d audio device(s) have outlier clocks (>1 day from the group) — "
+                "not trusting them to split days",
+                static_cast<int>(dropped));
+    }
+
+    std::erase_if(spans, [](const Span& s) { return !trusted(s.quality); });
+    if (spans.size() < 2) {
+        if (audioTracks >= 2)
+            EngineLog::logf(
+                "[Ingest] day-region: device clocks for '%s' don't cohere within one day — treating as "
+                "a single day (audio-content sync)",
+                lastComponent(session));
+        return {};
+    }
+
+    // Recordings within the margin of each other are one day, and chains of them too.
+    UnionFind uf(spans.size());
+    for (std::size_t a = 0; a < spans.size(); ++a)
+        for (std::size_t b = a + 1; b < spans.size(); ++b)
+            if (seconds(spans[a].start) - kClusterMargin <= seconds(spans[b].end) &&
+                seconds(spans[b].start) <= seconds(spans[a].end) + kClusterMargin)
+                uf.unite(a, b);
+    std::vector<std::vector<std::size_t>> clusters;
+    std::map<std::size_t, std::size_t> clusterOfRoot;
+    for (std::size_t a = 0; a < spans.size(); ++a) {
+        const auto [it, inserted] = clusterOfRoot.try_emplace(uf.find(a), clusters.size());
+        if (inserted) clusters.emplace_back();
+        clusters[it->second].push_back(a);
+    }
+    if (clusters.size() < 2) return {};
+
+    // The day with the most audio comes first, then the days after it, then those before it.
+    auto totalDur = [&](const std::vector<std::size_t>& c) {
+        double sum = 0;
+        for (const auto a : c)
+            sum += spans[a].totalDur;
+        return sum;
+    };
+    auto earliest = [&](const std::vector<std::size_t>& c) {
+        Date d = spans[c.front()].start;
+        for (const auto a : c)
+            d = std::min(d, spans[a].start);
+        return d;
+    };
+    std::size_t largest = 0;
+    for (std::size_t k = 1; k < clusters.size(); ++k)
+        if (totalDur(clusters[k]) > totalDur(clusters[largest])) largest = k;
+    const Date anchor = earliest(clusters[largest]);
+    std::vector<std::vector<std::size_t>> ordered{clusters[largest]};
+    std::vector<std::vector<std::size_t>> rest;
+    for (std::size_t k = 0; k < clusters.size(); ++k)
+        if (k != largest) rest.push_back(clusters[k]);
+    auto orderKey = [&](const std::vector<std::size_t>& c) {
+        const Date e = earliest(c);
+        return seconds(e) < seconds(anchor) - kOrderMargin ? std::numeric_limits<double>::infinity()
+                                                           : seconds(e);
+    };
+    std::stable_sort(rest.begin(), rest.end(),
+                     [&](const auto& x, const auto& y) { return orderKey(x) < orderKey(y); });
+    ordered.insert(ordered.end(), rest.begin(), rest.end());
+
+    std::vector<Span> regions;
+    for (const auto& c : ordered) {
+        Span r = spans[c.front()];
+        r.clipCount = 0;
+        r.totalDur = 0;
+        for (const auto a : c) {
+            const auto& s = spans[a];
+            r.start = std::min(r.start, s.start);
+            r.end = std::max(r.end, s.end);
+            r.quality = std::max(r.quality, s.quality);
+            r.median = std::min(r.median, s.median);
+            r.clipCount += s.clipCount;
+            r.totalDur += s.totalDur;
+        }
+        regions.push_back(r);
+    }
+    const int lastRegion = static_cast<int>(regions.size()) - 1;
+
+    // Region of every clip of the session, by track index; -1 while unassigned.
+    std::map<int, std::vector<int>> regionOf;
+    for (const int si : indices)
+        regionOf[si].assign(track(si).clips.size(), -1);
+    for (std::size_t r = 0; r < ordered.size(); ++r)
+        for (const auto a : ordered[r])
+            std::fill(regionOf[spans[a].si].begin(), regionOf[spans[a].si].end(), static_cast<int>(r));
+
+    // The cards of one accepted camera group were shot one after another: one card per day.
+    std::set<int> done;
+    std::map<std::string, std::vector<int>> groups;
+    for (const int si : indices)
+        if (track(si).cameraGroup) groups[*track(si).cameraGroup].push_back(si);
+    for (const auto& [key, members] : groups) {
+        if (members.size() < 2) continue;
+        const auto inOrder = IngestEngine::tracksInClipOrder(sources, members);
+        for (std::size_t i = 0; i < inOrder.size() && static_cast<int>(i) <= lastRegion; ++i) {
+            const int si = inOrder[i];
+            std::fill(regionOf[si].begin(), regionOf[si].end(), static_cast<int>(i));
+            done.insert(si);
+            EngineLog::logf("[Ingest] day-region video '%s' → day-%d (group order %d/%d)", track(si).name,
+                            static_cast<int>(i), static_cast<int>(i) + 1, static_cast<int>(inOrder.size()));
+        }
+    }
+
+    // When the last region lies before the first, undated footage past the first clip is more
+    // likely the earlier day's.
+    const bool behindFirst =
+        regions.size() >= 2 && seconds(regions.back().median) < seconds(anchor) - kOrderMargin;
+
+    for (const int si : indices) {
+        const auto& t = track(si);
+        if (t.type != SourceType::video || done.contains(si)) continue;
+        auto& assigned = regionOf[si];
+        double onFirst = 0;
+        for (std::size_t ci = 0; ci < t.clips.size(); ++ci) {
+            const auto& clip = t.clips[ci];
+            const double dur = usableDuration(clip.duration);
+            int region = -1;
+            if (clip.recordingDate && trusted(clip.clockQuality)) {
+                const double date = seconds(*clip.recordingDate);
+                for (int r = 0; r <= lastRegion; ++r) {
+                    const auto& reg = regions[static_cast<std::size_t>(r)];
+                    if (r > 0 && seconds(reg.median) < date - kOrderMargin) continue;
+                    if (date - kClipMargin <= seconds(reg.end) + kClusterMargin &&
+                        seconds(reg.start) - kClusterMargin <= date + dur + kClipMargin) {
+                        region = r;
+                        break;
+                    }
+                }
+            }
+            if (region < 0) {
+                const bool first = ci == 0;
+                if (!behindFirst)
+                    region = (first || onFirst < kDurationRatio * regions.front().totalDur) ? 0 : lastRegion;
+                else
+                    region = first ? 0 : lastRegion;
+            }
+            if (region == 0) onFirst += dur;
+            assigned[ci] = region;
+        }
+        std::map<int, int> counts;
+        for (const int r : assigned)
+            ++counts[r];
+        std::vector<std::string> pieces;
+        for (const auto& [r, n] : counts)
+            pieces.push_back(fmt::sprintf("day-%d:%d", r, n));
+        std::sort(pieces.begin(), pieces.end());
+        EngineLog::logf("[Ingest] day-region camera '%s' → %s", t.name, joined(pieces, ", "));
+    }
+
+    // Recorders without a usable clock stay with the main day.
+    for (const int si : indices)
+        if (track(si).type == SourceType::audio)
+            for (int& r : regionOf[si])
+                if (r < 0) r = 0;
+
+    std::vector<DayRegionProposal> proposals;
+    for (int r = 0; r <= lastRegion; ++r) {
+        DayRegionProposal p;
+        p.session = session;
+        p.regionKey = "day-" + std::to_string(r);
+        p.label = "Region " + std::to_string(r + 1);
+        std::vector<Dated> dated;
+        for (const int si : indices) {
+            const auto& t = track(si);
+            int inRegion = 0;
+            for (std::size_t ci = 0; ci < t.clips.size(); ++ci) {
+                if (regionOf[si][ci] != r) continue;
+                const auto& clip = t.clips[ci];
+                ++inRegion;
+                p.clipIDs.push_back(clip.id);
+                if (clip.recordingDate)
+                    dated.push_back({*clip.recordingDate, usableDuration(clip.duration), clip.clockQuality});
+            }
+            if (inRegion == 0) continue;
+            p.trackIDs.push_back(t.id);
+            p.trackNames.push_back(
+                inRegion == static_cast<int>(t.clips.size())
+                    ? t.name
+                    : fmt::sprintf("%s (%d of %d)", t.name, inRegion, static_cast<int>(t.clips.size())));
+        }
+        if (p.clipIDs.empty()) continue;
+        p.clipCount = static_cast<int>(p.clipIDs.size());
+        fillDates(p, std::move(dated));
+        EngineLog::logf("[Ingest] day-region propose '%s': %s (%d clips, %s, q=%s)", p.regionKey,
+                        joined(p.trackNames, ", "), p.clipCount, p.timeRangeHint(), rawName(p.clockQuality));
+        proposals.push_back(std::move(p));
+    }
+
+    // A split where some day has cameras and another has none means the cameras' clocks and the
+    // recorders' disagree, not that the recorders worked a day alone: trust neither.
+    const bool hasVideo = std::any_of(indices.begin(), indices.end(),
+                                      [&](int si) { return track(si).type == SourceType::video; });
+    if (proposals.size() >= 2 && hasVideo) {
+        auto withVideo = [&](const DayRegionProposal& p) {
+            return std::any_of(p.trackIDs.begin(), p.trackIDs.end(), [&](const Uuid& id) {
+                return std::any_of(indices.begin(), indices.end(), [&](int si) {
+                    return track(si).id == id && track(si).type == SourceType::video;
+                });
+            });
+        };
+        const auto video = std::count_if(proposals.begin(), proposals.end(), withVideo);
+        if (video > 0 && video < static_cast<long>(proposals.size())) {
+            EngineLog::logf(
+                "[Ingest] day-region: audio-only vs video clock split for '%s' — treating as one day "
+                "(likely wrong wall clock)",
+                lastComponent(session));
+            return {};
+        }
+    }
+    return proposals;
+}
+
+// Which accepted region a track that no accepted proposal covers belongs to.
+//
+// Where the session's regions come from text sync, they carry no clock span, and the file named the
+// cameras it heard: a camera it didn't name most likely shot a day whose region has no camera yet.
+// So the unnamed cameras, in the order of their files, take the regions without a camera in region
+// order (all regions when every one has a camera), the last of them taking any surplus.
+//
+// Everything else goes by its own trusted clock: the region whose span, widened by the margin that
+// joins recordings into one day, meets the track's span, the nearest to the track's median where
+// several do. A track without a trusted clock, or whose clock meets no region, joins the first
+// region: that is the day with the most audio, where undated footage goes in detection too.
+void assignOrphanTracksToDayRegions(std::vector<TrackSource>& sources,
+                                    const std::vector<DayRegionProposal>& regions) {
+    std::vector<std::string> sessions;
+    for (const auto& p : regions)
+        if (std::find(sessions.begin(), sessions.end(), p.session) == sessions.end())
+            sessions.push_back(p.session);
+
+    for (const auto& session : sessions) {
+        std::vector<const DayRegionProposal*> own;
+        for (const auto& p : regions)
+            if (p.session == session) own.push_back(&p);
+        const bool fromTextSync = std::any_of(own.begin(), own.end(), [](const DayRegionProposal* p) {
+            return p->rangeOverride && p->rangeOverride->find("text-sync") != std::string::npos;
+        });
+
+        std::vector<int> orphanCameras, orphans;
+        for (std::size_t i = 0; i < sources.size(); ++i) {
+            const auto& t = sources[i];
+            if (t.session != session || t.dayRegion) continue;
+            (fromTextSync && t.type == SourceType::video ? orphanCameras : orphans)
+                .push_back(static_cast<int>(i));
+        }
+
+        if (!orphanCameras.empty()) {
+            auto hasCamera = [&](const DayRegionProposal* p) {
+                return std::any_of(sources.begin(), sources.end(), [&](const TrackSource& t) {
+                    return t.type == SourceType::video &&
+                           std::find(p->trackIDs.begin(), p->trackIDs.end(), t.id) != p->trackIDs.end();
+                });
+            };
+            std::vector<const DayRegionProposal*> open;
+            for (const auto* p : own)
+                if (!hasCamera(p)) open.push_back(p);
+            if (open.empty()) open = own;
+            const auto inOrder = IngestEngine::tracksInClipOrder(sources, orphanCameras);
+            for (std::size_t i = 0; i < inOrder.size(); ++i) {
+                auto& t = sources[static_cast<std::size_t>(inOrder[i])];
+                const auto* p = open[std::min(i, open.size() - 1)];
+                t.dayRegion = p->regionKey;
+                EngineLog::logf("[Ingest] day-region orphan '%s' → %s (text-sync camera order %d/%d)", t.name,
+                                p->regionKey, static_cast<int>(i) + 1, static_cast<int>(inOrder.size()));
+            }
+        }
+
+        for (const int si : orphans) {
+            auto& t = sources[static_cast<std::size_t>(si)];
+            const DayRegionProposal* chosen = nullptr;
+            if (const auto span = IngestEngine::trackClockSpan(t, si); span && trusted(span->quality)) {
+                const double median = seconds(span->median);
+                double nearest = std::numeric_limits<double>::infinity();
+                for (const auto* p : own) {
+                    if (!p->startDate || !p->endDate) continue;
+                    const double start = seconds(*p->startDate), end = seconds(*p->endDate);
+                    if (!(seconds(span->start) - kClusterMargin <= end &&
+                          start - kClusterMargin <= seconds(span->end)))
+                        continue;
+                    const double distance = median < start ? start - median
+                                            : median > end ? median - end
+                                                           : 0.0;
+                    if (distance < nearest) nearest = distance, chosen = p;
+                }
+            }
+            if (chosen) {
+                t.dayRegion = chosen->regionKey;
+                EngineLog::logf("[Ingest] day-region orphan '%s' → %s (clock fits %s)", t.name,
+                                chosen->regionKey, chosen->timeRangeHint());
+            } else {
+                t.dayRegion = own.front()->regionKey;
+                EngineLog::logf("[Ingest] day-region orphan '%s' → %s (no trusted clock fits — first region)",
+                                t.name, own.front()->regionKey);
+            }
+        }
+    }
+}
+
+} // namespace
+
+std::optional<IngestEngine::TrackClockSpan> IngestEngine::trackClockSpan(const TrackSource& source,
+                                                                         int index) {
+    std::vector<Dated> used;
+    for (const auto& c : source.clips)
+        if (c.recordingDate && trusted(c.clockQuality))
+            used.push_back({*c.recordingDate, usableDuration(c.duration), c.clockQuality});
+    if (used.empty())
+        for (const auto& c : source.clips)
+            if (c.recordingDate && c.clockQuality != ClockQuality::none)
+                used.push_back({*c.recordingDate, usableDuration(c.duration), c.clockQuality});
+    if (used.empty()) return std::nullopt;
+
+    TrackClockSpan span;
+    span.si = index;
+    std::tie(span.start, span.end) = spanOf(used);
+    std::vector<Date> dates;
+    for (const auto& d : used) {
+        dates.push_back(d.date);
+        span.quality = std::max(span.quality, d.quality);
+    }
+    std::sort(dates.begin(), dates.end());
+    span.median = dates[dates.size() / 2];
+    span.clipCount = static_cast<int>(source.clips.size());
+    for (const auto& c : source.clips)
+        span.totalDur += usableDuration(c.duration);
+    return span;
+}
+
+std::vector<DayRegionProposal> IngestEngine::detectDayRegions(const std::vector<TrackSource>& sources) {
+    std::vector<std::string> sessionOrder;
+    std::map<std::string, std::vector<int>> bySession;
+    for (std::size_t i = 0; i < sources.size(); ++i) {
+        auto [it, inserted] = bySession.try_emplace(sources[i].session);
+        if (inserted) sessionOrder.push_back(sources[i].session);
+        it->second.push_back(static_cast<int>(i));
+    }
+
+    std::vector<DayRegionProposal> result;
+    for (const auto& session : sessionOrder) {
+        const auto& indices = bySession[session];
+        // The text-sync file heard the same words on both sides: it outranks any clock.
+        auto proposals = detectDayRegionsFromTextSync(sources, session, indices);
+        if (!proposals) proposals = detectFromClocks(sources, session, indices);
+        for (auto& p : *proposals)
+            result.push_back(std::move(p));
+    }
+    return result;
+}
+
+std::vector<TrackSource> IngestEngine::applyDayRegions(std::vector<TrackSource> sources,
+                                                       const std::vector<DayRegionProposal>& proposals,
+                                                       const std::set<Uuid>& accepted) {
+    // Clear every earlier answer in the sessions asked about, so that the stage can run again.
+    std::set<std::string> concerned;
+    for (const auto& p : proposals)
+        concerned.insert(p.session);
+    for (auto& t : sources) {
+        if (!concerned.contains(t.session)) continue;
+        t.dayRegion.reset();
+        for (auto& c : t.clips)
+            c.dayRegion.reset();
+    }
+
+    std::vector<DayRegionProposal> chosen;
+    for (const auto& p : proposals)
+        if (accepted.contains(p.id)) chosen.push_back(p);
+
+    std::map<Uuid, std::pair<std::size_t, std::size_t>> clipAt;
+    for (std::size_t si = 0; si < sources.size(); ++si)
+        for (std::size_t ci = 0; ci < sources[si].clips.size(); ++ci)
+            clipAt.try_emplace(sources[si].clips[ci].id, si, ci);
+
+    for (const auto& p : chosen) {
+        EngineLog::logf("[Ingest] day-region '%s': %s (%s)", p.regionKey, joined(p.trackNames, ", "),
+                        p.timeRangeHint());
+        for (const auto& id : p.clipIDs)
+            if (const auto it = clipAt.find(id); it != clipAt.end())
+                sources[it->second.first].clips[it->second.second].dayRegion = p.regionKey;
+    }
+
+    // A track needs one key of its own, though its clips may lie in several regions (a recorder
+    // that ran past midnight, a track that text sync names twice). Every clip in a region keeps
+    // that region's key, so the track's key only speaks for its clips without one: it is the key
+    // that most of its clips hold, the earlier accepted region on a tie, since an unkeyed clip of a
+    // mostly-day-1 track is most likely day 1 as well. A listed track without clips takes the first
+    // region that lists it.
+    for (auto& t : sources) {
+        if (!concerned.contains(t.session)) continue;
+        int best = -1, bestCount = 0;
+        for (std::size_t k = 0; k < chosen.size(); ++k) {
+            if (chosen[k].session != t.session) continue;
+            const auto& key = chosen[k].regionKey;
+            const int count = static_cast<int>(std::count_if(
+                t.clips.begin(), t.clips.end(), [&](const ClipItem& c) { return c.dayRegion == key; }));
+            const bool listed = std::find(chosen[k].trackIDs.begin(), chosen[k].trackIDs.end(), t.id) !=
+                                chosen[k].trackIDs.end();
+            if ((count > 0 || listed) && (best < 0 || count > bestCount))
+                best = static_cast<int>(k), bestCount = count;
+        }
+        if (best >= 0) t.dayRegion = chosen[static_cast<std::size_t>(best)].regionKey;
+    }
+
+    if (chosen.size() >= 2) assignOrphanTracksToDayRegions(sources, chosen);
+    return attachTextSyncOffsets(chosen, std::move(sources));
+}
+
+} // namespace trelvane

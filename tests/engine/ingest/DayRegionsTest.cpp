@@ -1,0 +1,365 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+#include "TestSupport.hpp"
+#include "TrelvaneEngine/ingest/IngestEngine.hpp"
+
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <optional>
+#include <string>
+#include <vector>
+
+using namespace trelvane;
+using trelvane::test::LogCapture;
+
+namespace {
+
+const std::string kSession = "/shoots/Shoot";
+const Date kDay1 = dateFromUnixSeconds(1'700'000'000);
+
+Date hours(double h) {
+    return dateFromUnixSeconds(unixSeconds(kDay1) + h * 3600.0);
+}
+
+// A track whose clip i starts at `starts[i]` hours after the first morning (no date where absent),
+// each `duration` seconds long, with the given clock quality.
+TrackSource track(const std::string& name, SourceType type, const std::vector<std::optional<double>>& starts,
+                  double duration, ClockQuality quality, const std::string& session = kSession) {
+    TrackSource t;
+    t.name = name;
+    t.type = type;
+    t.session = session;
+    for (std::size_t i = 0; i < starts.size(); ++i) {
+        char file[96];
+        std::snprintf(file, sizeof file, "%s_%03zu.%s", name.c_str(), i + 1,
+                      type == SourceType::video ? "MOV" : "WAV");
+        ClipItem c;
+        c.url = Url::fromPath(session + "/" + name + "/" + file);
+        c.duration = duration;
+        if (starts[i]) {
+            c.recordingDate = hours(*starts[i]);
+            c.clockQuality = quality;
+        }
+        t.clips.push_back(c);
+    }
+    return t;
+}
+
+TrackSource recorder(const std::string& name, const std::vector<std::optional<double>>& starts,
+                     double duration, ClockQuality quality = ClockQuality::embedded,
+                     const std::string& session = kSession) {
+    return track(name, SourceType::audio, starts, duration, quality, session);
+}
+
+TrackSource camera(const std::string& name, const std::vector<std::optional<double>>& starts,
+                   double duration = 300, ClockQuality quality = ClockQuality::filename,
+                   const std::string& session = kSession) {
+    return track(name, SourceType::video, starts, duration, quality, session);
+}
+
+std::vector<std::string> regionsOf(const TrackSource& t) {
+    std::vector<std::string> out;
+    for (const auto& c : t.clips)
+        out.push_back(c.dayRegion.value_or("-"));
+    return out;
+}
+
+std::set<Uuid> allOf(const std::vector<DayRegionProposal>& proposals) {
+    std::set<Uuid> ids;
+    for (const auto& p : proposals)
+        ids.insert(p.id);
+    return ids;
+}
+
+// Two recorders a day apart (the first with more audio) and a camera that shot on both days.
+std::vector<TrackSource> twoDaysWithACamera() {
+    return {camera("Cam", {0.2, 1.2, 23.2, 24.2}), recorder("RecA", {0.0, 1.0, 2.0}, 1800),
+            recorder("RecB", {23.0, 24.0}, 1800)};
+}
+
+// Every test reads a cache folder and environment of its own, so that no text-sync file of the
+// machine's user can speak for the clocks.
+class DayRegions : public ::testing::Test {
+  protected:
+    test::TempDir cache;
+    test::ScopedEnv xdg{"XDG_CACHE_HOME", cache.path().string()};
+    test::ScopedEnv regionsFile{"TRELVANE_TEXTSYNC_REGIONS", std::nullopt};
+};
+
+} // namespace
+
+TEST_F(DayRegions, ATrackClockSpanTrustsTheBestClocksItHas) {
+    auto t = recorder("Rec", {2.0, 0.0, 1.0}, 600);
+    t.clips.push_back(t.clips[0]);
+    t.clips.back().recordingDate = hours(100); // a file date far away, not trusted
+    t.clips.back().clockQuality = ClockQuality::filesystem;
+    t.clips.back().duration = 50;
+    const auto span = IngestEngine::trackClockSpan(t, 7);
+    ASSERT_TRUE(span);
+    EXPECT_EQ(span->si, 7);
+    EXPECT_EQ(span->start, hours(0));
+    EXPECT_EQ(span->end, hours(2) + std::chrono::seconds(600));
+    EXPECT_EQ(span->median, hours(1));
+    EXPECT_EQ(span->quality, ClockQuality::embedded);
+    // Counts and length take every clip, dated or not.
+    EXPECT_EQ(span->clipCount, 4);
+    EXPECT_DOUBLE_EQ(span->totalDur, 1850);
+
+    // Without a trusted clock any clock will do; a date without a clock is none.
+    auto weak = recorder("Weak", {5.0, 3.0}, 60, ClockQuality::filesystem);
+    weak.clips.push_back(weak.clips[0]);
+    weak.clips.back().recordingDate = hours(-50);
+    weak.clips.back().clockQuality = ClockQuality::none;
+    const auto weakSpan = IngestEngine::trackClockSpan(weak, 0);
+    ASSERT_TRUE(weakSpan);
+    EXPECT_EQ(weakSpan->start, hours(3));
+    EXPECT_EQ(weakSpan->median, hours(5));
+    EXPECT_EQ(weakSpan->quality, ClockQuality::filesystem);
+
+    EXPECT_FALSE(IngestEngine::trackClockSpan(recorder("None", {std::nullopt, std::nullopt}, 60), 0));
+    EXPECT_FALSE(IngestEngine::trackClockSpan(TrackSource{}, 0));
+}
+
+TEST_F(DayRegions, ASessionWithOneRecorderIsNeverSplit) {
+    LogCapture log;
+    const auto proposals = IngestEngine::detectDayRegions(
+        {camera("Cam", {0.2, 30.0}), recorder("Rec", {0.0, 30.0, 60.0}, 1800)});
+    EXPECT_TRUE(proposals.empty());
+    EXPECT_EQ(log.countStartingWith("[Ingest] day-region"), 0);
+}
+
+TEST_F(DayRegions, RecordersWithinThreeHoursOfEachOtherAreOneDay) {
+    LogCapture log;
+    // RecA ends at 2:30, RecB starts at 5:00: closer than the three-hour margin.
+    const auto proposals =
+        IngestEngine::detectDayRegions({camera("Cam", {0.2, 5.2}), recorder("RecA", {0.0, 1.0, 2.0}, 1800),
+                                        recorder("RecB", {5.0, 6.0}, 1800)});
+    EXPECT_TRUE(proposals.empty());
+    EXPECT_EQ(log.countStartingWith("[Ingest] day-region"), 0);
+}
+
+TEST_F(DayRegions, TwoRecordersOnTwoDaysSendEachCameraClipToItsDay) {
+    LogCapture log;
+    const auto tracks = twoDaysWithACamera();
+    const auto proposals = IngestEngine::detectDayRegions(tracks);
+    ASSERT_EQ(proposals.size(), 2u);
+
+    const auto& d0 = proposals[0];
+    EXPECT_EQ(d0.regionKey, "day-0");
+    EXPECT_EQ(d0.label, "Region 1");
+    EXPECT_EQ(d0.session, kSession);
+    EXPECT_EQ(d0.trackIDs, (std::vector<Uuid>{tracks[0].id, tracks[1].id}));
+    EXPECT_EQ(d0.trackNames, (std::vector<std::string>{"Cam (2 of 4)", "RecA"}));
+    EXPECT_EQ(d0.clipIDs,
+              (std::vector<Uuid>{tracks[0].clips[0].id, tracks[0].clips[1].id, tracks[1].clips[0].id,
+                                 tracks[1].clips[1].id, tracks[1].clips[2].id}));
+    EXPECT_EQ(d0.clipCount, 5);
+    EXPECT_EQ(d0.startDate, hours(0));
+    EXPECT_EQ(d0.endDate, hours(2.5));
+    EXPECT_EQ(d0.clockQuality, ClockQuality::embedded);
+    EXPECT_FALSE(d0.rangeOverride);
+
+    const auto& d1 = proposals[1];
+    EXPECT_EQ(d1.regionKey, "day-1");
+    EXPECT_EQ(d1.label, "Region 2");
+    EXPECT_EQ(d1.trackNames, (std::vector<std::string>{"Cam (2 of 4)", "RecB"}));
+    EXPECT_EQ(d1.clipCount, 4);
+    EXPECT_EQ(d1.startDate, hours(23));
+    EXPECT_EQ(d1.endDate, hours(24.5));
+
+    EXPECT_TRUE(log.contains("[Ingest] day-region camera 'Cam' → day-0:2, day-1:2"));
+    EXPECT_TRUE(log.contains("[Ingest] day-region propose 'day-0': Cam (2 of 4), RecA (5 clips, " +
+                             formatClockTime(hours(0)) + " – " + formatClockTime(hours(2.5)) +
+                             ", q=embedded)"));
+    EXPECT_TRUE(log.contains("[Ingest] day-region propose 'day-1': Cam (2 of 4), RecB (4 clips, " +
+                             formatClockTime(hours(23)) + " – " + formatClockTime(hours(24.5)) +
+                             ", q=embedded)"));
+}
+
+TEST_F(DayRegions, TheDayWithMostAudioComesFirstAndEarlierDaysLast) {
+    LogCapture log;
+    // The second day has more audio, so it is region 0; the first day lies before it.
+    const std::vector<TrackSource> tracks{camera("Cam", {std::nullopt, std::nullopt, std::nullopt}),
+                                          recorder("RecA", {0.0}, 600),
+                                          recorder("RecB", {22.0, 23.0, 24.0}, 1800)};
+    const auto proposals = IngestEngine::detectDayRegions(tracks);
+    ASSERT_EQ(proposals.size(), 2u);
+    EXPECT_EQ(proposals[0].trackNames, (std::vector<std::string>{"Cam (1 of 3)", "RecB"}));
+    EXPECT_EQ(proposals[1].trackNames, (std::vector<std::string>{"Cam (2 of 3)", "RecA"}));
+    // The last region lies behind the first: undated footage after the first clip goes to it.
+    EXPECT_TRUE(log.contains("[Ingest] day-region camera 'Cam' → day-0:1, day-1:2"));
+}
+
+TEST_F(DayRegions, ACameraWithDatesOnlyOnTheFirstDayKeepsTheSessionWhole) {
+    LogCapture log;
+    const auto proposals = IngestEngine::detectDayRegions({camera("Cam", {0.2, 1.2, 1.5}),
+                                                           recorder("RecA", {0.0, 1.0, 2.0}, 1800),
+                                                           recorder("RecB", {23.0, 24.0}, 1800)});
+    // All of the camera goes to day 0, so day 1 is audio alone: the clocks disagree.
+    EXPECT_TRUE(log.contains("[Ingest] day-region camera 'Cam' → day-0:3"));
+    EXPECT_TRUE(proposals.empty());
+    EXPECT_TRUE(
+        log.contains("[Ingest] day-region: audio-only vs video clock split for 'Shoot' — treating as one day "
+                     "(likely wrong wall clock)"));
+
+    // Without any camera in the session the recorders' days stand.
+    EXPECT_EQ(IngestEngine::detectDayRegions(
+                  {recorder("RecA", {0.0, 1.0, 2.0}, 1800), recorder("RecB", {23.0, 24.0}, 1800)})
+                  .size(),
+              2u);
+}
+
+TEST_F(DayRegions, ARecorderWithItsClockInTheWrongYearIsLeftOutAndTheOthersDecide) {
+    LogCapture log;
+    auto tracks = twoDaysWithACamera();
+    tracks.push_back(recorder("RecC", {-2.0 * 365 * 24, -2.0 * 365 * 24 + 1}, 1800));
+    const auto proposals = IngestEngine::detectDayRegions(tracks);
+    EXPECT_TRUE(
+        log.contains("[Ingest] day-region: 1 audio device(s) have outlier clocks (>1 day from the group) — "
+                     "not trusting them to split days"));
+    ASSERT_EQ(proposals.size(), 2u);
+    // The recorder with the wrong clock stays with the main day, and its year doesn't widen its span.
+    EXPECT_EQ(proposals[0].trackNames, (std::vector<std::string>{"Cam (2 of 4)", "RecA", "RecC"}));
+    EXPECT_EQ(proposals[0].clipCount, 7);
+    EXPECT_EQ(proposals[0].startDate, hours(0));
+    EXPECT_EQ(proposals[1].trackNames, (std::vector<std::string>{"Cam (2 of 4)", "RecB"}));
+}
+
+TEST_F(DayRegions, UntrustedRecorderClocksKeepOneDayWithALogLine) {
+    LogCapture log;
+    const auto proposals = IngestEngine::detectDayRegions(
+        {camera("Cam", {0.2, 23.2}), recorder("RecA", {0.0, 1.0}, 1800, ClockQuality::filesystem),
+         recorder("RecB", {23.0, 24.0}, 1800, ClockQuality::asset)});
+    EXPECT_TRUE(proposals.empty());
+    EXPECT_TRUE(
+        log.contains("[Ingest] day-region: device clocks for 'Shoot' don't cohere within one day — treating "
+                     "as a single day (audio-content sync)"));
+}
+
+TEST_F(DayRegions, UndatedCameraClipsPastTheFirstDaysAudioLengthGoToTheLastRegion) {
+    LogCapture log;
+    // Day 0 holds 1000 s of audio: four clips of 300 s pass 1050 s (1.05 times that) only with
+    // the fourth, so the fifth is the first to move.
+    const auto proposals = IngestEngine::detectDayRegions(
+        {camera("Cam", {std::nullopt, std::nullopt, std::nullopt, std::nullopt, std::nullopt}),
+         recorder("RecA", {0.0}, 1000), recorder("RecB", {23.0}, 500)});
+    EXPECT_TRUE(log.contains("[Ingest] day-region camera 'Cam' → day-0:4, day-1:1"));
+    ASSERT_EQ(proposals.size(), 2u);
+    EXPECT_EQ(proposals[1].trackNames, (std::vector<std::string>{"Cam (1 of 5)", "RecB"}));
+}
+
+TEST_F(DayRegions, TheCardsOfOneCameraGroupTakeOneDayEach) {
+    LogCapture log;
+    auto cardA = camera("CardA", {std::nullopt, std::nullopt});
+    auto cardB = camera("CardB", {std::nullopt});
+    auto cardC = camera("CardC", {std::nullopt});
+    cardA.cameraGroup = cardB.cameraGroup = cardC.cameraGroup = "cam-0";
+    const std::vector<TrackSource> tracks{cardB, cardC, cardA, recorder("RecA", {0.0, 1.0, 2.0}, 1800),
+                                          recorder("RecB", {23.0, 24.0}, 1800)};
+    const auto proposals = IngestEngine::detectDayRegions(tracks);
+    EXPECT_TRUE(log.contains("[Ingest] day-region video 'CardA' → day-0 (group order 1/3)"));
+    EXPECT_TRUE(log.contains("[Ingest] day-region video 'CardB' → day-1 (group order 2/3)"));
+    // A third card has no third day: it is placed like any camera without a clock.
+    EXPECT_EQ(log.countStartingWith("[Ingest] day-region video 'CardC'"), 0);
+    EXPECT_TRUE(log.contains("[Ingest] day-region camera 'CardC' → day-0:1"));
+    ASSERT_EQ(proposals.size(), 2u);
+    EXPECT_EQ(proposals[0].trackNames, (std::vector<std::string>{"CardC", "CardA", "RecA"}));
+    EXPECT_EQ(proposals[1].trackNames, (std::vector<std::string>{"CardB", "RecB"}));
+}
+
+TEST_F(DayRegions, SessionsAreSplitOnTheirOwn) {
+    auto tracks = twoDaysWithACamera();
+    tracks.push_back(camera("Other", {0.2, 23.2}, 300, ClockQuality::filename, "/shoots/Other"));
+    tracks.push_back(recorder("OtherRec", {0.0, 1.0}, 1800, ClockQuality::embedded, "/shoots/Other"));
+    const auto proposals = IngestEngine::detectDayRegions(tracks);
+    ASSERT_EQ(proposals.size(), 2u);
+    for (const auto& p : proposals)
+        EXPECT_EQ(p.session, kSession);
+}
+
+TEST_F(DayRegions, ApplyingWritesTheKeysOfAcceptedRegionsOnly) {
+    LogCapture log;
+    const auto tracks = twoDaysWithACamera();
+    const auto proposals = IngestEngine::detectDayRegions(tracks);
+    ASSERT_EQ(proposals.size(), 2u);
+
+    const auto out = IngestEngine::applyDayRegions(tracks, proposals, allOf(proposals));
+    EXPECT_EQ(regionsOf(out[0]), (std::vector<std::string>{"day-0", "day-0", "day-1", "day-1"}));
+    EXPECT_EQ(regionsOf(out[1]), (std::vector<std::string>{"day-0", "day-0", "day-0"}));
+    EXPECT_EQ(regionsOf(out[2]), (std::vector<std::string>{"day-1", "day-1"}));
+    // Half and half: the track takes the earlier region; its clips keep their own keys.
+    EXPECT_EQ(out[0].dayRegion, "day-0");
+    EXPECT_EQ(out[1].dayRegion, "day-0");
+    EXPECT_EQ(out[2].dayRegion, "day-1");
+    EXPECT_TRUE(log.contains("[Ingest] day-region 'day-0': Cam (2 of 4), RecA (" +
+                             proposals[0].timeRangeHint() + ")"));
+    EXPECT_TRUE(log.contains("[Ingest] day-region 'day-1': Cam (2 of 4), RecB (" +
+                             proposals[1].timeRangeHint() + ")"));
+
+    // Nothing accepted: no keys, and those of an earlier run are cleared.
+    const auto cleared = IngestEngine::applyDayRegions(out, proposals, {});
+    for (const auto& t : cleared) {
+        EXPECT_FALSE(t.dayRegion) << t.name;
+        for (const auto& c : t.clips)
+            EXPECT_FALSE(c.dayRegion) << t.name;
+    }
+}
+
+TEST_F(DayRegions, ATrackTakesTheRegionOfMostOfItsClips) {
+    const std::vector<TrackSource> tracks{camera("Cam", {0.2, 23.2, 23.5, 24.2}),
+                                          recorder("RecA", {0.0, 1.0, 2.0}, 1800),
+                                          recorder("RecB", {23.0, 24.0}, 1800)};
+    const auto proposals = IngestEngine::detectDayRegions(tracks);
+    ASSERT_EQ(proposals.size(), 2u);
+    const auto out = IngestEngine::applyDayRegions(tracks, proposals, allOf(proposals));
+    EXPECT_EQ(regionsOf(out[0]), (std::vector<std::string>{"day-0", "day-1", "day-1", "day-1"}));
+    EXPECT_EQ(out[0].dayRegion, "day-1");
+}
+
+TEST_F(DayRegions, TracksNoAcceptedRegionCoversFollowTheirClockOrTheFirstRegion) {
+    LogCapture log;
+    auto tracks = twoDaysWithACamera();
+    const auto proposals = IngestEngine::detectDayRegions(tracks);
+    ASSERT_EQ(proposals.size(), 2u);
+    // Added after detection: a recorder of the second day, a camera without clock, a recorder whose
+    // clock is a year off, a recorder with only a file date of the second day, and a track of
+    // another session.
+    tracks.push_back(recorder("Late", {23.5}, 600));
+    tracks.push_back(camera("NoClock", {std::nullopt}));
+    tracks.push_back(recorder("WrongYear", {-365.0 * 24}, 600));
+    tracks.push_back(recorder("FileDate", {23.5}, 600, ClockQuality::filesystem));
+    tracks.push_back(recorder("Elsewhere", {23.5}, 600, ClockQuality::embedded, "/shoots/Other"));
+
+    const auto out = IngestEngine::applyDayRegions(tracks, proposals, allOf(proposals));
+    EXPECT_EQ(out[3].dayRegion, "day-1");
+    EXPECT_TRUE(log.contains("[Ingest] day-region orphan 'Late' → day-1 (clock fits " +
+                             proposals[1].timeRangeHint() + ")"));
+    EXPECT_EQ(out[4].dayRegion, "day-0");
+    EXPECT_TRUE(
+        log.contains("[Ingest] day-region orphan 'NoClock' → day-0 (no trusted clock fits — first region)"));
+    EXPECT_EQ(out[5].dayRegion, "day-0");
+    EXPECT_EQ(out[6].dayRegion, "day-0");
+    EXPECT_FALSE(out[7].dayRegion);
+    // Orphans get a track key; their clips follow it.
+    EXPECT_FALSE(out[3].clips[0].dayRegion);
+    EXPECT_EQ(log.countStartingWith("[Ingest] day-region orphan "), 4);
+
+    // With one accepted region there is nothing to choose between: orphans are left alone.
+    LogCapture single;
+    const auto one = IngestEngine::applyDayRegions(tracks, proposals, {proposals[1].id});
+    EXPECT_EQ(one[2].dayRegion, "day-1");
+    EXPECT_FALSE(one[1].dayRegion);
+    EXPECT_FALSE(one[3].dayRegion);
+    EXPECT_EQ(single.countStartingWith("[Ingest] day-region orphan "), 0);
+}
+
+TEST_F(DayRegions, ApplyingAgainGivesTheSameResult) {
+    const auto tracks = twoDaysWithACamera();
+    const auto proposals = IngestEngine::detectDayRegions(tracks);
+    const auto once = IngestEngine::applyDayRegions(tracks, proposals, allOf(proposals));
+    const auto twice = IngestEngine::applyDayRegions(once, proposals, allOf(proposals));
+    for (std::size_t i = 0; i < once.size(); ++i) {
+        EXPECT_EQ(once[i].dayRegion, twice[i].dayRegion);
+        EXPECT_EQ(regionsOf(once[i]), regionsOf(twice[i]));
+    }
+}

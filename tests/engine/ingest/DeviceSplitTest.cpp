@@ -1,0 +1,367 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+#include "TestSupport.hpp"
+#include "TrelvaneEngine/ingest/IngestEngine.hpp"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+using namespace trelvane;
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
+using trelvane::test::LogCapture;
+
+namespace {
+
+// The grouping only reads labels, names and lengths; the files need not exist (the clip order
+// then falls back from file dates to names).
+const std::string kDump = "/nonexistent/dump/";
+
+ClipItem clip(const std::string& path, std::optional<std::string> label = std::nullopt,
+              double duration = 2.0) {
+    ClipItem c;
+    c.url = Url::fromPath(path);
+    c.deviceName = std::move(label);
+    c.duration = duration;
+    return c;
+}
+
+TrackSource track(const std::string& name, std::vector<ClipItem> clips, SourceType type = SourceType::video) {
+    TrackSource t;
+    t.name = name;
+    t.type = type;
+    t.session = "/nonexistent";
+    t.clips = std::move(clips);
+    return t;
+}
+
+// `count` clips "<prefix>0001.MP4"... in the dump folder, all with one label.
+std::vector<ClipItem> clips(const std::string& prefix, int count, const std::optional<std::string>& label) {
+    std::vector<ClipItem> out;
+    for (int i = 1; i <= count; ++i)
+        out.push_back(clip(kDump + fmt::format("{}{:04}.MP4", prefix, i), label));
+    return out;
+}
+
+std::vector<ClipItem> concat(std::initializer_list<std::vector<ClipItem>> parts) {
+    std::vector<ClipItem> out;
+    for (const auto& p : parts)
+        out.insert(out.end(), p.begin(), p.end());
+    return out;
+}
+
+std::vector<std::string> names(const std::vector<TrackSource>& tracks) {
+    std::vector<std::string> out;
+    for (const auto& t : tracks)
+        out.push_back(t.name);
+    return out;
+}
+
+std::vector<std::string> fileNames(const TrackSource& t) {
+    std::vector<std::string> out;
+    for (const auto& c : t.clips)
+        out.push_back(c.url.lastPathComponent());
+    return out;
+}
+
+std::vector<std::size_t> clipCounts(const std::vector<TrackSource>& tracks) {
+    std::vector<std::size_t> out;
+    for (const auto& t : tracks)
+        out.push_back(t.clips.size());
+    return out;
+}
+
+std::vector<std::string> splitLines(const LogCapture& log) {
+    std::vector<std::string> out;
+    for (const auto& line : log.lines())
+        if (line.starts_with("[Ingest] device-split")) out.push_back(line);
+    return out;
+}
+
+} // namespace
+
+TEST(DeviceKey, LabelsThatDifferBySerialCaseOrPunctuationShareOneKey) {
+    EXPECT_EQ(IngestEngine::normalizeDeviceKey("Sony ILCE-7SM3 1234567"), "SONY ILCE 7SM3");
+    EXPECT_EQ(IngestEngine::normalizeDeviceKey("sony ilce_7sm3"), "SONY ILCE 7SM3");
+    EXPECT_EQ(IngestEngine::normalizeDeviceKey("  SONY, ILCE-7SM3 (7654321)  "), "SONY ILCE 7SM3");
+    EXPECT_EQ(IngestEngine::normalizeDeviceKey("SONY DIGITAL CAMERA"), "SONY");
+    EXPECT_EQ(IngestEngine::normalizeDeviceKey("Sony Digital Camera"), "SONY");
+    EXPECT_EQ(IngestEngine::normalizeDeviceKey("SONY"), "SONY");
+}
+
+TEST(DeviceKey, OnlyTrailingWordsOfFiveDigitsOrMoreAreSerialNumbers) {
+    EXPECT_EQ(IngestEngine::normalizeDeviceKey("Zoom F6 2024"), "ZOOM F6 2024");
+    EXPECT_EQ(IngestEngine::normalizeDeviceKey("Zoom F6 20245"), "ZOOM F6");
+    EXPECT_EQ(IngestEngine::normalizeDeviceKey("GoPro HERO 12345 67890"), "GOPRO HERO");
+    EXPECT_EQ(IngestEngine::normalizeDeviceKey("Unit 12345 B"), "UNIT 12345 B") << "only the end is stripped";
+    EXPECT_EQ(IngestEngine::normalizeDeviceKey("ABC12345"), "ABC12345") << "a word with letters is no serial";
+    EXPECT_EQ(IngestEngine::normalizeDeviceKey("1234567"), "");
+}
+
+TEST(DeviceKey, RepeatedWordsCountOnceAndPunctuationAloneGivesNothing) {
+    EXPECT_EQ(IngestEngine::normalizeDeviceKey("Canon Canon EOS R5"), "CANON EOS R5");
+    EXPECT_EQ(IngestEngine::normalizeDeviceKey("Sony-Sony / Sony FX6"), "SONY FX6");
+    EXPECT_EQ(IngestEngine::normalizeDeviceKey("EOS R5 EOS R5"), "EOS R5 EOS R5") << "only neighbours";
+    EXPECT_EQ(IngestEngine::normalizeDeviceKey("-- / --"), "");
+    EXPECT_EQ(IngestEngine::normalizeDeviceKey(""), "");
+    EXPECT_EQ(IngestEngine::normalizeDeviceKey("Caf\xC3\xA9 Cam"), "CAF CAM")
+        << "letters outside A-Z split words";
+}
+
+TEST(DeviceKey, TrackLabelIsTheFirstRawLabelOfTheLargestDevice) {
+    const std::vector<ClipItem> mixed{
+        clip(kDump + "a.mov", "Canon EOS R5"),
+        clip(kDump + "b.mov", "Sony FX6 1234567"),
+        clip(kDump + "c.mov", "SONY fx6"),
+        clip(kDump + "d.mov", "cam_h264_1920x1080"),
+        clip(kDump + "e.mov", "cam_h264_1920x1080"),
+        clip(kDump + "f.mov", "cam_h264_1920x1080"),
+        clip(kDump + "g.mov", ""),
+        clip(kDump + "h.mov", "12345678"),
+        clip(kDump + "i.mov", "12345678"),
+        clip(kDump + "j.mov"),
+    };
+    EXPECT_EQ(IngestEngine::trackDeviceLabel(mixed), "Sony FX6 1234567")
+        << "codec fingerprints, empty labels and labels with an empty key don't count";
+
+    const std::vector<ClipItem> fingerprintsOnly{clip(kDump + "a.mov", "cam_x"), clip(kDump + "b.mov", "")};
+    EXPECT_EQ(IngestEngine::trackDeviceLabel(fingerprintsOnly), std::nullopt);
+    EXPECT_EQ(IngestEngine::trackDeviceLabel({}), std::nullopt);
+}
+
+TEST(DeviceKey, ClipNumericKeySplitsTheFileNameBeforeItsTrailingDigits) {
+    const auto key = IngestEngine::clipNumericKey(Url::fromPath("/x/C0012.MP4"));
+    ASSERT_TRUE(key.has_value());
+    EXPECT_EQ(key->prefix, "C");
+    EXPECT_EQ(key->num, 12);
+
+    const auto dated = IngestEngine::clipNumericKey(Url::fromPath("/x/A001C002_230101.mov"));
+    ASSERT_TRUE(dated.has_value());
+    EXPECT_EQ(dated->prefix, "A001C002_");
+    EXPECT_EQ(dated->num, 230101);
+
+    const auto spaced = IngestEngine::clipNumericKey(Url::fromPath("/x/Take 7.wav"));
+    ASSERT_TRUE(spaced.has_value());
+    EXPECT_EQ(spaced->prefix, "Take ");
+    EXPECT_EQ(spaced->num, 7);
+
+    EXPECT_FALSE(IngestEngine::clipNumericKey(Url::fromPath("/x/0042.wav"))) << "nothing in front";
+    EXPECT_FALSE(IngestEngine::clipNumericKey(Url::fromPath("/x/interview.wav"))) << "no digits";
+    EXPECT_FALSE(IngestEngine::clipNumericKey(Url::fromPath("/x/C0001a.mov"))) << "digits not at the end";
+    EXPECT_FALSE(IngestEngine::clipNumericKey(Url::fromPath("/x/C99999999999999999999999.mov")))
+        << "overflow";
+}
+
+TEST(DeviceSplit, AMixedFolderBecomesOneTrackPerDeviceLargestFirst) {
+    LogCapture log;
+    TrackSource dump = track("Dump", {
+                                         clip(kDump + "DSC0002.MOV", "Canon EOS R5", 4.0),
+                                         clip(kDump + "C0003.MP4", "SONY, ILCE-7SM3 (7654321)", 3.0),
+                                         clip(kDump + "C0001.MP4", "Sony ILCE-7SM3 1234567", 1.0),
+                                         clip(kDump + "DSC0001.MOV", "Canon EOS R5", 5.0),
+                                         clip(kDump + "C0002.MP4", "sony ilce_7sm3", 2.0),
+                                     });
+    dump.session = "/shoot";
+    dump.lockedGrouping = false;
+    const Uuid dumpId = dump.id;
+    const auto out = IngestEngine::splitSourcesByDevice({dump});
+
+    ASSERT_EQ(names(out), (std::vector<std::string>{"SONY, ILCE-7SM3 (7654321)", "Canon EOS R5"}))
+        << "a group is named by the first raw label met in the track";
+    EXPECT_THAT(fileNames(out[0]), ElementsAre("C0001.MP4", "C0002.MP4", "C0003.MP4"));
+    EXPECT_THAT(fileNames(out[1]), ElementsAre("DSC0001.MOV", "DSC0002.MOV"));
+    EXPECT_EQ(out[0].deviceName, "Sony ILCE-7SM3 1234567")
+        << "the label is read again from the clips, now in file order";
+    EXPECT_EQ(out[1].deviceName, "Canon EOS R5");
+    for (const auto& t : out) {
+        EXPECT_NE(t.id, dumpId);
+        EXPECT_EQ(t.session, "/shoot");
+        EXPECT_EQ(t.type, SourceType::video);
+        EXPECT_FALSE(t.lockedGrouping);
+    }
+    EXPECT_EQ(out[0].clips[0].startOffset, 0.0);
+    EXPECT_EQ(out[0].clips[1].startOffset, 1.0);
+    EXPECT_EQ(out[0].clips[2].startOffset, 3.0) << "the new tracks are laid out end to end";
+    EXPECT_EQ(out[1].clips[1].startOffset, 5.0);
+    EXPECT_THAT(splitLines(log),
+                ElementsAre("[Ingest] device-split 'Dump': SONY, ILCE-7SM3 (7654321)=3, Canon EOS R5=2"));
+}
+
+TEST(DeviceSplit, ATrackOfOneDeviceStaysAsItWasWithItsLabel) {
+    LogCapture log;
+    const TrackSource one = track("A001", {
+                                              clip(kDump + "C0002.MP4", "Sony FX6 1111111", 2.0),
+                                              clip(kDump + "C0001.MP4", "SONY FX6 2222222", 2.0),
+                                              clip(kDump + "C0003.MP4", "cam_hevc_3840", 2.0),
+                                          });
+    const auto out = IngestEngine::splitSourcesByDevice({one});
+    ASSERT_EQ(out.size(), 1u);
+    EXPECT_EQ(out[0].id, one.id);
+    EXPECT_EQ(out[0].name, "A001");
+    EXPECT_THAT(fileNames(out[0]), ElementsAre("C0002.MP4", "C0001.MP4", "C0003.MP4")) << "clips untouched";
+    EXPECT_EQ(out[0].deviceName, "Sony FX6 1111111");
+    EXPECT_THAT(splitLines(log), IsEmpty());
+}
+
+TEST(DeviceSplit, UnlabelledClipsJoinTheDeviceWhoseFilesShareTheirPrefix) {
+    LogCapture log;
+    const auto out =
+        IngestEngine::splitSourcesByDevice({track("Card", {
+                                                              clip(kDump + "C0001.MP4", "Sony FX6"),
+                                                              clip(kDump + "C0002.MP4"),
+                                                              clip(kDump + "DSC_0001.MOV", "Canon R5"),
+                                                              clip(kDump + "DSC_0002.MOV", "cam_h264"),
+                                                              clip(kDump + "DSC_0003.MOV", ""),
+                                                              clip(kDump + "GOPR0001.MP4"),
+                                                              clip(kDump + "notes.mov"),
+                                                          })});
+    ASSERT_EQ(names(out), (std::vector<std::string>{"Canon R5", "Sony FX6", "Card (other)"}));
+    EXPECT_THAT(fileNames(out[0]), ElementsAre("DSC_0001.MOV", "DSC_0002.MOV", "DSC_0003.MOV"));
+    EXPECT_THAT(fileNames(out[1]), ElementsAre("C0001.MP4", "C0002.MP4"));
+    EXPECT_THAT(fileNames(out[2]), ElementsAre("GOPR0001.MP4", "notes.mov"));
+    EXPECT_EQ(out[2].deviceName, std::nullopt) << "the rest has no device";
+    EXPECT_THAT(splitLines(log),
+                ElementsAre("[Ingest] device-split 'Card': Canon R5=3, Sony FX6=2, other=2"));
+}
+
+TEST(DeviceSplit, OneDeviceWithUnlabelledStrangersIsSplitInTwo) {
+    const auto out = IngestEngine::splitSourcesByDevice(
+        {track("Card", concat({clips("C", 3, "Sony FX6"), clips("GOPR", 2, std::nullopt)}))});
+    ASSERT_EQ(names(out), (std::vector<std::string>{"Sony FX6", "Card (other)"}));
+    EXPECT_EQ(clipCounts(out), (std::vector<std::size_t>{3, 2}));
+}
+
+TEST(DeviceSplit, SmallKeysFoldIntoOtherOnlyOnTracksOfTwentyClipsOrMore) {
+    {
+        LogCapture log;
+        const auto out = IngestEngine::splitSourcesByDevice({track(
+            "Dump", concat({clips("A", 15, "Alpha"), clips("B", 3, "Bravo"), clips("C", 1, "Charlie")}))});
+        EXPECT_EQ(names(out), (std::vector<std::string>{"Alpha", "Bravo", "Charlie"}))
+            << "19 clips never fold";
+        EXPECT_THAT(splitLines(log),
+                    ElementsAre("[Ingest] device-split 'Dump': Alpha=15, Bravo=3, Charlie=1"));
+    }
+    {
+        LogCapture log;
+        const auto out = IngestEngine::splitSourcesByDevice({track(
+            "Dump", concat({clips("A", 16, "Alpha"), clips("B", 3, "Bravo"), clips("C", 1, "Charlie")}))});
+        ASSERT_EQ(names(out), (std::vector<std::string>{"Alpha", "Bravo", "Dump (other)"}));
+        EXPECT_THAT(fileNames(out[2]), ElementsAre("C0001.MP4"));
+        EXPECT_THAT(
+            splitLines(log),
+            ElementsAre("[Ingest] device-split 'Dump': 1 device key(s) with fewer than 3 clips folded into "
+                        "'(other)'",
+                        "[Ingest] device-split 'Dump': Alpha=16, Bravo=3, other=1"));
+    }
+    {
+        // Four devices of two clips each and twelve loose files: every key is small, so none folds.
+        LogCapture log;
+        std::vector<ClipItem> loose;
+        for (int i = 0; i < 12; ++i)
+            loose.push_back(clip(kDump + fmt::format("misc-{}x.mov", static_cast<char>('a' + i))));
+        const auto out = IngestEngine::splitSourcesByDevice(
+            {track("Dump", concat({clips("A", 2, "Alpha"), clips("B", 2, "Bravo"), clips("C", 2, "Charlie"),
+                                   clips("D", 2, "Delta"), loose}))});
+        EXPECT_EQ(names(out),
+                  (std::vector<std::string>{"Alpha", "Bravo", "Charlie", "Delta", "Dump (other)"}));
+        EXPECT_EQ(clipCounts(out), (std::vector<std::size_t>{2, 2, 2, 2, 12}));
+        EXPECT_EQ(log.countStartingWith("[Ingest] device-split 'Dump': 4 device key"), 0);
+    }
+}
+
+TEST(DeviceSplit, NineDevicesKeepTheEightLargestAndSayToCheckByHand) {
+    LogCapture log;
+    std::vector<std::vector<ClipItem>> parts;
+    const std::string letters = "ABCDEFGH";
+    for (char c : letters)
+        parts.push_back(clips(std::string(1, c), 2, std::string("Device ") + c));
+    std::vector<ClipItem> all = clips("Z", 1, std::string("Device Z"));
+    for (const auto& p : parts)
+        all.insert(all.end(), p.begin(), p.end());
+    const auto out = IngestEngine::splitSourcesByDevice({track("Dump", all)});
+
+    ASSERT_EQ(out.size(), 9u);
+    EXPECT_EQ(out[0].name, "Device A");
+    EXPECT_EQ(out[7].name, "Device H");
+    EXPECT_EQ(out[8].name, "Dump (other)");
+    EXPECT_THAT(fileNames(out[8]), ElementsAre("Z0001.MP4")) << "the smallest device goes to the other track";
+    const auto lines = splitLines(log);
+    ASSERT_EQ(lines.size(), 2u);
+    EXPECT_EQ(lines[0],
+              "[Ingest] device-split 'Dump': 9 device keys \u2014 keeping the 8 largest as tracks, the rest "
+              "in '(other)'. Check this folder by hand: select clips and press N to move them to their "
+              "own track.");
+    EXPECT_EQ(lines[1], "[Ingest] device-split 'Dump': Device A=2, Device B=2, Device C=2, Device D=2, "
+                        "Device E=2, Device F=2, Device G=2, Device H=2, other=1");
+}
+
+TEST(DeviceSplit, CodecFingerprintLabelsAreNoDeviceAndLeaveTheTrackWhole) {
+    TrackSource t =
+        track("Body", {clip(kDump + "C0001.MP4", "cam_h264_1920"), clip(kDump + "X.MP4", "cam_hevc")});
+    t.deviceName = "cam_h264_1920";
+    const auto out = IngestEngine::splitSourcesByDevice({t});
+    ASSERT_EQ(out.size(), 1u);
+    EXPECT_EQ(out[0].id, t.id);
+    EXPECT_EQ(out[0].deviceName, std::nullopt);
+}
+
+TEST(DeviceSplit, LockedTracksAndSingleFolderRecordersStayWhole) {
+    LogCapture log;
+    TrackSource card = track("A001",
+                             {clip(kDump + "A.R3D", "RED KOMODO"), clip(kDump + "B.MOV", "Sony FX6"),
+                              clip(kDump + "C.MOV", "Sony FX6")},
+                             SourceType::audio);
+    card.lockedGrouping = true;
+    TrackSource recorder =
+        track("Zoom", {clip("/rec/ZOOM0001.WAV", "ZOOM F8"), clip("/rec/ZOOM0002.WAV", "Zoom H5")},
+              SourceType::audio);
+    TrackSource labelled = track("Kept", {clip(kDump + "K0001.MOV")});
+    labelled.lockedGrouping = true;
+    labelled.deviceName = "ARRI ALEXA";
+
+    const auto out = IngestEngine::splitSourcesByDevice({card, recorder, labelled});
+    ASSERT_EQ(out.size(), 3u);
+    EXPECT_EQ(out[0].id, card.id);
+    EXPECT_EQ(out[0].clips.size(), 3u);
+    EXPECT_EQ(out[0].deviceName, "Sony FX6");
+    EXPECT_EQ(out[0].type, SourceType::video) << "the type is still corrected from the clips";
+    EXPECT_TRUE(out[0].lockedGrouping);
+    EXPECT_EQ(out[1].id, recorder.id);
+    EXPECT_EQ(out[1].deviceName, "ZOOM F8");
+    EXPECT_EQ(out[1].type, SourceType::audio);
+    EXPECT_EQ(out[2].deviceName, "ARRI ALEXA") << "a label the track has is kept where its clips give none";
+    EXPECT_THAT(splitLines(log), IsEmpty());
+}
+
+TEST(DeviceSplit, AnAudioTrackOverSeveralFoldersIsSplitLikeAnyOther) {
+    const auto out = IngestEngine::splitSourcesByDevice(
+        {track("Audio",
+               {clip("/a/ZOOM0001.WAV", "ZOOM F8"), clip("/b/TASCAM_0001.WAV", "TASCAM DR-10L"),
+                clip("/a/ZOOM0002.WAV", "ZOOM F8")},
+               SourceType::audio)});
+    EXPECT_EQ(names(out), (std::vector<std::string>{"ZOOM F8", "TASCAM DR-10L"}));
+    for (const auto& t : out)
+        EXPECT_EQ(t.type, SourceType::audio);
+}
+
+TEST(DeviceSplit, NewTracksTakeNamesNotYetUsedByTheOutput) {
+    const TrackSource earlier = track("Sony FX6", {clip("/other/C0100.MP4", "Sony FX6")});
+    const TrackSource dump =
+        track("Dump", concat({clips("C", 2, "Sony FX6"), clips("D", 1, "Media"), clips("E", 1, "Media 2")}));
+    const auto out = IngestEngine::splitSourcesByDevice({earlier, dump});
+    EXPECT_EQ(names(out), (std::vector<std::string>{"Sony FX6", "Sony FX6 2", "CLIP", "Media 2"}))
+        << "a generic label gives the generic video name";
+}
+
+TEST(DeviceSplit, EveryRunOfTheSameFolderGivesTheSameTracksAndLog) {
+    const TrackSource dump =
+        track("Dump", concat({clips("A", 2, "Alpha"), clips("B", 2, "Bravo"), clips("C", 2, "Charlie")}));
+    LogCapture first;
+    const auto a = IngestEngine::splitSourcesByDevice({dump});
+    const auto linesA = first.lines();
+    LogCapture second;
+    const auto b = IngestEngine::splitSourcesByDevice({dump});
+    EXPECT_EQ(names(a), names(b));
+    EXPECT_EQ(names(a), (std::vector<std::string>{"Alpha", "Bravo", "Charlie"}))
+        << "equals keep the order met";
+    EXPECT_EQ(linesA, second.lines());
+}
