@@ -19,13 +19,28 @@ struct CommonOptions {
     bool verbose = false; // echo the log on standard error
 };
 
+// How the command answers one of the controller's grouping prompts.
+enum class PromptAnswer { accept, reject };
+
 struct ScanOptions {
     std::vector<std::string> paths;
     bool json = false;
+    bool analyze = false; // decode and analyse every clip, with progress on standard error
+    PromptAnswer cameraGroups = PromptAnswer::accept;
+    PromptAnswer dayRegions = PromptAnswer::accept;
 };
 
 void addScanCommand(CLI::App& app, ScanOptions& options);
 int runScan(const ScanOptions& options, const CommonOptions& common);
+
+// `trelvane probe FILE... [--json]`: what the metadata readers find in each file.
+struct ProbeOptions {
+    std::vector<std::string> files;
+    bool json = false;
+};
+
+void addProbeCommand(CLI::App& app, ProbeOptions& options);
+int runProbe(const ProbeOptions& options, const CommonOptions& common);
 
 // Shared by the commands: starts the log file and, with --verbose, echoes it on standard error.
 void startLogging(const CommonOptions& common);

@@ -2,6 +2,14 @@
 // The worker side of the analysis: what one clip's job computes.
 #include "Trelvane/session/SyncViewModel.hpp"
 
+#include "TrelvaneEngine/features/SpectralBands.hpp"
+#include "TrelvaneEngine/features/SyncCorrelator.hpp"
+#include "TrelvaneEngine/media/AudioExtractor.hpp"
+#include "TrelvaneEngine/media/EnvelopeCache.hpp"
+#include "TrelvaneEngine/model/TrelvaneError.hpp"
+#include "TrelvaneEngine/support/EngineLog.hpp"
+#include "TrelvaneEngine/support/Files.hpp"
+
 #include <algorithm>
 #include <cmath>
 
@@ -27,6 +35,66 @@ std::vector<float> SyncViewModel::buildWaveform(std::span<const float> samples, 
     if (peak > 0)
         for (float& v : out) v = std::sqrt(v / peak);
     return out;
+}
+
+ExtractOutcome SyncViewModel::extractClip(const Url& url, int factor, double expectedSeconds,
+                                          const std::function<void(double)>& onSub) {
+    auto report = [&onSub](double fraction) {
+        if (onSub) onSub(fraction);
+    };
+    std::optional<EnvelopeCache::Pair> pair = EnvelopeCache::loadPair(url);
+    std::optional<SpectralBands::Feature> bands = EnvelopeCache::loadBands(url);
+    if (pair && bands) {
+        ExtractPayload cached;
+        cached.preview = std::move(pair->preview);
+        cached.envelope = std::move(pair->envelope);
+        cached.bands = std::move(*bands);
+        return cached;
+    }
+
+    // Decode even when only one part is missing; the part that was cached stands.
+    AudioExtractor::Extraction audio;
+    try {
+        audio = AudioExtractor::extract(url, expectedSeconds, [&report](double p) { report(p * 0.8); });
+    } catch (const TrelvaneError& e) {
+        using K = TrelvaneError::Kind;
+        if (e.kind() == K::noAudioTrack || e.kind() == K::emptySamples)
+            return NoUsableAudio{AudioUsability::none, e.description(), std::nullopt};
+        if (e.kind() == K::silentAudio) return NoUsableAudio{AudioUsability::silent, e.description(), std::nullopt};
+        const std::string ext = Files::lowercased(url.pathExtension());
+        if (FormatAdvisory::catalog().contains(ext))
+            return NoUsableAudio{AudioUsability::undecodable, "container not decodable (" + ext + ")", ext};
+        EngineLog::log("Extraction failed for " + url.lastPathComponent() + ": " + e.description());
+        return ExtractFailed{};
+    } catch (const std::exception& e) {
+        // Nothing but TrelvaneError is expected; anything else still only fails this clip.
+        EngineLog::log("Extraction failed for " + url.lastPathComponent() + ": " + e.what());
+        return ExtractFailed{};
+    }
+
+    ExtractPayload payload;
+    payload.duration = audio.duration;
+    bool storePair = false, storeBands = false;
+    if (pair) {
+        payload.preview = std::move(pair->preview);
+        payload.envelope = std::move(pair->envelope);
+    } else {
+        payload.preview = buildWaveform(audio.samples, audio.duration);
+        payload.envelope = CrossCorrelator::magnitudeEnvelope(audio.samples, factor);
+        storePair = true;
+    }
+    report(0.85);
+    if (bands) {
+        payload.bands = std::move(*bands);
+    } else {
+        payload.bands = SpectralBands::compute(audio.samples);
+        storeBands = true;
+    }
+    // A cache that can't be written only costs a decode next time.
+    if (storePair) EnvelopeCache::savePair(url, payload.preview, payload.envelope);
+    if (storeBands) EnvelopeCache::saveBands(url, payload.bands);
+    report(1.0);
+    return payload;
 }
 
 } // namespace trelvane

@@ -417,7 +417,7 @@ void SyncViewModel::extractWaveforms(std::uint64_t generation, Step done) {
         return;
     }
     if (!stages_.extractClip) {
-        EngineLog::logf("[Extract] audio analysis is not available in this build — %d clip(s) not analysed",
+        EngineLog::logf("[Extract] no audio analysis in this run — %d clip(s) not analysed",
                         static_cast<int>(jobs.size()));
         done();
         return;
@@ -464,6 +464,7 @@ void SyncViewModel::extractWaveforms(std::uint64_t generation, Step done) {
                     vm.reportExtractProgress(totalWork, job.name);
                     if (const auto* payload = std::get_if<ExtractPayload>(&outcome)) {
                         vm.updateClip(job.url, payload->duration, *payload);
+                        if (!payload->duration) vm.clipsFromCache_.insert(job.id);
                         vm.clipReadyAt_[job.id] = vm.queue_.now();
                     } else if (const auto* none = std::get_if<NoUsableAudio>(&outcome)) {
                         vm.markNoUsableAudio(job.url, none->usability, none->formatExt);

@@ -146,6 +146,8 @@ class SyncViewModel : public std::enable_shared_from_this<SyncViewModel> {
     // An add is running or waiting to run (metadata, grouping, prompts or extraction).
     bool isIngesting() const { return chainRunning_; }
     const IngestEngine& ingestEngine() const { return ingestEngine_; }
+    // Whether the clip's last analysis came from the feature cache without reading the media.
+    bool wasServedFromCache(const Uuid& clipID) const { return clipsFromCache_.contains(clipID); }
 
     // ---- derived reads ----------------------------------------------------------------------
     bool allExtracted() const;
@@ -196,6 +198,11 @@ class SyncViewModel : public std::enable_shared_from_this<SyncViewModel> {
     // The peak bars drawn in the timeline: one bar a second, 10 to 1000 bars, each the square root
     // of its block's RMS over the largest RMS (the root lifts quiet passages into view).
     static std::vector<float> buildWaveform(std::span<const float> samples, double duration);
+    // One clip's analysis: from the feature cache when both parts are there (the media file is
+    // not read), else decoded; what was computed is stored back in the cache. Decoding is the
+    // first 80 % of `onSub`. Decoder errors become an outcome, never an exception.
+    static ExtractOutcome extractClip(const Url& url, int factor, double expectedSeconds,
+                                      const std::function<void(double)>& onSub);
 
     // ---- helpers shared with the stages' drivers ---------------------------------------------
     // The one-line summary of what failed, or nothing.
@@ -300,6 +307,7 @@ class SyncViewModel : public std::enable_shared_from_this<SyncViewModel> {
     Timer animTimer_, barTimer_;
     double extractionStartedAt_ = 0;
     std::map<Uuid, double> clipReadyAt_;
+    std::set<Uuid> clipsFromCache_;
     double extractDoneWork_ = 0;
     std::map<Uuid, double> extractSubProgress_;
     std::optional<double> frozenPxPerSec_;

@@ -4,6 +4,7 @@
 
 #include <array>
 #include <cstdio>
+#include <cstdlib>
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 #include <sys/wait.h>
@@ -101,7 +102,8 @@ TEST(Cli, ScanJsonHasTheSessionShape) {
     const auto& clip = track["clips"][0];
     EXPECT_EQ(clip["url"], (home / "shoot/CamA/C0001.MP4").string());
     EXPECT_EQ(clip["syncStatus"], "pending");
-    EXPECT_EQ(clip["clockQuality"], "none");
+    // Not a real movie: the metadata load finds no clock in it but the file's own date.
+    EXPECT_EQ(clip["clockQuality"], "filesystem");
     EXPECT_EQ(clip["audioUsability"], "ok");
     EXPECT_TRUE(clip["matchScore"].is_null());
     EXPECT_TRUE(clip["failureBucket"].is_null());
@@ -112,4 +114,28 @@ TEST(Cli, ScanJsonHasTheSessionShape) {
     // A name that is not valid UTF-8 still gives a valid document.
     const std::string name = doc["tracks"][1]["clips"][0]["url"];
     EXPECT_NE(name.find("odd \"name\" & "), std::string::npos);
+}
+
+TEST(Cli, AnalyzeDecodesOnceThenServesTheCache) {
+    TempDir home;
+    const auto rec = home.dir("shoot/rec");
+    const std::string make = "ffmpeg -v error -f lavfi -i 'sine=frequency=440:duration=6' -ar 48000 -y " +
+                             quoted((rec / "R0001.WAV").string()) + " && ffmpeg -v error -f lavfi -i " +
+                             "'anullsrc=r=48000:cl=mono' -t 6 -y " + quoted((rec / "R0002.WAV").string());
+    ASSERT_EQ(std::system(make.c_str()), 0);
+    const std::string args = "scan --analyze " + quoted((home / "shoot").string());
+    const auto first = runCli(home, args);
+    ASSERT_EQ(first.status, 0) << first.out;
+    // 96,000 samples give (96000 - 1024) / 640 + 1 band frames and 600 envelope values.
+    EXPECT_NE(first.out.find("R0001.WAV  6.00     149          600       ok      decoded"), std::string::npos)
+        << first.out;
+    EXPECT_NE(first.out.find("R0002.WAV  6.00     -            -         silent  -"), std::string::npos) << first.out;
+    const auto second = runCli(home, args);
+    ASSERT_EQ(second.status, 0) << second.out;
+    EXPECT_NE(second.out.find("ok      cache"), std::string::npos) << second.out;
+    EXPECT_EQ(second.out.find("decoded"), std::string::npos) << second.out;
+
+    EXPECT_EQ(runCli(home, "scan --camera-groups maybe " + quoted((home / "shoot").string())).status, 2);
+    EXPECT_EQ(runCli(home, "scan --day-regions reject --camera-groups REJECT " + quoted((home / "shoot").string())).status,
+              0);
 }

@@ -569,7 +569,7 @@ TEST_F(SessionTest, AMissingStageIsSaidNotPretended) {
     vm->ingestURLs({shoot()});
     ASSERT_TRUE(pumpIngest());
     EXPECT_TRUE(
-        log.contains("[Extract] audio analysis is not available in this build — 4 clip(s) not analysed"));
+        log.contains("[Extract] no audio analysis in this run — 4 clip(s) not analysed"));
     EXPECT_FALSE(vm->allExtracted());
     EXPECT_TRUE(vm->state().is(AppState::Kind::idle));
     vm->synchronize();
