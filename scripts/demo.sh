@@ -10,5 +10,5 @@ cmake --build --preset release --target trelvane
 bash scripts/make-demo.sh
 
 echo
-echo "== trelvane scan demo/shoot"
-./build/release/trelvane scan demo/shoot
+echo "== trelvane scan --analyze demo/shoot"
+./build/release/trelvane scan --analyze demo/shoot
