@@ -70,6 +70,9 @@ constexpr std::uint32_t kPCMLittleEndian = 0x70636D6C;
 constexpr const char* kLibraryName = "libBlackmagicRawAPI.so";
 constexpr const char* kFactorySymbol = "CreateBlackmagicRawFactoryInstance";
 constexpr int kMostChannels = 64;
+constexpr std::uint32_t kHighestRate = 768000;
+// An hour of 48 kHz stereo.
+constexpr std::size_t kUsualValues = std::size_t{3600} * 48000 * 2;
 // Frames asked for in one call: a second at 48 kHz.
 constexpr std::uint32_t kChunkFrames = 48000;
 
@@ -202,13 +205,17 @@ ReadResult readAudio(const std::string& path, const Progress& progress) {
     audio.channelCount = channels;
     audio.sampleRate = rate;
     if (frames == 0 || channels == 0 || rate == 0) return result;
-    if (format != kPCMLittleEndian || bitDepth < 8 || bitDepth > 32 || channels > kMostChannels)
+    if (format != kPCMLittleEndian || bitDepth < 8 || bitDepth > 32 || channels > kMostChannels ||
+        rate > kHighestRate)
         return failure(fmt::format("The audio of {} is in a form this build can't read", name));
     if (static_cast<double>(frames) / rate > AudioExtractor::kLongestExtraction)
         return failure(fmt::format("{}: longer than {} hours", name,
                                    static_cast<int>(AudioExtractor::kLongestExtraction / 3600)));
 
-    audio.interleaved.reserve(static_cast<std::size_t>(frames) * channels);
+    // The announced length is the SDK's word; memory beyond the usual clip is only taken as
+    // samples actually arrive.
+    audio.interleaved.reserve(
+        std::min<std::size_t>(static_cast<std::size_t>(frames) * channels, kUsualValues));
     std::vector<std::byte> buffer(std::size_t{kChunkFrames} * channels * 4);
     for (std::uint64_t at = 0; at < frames;) {
         const auto wanted = static_cast<std::uint32_t>(std::min<std::uint64_t>(kChunkFrames, frames - at));
