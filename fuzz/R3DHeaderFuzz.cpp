@@ -8,6 +8,8 @@
 #include <cstdlib>
 #include <optional>
 #include <span>
+#include "TrelvaneEngine/support/Utf8.hpp"
+
 #include <string>
 
 namespace {
@@ -18,40 +20,7 @@ void require(bool promise) {
     if (!promise) std::abort();
 }
 
-// Well-formed UTF-8 without overlong forms, surrogates or values above U+10FFFF.
-bool isValidUTF8(const std::string& s) {
-    std::size_t i = 0;
-    while (i < s.size()) {
-        const auto c = static_cast<unsigned char>(s[i]);
-        std::size_t length;
-        unsigned char low = 0x80, high = 0xBF;
-        if (c < 0x80)
-            length = 1;
-        else if (c >= 0xC2 && c <= 0xDF)
-            length = 2;
-        else if (c == 0xE0)
-            length = 3, low = 0xA0;
-        else if (c == 0xED)
-            length = 3, high = 0x9F;
-        else if (c >= 0xE1 && c <= 0xEF)
-            length = 3;
-        else if (c == 0xF0)
-            length = 4, low = 0x90;
-        else if (c == 0xF4)
-            length = 4, high = 0x8F;
-        else if (c >= 0xF1 && c <= 0xF3)
-            length = 4;
-        else
-            return false;
-        if (s.size() - i < length) return false;
-        for (std::size_t k = 1; k < length; ++k) {
-            const auto b = static_cast<unsigned char>(s[i + k]);
-            if (b < (k == 1 ? low : 0x80) || b > (k == 1 ? high : 0xBF)) return false;
-        }
-        i += length;
-    }
-    return true;
-}
+bool isValidUTF8(const std::string& s) { return trelvane::Utf8::isValid(s); }
 
 void checkText(const std::optional<std::string>& text) {
     if (!text) return;

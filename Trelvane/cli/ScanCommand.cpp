@@ -8,6 +8,7 @@
 #include "TrelvaneEngine/media/FFmpegLog.hpp"
 #include "TrelvaneEngine/support/EngineLog.hpp"
 #include "TrelvaneEngine/support/Files.hpp"
+#include "TrelvaneEngine/support/Utf8.hpp"
 
 #include <algorithm>
 #include <chrono>
@@ -75,15 +76,11 @@ std::string terminalSafe(const std::string& text) {
             continue;
         }
         // A well-formed UTF-8 sequence passes; anything else becomes U+FFFD.
-        std::size_t len = c >= 0xF0 && c < 0xF5 ? 4 : c >= 0xE0 ? 3 : c >= 0xC2 && c < 0xE0 ? 2 : 0;
-        bool ok = len > 0 && i + len <= text.size();
-        for (std::size_t k = 1; ok && k < len; ++k)
-            ok = (static_cast<unsigned char>(text[i + k]) & 0xC0) == 0x80;
-        if (ok) {
+        if (const std::size_t len = Utf8::sequenceLength(text, i); len > 0) {
             out.append(text, i, len);
             i += len;
         } else {
-            out += "\xEF\xBF\xBD";
+            out += Utf8::kReplacement;
             ++i;
         }
     }

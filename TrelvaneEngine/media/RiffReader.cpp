@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 #include "TrelvaneEngine/media/RiffReader.hpp"
+#include "TrelvaneEngine/support/Utf8.hpp"
 
 #include <algorithm>
 #include <array>
@@ -226,36 +227,6 @@ std::optional<Wave> walk(const Source& src) {
     return wave;
 }
 
-// Length of the well-formed UTF-8 sequence at `i` (no overlong forms, surrogates or values
-// above U+10FFFF), or 0.
-std::size_t sequenceLength(std::string_view s, std::size_t i) {
-    const auto c = static_cast<unsigned char>(s[i]);
-    std::size_t length;
-    unsigned char low = 0x80, high = 0xBF;
-    if (c < 0x80) return 1;
-    if (c >= 0xC2 && c <= 0xDF)
-        length = 2;
-    else if (c == 0xE0)
-        length = 3, low = 0xA0;
-    else if (c == 0xED)
-        length = 3, high = 0x9F;
-    else if (c >= 0xE1 && c <= 0xEF)
-        length = 3;
-    else if (c == 0xF0)
-        length = 4, low = 0x90;
-    else if (c == 0xF4)
-        length = 4, high = 0x8F;
-    else if (c >= 0xF1 && c <= 0xF3)
-        length = 4;
-    else
-        return 0;
-    if (s.size() - i < length) return 0;
-    for (std::size_t k = 1; k < length; ++k) {
-        const auto b = static_cast<unsigned char>(s[i + k]);
-        if (b < (k == 1 ? low : 0x80) || b > (k == 1 ? high : 0xBF)) return 0;
-    }
-    return length;
-}
 
 } // namespace
 
@@ -281,9 +252,9 @@ std::string validText(std::string_view raw) {
             ++i;
             continue;
         }
-        const std::size_t length = sequenceLength(raw, i);
+        const std::size_t length = Utf8::sequenceLength(raw, i);
         if (length == 0) {
-            out += "\xEF\xBF\xBD";
+            out += Utf8::kReplacement;
             ++i;
         } else {
             out.append(raw, i, length);

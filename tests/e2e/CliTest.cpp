@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 // The `trelvane` command as a user runs it: real process, real files, exit statuses.
-#include "TestSupport.hpp"
+#include "e2e/CliRunner.hpp"
 
 #include <array>
 #include <cstdio>
@@ -9,41 +9,9 @@
 #include <nlohmann/json.hpp>
 #include <sys/wait.h>
 
+using trelvane::test::quoted;
+using trelvane::test::runCli;
 using trelvane::test::TempDir;
-
-namespace {
-
-struct Run {
-    int status = -1;
-    std::string out;
-};
-
-std::string quoted(const std::string& s) {
-    std::string q = "'";
-    for (char c : s)
-        q += c == '\'' ? std::string("'\\''") : std::string(1, c);
-    return q + "'";
-}
-
-// Runs the CLI with the user's folders redirected into `home`; stderr is folded into `out` when asked.
-Run runCli(const TempDir& home, const std::string& args, bool withStderr = false) {
-    const std::string cmd = "XDG_DATA_HOME=" + quoted((home / "data").string()) +
-                            " XDG_CONFIG_HOME=" + quoted((home / "config").string()) +
-                            " XDG_CACHE_HOME=" + quoted((home / "cache").string()) + " " +
-                            quoted(TRELVANE_CLI_PATH) + " " + args + (withStderr ? " 2>&1" : " 2>/dev/null");
-    Run r;
-    FILE* pipe = ::popen(cmd.c_str(), "r");
-    if (!pipe) return r;
-    std::array<char, 4096> buf{};
-    std::size_t n;
-    while ((n = std::fread(buf.data(), 1, buf.size(), pipe)) > 0)
-        r.out.append(buf.data(), n);
-    const int raw = ::pclose(pipe);
-    r.status = WIFEXITED(raw) ? WEXITSTATUS(raw) : -1;
-    return r;
-}
-
-} // namespace
 
 TEST(Cli, VersionHelpAndUsageErrorsHaveTheirExitStatuses) {
     TempDir home;
