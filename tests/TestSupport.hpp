@@ -89,6 +89,14 @@ class LogCapture {
     std::vector<std::string> lines_;
 };
 
+// Quoted for the shell.
+inline std::string quoted(const std::string& s) {
+    std::string q = "'";
+    for (char c : s)
+        q += c == '\'' ? std::string("'\\''") : std::string(1, c);
+    return q + "'";
+}
+
 // Sets (or with nothing, unsets) an environment variable for the life of the object.
 class ScopedEnv {
   public:

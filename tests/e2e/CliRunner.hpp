@@ -17,14 +17,6 @@ struct CliRun {
     std::string out;
 };
 
-// Quoted for the shell.
-inline std::string quoted(const std::string& s) {
-    std::string q = "'";
-    for (char c : s)
-        q += c == '\'' ? std::string("'\\''") : std::string(1, c);
-    return q + "'";
-}
-
 // Runs the CLI with the user's folders redirected into `home` and the time zone fixed to UTC, so
 // that printed dates are known; stderr is folded into `out` when asked.
 inline CliRun runCli(const TempDir& home, const std::string& args, bool withStderr = false) {

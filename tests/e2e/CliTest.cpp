@@ -97,13 +97,16 @@ TEST(Cli, AnalyzeDecodesOnceThenServesTheCache) {
     // 96,000 samples give (96000 - 1024) / 640 + 1 band frames and 600 envelope values.
     EXPECT_NE(first.out.find("R0001.WAV  6.00     149          600       ok      decoded"), std::string::npos)
         << first.out;
-    EXPECT_NE(first.out.find("R0002.WAV  6.00     -            -         silent  -"), std::string::npos) << first.out;
+    EXPECT_NE(first.out.find("R0002.WAV  6.00     -            -         silent  -"), std::string::npos)
+        << first.out;
     const auto second = runCli(home, args);
     ASSERT_EQ(second.status, 0) << second.out;
     EXPECT_NE(second.out.find("ok      cache"), std::string::npos) << second.out;
     EXPECT_EQ(second.out.find("decoded"), std::string::npos) << second.out;
 
     EXPECT_EQ(runCli(home, "scan --camera-groups maybe " + quoted((home / "shoot").string())).status, 2);
-    EXPECT_EQ(runCli(home, "scan --day-regions reject --camera-groups REJECT " + quoted((home / "shoot").string())).status,
-              0);
+    EXPECT_EQ(
+        runCli(home, "scan --day-regions reject --camera-groups REJECT " + quoted((home / "shoot").string()))
+            .status,
+        0);
 }

@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 // `trelvane probe` as a user runs it: real process, real media, exit statuses.
+#include "MediaSupport.hpp"
 #include "e2e/CliRunner.hpp"
 
 #include <array>
@@ -10,17 +11,13 @@
 #include <nlohmann/json.hpp>
 #include <sys/wait.h>
 
+using trelvane::test::ffmpeg;
 using trelvane::test::quoted;
 using trelvane::test::runCli;
+using trelvane::test::sineInput;
 using trelvane::test::TempDir;
 
 namespace {
-
-
-void ffmpeg(const std::string& args) {
-    const std::string cmd = "ffmpeg -nostdin -hide_banner -loglevel error -y " + args;
-    ASSERT_EQ(std::system(cmd.c_str()), 0) << cmd;
-}
 
 // A recorder take with a stamp at 14:30:12 and timecode 01:00:00 (48 kHz).
 std::filesystem::path recorderTake(const TempDir& home) {

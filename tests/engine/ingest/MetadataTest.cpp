@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
-#include "TestSupport.hpp"
+#include "MediaSupport.hpp"
 #include "TrelvaneEngine/ingest/IngestEngine.hpp"
 
 #include <gtest/gtest.h>
@@ -12,34 +12,20 @@
 #include <set>
 
 using namespace trelvane;
+using trelvane::test::ffmpeg;
 using trelvane::test::LogCapture;
+using trelvane::test::quoted;
+using trelvane::test::sineInput;
 using trelvane::test::TempDir;
 
 namespace {
-
-std::string quoted(const std::string& s) {
-    std::string q = "'";
-    for (char c : s)
-        q += c == '\'' ? std::string("'\\''") : std::string(1, c);
-    return q + "'";
-}
-
-void ffmpeg(const std::string& args) {
-    const std::string cmd = "ffmpeg -nostdin -hide_banner -loglevel error -y " + args;
-    ASSERT_EQ(std::system(cmd.c_str()), 0) << cmd;
-}
-
-std::string tone(double seconds) {
-    return "-f lavfi -i " +
-           quoted("sine=frequency=440:sample_rate=48000:duration=" + std::to_string(seconds));
-}
 
 // A recorder's take: `seconds` long, stamped with the given local date and time.
 std::filesystem::path recorderTake(const TempDir& tmp, const std::string& name, double seconds,
                                    const std::string& date, const std::string& time) {
     const auto p = tmp / name;
     std::filesystem::create_directories(p.parent_path());
-    ffmpeg(tone(seconds) + " -c:a pcm_s16le -write_bext 1 -metadata originator=" + quoted("ZOOM F8") +
+    ffmpeg(sineInput(seconds) + " -c:a pcm_s16le -write_bext 1 -metadata originator=" + quoted("ZOOM F8") +
            " -metadata origination_date=" + date + " -metadata origination_time=" + time + " " +
            quoted(p.string()));
     return p;
@@ -92,11 +78,11 @@ TEST(LoadMetadata, FillsEveryClipMergesEachAsItComesAndLogsTheClockLines) {
     const auto b = recorderTake(tmp, "Zoom/ZOOM0002.WAV", 1.5, "2024-03-15", "15:05:59");
     // No stamp, a plain name: the file's own date, here inside the span of the others.
     const auto c = tmp / "Zoom/take.wav";
-    ffmpeg(tone(1.0) + " " + quoted(c.string()));
+    ffmpeg(sineInput(1.0) + " " + quoted(c.string()));
     touch(c, local(2024, 3, 15, 14, 45, 0));
     const auto movie = tmp / "Cam/C0001.MP4";
     std::filesystem::create_directories(movie.parent_path());
-    ffmpeg("-f lavfi -i testsrc=size=320x240:rate=25:duration=2 " + tone(2.0) +
+    ffmpeg("-f lavfi -i testsrc=size=320x240:rate=25:duration=2 " + sineInput(2.0) +
            " -timecode 01:00:00:00 -c:v libx264 -preset ultrafast -c:a aac -shortest " +
            quoted(movie.string()));
 

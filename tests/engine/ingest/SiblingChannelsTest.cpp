@@ -12,6 +12,7 @@ using namespace trelvane;
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 using trelvane::test::LogCapture;
+using trelvane::test::quoted;
 using trelvane::test::TempDir;
 
 namespace {
@@ -59,13 +60,6 @@ std::vector<std::string> channelLines(const LogCapture& log) {
 int clipsWithLeader(const TrackSource& t) {
     return static_cast<int>(std::count_if(t.clips.begin(), t.clips.end(),
                                           [](const ClipItem& c) { return c.siblingLeaderID.has_value(); }));
-}
-
-std::string quoted(const std::string& s) {
-    std::string q = "'";
-    for (char c : s)
-        q += c == '\'' ? std::string("'\\''") : std::string(1, c);
-    return q + "'";
 }
 
 } // namespace

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 #include "TrelvaneEngine/media/AudioMetadata.hpp"
-#include "TestSupport.hpp"
+#include "MediaSupport.hpp"
 #include "TrelvaneEngine/media/RiffReader.hpp"
 
 #include <gtest/gtest.h>
@@ -14,28 +14,13 @@
 
 using namespace trelvane;
 using namespace std::string_literals;
+using trelvane::test::ffmpeg;
+using trelvane::test::quoted;
+using trelvane::test::sineInput;
 using trelvane::test::TempDir;
 namespace AE = trelvane::AudioExtractor;
 
 namespace {
-
-std::string quoted(const std::string& s) {
-    std::string q = "'";
-    for (char c : s)
-        q += c == '\'' ? std::string("'\\''") : std::string(1, c);
-    return q + "'";
-}
-
-// Runs the ffmpeg CLI quietly; `args` are already quoted where they need it.
-void ffmpeg(const std::string& args) {
-    const std::string cmd = "ffmpeg -nostdin -hide_banner -loglevel error -y " + args;
-    ASSERT_EQ(std::system(cmd.c_str()), 0) << cmd;
-}
-
-std::string sine(double seconds) {
-    return "-f lavfi -i " +
-           quoted("sine=frequency=440:sample_rate=48000:duration=" + std::to_string(seconds));
-}
 
 // Two different tones in one stereo input.
 std::string stereo(double seconds) {
@@ -48,7 +33,7 @@ std::filesystem::path bextWav(const TempDir& tmp, const std::string& name, const
                               const std::string& time, std::uint64_t timeReference = 0,
                               const std::string& originator = "ZOOM F8", const std::string& extra = "") {
     const auto path = tmp / name;
-    ffmpeg(sine(1.0) + " -c:a pcm_s16le -write_bext 1 -metadata originator=" + quoted(originator) +
+    ffmpeg(sineInput(1.0) + " -c:a pcm_s16le -write_bext 1 -metadata originator=" + quoted(originator) +
            " -metadata origination_date=" + date + " -metadata origination_time=" + time +
            " -metadata time_reference=" + std::to_string(timeReference) + " " + extra + " " +
            quoted(path.string()));
@@ -169,7 +154,7 @@ TEST(RecordingClock, RecorderClocksAreReadAsTheMachinesLocalTime) {
     TempDir tmp;
     const auto wav = bextWav(tmp, "a.wav", "2024-03-15", "14:30:12");
     const auto named = tmp / "CLIP_20240315_143012.wav";
-    ffmpeg(sine(0.5) + " " + quoted(named.string()));
+    ffmpeg(sineInput(0.5) + " " + quoted(named.string()));
     // UTC+3 (POSIX zone strings count west of Greenwich as positive).
     ZoneOverride zone("TRV-3");
     EXPECT_EQ(AE::readBWFOriginationDate(url(wav)), utc(2024, 3, 15, 11, 30, 12));
@@ -183,7 +168,7 @@ TEST(RecordingClock, RecorderClocksAreReadAsTheMachinesLocalTime) {
 TEST(RecordingClock, WavWithoutBextGoesOnToTheFileName) {
     TempDir tmp;
     const auto named = tmp / "CLIP_20240315_143012.wav";
-    ffmpeg(sine(0.5) + " " + quoted(named.string()));
+    ffmpeg(sineInput(0.5) + " " + quoted(named.string()));
     EXPECT_FALSE(AE::readBWFOriginationDate(url(named)));
     const auto clock = AE::readRecordingClock(url(named));
     EXPECT_EQ(clock.quality, ClockQuality::filename);
@@ -191,7 +176,7 @@ TEST(RecordingClock, WavWithoutBextGoesOnToTheFileName) {
 
     // Without a date in the name the file's own date stands: its modification time.
     const auto plain = tmp / "take.wav";
-    ffmpeg(sine(0.5) + " " + quoted(plain.string()));
+    ffmpeg(sineInput(0.5) + " " + quoted(plain.string()));
     const auto mtime =
         std::chrono::file_clock::from_sys(std::chrono::time_point_cast<std::chrono::system_clock::duration>(
             std::chrono::sys_days(std::chrono::year{2023} / 7 / 1) + std::chrono::hours(9)));
@@ -362,7 +347,7 @@ void append(const std::filesystem::path& p, const std::string& bytes) {
 TEST(CameraXml, EmbeddedXmlGivesClockTimecodeAndDevice) {
     TempDir tmp;
     const auto mp4 = tmp / "C0001.MP4";
-    ffmpeg("-f lavfi -i testsrc=size=160x120:rate=25:duration=1 " + sine(1.0) +
+    ffmpeg("-f lavfi -i testsrc=size=160x120:rate=25:duration=1 " + sineInput(1.0) +
            " -c:v libx264 -preset ultrafast -c:a aac -shortest " + quoted(mp4.string()));
     // Where the camera puts it: a top-level "meta" box (full box: version and flags first).
     append(mp4,
@@ -451,7 +436,8 @@ TEST(MediaFacts, WavFilesTellLengthAndChannelsAndNoPicture) {
     TempDir tmp;
     for (const int channels : {1, 2, 6}) {
         const auto wav = tmp / ("take" + std::to_string(channels) + ".wav");
-        ffmpeg(sine(2.0) + " -ac " + std::to_string(channels) + " -c:a pcm_s24le " + quoted(wav.string()));
+        ffmpeg(sineInput(2.0) + " -ac " + std::to_string(channels) + " -c:a pcm_s24le " +
+               quoted(wav.string()));
         EXPECT_EQ(AE::readChannelCount(url(wav)), channels);
         ASSERT_TRUE(AE::readDuration(url(wav)));
         EXPECT_NEAR(*AE::readDuration(url(wav)), 2.0, 1e-6);
@@ -475,7 +461,8 @@ TEST(MediaFacts, SilentFileIsReadLikeAnyOther) {
 TEST(MediaFacts, MultiStreamMovieSumsItsSoundAndReadsDropFrameTimecode) {
     TempDir tmp;
     const auto mov = tmp / "multi.mov";
-    ffmpeg("-f lavfi -i testsrc=size=320x240:rate=30000/1001:duration=2 " + sine(2.0) + " " + stereo(2.0) +
+    ffmpeg("-f lavfi -i testsrc=size=320x240:rate=30000/1001:duration=2 " + sineInput(2.0) + " " +
+           stereo(2.0) +
            " -map 0 -map 1 -map 2 -timecode 01:00:00\\;00 -c:v libx264 -preset ultrafast -c:a pcm_s16le " +
            quoted(mov.string()));
     EXPECT_EQ(AE::readChannelCount(url(mov)), 3);
@@ -491,7 +478,7 @@ TEST(MediaFacts, MultiStreamMovieSumsItsSoundAndReadsDropFrameTimecode) {
 TEST(MediaFacts, Mp4TimecodeTrackGivesTheStartTimecode) {
     TempDir tmp;
     const auto mp4 = tmp / "tc.mp4";
-    ffmpeg("-f lavfi -i testsrc=size=160x120:rate=25:duration=1 " + sine(1.0) +
+    ffmpeg("-f lavfi -i testsrc=size=160x120:rate=25:duration=1 " + sineInput(1.0) +
            " -timecode 10:00:10:12 -c:v libx264 -preset ultrafast -c:a aac -shortest " +
            quoted(mp4.string()));
     EXPECT_DOUBLE_EQ(*AE::readMovieTimecode(url(mp4)), 36010.0 + 12.0 / 25);
