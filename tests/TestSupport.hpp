@@ -4,11 +4,14 @@
 // Small helpers shared by the tests: a temporary folder that cleans up after itself, file makers,
 // and a capture of the engine log.
 
+#include "TrelvaneEngine/support/Date.hpp"
 #include "TrelvaneEngine/support/EngineLog.hpp"
 
 #include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <cstdlib>
+#include <ctime>
 #include <filesystem>
 #include <fstream>
 #include <mutex>
@@ -88,6 +91,19 @@ class LogCapture {
     mutable std::mutex mutex_;
     std::vector<std::string> lines_;
 };
+
+// The moment as the machine's local clock reads it.
+inline Date localDate(int y, int mo, int d, int h, int mi, int s) {
+    std::tm tm{};
+    tm.tm_year = y - 1900;
+    tm.tm_mon = mo - 1;
+    tm.tm_mday = d;
+    tm.tm_hour = h;
+    tm.tm_min = mi;
+    tm.tm_sec = s;
+    tm.tm_isdst = -1;
+    return Date(std::chrono::seconds(std::mktime(&tm)));
+}
 
 // Quoted for the shell.
 inline std::string quoted(const std::string& s) {

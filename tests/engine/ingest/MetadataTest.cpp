@@ -13,6 +13,7 @@
 
 using namespace trelvane;
 using trelvane::test::ffmpeg;
+using trelvane::test::localDate;
 using trelvane::test::LogCapture;
 using trelvane::test::quoted;
 using trelvane::test::sineInput;
@@ -45,18 +46,6 @@ TrackSource track(const std::string& name, std::vector<ClipItem> clips, SourceTy
     return t;
 }
 
-Date local(int y, int mo, int d, int h, int mi, int s) {
-    std::tm tm{};
-    tm.tm_year = y - 1900;
-    tm.tm_mon = mo - 1;
-    tm.tm_mday = d;
-    tm.tm_hour = h;
-    tm.tm_min = mi;
-    tm.tm_sec = s;
-    tm.tm_isdst = -1;
-    return Date(std::chrono::seconds(std::mktime(&tm)));
-}
-
 // Sets a file's modification time to a local wall-clock moment.
 void touch(const std::filesystem::path& p, Date when) {
     const auto sys = std::chrono::time_point_cast<std::chrono::system_clock::duration>(when);
@@ -79,7 +68,7 @@ TEST(LoadMetadata, FillsEveryClipMergesEachAsItComesAndLogsTheClockLines) {
     // No stamp, a plain name: the file's own date, here inside the span of the others.
     const auto c = tmp / "Zoom/take.wav";
     ffmpeg(sineInput(1.0) + " " + quoted(c.string()));
-    touch(c, local(2024, 3, 15, 14, 45, 0));
+    touch(c, localDate(2024, 3, 15, 14, 45, 0));
     const auto movie = tmp / "Cam/C0001.MP4";
     std::filesystem::create_directories(movie.parent_path());
     ffmpeg("-f lavfi -i testsrc=size=320x240:rate=25:duration=2 " + sineInput(2.0) +
@@ -133,10 +122,10 @@ TEST(LoadMetadata, FillsEveryClipMergesEachAsItComesAndLogsTheClockLines) {
     EXPECT_EQ(zoom[0].startOffset, 0.0);
     EXPECT_DOUBLE_EQ(zoom[1].startOffset, 2.0);
     EXPECT_DOUBLE_EQ(zoom[2].startOffset, 3.5);
-    EXPECT_EQ(zoom[0].recordingDate, local(2024, 3, 15, 14, 30, 12));
+    EXPECT_EQ(zoom[0].recordingDate, localDate(2024, 3, 15, 14, 30, 12));
     EXPECT_EQ(zoom[0].clockQuality, ClockQuality::embedded);
     EXPECT_EQ(zoom[2].clockQuality, ClockQuality::filesystem);
-    EXPECT_EQ(zoom[2].recordingDate, local(2024, 3, 15, 14, 45, 0));
+    EXPECT_EQ(zoom[2].recordingDate, localDate(2024, 3, 15, 14, 45, 0));
     EXPECT_EQ(zoom[0].deviceName, "ZOOM F8");
     EXPECT_FALSE(zoom[2].deviceName);
     EXPECT_FALSE(zoom[0].frameRate);

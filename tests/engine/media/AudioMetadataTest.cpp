@@ -15,6 +15,7 @@
 using namespace trelvane;
 using namespace std::string_literals;
 using trelvane::test::ffmpeg;
+using trelvane::test::localDate;
 using trelvane::test::quoted;
 using trelvane::test::sineInput;
 using trelvane::test::TempDir;
@@ -42,19 +43,6 @@ std::filesystem::path bextWav(const TempDir& tmp, const std::string& name, const
 
 Url url(const std::filesystem::path& p) {
     return Url::fromPath(p);
-}
-
-// The moment as the machine's local clock reads it.
-Date local(int y, int mo, int d, int h, int mi, int s) {
-    std::tm tm{};
-    tm.tm_year = y - 1900;
-    tm.tm_mon = mo - 1;
-    tm.tm_mday = d;
-    tm.tm_hour = h;
-    tm.tm_min = mi;
-    tm.tm_sec = s;
-    tm.tm_isdst = -1;
-    return Date(std::chrono::seconds(std::mktime(&tm)));
 }
 
 Date utc(int y, int mo, int d, int h, int mi, int s, int ms = 0) {
@@ -136,10 +124,10 @@ std::vector<std::uint8_t> bytesOf(const std::string& s) {
 TEST(RecordingClock, BroadcastWavStampIsTheEmbeddedClock) {
     TempDir tmp;
     const auto wav = bextWav(tmp, "ZOOM0001.WAV", "2024-03-15", "14:30:12");
-    EXPECT_EQ(AE::readBWFOriginationDate(url(wav)), local(2024, 3, 15, 14, 30, 12));
+    EXPECT_EQ(AE::readBWFOriginationDate(url(wav)), localDate(2024, 3, 15, 14, 30, 12));
     const auto clock = AE::readRecordingClock(url(wav));
     EXPECT_EQ(clock.quality, ClockQuality::embedded);
-    EXPECT_EQ(clock.date, local(2024, 3, 15, 14, 30, 12));
+    EXPECT_EQ(clock.date, localDate(2024, 3, 15, 14, 30, 12));
 
     // The same stamp in a file whose extension isn't a WAV's is not looked for.
     std::filesystem::copy_file(wav, tmp / "ZOOM0001.bin");
@@ -172,7 +160,7 @@ TEST(RecordingClock, WavWithoutBextGoesOnToTheFileName) {
     EXPECT_FALSE(AE::readBWFOriginationDate(url(named)));
     const auto clock = AE::readRecordingClock(url(named));
     EXPECT_EQ(clock.quality, ClockQuality::filename);
-    EXPECT_EQ(clock.date, local(2024, 3, 15, 14, 30, 12));
+    EXPECT_EQ(clock.date, localDate(2024, 3, 15, 14, 30, 12));
 
     // Without a date in the name the file's own date stands: its modification time.
     const auto plain = tmp / "take.wav";
@@ -189,12 +177,12 @@ TEST(RecordingClock, WavWithoutBextGoesOnToTheFileName) {
 TEST(RecordingClock, BextStampWinsOverTheFileNameAndAnEmptyStampDoesNot) {
     TempDir tmp;
     const auto wav = bextWav(tmp, "CLIP_20200101_000000.wav", "2024-03-15", "14:30:12");
-    EXPECT_EQ(AE::readRecordingClock(url(wav)).date, local(2024, 3, 15, 14, 30, 12));
+    EXPECT_EQ(AE::readRecordingClock(url(wav)).date, localDate(2024, 3, 15, 14, 30, 12));
     // A recorder with an unset clock leaves the fields empty.
     const auto blank = bextWav(tmp, "CLIP_20200101_000001.wav", "''", "''");
     const auto clock = AE::readRecordingClock(url(blank));
     EXPECT_EQ(clock.quality, ClockQuality::filename);
-    EXPECT_EQ(clock.date, local(2020, 1, 1, 0, 0, 1));
+    EXPECT_EQ(clock.date, localDate(2020, 1, 1, 0, 0, 1));
 }
 
 TEST(RecordingClock, Rf64FileCarriesItsBextToo) {
@@ -208,7 +196,7 @@ TEST(RecordingClock, Rf64FileCarriesItsBextToo) {
     EXPECT_EQ(wave->format->sampleRate, 48000u);
     EXPECT_EQ(wave->dataBytes, 96000u);
     EXPECT_EQ(AE::readRecordingClock(url(wav)),
-              (AE::RecordingClock{local(2024, 3, 15, 23, 59, 58), ClockQuality::embedded}));
+              (AE::RecordingClock{localDate(2024, 3, 15, 23, 59, 58), ClockQuality::embedded}));
     EXPECT_EQ(AE::readDeviceInfo(url(wav)), "Sound Devices 888");
     EXPECT_NEAR(*AE::readDuration(url(wav)), 1.0, 1e-6);
 }
@@ -227,7 +215,7 @@ TEST(RecordingClock, BextShorterThanItsDateFieldsIsIgnored) {
     const auto exact = tmp.file(
         "exact.wav", riff(chunk("fmt ", fmtPayload(1)) +
                           chunk("bext", bextPayload("X", "2024-03-15", "14:30:12", 48000, 338)) + data));
-    EXPECT_EQ(AE::readBWFOriginationDate(url(exact)), local(2024, 3, 15, 14, 30, 12));
+    EXPECT_EQ(AE::readBWFOriginationDate(url(exact)), localDate(2024, 3, 15, 14, 30, 12));
     EXPECT_FALSE(AE::readBWFTimecode(url(exact)));
 }
 
@@ -264,12 +252,12 @@ TEST(RecordingClock, FileThatIsGoneHasNoClock) {
 }
 
 TEST(DateParsing, BroadcastWavFieldsTakeAnySeparatorAndRefuseNonsense) {
-    const auto expected = local(2024, 3, 15, 14, 30, 12);
+    const auto expected = localDate(2024, 3, 15, 14, 30, 12);
     EXPECT_EQ(AE::parseBWFDate("2024-03-15", "14:30:12"), expected);
     EXPECT_EQ(AE::parseBWFDate("2024:03:15", "14-30-12"), expected);
     EXPECT_EQ(AE::parseBWFDate("2024_03_15", "14.30.12"), expected);
     EXPECT_EQ(AE::parseBWFDate("2024 03 15", "14 30 12"), expected);
-    EXPECT_EQ(AE::parseBWFDate("2024-02-29", "00:00:00"), local(2024, 2, 29, 0, 0, 0));
+    EXPECT_EQ(AE::parseBWFDate("2024-02-29", "00:00:00"), localDate(2024, 2, 29, 0, 0, 0));
     for (const auto& [date, time] :
          std::vector<std::pair<std::string, std::string>>{{"", ""},
                                                           {"2024-03-15", ""},
@@ -293,7 +281,7 @@ TEST(DateParsing, IsoDatesKeepTheirZoneAndRefuseNonsense) {
     EXPECT_EQ(AE::parseISO8601Date("2014-08-21T10:57:01+02"), utc(2014, 8, 21, 8, 57, 1));
     EXPECT_EQ(AE::parseISO8601Date("2014-08-21 10:57:01.5Z"), utc(2014, 8, 21, 10, 57, 1, 500));
     EXPECT_EQ(AE::parseISO8601Date("2025-06-14T19:30:07.200000Z"), utc(2025, 6, 14, 19, 30, 7, 200));
-    EXPECT_EQ(AE::parseISO8601Date("2014-08-21T10:57:01"), local(2014, 8, 21, 10, 57, 1));
+    EXPECT_EQ(AE::parseISO8601Date("2014-08-21T10:57:01"), localDate(2014, 8, 21, 10, 57, 1));
     for (const char* bad : {"", "19:30:01", "2014-08-21", "2014-08-21T10:57", "2014-08-21T10:57:01+9",
                             "2014-08-21T10:57:01Zjunk", "2014-08-21T10:57:01.", "2014-02-30T10:57:01Z",
                             "2014/08/21T10:57:01Z", "2014-08-21T10:57:01+24:00"})
@@ -301,7 +289,7 @@ TEST(DateParsing, IsoDatesKeepTheirZoneAndRefuseNonsense) {
 }
 
 TEST(DateParsing, FileNameDateMustEndTheName) {
-    const auto expected = local(2024, 3, 15, 14, 30, 12);
+    const auto expected = localDate(2024, 3, 15, 14, 30, 12);
     EXPECT_EQ(AE::dateFromFilename("CLIP_20240315_143012"), expected);
     EXPECT_EQ(AE::dateFromFilename("CLIP_20240315_143012.wav"), expected);
     EXPECT_EQ(AE::dateFromFilename("20240315_143012"), expected);
@@ -552,7 +540,7 @@ TEST(RiffWalk, LyingChunkSizesNeverReachPastTheFile) {
     ASSERT_TRUE(wave);
     EXPECT_EQ(wave->dataBytes, 400u);
     EXPECT_EQ(wave->bext->originator, "Tascam DR-40X");
-    EXPECT_EQ(AE::readBWFOriginationDate(url(bigData)), local(2024, 3, 15, 14, 30, 12));
+    EXPECT_EQ(AE::readBWFOriginationDate(url(bigData)), localDate(2024, 3, 15, 14, 30, 12));
     EXPECT_EQ(AE::readBWFTimecode(url(bigData)), 2.0);
     EXPECT_EQ(AE::readDeviceInfo(url(bigData)), "Tascam DR-40X");
     if (const auto d = AE::readDuration(url(bigData))) {
@@ -574,7 +562,7 @@ TEST(RiffWalk, LyingChunkSizesNeverReachPastTheFile) {
     // A bext cut short by the end of the file still counts for what it holds.
     const std::string whole = riff(fmt + bext);
     const auto cut = tmp.file("cut.wav", whole.substr(0, whole.size() - 200));
-    EXPECT_EQ(AE::readBWFOriginationDate(url(cut)), local(2024, 3, 15, 14, 30, 12));
+    EXPECT_EQ(AE::readBWFOriginationDate(url(cut)), localDate(2024, 3, 15, 14, 30, 12));
     const auto cutEarly = tmp.file("cut-early.wav", whole.substr(0, 12 + fmt.size() + 8 + 330));
     EXPECT_FALSE(AE::readBWFOriginationDate(url(cutEarly)));
 
@@ -625,7 +613,7 @@ TEST(RiffWalk, SeveralGigabyteFileIsReadByItsHeadersAlone) {
     const auto wave = RiffReader::read(url(path));
     ASSERT_TRUE(wave);
     EXPECT_EQ(wave->dataBytes, dataSize);
-    EXPECT_EQ(AE::readBWFOriginationDate(url(path)), local(2024, 3, 15, 9, 0, 0));
+    EXPECT_EQ(AE::readBWFOriginationDate(url(path)), localDate(2024, 3, 15, 9, 0, 0));
     EXPECT_EQ(AE::readBWFTimecode(url(path)), 7200.0);
     EXPECT_EQ(AE::readDeviceInfo(url(path)), "Sound Devices 833");
     EXPECT_EQ(AE::readChannelCount(url(path)), 2);
