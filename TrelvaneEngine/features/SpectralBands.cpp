@@ -4,12 +4,19 @@
 #include "TrelvaneEngine/features/SyncCorrelator.hpp"
 
 #include <algorithm>
+#include <atomic>
 #include <climits>
 #include <cmath>
 #include <cstddef>
 #include <limits>
+#include <map>
+#include <memory>
+#include <mutex>
 #include <numbers>
+#include <optional>
 #include <set>
+#include <utility>
+#include <vector>
 
 namespace trelvane::SpectralBands {
 
@@ -126,21 +133,366 @@ std::optional<Feature> slice(const Feature& feature, double fromSec, double dura
     return cut;
 }
 
-std::vector<Peak> peaks(const Feature& clip, const Feature& ref, double minOffsetSec, double maxOffsetSec,
-                        double minOverlapSec, int topK, double minSeparationSec) {
-    if (topK < 1 || clip.frames < kMinimumFrames || ref.frames < kMinimumFrames) return {};
-    if (clip.bands.size() != ref.bands.size() || clip.frames >= ref.frames) return {};
-    if (!isWellFormed(clip) || !isWellFormed(ref)) return {};
+namespace {
 
-    const std::size_t n = static_cast<std::size_t>(clip.frames) + static_cast<std::size_t>(ref.frames) - 1;
-    if (n < 2) return {};
-    std::size_t length = 1;
-    while (length < n)
-        length *= 2;
-    // Past the largest plan every band would be refused; don't allocate the sum for nothing.
-    if (length > (std::size_t{1} << SyncCorrelator::kMaxLog2n)) return {};
+// ---- The peak search, by blocks -------------------------------------------------------------------
+//
+// The fused correlation is linear in each band's correlation, and each band's weight (the inverse
+// RMS of its whole correlation) can be had without the correlation itself: the sum of its squares
+// over every lag is the sum over d of the two autocorrelations' products, Ra(d) * Rb(d), and Rb
+// vanishes beyond the clip's length. So the weights come from the clip's spectrum and a short,
+// cached autocorrelation of the reference, and the fused correlation is then needed only over the
+// searched lags, block by block (overlap-save): one inverse transform per block for all bands,
+// against block spectra of the reference that are cached between calls. A narrow clock window
+// thus costs a block or two, and the reference is transformed once, not once per call.
 
-    // Each usable band enters with equal weight: its correlation divided by its own RMS.
+struct BlockPlan {
+    std::size_t clipPad = 0; // C: a power of two not below the clip's length
+    std::size_t size = 0;    // F: the transform length, at least 2C
+    std::size_t step = 0;    // F - C: lags per block; block j starts at lag j * step - C
+    const SyncCorrelator::FFTSetup* setup = nullptr;
+};
+
+std::size_t ceilPow2(std::size_t n) {
+    std::size_t p = 1;
+    while (p < n)
+        p *= 2;
+    return p;
+}
+
+unsigned log2Of(std::size_t p) {
+    unsigned l = 0;
+    while ((std::size_t{1} << l) < p)
+        ++l;
+    return l;
+}
+
+long long blockOf(long long lag, const BlockPlan& plan) {
+    // Lags start at -C or later, so lag + C is never negative.
+    return (lag + static_cast<long long>(plan.clipPad)) / static_cast<long long>(plan.step);
+}
+
+// The transform size with the least work for this range: larger blocks waste less of each
+// transform on the clip's overhang, smaller ones follow a narrow range more closely.
+// The band count is taken as 8 whatever the features hold, so that leaving out a band never changes
+// the plan, and with it the rounding.
+std::optional<BlockPlan> choosePlan(int clipFrames, int lo, int hi) {
+    constexpr double bandCount = kBandCount;
+    BlockPlan best;
+    double bestCost = std::numeric_limits<double>::infinity();
+    const std::size_t clipPad = ceilPow2(static_cast<std::size_t>(std::max(clipFrames, 4)));
+    const std::size_t whole = ceilPow2(static_cast<std::size_t>(hi - lo + 1) + 2 * clipPad);
+    for (std::size_t size = 2 * clipPad; size <= std::size_t{1} << SyncCorrelator::kMaxLog2n; size *= 2) {
+        BlockPlan plan{clipPad, size, size - clipPad, nullptr};
+        const double blocks = static_cast<double>(blockOf(hi, plan) - blockOf(lo, plan) + 1);
+        const double f = static_cast<double>(size), logf = std::log2(f);
+        const double cost = blocks * f * (logf + 2.0 * bandCount) + bandCount * f * logf;
+        if (cost < bestCost) bestCost = cost, best = plan;
+        if (size >= whole) break;
+    }
+    if (best.size == 0) return std::nullopt;
+    best.setup = SyncCorrelator::sharedFFTSetup(log2Of(best.size));
+    if (best.setup == nullptr) return std::nullopt;
+    return best;
+}
+
+// Packed spectra (real half, then imaginary half, as the plans give them) of one length.
+using Packed = std::vector<float>;
+
+void forwardPacked(const SyncCorrelator::FFTSetup& setup, SyncCorrelator::FFTWorkspace& ws, Packed& out) {
+    setup.forward(ws);
+    const std::size_t half = setup.length() / 2;
+    out.resize(setup.length());
+    std::copy(ws.real().begin(), ws.real().end(), out.begin());
+    std::copy(ws.imag().begin(), ws.imag().end(), out.begin() + static_cast<std::ptrdiff_t>(half));
+}
+
+// What the search keeps of one reference between calls. Immutable identity (a copy of the bands,
+// compared exactly, so a reused address with new contents is never mistaken for the old); the
+// transforms grow on demand under `lock`. Entries are never shrunk, so spectra handed out stay
+// valid while the entry lives.
+struct ReferenceSpectra {
+    std::vector<const float*> addresses;
+    std::vector<std::vector<float>> bands;
+    int frames = 0;
+
+    std::mutex lock;
+    // By transform length: Ra(d) of each band for the lags that length holds without wrapping.
+    std::map<std::size_t, std::vector<std::vector<double>>> autocorrelations;
+    struct Grid {
+        // Per band: the plain DFT of Ra cut to |d| < F/2, which is real; F/2 + 1 values.
+        std::vector<std::vector<double>> weightSpectrum;
+        // Per block index: the packed spectra of all bands, band after band.
+        std::map<long long, std::unique_ptr<const Packed>> blocks;
+    };
+    // By transform length and clip padding: a block's reference frames start C before its first
+    // lag, so the same length with another C is another grid.
+    std::map<std::pair<std::size_t, std::size_t>, Grid> grids;
+    std::atomic<std::size_t> bytes = 0; // what the transforms hold; read without `lock`
+
+    bool matches(const SpectralBands::Feature& f) const {
+        if (f.frames != frames || f.bands.size() != bands.size()) return false;
+        for (std::size_t b = 0; b < bands.size(); ++b)
+            if (f.bands[b].data() != addresses[b]) return false;
+        for (std::size_t b = 0; b < bands.size(); ++b)
+            if (!std::equal(bands[b].begin(), bands[b].end(), f.bands[b].begin())) return false;
+        return true;
+    }
+};
+
+// Recent references, the most recent first. A sync pass searches every clip of a track against
+// each span of the reference track in turn, so the list must hold all the spans at once or a
+// cycle through them would miss every time; memory, not the count, is the usual limit.
+class ReferenceCache {
+  public:
+    std::shared_ptr<ReferenceSpectra> get(const SpectralBands::Feature& ref) {
+        std::lock_guard guard(lock_);
+        for (auto it = entries_.begin(); it != entries_.end(); ++it) {
+            if (!(*it)->matches(ref)) continue;
+            auto found = *it;
+            entries_.erase(it);
+            entries_.insert(entries_.begin(), found);
+            return found;
+        }
+        auto fresh = std::make_shared<ReferenceSpectra>();
+        fresh->frames = ref.frames;
+        fresh->bands = ref.bands;
+        for (const auto& band : ref.bands)
+            fresh->addresses.push_back(band.data());
+        entries_.insert(entries_.begin(), fresh);
+        // Trim by count and by memory; an entry still in use elsewhere lives on until released.
+        std::size_t total = 0;
+        for (std::size_t i = 0; i < entries_.size(); ++i) {
+            total += entries_[i]->bytes.load() + sizeof(float) *
+                                                     static_cast<std::size_t>(entries_[i]->frames) *
+                                                     entries_[i]->bands.size();
+            if (i >= kMaxEntries || (i > 0 && total > kMaxBytes)) {
+                entries_.resize(i);
+                break;
+            }
+        }
+        return fresh;
+    }
+
+    static constexpr std::size_t kMaxEntries = 64;
+    static constexpr std::size_t kMaxBytes = std::size_t{256} << 20;
+
+  private:
+    std::mutex lock_;
+    std::vector<std::shared_ptr<ReferenceSpectra>> entries_;
+};
+
+ReferenceCache& referenceCache() {
+    static ReferenceCache cache;
+    return cache;
+}
+
+// Ra of every band for the lags that a transform of `length` gives without wrapping. Kept by
+// length, so that the same reference and length always give the same values, whatever came before.
+const std::vector<std::vector<double>>* autocorrelation(ReferenceSpectra& ref, std::size_t length) {
+    if (const auto it = ref.autocorrelations.find(length); it != ref.autocorrelations.end())
+        return &it->second;
+    const std::size_t frames = static_cast<std::size_t>(ref.frames);
+    const std::size_t lags = std::min(length - frames + 1, frames);
+    const auto* setup = SyncCorrelator::sharedFFTSetup(log2Of(length));
+    if (setup == nullptr) return nullptr;
+    auto ws = setup->makeWorkspace();
+    const double scale = 1.0 / (4.0 * static_cast<double>(length)); // doubled forward, P-fold inverse
+    std::vector<std::vector<double>> result;
+    for (const auto& band : ref.bands) {
+        auto signal = ws.signal();
+        std::fill(signal.begin(), signal.end(), 0.0f);
+        std::copy(band.begin(), band.end(), signal.begin());
+        setup->forward(ws);
+        auto re = ws.real(), im = ws.imag();
+        re[0] = re[0] * re[0];
+        im[0] = im[0] * im[0];
+        for (std::size_t k = 1; k < re.size(); ++k) {
+            re[k] = re[k] * re[k] + im[k] * im[k];
+            im[k] = 0.0f;
+        }
+        setup->inverse(ws);
+        std::vector<double> ra(lags);
+        for (std::size_t d = 0; d < lags; ++d)
+            ra[d] = static_cast<double>(ws.signal()[d]) * scale;
+        result.push_back(std::move(ra));
+    }
+    ref.bytes += sizeof(double) * lags * ref.bands.size();
+    return &ref.autocorrelations.emplace(length, std::move(result)).first->second;
+}
+
+// The grid of one transform length: the band weights' spectra, made once.
+ReferenceSpectra::Grid* ensureGrid(ReferenceSpectra& ref, const BlockPlan& plan) {
+    auto& grid = ref.grids[{plan.size, plan.clipPad}];
+    if (!grid.weightSpectrum.empty()) return &grid;
+    const std::size_t half = plan.size / 2;
+    // Rb vanishes from the clip's length on, and the clip is at most F/2 long: lags below F/2 do.
+    const std::size_t length = ceilPow2(static_cast<std::size_t>(ref.frames) + half);
+    if (length > (std::size_t{1} << SyncCorrelator::kMaxLog2n)) return nullptr;
+    const auto* ras = autocorrelation(ref, length);
+    if (ras == nullptr) return nullptr;
+    auto ws = plan.setup->makeWorkspace();
+    std::vector<std::vector<double>> spectra;
+    for (const auto& ra : *ras) {
+        auto t = ws.signal();
+        std::fill(t.begin(), t.end(), 0.0f);
+        const std::size_t lags = std::min(half, ra.size());
+        for (std::size_t d = 0; d < lags; ++d) {
+            t[d] = static_cast<float>(ra[d]);
+            if (d > 0) t[plan.size - d] = static_cast<float>(ra[d]);
+        }
+        plan.setup->forward(ws);
+        // Even input, so the spectrum is real; the forward transform gives it doubled.
+        std::vector<double> w(half + 1);
+        w[0] = 0.5 * ws.real()[0];
+        w[half] = 0.5 * ws.imag()[0];
+        for (std::size_t k = 1; k < half; ++k)
+            w[k] = 0.5 * ws.real()[k];
+        spectra.push_back(std::move(w));
+    }
+    grid.weightSpectrum = std::move(spectra);
+    ref.bytes += sizeof(double) * (half + 1) * ref.bands.size();
+    return &grid;
+}
+
+// The packed spectra of every band of the reference from lag `block * step - C` on, F frames.
+std::unique_ptr<const Packed> blockSpectra(const ReferenceSpectra& ref, const BlockPlan& plan,
+                                           SyncCorrelator::FFTWorkspace& ws, long long block) {
+    const long long start = block * static_cast<long long>(plan.step) - static_cast<long long>(plan.clipPad);
+    const long long frames = ref.frames;
+    const long long from = std::max(start, 0LL);
+    const long long to = std::min(start + static_cast<long long>(plan.size), frames);
+    auto out = std::make_unique<Packed>(plan.size * ref.bands.size());
+    Packed one;
+    for (std::size_t b = 0; b < ref.bands.size(); ++b) {
+        auto signal = ws.signal();
+        std::fill(signal.begin(), signal.end(), 0.0f);
+        if (from < to)
+            std::copy(ref.bands[b].begin() + from, ref.bands[b].begin() + to,
+                      signal.begin() + (from - start));
+        forwardPacked(*plan.setup, ws, one);
+        std::copy(one.begin(), one.end(), out->begin() + static_cast<std::ptrdiff_t>(b * plan.size));
+    }
+    return out;
+}
+
+// The fused correlation (each usable band's correlation over its RMS, summed) at lags lo to hi,
+// the same values the band-by-band correlations over the whole length would give, up to rounding.
+// Empty when no band is usable; nothing when the blocks can't be planned (lengths near the
+// largest plan), which the caller answers with whole-length transforms.
+std::optional<std::vector<float>> fusedByBlocks(const Feature& clip, const Feature& ref,
+                                                std::size_t wholeLength, int lo, int hi) {
+    const auto plan = choosePlan(clip.frames, lo, hi);
+    if (!plan) return std::nullopt;
+    const std::size_t size = plan->size, half = size / 2;
+    auto spectra = referenceCache().get(ref);
+    auto ws = plan->setup->makeWorkspace();
+
+    // The clip's spectrum per band, weighted by the inverse RMS of that band's whole correlation.
+    std::vector<Packed> weighted;
+    std::vector<std::size_t> usedBands;
+    const ReferenceSpectra::Grid* grid = nullptr;
+    {
+        std::lock_guard guard(spectra->lock);
+        grid = ensureGrid(*spectra, *plan);
+    }
+    if (grid == nullptr) return std::nullopt;
+    for (std::size_t b = 0; b < clip.bands.size(); ++b) {
+        auto signal = ws.signal();
+        std::fill(signal.begin(), signal.end(), 0.0f);
+        std::copy(clip.bands[b].begin(), clip.bands[b].end(), signal.begin());
+        Packed c;
+        forwardPacked(*plan->setup, ws, c);
+        // Sum of squares of the correlation over all lags, by Parseval: the sum over d of
+        // Ra(d) * Rb(d), in the frequency domain. The packed values are twice the plain DFT.
+        const auto& w = grid->weightSpectrum[b];
+        double edge = w[0] * 0.25 * static_cast<double>(c[0]) * c[0] +
+                      w[half] * 0.25 * static_cast<double>(c[half]) * c[half];
+        double inner = 0;
+        for (std::size_t k = 1; k < half; ++k)
+            inner += w[k] * 0.25 *
+                     (static_cast<double>(c[k]) * c[k] + static_cast<double>(c[half + k]) * c[half + k]);
+        const double sumOfSquares = (edge + 2.0 * inner) / static_cast<double>(size);
+        // The correlation as the plain transform gives it is twice the plain one, over P values.
+        const float rms = static_cast<float>(
+            std::sqrt(std::max(4.0 * sumOfSquares, 0.0) / static_cast<double>(wholeLength)));
+        if (!(rms > 1e-9f) || !std::isfinite(rms)) continue;
+        const float inverse = 1.0f / rms;
+        for (auto& v : c)
+            v *= inverse;
+        weighted.push_back(std::move(c));
+        usedBands.push_back(b);
+    }
+    if (usedBands.empty()) return std::vector<float>{};
+
+    const long long firstBlock = blockOf(lo, *plan), lastBlock = blockOf(hi, *plan);
+    std::vector<const Packed*> blocks;
+    std::vector<std::unique_ptr<const Packed>> transient;
+    {
+        std::lock_guard guard(spectra->lock);
+        auto& cached = spectra->grids[{size, plan->clipPad}].blocks;
+        for (long long j = firstBlock; j <= lastBlock; ++j) {
+            if (const auto it = cached.find(j); it != cached.end()) {
+                blocks.push_back(it->second.get());
+                continue;
+            }
+            auto made = blockSpectra(*spectra, *plan, ws, j);
+            const std::size_t bytes = sizeof(float) * made->size();
+            blocks.push_back(made.get());
+            if (spectra->bytes + bytes <= ReferenceCache::kMaxBytes) {
+                spectra->bytes += bytes;
+                cached.emplace(j, std::move(made));
+            } else {
+                transient.push_back(std::move(made));
+            }
+        }
+    }
+
+    // Forward twice the plain scale on each side, inverse F times: 1/(2F) gives the same doubled
+    // correlation as the whole-length transforms.
+    const float scale = static_cast<float>(1.0 / (2.0 * static_cast<double>(size)));
+    std::vector<float> fused(static_cast<std::size_t>(hi - lo + 1));
+    for (std::size_t bi = 0; bi < blocks.size(); ++bi) {
+        const long long j = firstBlock + static_cast<long long>(bi);
+        auto re = ws.real(), im = ws.imag();
+        std::fill(re.begin(), re.end(), 0.0f);
+        std::fill(im.begin(), im.end(), 0.0f);
+        for (std::size_t u = 0; u < usedBands.size(); ++u) {
+            const float* s = blocks[bi]->data() + usedBands[u] * size;
+            const float* sr = s;
+            const float* si = s + half;
+            const float* cr = weighted[u].data();
+            const float* ci = weighted[u].data() + half;
+            // Element 0 holds two real terms (DC and Nyquist), not one complex bin.
+            const float dc = re[0] + sr[0] * cr[0];
+            const float nyquist = im[0] + si[0] * ci[0];
+            for (std::size_t k = 0; k < half; ++k) {
+                re[k] += sr[k] * cr[k] + si[k] * ci[k];
+                im[k] += si[k] * cr[k] - sr[k] * ci[k];
+            }
+            re[0] = dc;
+            im[0] = nyquist;
+        }
+        plan->setup->inverse(ws);
+        const long long start =
+            j * static_cast<long long>(plan->step) - static_cast<long long>(plan->clipPad);
+        const long long from = std::max<long long>(start, lo);
+        const long long to = std::min<long long>(start + static_cast<long long>(plan->step) - 1, hi);
+        const auto signal = ws.signal();
+        for (long long lag = from; lag <= to; ++lag)
+            fused[static_cast<std::size_t>(lag - lo)] = signal[static_cast<std::size_t>(lag - start)] * scale;
+    }
+    return fused;
+}
+
+} // namespace
+
+namespace {
+
+// The fused correlation at lags lo to hi from whole-length correlations of every band: the plain
+// way, for lengths the blocks can't plan. Empty when no band is usable.
+std::vector<float> fusedByWholeCorrelations(const Feature& clip, const Feature& ref, std::size_t length,
+                                            int lo, int hi) {
     std::vector<float> fused(length, 0.0f);
     int used = 0;
     for (std::size_t b = 0; b < clip.bands.size(); ++b) {
@@ -157,6 +509,26 @@ std::vector<Peak> peaks(const Feature& clip, const Feature& ref, double minOffse
         ++used;
     }
     if (used == 0) return {};
+    std::vector<float> range(static_cast<std::size_t>(hi - lo + 1));
+    for (int lag = lo; lag <= hi; ++lag)
+        range[static_cast<std::size_t>(lag - lo)] =
+            fused[lag < 0 ? static_cast<std::size_t>(lag) + length : static_cast<std::size_t>(lag)];
+    return range;
+}
+
+} // namespace
+
+std::vector<Peak> peaks(const Feature& clip, const Feature& ref, double minOffsetSec, double maxOffsetSec,
+                        double minOverlapSec, int topK, double minSeparationSec) {
+    if (topK < 1 || clip.frames < kMinimumFrames || ref.frames < kMinimumFrames) return {};
+    if (clip.bands.size() != ref.bands.size() || clip.frames >= ref.frames) return {};
+    if (!isWellFormed(clip) || !isWellFormed(ref)) return {};
+
+    const std::size_t n = static_cast<std::size_t>(clip.frames) + static_cast<std::size_t>(ref.frames) - 1;
+    if (n < 2) return {};
+    const std::size_t length = ceilPow2(n);
+    // Past the largest plan every band would be refused.
+    if (length > (std::size_t{1} << SyncCorrelator::kMaxLog2n)) return {};
 
     // At least `overlapFrames` of the clip stay on the reference. A negative overlap would reach
     // lags that wrap round the correlation, so it counts as none.
@@ -173,13 +545,16 @@ std::vector<Peak> peaks(const Feature& clip, const Feature& ref, double minOffse
     if (const double x = maxOffsetSec * kFrameRate; std::isfinite(x)) hi = roundedClamped(x, lagMin, lagMax);
     if (lo > hi) return {};
 
-    const auto value = [&](int lag) {
-        return fused[lag < 0 ? static_cast<std::size_t>(lag) + length : static_cast<std::size_t>(lag)];
-    };
+    // Only the searched lags are computed; values[i] is the fused correlation at lag lo + i.
+    auto byBlocks = fusedByBlocks(clip, ref, length, lo, hi);
+    const std::vector<float> values =
+        byBlocks ? std::move(*byBlocks) : fusedByWholeCorrelations(clip, ref, length, lo, hi);
+    if (values.empty()) return {};
+    const auto value = [&](int lag) { return values[static_cast<std::size_t>(lag - lo)]; };
 
     double sum = 0, squares = 0;
-    for (int lag = lo; lag <= hi; ++lag) {
-        const double v = value(lag);
+    for (const float f : values) {
+        const double v = f;
         sum += v;
         squares += v * v;
     }

@@ -6,8 +6,10 @@
 // clips are compared by correlating them band by band and fusing the eight results. Band envelopes
 // rather than waveforms make a match survive different microphones, levels and phase.
 //
-// All operations are pure functions of their arguments (the FFT plans they share are read-only),
-// callable from any thread. Refusals are an empty result, never an exception.
+// All operations are pure functions of their arguments, callable from any thread. Refusals are an
+// empty result, never an exception. Besides the read-only FFT plans, `peaks` keeps the transforms
+// of recently searched references in a process-wide cache under its own lock (at most 256 MB,
+// oldest dropped first): its results never depend on what the cache holds.
 
 #include <array>
 #include <optional>
@@ -64,7 +66,8 @@ std::optional<Feature> slice(const Feature& feature, double fromSec, double dura
 // caller wanting the other case swaps them). Only offsets that keep at least `minOverlapSec` of
 // the clip on the reference are searched (truncated to whole frames; a negative value counts as
 // none), further limited to [minOffsetSec, maxOffsetSec] (seconds, rounded half away from zero to
-// frames); an infinite bound means none on that side. Empty when `topK` is below 1, either feature
+// frames); an infinite bound means none on that side. Only the searched lags are computed, so a
+// narrow range costs less than the whole. Empty when `topK` is below 1, either feature
 // has fewer than 5 frames or bands of another length than its `frames`, the band counts differ, no
 // band varies, the range is empty or flat, or `minOverlapSec` is not a number.
 std::vector<Peak> peaks(const Feature& clip, const Feature& ref, double minOffsetSec, double maxOffsetSec,

@@ -13,6 +13,7 @@
 #include <numbers>
 #include <random>
 #include <string>
+#include <thread>
 #include <vector>
 
 using namespace trelvane;
@@ -509,5 +510,163 @@ TEST(SpectralBands, TwoCutsOfOneRecordingThroughDifferentRecordersMeetAtTheirTru
         const auto back = SB::peaks(*part, clip, -kInf, kInf, 5.0, 1, 1.0);
         ASSERT_EQ(back.size(), 1u);
         EXPECT_NEAR(back[0].offsetSeconds, 0.0, 0.04) << name;
+    }
+}
+
+namespace {
+
+// The peak search written out plainly, in double: every band's linear correlation at every lag by
+// sums, over its RMS across all P points, fused; then the range, the local maxima, the order and
+// the suppression, one step after another.
+std::vector<SB::Peak> plainPeaks(const SB::Feature& clip, const SB::Feature& ref, double minOffsetSec,
+                                 double maxOffsetSec, double minOverlapSec, int topK,
+                                 double minSeparationSec) {
+    std::size_t p = 1;
+    while (p < static_cast<std::size_t>(clip.frames + ref.frames - 1))
+        p *= 2;
+    const int first = -clip.frames, last = ref.frames;
+    std::vector<double> fused(static_cast<std::size_t>(last - first + 1), 0.0);
+    for (std::size_t b = 0; b < clip.bands.size(); ++b) {
+        std::vector<double> r(fused.size(), 0.0);
+        double sq = 0;
+        for (int k = first; k <= last; ++k) {
+            double s = 0;
+            for (int m = std::max(0, -k); m < clip.frames && m + k < ref.frames; ++m)
+                s += static_cast<double>(ref.bands[b][static_cast<std::size_t>(m + k)]) *
+                     clip.bands[b][static_cast<std::size_t>(m)];
+            r[static_cast<std::size_t>(k - first)] = s;
+            sq += s * s;
+        }
+        const double rms = std::sqrt(sq / static_cast<double>(p));
+        if (rms <= 1e-9) continue;
+        for (std::size_t i = 0; i < r.size(); ++i)
+            fused[i] += r[i] / rms;
+    }
+    const int overlap = static_cast<int>(minOverlapSec * 25);
+    if (overlap >= clip.frames) return {};
+    int lo = overlap - clip.frames, hi = ref.frames - overlap;
+    if (std::isfinite(minOffsetSec)) lo = std::clamp(static_cast<int>(std::round(minOffsetSec * 25)), lo, hi);
+    if (std::isfinite(maxOffsetSec))
+        hi = std::clamp(static_cast<int>(std::round(maxOffsetSec * 25)), overlap - clip.frames, hi);
+    const auto at = [&](int lag) { return fused[static_cast<std::size_t>(lag - first)]; };
+    double sum = 0, sq = 0;
+    for (int k = lo; k <= hi; ++k)
+        sum += at(k), sq += at(k) * at(k);
+    const double n = hi - lo + 1, mean = sum / n, sd = std::sqrt(sq / n - mean * mean);
+    std::vector<std::pair<int, double>> candidates;
+    for (int k = lo; k <= hi; ++k)
+        if ((k == lo || at(k) >= at(k - 1)) && (k == hi || at(k) >= at(k + 1)))
+            candidates.emplace_back(k, (at(k) - mean) / sd);
+    std::stable_sort(candidates.begin(), candidates.end(),
+                     [](const auto& a, const auto& b) { return a.second > b.second; });
+    const int sep = std::max(static_cast<int>(std::round(minSeparationSec * 25)), 1);
+    std::vector<SB::Peak> kept;
+    for (const auto& [lag, score] : candidates) {
+        if (static_cast<int>(kept.size()) >= topK) break;
+        if (std::any_of(kept.begin(), kept.end(),
+                        [&](const SB::Peak& k) { return std::abs(lagOf(k) - lag) < sep; }))
+            continue;
+        kept.push_back({lag / 25.0, static_cast<float>(score)});
+    }
+    return kept;
+}
+
+// `found` is `plain` up to rounding: the same lags in the same order with scores within `tolerance`,
+// except where the plain scores of two candidates lie so close that rounding may swap them, after
+// which the lists may go their own ways.
+void expectSamePeaks(const std::vector<SB::Peak>& found, const std::vector<SB::Peak>& plain,
+                     const std::string& what) {
+    constexpr float tolerance = 2e-4f;
+    ASSERT_EQ(found.size(), plain.size()) << what;
+    for (std::size_t i = 0; i < plain.size(); ++i) {
+        const bool nearTie = i + 1 < plain.size() && plain[i].score - plain[i + 1].score < 4 * tolerance;
+        EXPECT_EQ(lagOf(found[i]), lagOf(plain[i])) << what << ", peak " << i;
+        EXPECT_NEAR(found[i].score, plain[i].score, tolerance * std::max(1.0f, std::abs(plain[i].score)))
+            << what << ", peak " << i;
+        if (nearTie) break;
+    }
+}
+
+} // namespace
+
+TEST(SpectralBands, PeaksMatchThePlainSearchOverBoundedAndUnboundedRanges) {
+    struct Case {
+        int refFrames, clipFrames, cutAt;
+        double lo, hi, overlap;
+        int topK;
+        double separation;
+    };
+    // Clips short and long against the reference, with a true place or none (cutAt far outside),
+    // whole ranges, ranges within one block, across several, at both ends and below zero.
+    const std::vector<Case> cases = {
+        {3000, 600, 1200, -kInf, kInf, 5.0, 8, 1.0},   {3000, 600, 1200, 40.0, 56.0, 5.0, 5, 0.5},
+        {3000, 600, 9000, -kInf, kInf, 2.0, 12, 0.2},  {3000, 600, -300, -20.0, 3.0, 1.0, 6, 0.4},
+        {5000, 40, 2500, -kInf, kInf, 0.0, 10, 0.0},   {5000, 40, 2500, 99.0, 101.5, 0.0, 4, 0.1},
+        {5000, 40, 4980, 190.0, kInf, 0.5, 5, 0.3},    {4000, 5, 17, -kInf, 2.0, 0.0, 7, 0.0},
+        {4000, 1500, 2000, -kInf, kInf, 10.0, 6, 2.0}, {4000, 1500, 2000, 60.0, 100.0, 10.0, 3, 1.0},
+        {700, 690, 5, -kInf, kInf, 1.0, 5, 1.0},
+    };
+    for (std::size_t i = 0; i < cases.size(); ++i) {
+        const auto& c = cases[i];
+        const auto ref = randomFeature(c.refFrames, 100 + static_cast<unsigned>(i));
+        const auto clip = cutOf(ref, c.cutAt, c.clipFrames, 200 + static_cast<unsigned>(i));
+        const auto plain = plainPeaks(clip, ref, c.lo, c.hi, c.overlap, c.topK, c.separation);
+        const std::string what = "case " + std::to_string(i);
+        ASSERT_FALSE(plain.empty()) << what;
+        const auto found = SB::peaks(clip, ref, c.lo, c.hi, c.overlap, c.topK, c.separation);
+        expectSamePeaks(found, plain, what);
+        // Again, now from what the first call left behind for this reference.
+        EXPECT_EQ(SB::peaks(clip, ref, c.lo, c.hi, c.overlap, c.topK, c.separation), found) << what;
+    }
+}
+
+TEST(SpectralBands, PeaksNeverAnswerFromAnEarlierReferenceOfTheSameShape) {
+    auto ref = randomFeature(3000, 31);
+    const auto clip = cutOf(ref, 700, 300, 32);
+    const auto before = SB::peaks(clip, ref, -kInf, kInf, 2.0, 3, 1.0);
+    ASSERT_FALSE(before.empty());
+    EXPECT_EQ(lagOf(before[0]), 700);
+    // The same vectors, changed in place: whatever was kept of the old contents must not be used.
+    const auto moved = cutOf(ref, 1900, 3000, 33);
+    for (std::size_t b = 0; b < ref.bands.size(); ++b)
+        std::copy(moved.bands[b].begin(), moved.bands[b].end(), ref.bands[b].begin());
+    const auto after = SB::peaks(clip, ref, -kInf, kInf, 2.0, 3, 1.0);
+    expectSamePeaks(after, plainPeaks(clip, ref, -kInf, kInf, 2.0, 3, 1.0), "changed reference");
+    EXPECT_NE(lagOf(after.at(0)), 700);
+}
+
+TEST(SpectralBands, PeaksFromManyThreadsAtOnceGiveTheSerialResult) {
+    const auto ref = randomFeature(6000, 41);
+    std::vector<SB::Feature> clips;
+    for (unsigned i = 0; i < 8; ++i)
+        clips.push_back(cutOf(ref, 500 * static_cast<int>(i) + 100, 200 + 50 * static_cast<int>(i), 50 + i));
+    std::vector<std::vector<SB::Peak>> serial;
+    for (const auto& clip : clips)
+        serial.push_back(SB::peaks(clip, ref, -kInf, kInf, 2.0, 3, 1.0));
+    for (int round = 0; round < 3; ++round) {
+        const auto other = randomFeature(6000, 60 + static_cast<unsigned>(round)); // a cold reference
+        std::vector<std::vector<SB::Peak>> parallel(clips.size());
+        std::vector<std::thread> threads;
+        for (std::size_t i = 0; i < clips.size(); ++i)
+            threads.emplace_back([&, i] {
+                parallel[i] = SB::peaks(clips[i], ref, -kInf, kInf, 2.0, 3, 1.0);
+                SB::peaks(clips[i], other, -kInf, kInf, 2.0, 3, 1.0);
+            });
+        for (auto& t : threads)
+            t.join();
+        EXPECT_EQ(parallel, serial) << "round " << round;
+    }
+}
+TEST(SpectralBands, PeaksOfClipsOfManyLengthsAgainstOneReferenceMatchThePlainSearch) {
+    // What one call leaves behind for a reference must serve the next, whatever its clip's length
+    // and range: clips of 40 to 1,000 frames, alternating, over the whole range and a window.
+    const auto ref = randomFeature(9500, 77);
+    for (const int length : {450, 300, 1000, 600, 40, 1000, 300}) {
+        const auto clip = cutOf(ref, 3000, length, 78 + static_cast<unsigned>(length));
+        const std::string what = std::to_string(length) + " frames";
+        expectSamePeaks(SB::peaks(clip, ref, -kInf, kInf, 1.0, 3, 1.0),
+                        plainPeaks(clip, ref, -kInf, kInf, 1.0, 3, 1.0), what);
+        expectSamePeaks(SB::peaks(clip, ref, 100.0, 160.0, 1.0, 3, 1.0),
+                        plainPeaks(clip, ref, 100.0, 160.0, 1.0, 3, 1.0), what + ", window");
     }
 }
