@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 #include "Trelvane/session/Settings.hpp"
+#include "TrelvaneEngine/support/Files.hpp"
 
 #include "TrelvaneEngine/support/EngineLog.hpp"
 #include "TrelvaneEngine/support/UserDirs.hpp"
@@ -66,60 +67,10 @@ std::optional<std::string> readFile(const std::filesystem::path& path, int& erro
     return text;
 }
 
-bool writeAll(int fd, const std::string& bytes) {
-    std::size_t done = 0;
-    while (done < bytes.size()) {
-        const ssize_t n = ::write(fd, bytes.data() + done, bytes.size() - done);
-        if (n < 0) {
-            if (errno == EINTR) continue;
-            return false;
-        }
-        done += static_cast<std::size_t>(n);
-    }
-    return true;
-}
-
-// Temporary file in the same folder (rename is only atomic within one file system), fsync, rename
-// over, then fsync the folder so the rename itself survives a power cut. Returns the reason on
-// failure.
-std::optional<std::string> writeAtomically(const std::filesystem::path& path, const std::string& bytes) {
-    std::error_code ec;
-    const auto folder = path.parent_path();
-    if (!folder.empty()) {
-        std::filesystem::create_directories(folder, ec);
-        if (ec) return ec.message();
-    }
-    auto temp = path;
-    // Built by appending: GCC 12 at -O3 misreads `"." + std::string&&` as an overlapping copy.
-    std::string tempName = ".";
-    tempName += path.filename().string();
-    tempName += ".tmp-";
-    tempName += Uuid::random().string();
-    temp.replace_filename(tempName);
-    const int fd = ::open(temp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
-    if (fd < 0) return std::string(std::strerror(errno));
-    if (!writeAll(fd, bytes) || ::fsync(fd) != 0) {
-        const std::string reason = std::strerror(errno);
-        ::close(fd);
-        ::unlink(temp.c_str());
-        return reason;
-    }
-    if (::close(fd) != 0 || ::rename(temp.c_str(), path.c_str()) != 0) {
-        const std::string reason = std::strerror(errno);
-        ::unlink(temp.c_str());
-        return reason;
-    }
-    const auto folderToSync = folder.empty() ? std::filesystem::path(".") : folder;
-    if (const int dfd = ::open(folderToSync.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC); dfd >= 0) {
-        ::fsync(dfd);
-        ::close(dfd);
-    }
-    return std::nullopt;
-}
-
 } // namespace
 
-Settings::Settings(std::filesystem::path file) : path_(std::move(file)), document_(nlohmann::json::object()) {
+Settings::Settings(std::filesystem::path file, Writes writes)
+    : path_(std::move(file)), writes_(writes), document_(nlohmann::json::object()) {
     std::lock_guard lock(mutex_);
     loadLocked();
 }
@@ -161,6 +112,7 @@ void Settings::loadLocked() {
 }
 
 void Settings::saveLocked() {
+    if (writes_ == Writes::inMemoryOnly) return;
     std::string bytes;
     try {
         // Replacement characters rather than an exception for text that isn't UTF-8.
@@ -169,7 +121,7 @@ void Settings::saveLocked() {
         EngineLog::logf("[Settings] could not write %s: %s", path_.string(), asciiOnly(e.what()));
         return;
     }
-    if (const auto failure = writeAtomically(path_, bytes))
+    if (const auto failure = Files::writeAtomically(path_, bytes))
         EngineLog::logf("[Settings] could not write %s: %s", path_.string(), *failure);
 }
 

@@ -36,7 +36,10 @@ class Settings {
     static constexpr std::string_view kSyncModeTracks = "tracks";
     static constexpr std::string_view kSyncModeStacks = "stacks";
 
-    explicit Settings(std::filesystem::path file);
+    // `Writes::inMemoryOnly`: the file is read but never written; changes last as long as the
+    // object. The command-line tool uses it so that its flags never rewrite the user's settings.
+    enum class Writes { toFile, inMemoryOnly };
+    explicit Settings(std::filesystem::path file, Writes writes = Writes::toFile);
     Settings(const Settings&) = delete;
     Settings& operator=(const Settings&) = delete;
 
@@ -66,6 +69,7 @@ class Settings {
     void saveLocked();
 
     const std::filesystem::path path_;
+    const Writes writes_;
     mutable std::mutex mutex_;
     // Guarded by mutex_: always a JSON object, holding unknown keys too so that writes keep them.
     nlohmann::json document_;

@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 #include "TrelvaneEngine/media/EnvelopeCache.hpp"
+#include "TrelvaneEngine/support/Files.hpp"
 
 #include "TrelvaneEngine/support/EngineLog.hpp"
 #include "TrelvaneEngine/support/UserDirs.hpp"
@@ -135,16 +136,6 @@ std::optional<std::vector<std::uint8_t>> readEntry(const fs::path& path) {
     return bytes;
 }
 
-bool writeAll(int fd, std::span<const std::uint8_t> bytes) {
-    std::size_t put = 0;
-    while (put < bytes.size()) {
-        const ssize_t n = ::write(fd, bytes.data() + put, bytes.size() - put);
-        if (n < 0 && errno == EINTR) continue;
-        if (n <= 0) return false;
-        put += static_cast<std::size_t>(n);
-    }
-    return true;
-}
 
 // Writes a temporary file next to the entry and renames it over the entry: a reader sees the old
 // entry or the new one, never a mix, and a crash leaves at most a stray temporary (which `prune`
@@ -158,7 +149,7 @@ bool writeEntry(const fs::path& folder, const std::string& name, std::span<const
     std::string temporary = (folder / ("." + name + ".XXXXXX")).string();
     FileDescriptor fd(::mkostemp(temporary.data(), O_CLOEXEC));
     if (!fd.valid()) return false;
-    const bool written = writeAll(fd.get(), bytes);
+    const bool written = Files::writeAll(fd.get(), bytes.data(), bytes.size());
     const bool closed = fd.close();
     if (!written || !closed || ::rename(temporary.c_str(), (folder / name).c_str()) != 0) {
         ::unlink(temporary.c_str());

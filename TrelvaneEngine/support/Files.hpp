@@ -32,6 +32,16 @@ inline bool isHidden(const std::string& name) {
     return !name.empty() && name.front() == '.';
 }
 
+// Writes every byte to `fd`, going on after interrupted calls. False on the first error (errno
+// tells which).
+bool writeAll(int fd, const void* data, std::size_t size);
+
+// Writes `bytes` to `path` so that a reader sees the old file or the new one, never half of one:
+// a temporary file in the same folder (a rename is only atomic within one file system), fsync,
+// rename over, then fsync of the folder so the rename itself survives a power cut. Creates the
+// folder. Returns the reason on failure, leaving no temporary file behind.
+std::optional<std::string> writeAtomically(const std::filesystem::path& path, const std::string& bytes);
+
 // Lower-cased ASCII copy; other bytes (UTF-8 sequences included) stay as they are.
 std::string lowercased(std::string s);
 
