@@ -1,0 +1,228 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+// The searches every pass is built from: one feature in the pool, a clip by three windows, the
+// narrowing of a search by clock and timecode, and the comparison of two clips with each other.
+
+#include "TrelvaneEngine/sync/SyncEngine.hpp"
+
+#include <algorithm>
+#include <chrono>
+#include <cmath>
+
+namespace trelvane::SyncEngine {
+
+namespace {
+
+constexpr int kTopK = 1;
+constexpr float kPairVoteFloor = kStrongScore; // a pair vote below this is noise
+constexpr double kShortWindow = 10.0;          // a window shorter than this proves nothing
+constexpr double kMaxWindowShare = 0.4;        // of a clip, for the windows of a pool search
+constexpr double kPairWindowShare = 0.5;       // of the shorter clip, for a pair comparison
+constexpr double kTextSyncHalfWidth = 360.0;
+constexpr double kEmbeddedHalfWidth = 900.0;
+constexpr double kFilenameHalfWidth = 1350.0;
+constexpr double kOtherClockHalfWidth = 2700.0;
+constexpr double kTimecodeSlack = 1.5;
+constexpr double kTimecodeFrames = 2.0;         // tolerated frames of a timecode disagreement
+constexpr double kTimecodeDefault = 1.0 / 12.0; // tolerance of a clip without a frame rate
+constexpr double kScoreFloor = 0.000001;
+
+double secondsBetween(const Date& later, const Date& earlier) {
+    return std::chrono::duration<double>(later - earlier).count();
+}
+
+// Only a clock the camera or the file name wrote is worth a window; file-system dates are copies.
+bool trustedClock(ClockQuality q) {
+    return q == ClockQuality::filename || q == ClockQuality::embedded;
+}
+
+const SpectralBands::Feature* featureOf(const ClipItem& clip) {
+    return clip.bandFeature ? &*clip.bandFeature : nullptr;
+}
+
+} // namespace
+
+std::optional<Match> bestMatch(std::span<const Span> spans, const SpectralBands::Feature* feature, double lo,
+                               double hi) {
+    if (feature == nullptr || feature->frames < SpectralBands::kMinimumFrames || spans.empty())
+        return std::nullopt;
+    std::optional<Match> best;
+    for (const Span& span : spans) {
+        if (span.bands == nullptr || span.bands->frames < SpectralBands::kMinimumFrames) continue;
+        std::optional<Match> candidate;
+        if (span.bands->frames > feature->frames) {
+            const auto found = SpectralBands::peaks(*feature, *span.bands, lo - span.off, hi - span.off,
+                                                    kMinOverlap, kTopK, kPeakSeparation);
+            if (!found.empty())
+                candidate = Match{span.off + found.front().offsetSeconds, found.front().score};
+        } else if (span.bands->frames < feature->frames && span.off - hi < span.off - lo) {
+            // The span is the shorter: it is searched in the clip, so the bounds turn round.
+            const auto found = SpectralBands::peaks(*span.bands, *feature, span.off - hi, span.off - lo,
+                                                    kMinOverlap, kTopK, kPeakSeparation);
+            if (!found.empty())
+                candidate = Match{span.off - found.front().offsetSeconds, found.front().score};
+        }
+        // A span of exactly the clip's length falls through both branches: peaks needs the
+        // searched feature strictly shorter, and the placement rests on that.
+        if (candidate && (!best || candidate->score > best->score)) best = candidate;
+    }
+    return best;
+}
+
+std::optional<double> windowStart(double dur, double w, double fraction) {
+    double s = std::max(dur * fraction - w * 0.5, 0.0);
+    s = std::min(s, dur - w);
+    if (!(s >= 0)) return std::nullopt;
+    return s;
+}
+
+std::vector<Vote> largestCluster(std::span<const Vote> votes, double tolerance) {
+    std::vector<Vote> kept;
+    for (const Vote& centre : votes) {
+        std::vector<Vote> cluster;
+        for (const Vote& v : votes)
+            if (std::abs(v.pos - centre.pos) <= tolerance) cluster.push_back(v);
+        if (cluster.size() > kept.size()) kept = std::move(cluster);
+    }
+    return kept;
+}
+
+double weightedMean(std::span<const Vote> votes) {
+    double weighted = 0, total = 0;
+    for (const Vote& v : votes) {
+        weighted += v.pos * static_cast<double>(v.score);
+        total += static_cast<double>(v.score);
+    }
+    return weighted / std::max(total, kScoreFloor);
+}
+
+std::optional<Match> multiWindowMatch(const SpectralBands::Feature* feature, double dur, double lo, double hi,
+                                      std::span<const Span> spans, bool allowSingleStrong) {
+    const double w = std::min(dur * kMaxWindowShare, kMaxWindow);
+    if (feature == nullptr) return std::nullopt;
+    if (w < kShortWindow) return bestMatch(spans, feature, lo, hi);
+
+    std::vector<Vote> votes;
+    for (double fraction : kWindowFractions) {
+        const auto s = windowStart(dur, w, fraction);
+        if (!s) continue;
+        const auto window = SpectralBands::slice(*feature, *s, w);
+        if (!window) continue;
+        // The bounds are on the clip's start; the window starts s later.
+        if (const auto hit = bestMatch(spans, &*window, lo + *s, hi + *s))
+            votes.push_back({hit->pos - *s, hit->score});
+    }
+    if (votes.empty()) return std::nullopt;
+
+    const auto cluster = largestCluster(votes, kVoteTolerance);
+    if (cluster.size() >= 2) {
+        float score = cluster.front().score;
+        for (const Vote& v : cluster)
+            score = std::max(score, v.score);
+        return Match{weightedMean(cluster), score};
+    }
+    if (!allowSingleStrong) return std::nullopt;
+    const Vote* strongest = &votes.front();
+    for (const Vote& v : votes)
+        if (v.score > strongest->score) strongest = &v;
+    if (strongest->score >= kSingleStrongWindow) return Match{strongest->pos, strongest->score};
+    return std::nullopt;
+}
+
+std::optional<Bounds> tcWindow(const ClipItem& clip, std::span<const Span> spans) {
+    if (!clip.startTimecode) return std::nullopt;
+    std::optional<Bounds> window;
+    for (const Span& span : spans) {
+        if (!span.startTC) continue;
+        const double t = span.off + (*clip.startTimecode - *span.startTC);
+        if (!window)
+            window = Bounds{t - kTimecodeSlack, t + kTimecodeSlack};
+        else
+            window =
+                Bounds{std::min(window->lo, t - kTimecodeSlack), std::max(window->hi, t + kTimecodeSlack)};
+    }
+    return window;
+}
+
+std::optional<Bounds> clockWindow(const TrackSource& track, const ClipItem& clip,
+                                  const PriorContext& context) {
+    if (track.type != SourceType::audio) return std::nullopt;
+    if (!context.isReference) {
+        if (const auto it = track.textSyncOffsetByPeer.find(context.referenceName);
+            it != track.textSyncOffsetByPeer.end()) {
+            const double prior = context.base - it->second;
+            return Bounds{prior - kTextSyncHalfWidth, prior + kTextSyncHalfWidth};
+        }
+    }
+    if (!clip.recordingDate || !context.epoch || !trustedClock(clip.clockQuality)) return std::nullopt;
+    const double prior = secondsBetween(*clip.recordingDate, *context.epoch) + context.base;
+    const double half = clip.clockQuality == ClockQuality::embedded   ? kEmbeddedHalfWidth
+                        : clip.clockQuality == ClockQuality::filename ? kFilenameHalfWidth
+                                                                      : kOtherClockHalfWidth;
+    return Bounds{prior - half, prior + half};
+}
+
+std::optional<Match> clipMatch(const TrackSource& track, const ClipItem& clip, double lo, double hi,
+                               std::span<const Span> spans, bool useClockPrior, const PriorContext& context) {
+    if (useClockPrior) {
+        if (const auto window = clockWindow(track, clip, context)) {
+            const double narrowLo = std::max(lo, window->lo);
+            const double narrowHi = std::min(hi, window->hi);
+            // A clock that misses the bracket altogether is the clock's fault: the bracket stands.
+            if (narrowLo < narrowHi) {
+                lo = narrowLo;
+                hi = narrowHi;
+            }
+        }
+    }
+    return bestMatch(spans, featureOf(clip), lo, hi);
+}
+
+std::optional<Match> compareClips(const ClipItem& a, const ClipItem& b, double maxWindow, double tolerance) {
+    if (!a.bandFeature || !b.bandFeature) return std::nullopt;
+    if (a.audioUsability != AudioUsability::ok || b.audioUsability != AudioUsability::ok) return std::nullopt;
+    const bool aIsProbe = a.duration <= b.duration;
+    const ClipItem& probe = aIsProbe ? a : b;
+    const ClipItem& longer = aIsProbe ? b : a;
+    const double w = std::min(probe.duration * kPairWindowShare, maxWindow);
+    if (!(w >= kShortWindow)) return std::nullopt;
+
+    // Each vote is the probe's start relative to the longer clip's start.
+    std::vector<Vote> votes;
+    for (double fraction : kWindowFractions) {
+        const auto s = windowStart(probe.duration, w, fraction);
+        if (!s) continue;
+        const auto window = SpectralBands::slice(*probe.bandFeature, *s, w);
+        if (!window) continue;
+        const auto found = SpectralBands::peaks(*window, *longer.bandFeature, -kUnbounded, kUnbounded,
+                                                kMinOverlap, kTopK, kPeakSeparation);
+        if (!found.empty() && found.front().score >= kPairVoteFloor)
+            votes.push_back({found.front().offsetSeconds - *s, found.front().score});
+    }
+    const auto cluster = largestCluster(votes, tolerance);
+    if (cluster.size() < 2) return std::nullopt;
+    double sum = 0;
+    float score = cluster.front().score;
+    for (const Vote& v : cluster) {
+        sum += v.pos;
+        score = std::max(score, v.score);
+    }
+    const double mean = sum / static_cast<double>(cluster.size());
+    return Match{aIsProbe ? -mean : mean, score};
+}
+
+bool timecodeDisagrees(const ClipItem& clip, double placedPos, std::span<const Span> spans) {
+    if (!clip.startTimecode) return false;
+    std::optional<double> nearest;
+    for (const Span& span : spans) {
+        if (!span.startTC) continue;
+        const double t = span.off + (*clip.startTimecode - *span.startTC);
+        if (!nearest || std::abs(t - placedPos) < std::abs(*nearest - placedPos)) nearest = t;
+    }
+    if (!nearest) return false;
+    const double tolerance = clip.frameRate
+                                 ? kTimecodeFrames / std::max(static_cast<double>(*clip.frameRate), 1.0)
+                                 : kTimecodeDefault;
+    return std::abs(*nearest - placedPos) > tolerance;
+}
+
+} // namespace trelvane::SyncEngine

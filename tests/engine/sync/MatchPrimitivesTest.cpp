@@ -1,0 +1,356 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+#include "TrelvaneEngine/sync/SyncEngine.hpp"
+#include "engine/sync/SyntheticBands.hpp"
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <cmath>
+#include <vector>
+
+using namespace trelvane;
+using namespace trelvane::SyncEngine;
+using trelvane::test::cutBands;
+using trelvane::test::joinBands;
+using trelvane::test::kFps;
+using trelvane::test::noiseBands;
+using trelvane::test::noisyBands;
+
+namespace {
+
+constexpr double kFrame = 1.0 / kFps;
+constexpr double kInf = kUnbounded;
+
+Span spanOf(double off, const SpectralBands::Feature& bands, std::optional<double> startTC = std::nullopt) {
+    Span s;
+    s.off = off;
+    s.dur = bands.frames / static_cast<double>(kFps);
+    s.bands = &bands;
+    s.startTC = startTC;
+    return s;
+}
+
+ClipItem clipWith(const SpectralBands::Feature& bands) {
+    ClipItem c;
+    c.duration = bands.frames / static_cast<double>(kFps);
+    c.bandFeature = bands;
+    return c;
+}
+
+Date at(double seconds) {
+    return dateFromUnixSeconds(1'700'000'000.0 + seconds);
+}
+
+} // namespace
+
+TEST(MatchPrimitives, BestMatchFindsAClipInsideALongerSpan) {
+    const auto ref = noiseBands(60 * kFps, 1);
+    const auto clip = cutBands(ref, 12 * kFps, 20 * kFps);
+    const std::vector<Span> spans{spanOf(100.0, ref)};
+
+    const auto m = bestMatch(spans, &clip, -kInf, kInf);
+    ASSERT_TRUE(m);
+    EXPECT_NEAR(m->pos, 112.0, kFrame / 2);
+    EXPECT_GE(m->score, kStrongScore);
+
+    // The bounds limit the clip's start on the timeline, not its offset within the span.
+    EXPECT_TRUE(bestMatch(spans, &clip, 111.0, 113.0));
+    const auto outside = bestMatch(spans, &clip, 120.0, 130.0);
+    EXPECT_FALSE(outside && std::abs(outside->pos - 112.0) < 1.0);
+}
+
+TEST(MatchPrimitives, BestMatchSearchesAShorterSpanInTheClip) {
+    const auto clip = noiseBands(120 * kFps, 2);
+    const auto piece = cutBands(clip, 30 * kFps, 40 * kFps);
+    const std::vector<Span> spans{spanOf(500.0, piece)};
+
+    const auto m = bestMatch(spans, &clip, -kInf, kInf);
+    ASSERT_TRUE(m);
+    EXPECT_NEAR(m->pos, 470.0, kFrame / 2);
+
+    const auto bounded = bestMatch(spans, &clip, 469.0, 471.0);
+    ASSERT_TRUE(bounded);
+    EXPECT_NEAR(bounded->pos, 470.0, kFrame / 2);
+    // Turned round, a single point of a range is no range at all.
+    EXPECT_FALSE(bestMatch(spans, &clip, 470.0, 470.0));
+}
+
+TEST(MatchPrimitives, BestMatchRefusesWhatItCannotSearch) {
+    const auto ref = noiseBands(60 * kFps, 3);
+    const auto same = cutBands(ref, 0, ref.frames);
+    const auto tiny = cutBands(ref, 0, 4);
+    const auto clip = cutBands(ref, 10 * kFps, 20 * kFps);
+
+    // A span of exactly the clip's frame count is taken by neither direction.
+    const std::vector<Span> equal{spanOf(0.0, ref)};
+    EXPECT_FALSE(bestMatch(equal, &same, -kInf, kInf));
+
+    EXPECT_FALSE(bestMatch(equal, nullptr, -kInf, kInf));
+    EXPECT_FALSE(bestMatch(equal, &tiny, -kInf, kInf));
+    EXPECT_FALSE(bestMatch({}, &clip, -kInf, kInf));
+
+    // Spans without a usable feature are passed over.
+    std::vector<Span> unusable{spanOf(0.0, tiny), spanOf(50.0, ref)};
+    Span absent;
+    absent.off = 10;
+    absent.dur = 60;
+    unusable.insert(unusable.begin(), absent);
+    const auto m = bestMatch(unusable, &clip, -kInf, kInf);
+    ASSERT_TRUE(m);
+    EXPECT_NEAR(m->pos, 60.0, kFrame / 2);
+}
+
+TEST(MatchPrimitives, BestMatchKeepsTheBestScoreAndTheEarlierSpanOnATie) {
+    const auto ref = noiseBands(60 * kFps, 4);
+    const auto other = noiseBands(60 * kFps, 5);
+    const auto clip = cutBands(ref, 10 * kFps, 20 * kFps);
+
+    // Unrelated audio first: the better score later still wins.
+    const std::vector<Span> mixed{spanOf(0.0, other), spanOf(1000.0, ref)};
+    const auto best = bestMatch(mixed, &clip, -kInf, kInf);
+    ASSERT_TRUE(best);
+    EXPECT_NEAR(best->pos, 1010.0, kFrame / 2);
+
+    // The same audio twice scores the same: the first span in the list wins either way round.
+    const std::vector<Span> ab{spanOf(0.0, ref), spanOf(1000.0, ref)};
+    const std::vector<Span> ba{spanOf(1000.0, ref), spanOf(0.0, ref)};
+    EXPECT_NEAR(bestMatch(ab, &clip, -kInf, kInf)->pos, 10.0, kFrame / 2);
+    EXPECT_NEAR(bestMatch(ba, &clip, -kInf, kInf)->pos, 1010.0, kFrame / 2);
+    // Bounds that leave the first span no room hand the result to the second.
+    EXPECT_NEAR(bestMatch(ab, &clip, 500.0, kInf)->pos, 1010.0, kFrame / 2);
+}
+
+TEST(MatchPrimitives, WindowStartsSitAtTheirFractionsAndStayInsideTheClip) {
+    EXPECT_EQ(windowStart(200.0, 45.0, 0.15), 7.5);
+    EXPECT_EQ(windowStart(200.0, 45.0, 0.45), 67.5);
+    EXPECT_EQ(windowStart(200.0, 45.0, 0.75), 127.5);
+    EXPECT_EQ(windowStart(30.0, 20.0, 0.15), 0.0);  // clamped at the start
+    EXPECT_EQ(windowStart(30.0, 20.0, 0.75), 10.0); // clamped at the end
+    EXPECT_EQ(windowStart(20.0, 20.0, 0.45), 0.0);
+    EXPECT_FALSE(windowStart(10.0, 20.0, 0.45));
+    EXPECT_FALSE(windowStart(std::nan(""), 20.0, 0.45));
+}
+
+TEST(MatchPrimitives, VotesClusterAroundOneVoteAndAverageByScore) {
+    const std::vector<Vote> votes{{100.0, 8.0f}, {103.0, 9.0f}, {110.0, 20.0f}};
+    const auto cluster = largestCluster(votes, kVoteTolerance);
+    ASSERT_EQ(cluster.size(), 2u);
+    EXPECT_EQ(cluster[0].pos, 100.0);
+    EXPECT_EQ(cluster[1].pos, 103.0);
+    EXPECT_DOUBLE_EQ(weightedMean(cluster), (100.0 * 8 + 103.0 * 9) / 17);
+
+    // The tolerance is inclusive, and a later cluster of the same size does not replace the first.
+    const std::vector<Vote> edge{{0.0, 1.0f}, {5.0, 1.0f}, {20.0, 1.0f}, {25.0, 1.0f}};
+    const auto first = largestCluster(edge, 5.0);
+    ASSERT_EQ(first.size(), 2u);
+    EXPECT_EQ(first[0].pos, 0.0);
+    EXPECT_TRUE(largestCluster({}, 5.0).empty());
+
+    const std::vector<Vote> cancelling{{10.0, 1.0f}, {12.0, -1.0f}};
+    EXPECT_TRUE(std::isfinite(weightedMean(cancelling)));
+    const std::vector<Vote> silent{{10.0, 0.0f}, {12.0, 0.0f}};
+    EXPECT_EQ(weightedMean(silent), 0.0);
+}
+
+TEST(MatchPrimitives, MultiWindowMatchNeedsAgreeingWindows) {
+    const auto ref = noiseBands(400 * kFps, 6);
+    const std::vector<Span> spans{spanOf(0.0, ref)};
+    const auto clip = cutBands(ref, 50 * kFps, 200 * kFps);
+
+    const auto m = multiWindowMatch(&clip, 200.0, -kInf, kInf, spans, false);
+    ASSERT_TRUE(m);
+    EXPECT_NEAR(m->pos, 50.0, kFrame);
+    EXPECT_GE(m->score, kSingleStrongWindow);
+    // Each window's bounds follow it, so a prior on the clip's start holds for all three.
+    const auto narrow = multiWindowMatch(&clip, 200.0, 45.0, 55.0, spans, false);
+    ASSERT_TRUE(narrow);
+    EXPECT_NEAR(narrow->pos, 50.0, kFrame);
+    const auto wrong = multiWindowMatch(&clip, 200.0, 150.0, 160.0, spans, false);
+    EXPECT_FALSE(wrong && std::abs(wrong->pos - 50.0) < 1.0);
+
+    EXPECT_FALSE(multiWindowMatch(nullptr, 200.0, -kInf, kInf, spans, true));
+}
+
+TEST(MatchPrimitives, MultiWindowMatchSearchesAShortClipWhole) {
+    const auto ref = noiseBands(120 * kFps, 7);
+    const std::vector<Span> spans{spanOf(30.0, ref)};
+    const auto clip = cutBands(ref, 40 * kFps, 20 * kFps); // a window of 8 s is too short
+
+    const auto m = multiWindowMatch(&clip, 20.0, -kInf, kInf, spans, false);
+    ASSERT_TRUE(m);
+    EXPECT_EQ(*m, *bestMatch(spans, &clip, -kInf, kInf));
+    EXPECT_NEAR(m->pos, 70.0, kFrame / 2);
+}
+
+TEST(MatchPrimitives, MultiWindowMatchBelievesALoneVoteOnlyWhenAllowedAndStrong) {
+    const auto ref = noiseBands(400 * kFps, 8);
+    const std::vector<Span> spans{spanOf(0.0, ref)};
+    // Only the first minute of the clip was heard by the pool; the first window alone lies in it.
+    const auto strong = joinBands(cutBands(ref, 50 * kFps, 60 * kFps), noiseBands(140 * kFps, 9));
+
+    EXPECT_FALSE(multiWindowMatch(&strong, 200.0, -kInf, kInf, spans, false));
+    const auto lone = multiWindowMatch(&strong, 200.0, -kInf, kInf, spans, true);
+    ASSERT_TRUE(lone);
+    EXPECT_NEAR(lone->pos, 50.0, kFrame);
+    EXPECT_GE(lone->score, kSingleStrongWindow);
+
+    // The same, heard through noise: the window still finds its place, but not strongly enough.
+    const auto weak =
+        joinBands(noisyBands(cutBands(ref, 50 * kFps, 60 * kFps), 8.0f, 10), noiseBands(140 * kFps, 9));
+    const auto window = SpectralBands::slice(weak, 7.5, 45.0);
+    ASSERT_TRUE(window);
+    const auto vote = bestMatch(spans, &*window, -kInf, kInf);
+    ASSERT_TRUE(vote);
+    ASSERT_NEAR(vote->pos - 7.5, 50.0, kFrame);
+    ASSERT_GE(vote->score, kStrongScore);
+    ASSERT_LT(vote->score, kSingleStrongWindow);
+    EXPECT_FALSE(multiWindowMatch(&weak, 200.0, -kInf, kInf, spans, true));
+}
+
+TEST(MatchPrimitives, TimecodeWindowCoversEveryTimecodedSpan) {
+    const auto bands = noiseBands(10 * kFps, 11);
+    ClipItem clip;
+    clip.startTimecode = 3610.0;
+    const std::vector<Span> spans{spanOf(100.0, bands, 3600.0), spanOf(200.0, bands),
+                                  spanOf(500.0, bands, 7200.0)};
+
+    const auto w = tcWindow(clip, spans);
+    ASSERT_TRUE(w);
+    EXPECT_DOUBLE_EQ(w->lo, 500.0 + (3610.0 - 7200.0) - 1.5);
+    EXPECT_DOUBLE_EQ(w->hi, 111.5);
+
+    EXPECT_FALSE(tcWindow(clip, std::vector<Span>{spanOf(200.0, bands)}));
+    EXPECT_FALSE(tcWindow(ClipItem{}, spans));
+}
+
+TEST(MatchPrimitives, ClockWindowComesFromTextSyncOrATrustedClock) {
+    TrackSource audio;
+    audio.type = SourceType::audio;
+    ClipItem clip;
+    clip.recordingDate = at(100.0);
+    clip.clockQuality = ClockQuality::embedded;
+    PriorContext context{"Ref", false, at(0.0), 50.0};
+
+    auto w = clockWindow(audio, clip, context);
+    ASSERT_TRUE(w);
+    EXPECT_DOUBLE_EQ(w->lo, 150.0 - 900.0);
+    EXPECT_DOUBLE_EQ(w->hi, 150.0 + 900.0);
+
+    clip.clockQuality = ClockQuality::filename;
+    w = clockWindow(audio, clip, context);
+    ASSERT_TRUE(w);
+    EXPECT_DOUBLE_EQ(w->lo, 150.0 - 1350.0);
+    EXPECT_DOUBLE_EQ(w->hi, 150.0 + 1350.0);
+
+    for (auto q : {ClockQuality::none, ClockQuality::filesystem, ClockQuality::asset}) {
+        clip.clockQuality = q;
+        EXPECT_FALSE(clockWindow(audio, clip, context));
+    }
+    clip.clockQuality = ClockQuality::embedded;
+    EXPECT_FALSE(clockWindow(audio, clip, PriorContext{"Ref", false, std::nullopt, 50.0}));
+    ClipItem undated = clip;
+    undated.recordingDate.reset();
+    EXPECT_FALSE(clockWindow(audio, undated, context));
+
+    // A text-sync offset to the reference outranks the clock, except on the reference itself.
+    audio.textSyncOffsetByPeer["Ref"] = 20.0;
+    w = clockWindow(audio, undated, context);
+    ASSERT_TRUE(w);
+    EXPECT_DOUBLE_EQ(w->lo, 30.0 - 360.0);
+    EXPECT_DOUBLE_EQ(w->hi, 30.0 + 360.0);
+    context.isReference = true;
+    w = clockWindow(audio, clip, context);
+    ASSERT_TRUE(w);
+    EXPECT_DOUBLE_EQ(w->lo, 150.0 - 900.0);
+
+    TrackSource video = audio;
+    video.type = SourceType::video;
+    EXPECT_FALSE(clockWindow(video, clip, context));
+}
+
+TEST(MatchPrimitives, ClipMatchWithAClockPriorMissesAudioFarFromTheClock) {
+    const auto ref = noiseBands(120 * kFps, 12);
+    const std::vector<Span> spans{spanOf(0.0, ref)};
+    TrackSource audio;
+    audio.name = "Lav";
+    audio.type = SourceType::audio;
+    ClipItem clip = clipWith(cutBands(ref, 30 * kFps, 20 * kFps));
+    clip.recordingDate = at(2000.0 + 30.0);
+    clip.clockQuality = ClockQuality::embedded;
+    const PriorContext context{"Ref", false, at(0.0), 0.0};
+
+    const auto withPrior = clipMatch(audio, clip, -kInf, kInf, spans, true, context);
+    EXPECT_FALSE(withPrior && std::abs(withPrior->pos - 30.0) < 1.0);
+    const auto without = clipMatch(audio, clip, -kInf, kInf, spans, false, context);
+    ASSERT_TRUE(without);
+    EXPECT_NEAR(without->pos, 30.0, kFrame / 2);
+
+    // A clock window that misses the bracket entirely leaves the bracket as it was.
+    const auto bracketed = clipMatch(audio, clip, 0.0, 100.0, spans, true, context);
+    ASSERT_TRUE(bracketed);
+    EXPECT_NEAR(bracketed->pos, 30.0, kFrame / 2);
+
+    // Video keeps its bounds whatever its clock says.
+    TrackSource video = audio;
+    video.type = SourceType::video;
+    const auto camera = clipMatch(video, clip, -kInf, kInf, spans, true, context);
+    ASSERT_TRUE(camera);
+    EXPECT_NEAR(camera->pos, 30.0, kFrame / 2);
+
+    // A clock that agrees narrows the search and still finds the clip.
+    clip.recordingDate = at(30.0 + 200.0);
+    const auto near = clipMatch(audio, clip, -kInf, kInf, spans, true, context);
+    ASSERT_TRUE(near);
+    EXPECT_NEAR(near->pos, 30.0, kFrame / 2);
+}
+
+TEST(MatchPrimitives, CompareClipsReadsTheOffsetFromAToB) {
+    const auto longer = noiseBands(120 * kFps, 13);
+    const ClipItem a = clipWith(longer);
+    const ClipItem b = clipWith(cutBands(longer, 30 * kFps, 60 * kFps)); // b starts 30 s into a
+
+    const auto ab = compareClips(a, b, kMaxWindow, 0.5);
+    ASSERT_TRUE(ab);
+    EXPECT_NEAR(ab->pos, 30.0, kFrame);
+    EXPECT_GE(ab->score, kStrongScore);
+    const auto ba = compareClips(b, a, kMaxWindow, 0.5);
+    ASSERT_TRUE(ba);
+    EXPECT_NEAR(ba->pos, -30.0, kFrame);
+    EXPECT_EQ(ba->score, ab->score);
+
+    ClipItem silent = b;
+    silent.audioUsability = AudioUsability::silent;
+    EXPECT_FALSE(compareClips(a, silent, kMaxWindow, 0.5));
+    ClipItem featureless = b;
+    featureless.bandFeature.reset();
+    EXPECT_FALSE(compareClips(featureless, a, kMaxWindow, 0.5));
+    // 18 s of probe gives a window of 9 s, too short to prove anything.
+    const ClipItem shortProbe = clipWith(cutBands(longer, 30 * kFps, 18 * kFps));
+    EXPECT_FALSE(compareClips(a, shortProbe, kMaxWindow, 0.5));
+    // Two clips that never heard the same thing don't agree.
+    const ClipItem stranger = clipWith(noiseBands(60 * kFps, 14));
+    EXPECT_FALSE(compareClips(a, stranger, kMaxWindow, 0.5));
+}
+
+TEST(MatchPrimitives, TimecodeDisagreesBeyondTwoFramesOfTheNearestSpan) {
+    const auto bands = noiseBands(10 * kFps, 15);
+    const std::vector<Span> spans{spanOf(100.0, bands, 3600.0), spanOf(120.0, bands, 3600.0),
+                                  spanOf(500.0, bands)};
+    ClipItem clip;
+    clip.startTimecode = 3610.0; // 110 by the first span, 130 by the second
+    clip.frameRate = 25.0f;
+
+    EXPECT_FALSE(timecodeDisagrees(clip, 110.07, spans));
+    EXPECT_TRUE(timecodeDisagrees(clip, 110.09, spans));
+    EXPECT_FALSE(timecodeDisagrees(clip, 130.0, spans)); // the nearest span decides
+    EXPECT_TRUE(timecodeDisagrees(clip, 120.0, spans));
+
+    clip.frameRate.reset(); // 1/12 s
+    EXPECT_FALSE(timecodeDisagrees(clip, 110.08, spans));
+    EXPECT_TRUE(timecodeDisagrees(clip, 110.09, spans));
+    clip.frameRate = 0.5f; // held to one frame per second at least: 2 s
+    EXPECT_FALSE(timecodeDisagrees(clip, 111.9, spans));
+
+    EXPECT_FALSE(timecodeDisagrees(clip, 900.0, std::vector<Span>{spanOf(500.0, bands)}));
+    EXPECT_FALSE(timecodeDisagrees(ClipItem{}, 900.0, spans));
+}

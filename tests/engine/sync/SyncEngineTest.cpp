@@ -1,0 +1,268 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+#include "TestSupport.hpp"
+#include "engine/sync/SyncFixtures.hpp"
+
+#include "TrelvaneEngine/sync/SyncEngine.hpp"
+
+#include <gtest/gtest.h>
+#include <iostream>
+#include <stop_token>
+
+namespace trelvane::test {
+namespace {
+
+const Performance& performance() {
+    static const Performance perf(900.0);
+    return perf;
+}
+
+const ClipItem& clipNamed(const std::vector<TrackSource>& tracks, const std::string& baseName) {
+    for (const auto& t : tracks)
+        for (const auto& c : t.clips)
+            if (c.url.baseName() == baseName) return c;
+    throw std::runtime_error("no clip " + baseName);
+}
+
+// A recorder of two long takes with a trusted clock, and a camera of four clips without one.
+std::vector<TrackSource> recorderAndCamera() {
+    const auto& perf = performance();
+    return {
+        makeTrack(perf, "Rec", SourceType::audio,
+                  {{"R1", 10, 290, true, 10, ClockQuality::embedded}, {"R2", 320, 380, true, 320, ClockQuality::embedded}},
+                  0.3f, 11),
+        makeTrack(perf, "Cam", SourceType::video,
+                  {{"C1", 40, 60}, {"C2", 150, 90}, {"C3", 400, 45}, {"C4", 600, 30}}, 0.8f, 21),
+    };
+}
+
+// The engine's log, shown when the test fails: it says how each clip was placed.
+struct EngineLogOnFailure : LogCapture {
+    ~EngineLogOnFailure() {
+        if (::testing::Test::HasFailure())
+            for (const auto& line : lines()) std::cerr << line << '\n';
+    }
+};
+
+std::vector<TrackSource> run(std::vector<TrackSource> sources, int workers = 2) {
+    return SyncEngine::synchronise(std::move(sources), nullptr, nullptr, {}, workers);
+}
+
+TEST(SyncEngine, OneTrackIsReturnedAsItCame) {
+    auto one = recorderAndCamera();
+    one.resize(1);
+    one[0].clips[0].startOffset = 123;
+    const auto out = run(one);
+    ASSERT_EQ(out.size(), 1u);
+    EXPECT_EQ(out[0].clips[0].startOffset, 123);
+    EXPECT_EQ(out[0].clips[0].syncStatus, SyncStatus::pending);
+    EXPECT_FALSE(out[0].clips[0].placementPass);
+}
+
+TEST(SyncEngine, CameraClipsLandWhereTheyWereRecordedAgainstTheRecorder) {
+    EngineLogOnFailure log;
+    const auto out = run(recorderAndCamera());
+    const double r1 = clipNamed(out, "R1").startOffset;
+    EXPECT_EQ(r1, 0.0) << "the earliest clip starts the timeline";
+    EXPECT_NEAR(clipNamed(out, "R2").startOffset - r1, 310.0, 1e-9) << "the reference keeps its clock's pause";
+    EXPECT_EQ(clipNamed(out, "R1").placementPass, "ref");
+    for (auto [name, truth] : {std::pair{"C1", 40.0}, {"C2", 150.0}, {"C3", 400.0}, {"C4", 600.0}}) {
+        const auto& c = clipNamed(out, name);
+        EXPECT_NEAR(c.startOffset - r1, truth - 10.0, 0.04) << name;
+        EXPECT_EQ(c.syncStatus, SyncStatus::synced) << name;
+        ASSERT_TRUE(c.matchScore) << name;
+        EXPECT_GE(*c.matchScore, 7.0f) << name;
+    }
+    EXPECT_TRUE(log.contains("[SyncEngine] region 'default' ref 'Rec' (2 tracks,6 clips) @ base=0"));
+    EXPECT_TRUE(log.contains("[SyncEngine] DONE: timeline=690s (0h11m), synced=6 weak=0 failed=0 / 6"));
+}
+
+TEST(SyncEngine, ResultsAndLogDoNotDependOnTheNumberOfWorkers) {
+    auto sources = recorderAndCamera();
+    sources.push_back(makeTrack(performance(), "CamB", SourceType::video,
+                                {{"B1", 20, 70}, {"B2", 250, 40}, {"B3", 500, 120}}, 0.9f, 31));
+    std::vector<std::string> logs[2];
+    std::vector<TrackSource> outs[2];
+    int i = 0;
+    for (int workers : {1, 8}) {
+        EngineLogOnFailure log;
+        outs[i] = run(sources, workers);
+        logs[i] = log.lines();
+        ++i;
+    }
+    EXPECT_EQ(logs[0], logs[1]);
+    for (std::size_t t = 0; t < outs[0].size(); ++t)
+        for (std::size_t c = 0; c < outs[0][t].clips.size(); ++c) {
+            const auto& a = outs[0][t].clips[c];
+            const auto& b = outs[1][t].clips[c];
+            EXPECT_EQ(a.startOffset, b.startOffset);
+            EXPECT_EQ(a.syncStatus, b.syncStatus);
+            EXPECT_EQ(a.matchScore, b.matchScore);
+            EXPECT_EQ(a.placementPass, b.placementPass);
+        }
+}
+
+TEST(SyncEngine, ACancelledRunLeavesEveryClipAsItWas) {
+    auto sources = recorderAndCamera();
+    sources[1].clips[2].startOffset = 77;
+    std::stop_source stop;
+    int places = 0;
+    EngineLogOnFailure log;
+    const auto out = SyncEngine::synchronise(
+        sources, nullptr,
+        [&](const Uuid&, double, SyncStatus) {
+            if (++places == 3) stop.request_stop();
+        },
+        stop.get_token(), 2);
+    EXPECT_GE(places, 3);
+    ASSERT_EQ(out.size(), sources.size());
+    for (std::size_t t = 0; t < out.size(); ++t)
+        for (std::size_t c = 0; c < out[t].clips.size(); ++c) {
+            EXPECT_EQ(out[t].clips[c].startOffset, sources[t].clips[c].startOffset);
+            EXPECT_EQ(out[t].clips[c].syncStatus, SyncStatus::pending);
+            EXPECT_FALSE(out[t].clips[c].placementPass);
+        }
+    EXPECT_EQ(log.countStartingWith("[SyncEngine] DONE"), 0);
+}
+
+TEST(SyncEngine, ProgressStaysBelowOneAndNamesTheClips) {
+    double last = 0, highest = 0;
+    int calls = 0;
+    bool named = true;
+    SyncEngine::synchronise(
+        recorderAndCamera(),
+        [&](double f, const std::string& name) {
+            ++calls;
+            last = f;
+            highest = std::max(highest, f);
+            named = named && !name.empty() && name.find('.') == std::string::npos;
+        },
+        nullptr, {}, 2);
+    EXPECT_GT(calls, 5);
+    EXPECT_LE(highest, 0.999);
+    EXPECT_GT(last, 0.5);
+    EXPECT_TRUE(named);
+}
+
+TEST(SyncEngine, DayRegionsComeInOrderAndDefaultComesLast) {
+    auto sources = recorderAndCamera();
+    sources[0].clips[0].dayRegion = "day-1";
+    sources[1].clips[0].dayRegion = "day-1";
+    sources[0].clips[1].dayRegion = "day-0";
+    sources[1].clips[2].dayRegion = "day-0";
+    EngineLogOnFailure log;
+    run(sources);
+    std::vector<std::string> regions;
+    for (const auto& line : log.lines())
+        if (line.starts_with("[SyncEngine] region '")) regions.push_back(line.substr(21, line.find('\'', 21) - 21));
+    EXPECT_EQ(regions, (std::vector<std::string>{"day-0", "day-1", "default"}));
+}
+
+TEST(SyncEngine, ARegionWithoutAudioTracksTakesTheLongestCameraAsReference) {
+    const auto& perf = performance();
+    std::vector<TrackSource> cams{
+        makeTrack(perf, "CamA", SourceType::video, {{"A1", 10, 100}, {"A2", 200, 150}}, 0.5f, 41),
+        makeTrack(perf, "CamB", SourceType::video, {{"B1", 50, 80}, {"B2", 230, 60}}, 0.5f, 51),
+    };
+    EngineLogOnFailure log;
+    const auto out = run(cams);
+    EXPECT_TRUE(log.contains("[SyncEngine] region 'default' ref 'CamA' (2 tracks,4 clips) @ base=0"));
+    EXPECT_TRUE(log.contains("[SyncEngine]  ref 'CamA' has no full clock — laid end to end"));
+    // Laid end to end, A2 follows A1 at once; B1 matches inside A1.
+    EXPECT_NEAR(clipNamed(out, "B1").startOffset - clipNamed(out, "A1").startOffset, 40.0, 0.04);
+}
+
+TEST(SyncEngine, ThreeCamerasAndATakeRecorderPutTheCamerasFirst) {
+    const auto& perf = performance();
+    // Cameras with clocks of their own, so that the reference camera is laid out by its clock.
+    auto camera = [&](const std::string& name, double from, double longest, unsigned seed) {
+        std::vector<ClipSpec> clips;
+        for (int i = 0; i < 5; ++i) {
+            const double start = from + i * 150.0;
+            clips.push_back({name + std::to_string(i), start, i == 2 ? longest : 70.0, true, start,
+                             ClockQuality::embedded});
+        }
+        return makeTrack(perf, name, SourceType::video, clips, 0.6f, seed);
+    };
+    std::vector<TrackSource> sources{camera("CamA", 10, 80, 61), camera("CamB", 30, 85, 71),
+                                     camera("CamC", 50, 95, 81)};
+    std::vector<ClipSpec> takes;
+    for (int i = 0; i < 6; ++i) takes.push_back({"T" + std::to_string(i), 20 + i * 130.0, 40});
+    sources.push_back(makeTrack(perf, "Lav", SourceType::audio, takes, 0.4f, 91));
+    EngineLogOnFailure log;
+    const auto out = run(sources);
+    EXPECT_EQ(log.countStartingWith("[SyncEngine] region 'default' ref 'CamC'"), 1) << "longest camera clip";
+    EXPECT_EQ(log.countStartingWith("[SyncEngine]  cameras-first: pairing 2 camera(s) against 'CamC'"), 1);
+    EXPECT_EQ(log.countStartingWith("[SyncEngine]  cameras-first: camera backbone fixed"), 1);
+    const double base = clipNamed(out, "CamC0").startOffset - 50;
+    for (int i = 0; i < 6; ++i) {
+        const auto& t = clipNamed(out, "T" + std::to_string(i));
+        EXPECT_NEAR(t.startOffset - base, 20 + i * 130.0, 0.04) << i;
+    }
+}
+
+TEST(SyncEngine, AHotSpotTrackIsLaidByItsClockWithoutScores) {
+    const auto& perf = performance();
+    // Four long clips whose sound is all the same minute: a loud event, not a chain.
+    std::vector<ClipSpec> clips;
+    for (int i = 0; i < 4; ++i) clips.push_back({"H" + std::to_string(i), 100, 130, true, 100.0 + i * 200, ClockQuality::embedded});
+    std::vector<TrackSource> sources{
+        makeTrack(perf, "Rec", SourceType::audio, {{"R1", 0, 800, true, 0, ClockQuality::embedded}}, 0.3f, 3),
+        makeTrack(perf, "Cam", SourceType::video, clips, 0.5f, 5),
+    };
+    EngineLogOnFailure log;
+    const auto out = run(sources);
+    EXPECT_EQ(log.countStartingWith("[SyncEngine]  track 'Cam': 4 clips spanning"), 1);
+    for (const auto& c : out[1].clips) {
+        EXPECT_FALSE(c.matchScore);
+        EXPECT_TRUE(c.placementPass == "clock" || c.placementPass == "interp") << *c.placementPass;
+    }
+}
+
+TEST(SyncEngine, SilentClipsArePendingNeverFailed) {
+    auto sources = recorderAndCamera();
+    sources.push_back(makeTrack(performance(), "Mute", SourceType::video,
+                                {{"M1", 100, 30, false}, {"M2", 300, 20, false}}, 0.5f, 9));
+    const auto out = run(sources);
+    for (const auto& c : out[2].clips) {
+        EXPECT_EQ(c.syncStatus, SyncStatus::pending);
+        EXPECT_EQ(c.placementPass, "interp-noaudio");
+    }
+}
+
+TEST(SyncEngine, AChannelTrackMirrorsItsLeader) {
+    auto sources = recorderAndCamera();
+    auto channel = makeTrack(performance(), "Rec_2", SourceType::audio,
+                             {{"R1_2", 10, 290, true, 10, ClockQuality::embedded},
+                              {"R2_2", 320, 380, true, 320, ClockQuality::embedded}},
+                             0.5f, 99);
+    channel.siblingOf = sources[0].id;
+    channel.clips[0].siblingLeaderID = sources[0].clips[0].id;
+    channel.clips[1].siblingLeaderID = sources[0].clips[1].id;
+    sources.push_back(channel);
+    EngineLogOnFailure log;
+    const auto out = run(sources);
+    for (int i = 0; i < 2; ++i) {
+        EXPECT_EQ(out[2].clips[i].startOffset, out[0].clips[i].startOffset);
+        EXPECT_EQ(out[2].clips[i].placementPass, "sibling-ref");
+        EXPECT_EQ(out[2].clips[i].placementNote, "channel of 'Rec'");
+    }
+    EXPECT_EQ(log.countStartingWith("[SyncEngine]  channel track 'Rec_2' follows 'Rec'"), 1);
+}
+
+TEST(SyncEngine, AChannelWhoseSoundDisagreesIsMatchedAsItsOwnTrack) {
+    auto sources = recorderAndCamera();
+    // Named as a channel of the recorder, but recorded elsewhere in the performance.
+    auto stranger = makeTrack(performance(), "Rec_2", SourceType::audio,
+                              {{"S1", 500, 120, true, 10, ClockQuality::embedded}}, 0.5f, 77);
+    stranger.siblingOf = sources[0].id;
+    stranger.clips[0].siblingLeaderID = sources[0].clips[0].id;
+    sources.push_back(stranger);
+    EngineLogOnFailure log;
+    const auto out = run(sources);
+    EXPECT_EQ(log.countStartingWith("[SyncEngine]  'Rec_2' looked like a channel of 'Rec' but its audio does not agree"),
+              1);
+    EXPECT_NEAR(clipNamed(out, "S1").startOffset - clipNamed(out, "R1").startOffset, 490.0, 0.04);
+}
+
+} // namespace
+} // namespace trelvane::test
