@@ -1,0 +1,321 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+#include "Trelvane/export/FCPXMLExporter.hpp"
+
+#include "Trelvane/export/FCP7Exporter.hpp"
+#include "Trelvane/export/XmlText.hpp"
+
+#include <algorithm>
+#include <array>
+#include <cmath>
+#include <fmt/format.h>
+#include <map>
+#include <string_view>
+
+namespace trelvane::FCPXMLExporter {
+
+namespace {
+
+// Frame sizes the editor has a named preset for, besides 1280 wide and 1920 by 1080.
+constexpr std::array<std::string_view, 25> kKnownFrameSizes = {
+    "640x360",   "640x480",   "720x486",   "720x576",   "960x540",   "960x720",   "1280x1080",
+    "1440x1080", "2048x1024", "2048x1080", "2048x1152", "2048x1536", "3840x1920", "3840x2160",
+    "4096x2048", "4096x2160", "4096x2304", "5120x2160", "5120x2700", "5120x2880", "5760x2880",
+    "6144x3160", "7680x3840", "7680x4320", "8192x4320",
+};
+
+std::optional<std::string_view> rateToken(const FCP7Exporter::RateInfo& ri) {
+    switch (ri.timebase) {
+    case 24:
+        return ri.ntsc ? "2398" : "24";
+    case 25:
+        return "25";
+    case 30:
+        return ri.ntsc ? "2997" : "30";
+    case 50:
+        return "50";
+    case 60:
+        return ri.ntsc ? "5994" : "60";
+    default:
+        return std::nullopt;
+    }
+}
+
+struct FrameDuration {
+    long long num = 1;
+    long long den = 24;
+    std::string text() const { return fmt::format("{}/{}s", num, den); }
+};
+
+FrameDuration frameDuration(const FCP7Exporter::RateInfo& ri) {
+    if (ri.ntsc) return {1001, ri.timebase * 1000LL};
+    return {1, ri.timebase};
+}
+
+// Frame counts are kept well inside 64 bits, whatever a clip claims.
+constexpr double kFrameLimit = 1e12;
+
+struct Builder {
+    FCP7Exporter::RateInfo ri;
+    FrameDuration fd;
+    int nextID = 1;
+    std::map<std::string, std::string> formatIDs;
+    std::map<Url, std::string> assetIDs;
+    std::vector<std::string> formatLines;
+    std::vector<std::string> assetLines;
+    std::vector<std::string> clipLines;
+
+    // Whole frames (truncated) of `seconds`, in units of 1/den s.
+    long long num(double seconds) const {
+        if (!(seconds > 0)) return 0;
+        const double frames = std::trunc(std::min(seconds * ri.effectiveRate(), kFrameLimit));
+        return static_cast<long long>(frames) * fd.num;
+    }
+    std::string rational(long long n) const { return n == 0 ? "0s" : fmt::format("{}/{}s", n, fd.den); }
+    std::string time(double seconds) const { return rational(num(seconds)); }
+
+    std::string nextResourceID() { return fmt::format("r{}", nextID++); }
+
+    std::string formatID(int w, int h, double rate) {
+        const auto rateInfo = FCP7Exporter::rateInfo(rate);
+        const std::string duration = frameDuration(rateInfo).text();
+        const std::string key = fmt::format("{}x{}@{}", w, h, duration);
+        if (const auto it = formatIDs.find(key); it != formatIDs.end()) return it->second;
+        const std::string id = nextResourceID();
+        formatIDs.emplace(key, id);
+        std::string line = "    <format id=\"" + id + "\"";
+        if (const auto name = presetName(w, h, rate)) line += " name=\"" + *name + "\"";
+        line += fmt::format(" frameDuration=\"{}\" width=\"{}\" height=\"{}\"/>", duration, w, h);
+        formatLines.push_back(std::move(line));
+        return id;
+    }
+
+    // The asset of a file, made on first use.
+    std::string assetID(const Url& file, const std::string& start, const std::string& duration,
+                        const std::string& attributes) {
+        if (const auto it = assetIDs.find(file); it != assetIDs.end()) return it->second;
+        const std::string id = nextResourceID();
+        assetIDs.emplace(file, id);
+        assetLines.push_back("    <asset id=\"" + id + "\" name=\"" +
+                             XmlText::escape(file.lastPathComponent()) + "\" start=\"" + start +
+                             "\" duration=\"" + duration + "\" " + attributes + "\">");
+        assetLines.push_back("      <media-rep kind=\"original-media\" src=\"" +
+                             XmlText::escape(XmlText::fileURLString(file)) + "\"/>");
+        assetLines.push_back("    </asset>");
+        return id;
+    }
+
+    double pictureRate(const ClipItem& clip, double fallback) const {
+        std::optional<float> rate;
+        if (clip.pictureURL && *clip.pictureURL != clip.url)
+            rate = clip.conformFrameRate ? clip.conformFrameRate
+                                         : (clip.recordFrameRate ? clip.recordFrameRate : clip.frameRate);
+        else
+            rate = clip.frameRate;
+        if (!rate || !(*rate > 0)) return fallback;
+        return FCP7Exporter::normalise(*rate);
+    }
+
+    // The source side start of the picture, mapped to the clip's time by the speed ratio; whole
+    // frames, so that the start stays on a frame boundary.
+    long long pictureStartNum(const ClipItem& clip) const {
+        const long long n = num(clip.pictureTimecode.value_or(0.0));
+        const double ratio = speedRatio(clip);
+        if (ratio == 0) return n;
+        return static_cast<long long>(std::trunc(static_cast<double>(n / fd.num) / ratio)) * fd.num;
+    }
+
+    std::string clipLine(const std::string& ref, int lane, const ClipItem& clip, const std::string& name,
+                         const std::string& duration, const std::string& start,
+                         const std::optional<int>& role, const std::vector<std::string>& children) {
+        std::string line = "        <asset-clip ref=\"" + ref + "\" lane=\"" + std::to_string(lane) +
+                           "\" offset=\"" + time(clip.startOffset) + "\" name=\"" + XmlText::escape(name) +
+                           "\" duration=\"" + duration + "\" start=\"" + start;
+        if (role) line += "\" audioRole=\"dialogue.dialogue-" + std::to_string(*role);
+        if (children.empty()) return line + "\"/>";
+        line += "\">";
+        for (const auto& child : children)
+            line += "\n" + child;
+        return line + "\n        </asset-clip>";
+    }
+};
+
+} // namespace
+
+std::optional<std::string> presetName(int width, int height, double fps) {
+    const auto token = rateToken(FCP7Exporter::rateInfo(fps));
+    if (!token) return std::nullopt;
+    if (width == 1280) return fmt::format("FFVideoFormat720p{}", *token);
+    if (width == 1920 && height == 1080) return fmt::format("FFVideoFormat1080p{}", *token);
+    const std::string size = fmt::format("{}x{}", width, height);
+    if (std::find(kKnownFrameSizes.begin(), kKnownFrameSizes.end(), size) != kKnownFrameSizes.end())
+        return fmt::format("FFVideoFormat{}p{}", size, *token);
+    return std::nullopt;
+}
+
+double speedRatio(const ClipItem& clip) {
+    if (!clip.pictureURL || *clip.pictureURL == clip.url) return 0;
+    if (!clip.recordFrameRate || !clip.conformFrameRate) return 0;
+    if (!(*clip.recordFrameRate > 0) || !(*clip.conformFrameRate > 0)) return 0;
+    const double ratio =
+        static_cast<double>(*clip.recordFrameRate) / static_cast<double>(*clip.conformFrameRate);
+    if (!std::isfinite(ratio) || std::fabs(ratio - 1.0) < 0.001) return 0;
+    return ratio;
+}
+
+std::string build(const std::vector<TrackSource>& sources, double fps, ChannelLayout channels) {
+    Builder b;
+    b.ri = FCP7Exporter::rateInfo(fps);
+    b.fd = frameDuration(b.ri);
+
+    double length = 0;
+    for (const auto& track : sources)
+        for (const auto& clip : track.clips)
+            length = std::max(length, clip.startOffset + clip.duration);
+
+    // The sequence takes the commonest picture size of the video clips; the first met wins a tie.
+    std::vector<std::pair<std::pair<int, int>, int>> sizes;
+    for (const auto& track : sources) {
+        if (track.type != SourceType::video) continue;
+        for (const auto& clip : track.clips) {
+            const std::pair<int, int> size{clip.pixelWidth.value_or(1920), clip.pixelHeight.value_or(1080)};
+            auto it =
+                std::find_if(sizes.begin(), sizes.end(), [&](const auto& s) { return s.first == size; });
+            if (it == sizes.end())
+                sizes.push_back({size, 1});
+            else
+                ++it->second;
+        }
+    }
+    std::pair<int, int> size{1920, 1080};
+    int most = 0;
+    for (const auto& [s, count] : sizes)
+        if (count > most) {
+            size = s;
+            most = count;
+        }
+    if (!presetName(size.first, size.second, fps))
+        size = size.first > 1920 ? std::pair{3840, 2160} : std::pair{1920, 1080};
+    const std::string sequenceFormat = b.formatID(size.first, size.second, fps);
+
+    int lane = 0;
+    int role = 0;
+    const auto soundAttributes = [](int count) {
+        return fmt::format("hasAudio=\"1\" audioSources=\"1\" audioChannels=\"{}\" audioRate=\"48000", count);
+    };
+
+    for (const auto& track : sources) {
+        if (track.type != SourceType::video) continue;
+        const int pictureLane = ++lane;
+        // Sidecar sound of separate pictures gets a lane of its own, right above the pictures.
+        std::optional<int> sidecarLane, sidecarRole;
+        for (const auto& clip : track.clips) {
+            const bool companion = clip.pictureURL && *clip.pictureURL != clip.url;
+            const Url file = companion ? *clip.pictureURL : clip.url;
+            const int w = clip.pixelWidth.value_or(1920), h = clip.pixelHeight.value_or(1080);
+            const std::string format = b.formatID(w, h, b.pictureRate(clip, fps));
+            const bool withSound = !companion && clip.audioUsability != AudioUsability::none;
+            std::string attributes = "hasVideo=\"1\" videoSources=\"1\" format=\"" + format;
+            if (withSound)
+                attributes += "\" " + fmt::format("hasAudio=\"1\" audioSources=\"1\" audioChannels=\"{}\" "
+                                                  "audioRate=\"48000",
+                                                  std::max(clip.channelCount, 2));
+
+            const double ratio = speedRatio(clip);
+            const double sourceSeconds =
+                companion && clip.pictureFrames && clip.conformFrameRate && *clip.conformFrameRate > 0
+                    ? *clip.pictureFrames / static_cast<double>(*clip.conformFrameRate)
+                    : clip.pictureDuration();
+            const std::string assetStart = b.time(clip.pictureTimecode.value_or(0.0));
+            const std::string assetDuration = b.time(companion ? sourceSeconds : clip.duration);
+            const std::string ref = b.assetID(file, assetStart, assetDuration, attributes);
+
+            std::vector<std::string> children;
+            std::string duration = b.time(clip.pictureDuration());
+            const long long start = b.pictureStartNum(clip);
+            if (ratio != 0) {
+                const double startSeconds = clip.pictureTimecode.value_or(0.0);
+                const long long v0 = b.num(startSeconds), v1 = b.num(startSeconds + sourceSeconds);
+                const long long t0 = start, t1 = b.num((startSeconds + sourceSeconds) / ratio);
+                children.push_back("            <timeMap>");
+                children.push_back("              <timept time=\"" + b.rational(t0) + "\" value=\"" +
+                                   b.rational(v0) + "\" interp=\"smooth2\"/>");
+                children.push_back("              <timept time=\"" + b.rational(t1) + "\" value=\"" +
+                                   b.rational(v1) + "\" interp=\"smooth2\"/>");
+                children.push_back("            </timeMap>");
+                duration = b.rational(std::max(t1 - t0, 0LL));
+            }
+            b.clipLines.push_back(b.clipLine(ref, pictureLane, clip, file.lastPathComponent(), duration,
+                                             b.rational(start), std::nullopt, children));
+
+            if (companion && clip.audioUsability != AudioUsability::none) {
+                if (!sidecarLane) {
+                    sidecarLane = ++lane;
+                    sidecarRole = ++role;
+                }
+                const std::string soundRef = b.assetID(clip.url, "0s", b.time(clip.duration),
+                                                       soundAttributes(std::max(clip.channelCount, 1)));
+                b.clipLines.push_back(b.clipLine(soundRef, *sidecarLane, clip, clip.url.lastPathComponent(),
+                                                 b.time(clip.duration), "0s", sidecarRole, {}));
+            }
+        }
+    }
+
+    for (const auto& track : sources) {
+        if (track.type != SourceType::audio) continue;
+        const int n = channels == ChannelLayout::perChannel ? FCP7Exporter::sourceChannelCount(track) : 1;
+        const int firstLane = lane + 1, firstRole = role + 1;
+        lane += n;
+        role += n;
+        for (const auto& clip : track.clips) {
+            const int count = std::max(clip.channelCount, 1);
+            const std::string ref = b.assetID(clip.url, "0s", b.time(clip.duration), soundAttributes(count));
+            if (n == 1) {
+                b.clipLines.push_back(b.clipLine(ref, firstLane, clip, clip.url.lastPathComponent(),
+                                                 b.time(clip.duration), "0s", firstRole, {}));
+                continue;
+            }
+            // One lane per channel; a clip with fewer channels than its track leaves the rest empty.
+            for (int c = 0; c < std::min(n, count); ++c) {
+                const std::string child = fmt::format(
+                    "            <audio-channel-source srcCh=\"{}\" role=\"dialogue.dialogue-{}\"/>", c + 1,
+                    firstRole + c);
+                b.clipLines.push_back(b.clipLine(ref, firstLane + c, clip, clip.url.lastPathComponent(),
+                                                 b.time(clip.duration), "0s", firstRole + c, {child}));
+            }
+        }
+    }
+
+    std::vector<std::string> lines;
+    lines.emplace_back("<?xml version=\"1.0\" encoding=\"UTF-8\"?>");
+    lines.emplace_back("<!DOCTYPE fcpxml>");
+    lines.emplace_back("<fcpxml version=\"1.10\">");
+    lines.emplace_back("  <resources>");
+    lines.insert(lines.end(), b.formatLines.begin(), b.formatLines.end());
+    lines.insert(lines.end(), b.assetLines.begin(), b.assetLines.end());
+    lines.emplace_back("  </resources>");
+    lines.emplace_back("  <library>");
+    lines.emplace_back("    <event name=\"Trelvane\">");
+    lines.emplace_back("      <project name=\"Trelvane Timeline\">");
+    lines.push_back("        <sequence format=\"" + sequenceFormat + "\" duration=\"" + b.time(length) +
+                    "\" tcStart=\"0s\" tcFormat=\"NDF\" audioLayout=\"stereo\" audioRate=\"48k\">");
+    lines.emplace_back("          <spine>");
+    lines.push_back("            <gap name=\"Gap\" offset=\"0s\" start=\"0s\" duration=\"" + b.time(length) +
+                    "\">");
+    lines.insert(lines.end(), b.clipLines.begin(), b.clipLines.end());
+    lines.emplace_back("            </gap>");
+    lines.emplace_back("          </spine>");
+    lines.emplace_back("        </sequence>");
+    lines.emplace_back("      </project>");
+    lines.emplace_back("    </event>");
+    lines.emplace_back("  </library>");
+    lines.emplace_back("</fcpxml>");
+
+    std::string out;
+    for (std::size_t i = 0; i < lines.size(); ++i) {
+        if (i > 0) out += '\n';
+        out += lines[i];
+    }
+    return out;
+}
+
+} // namespace trelvane::FCPXMLExporter
