@@ -5,6 +5,7 @@
 // the command runs the session and returns the documented exit status.
 
 #include <CLI/CLI.hpp>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -14,6 +15,7 @@ namespace trelvane::cli {
 inline constexpr int kExitOK = 0;
 inline constexpr int kExitFailure = 1; // a path that doesn't exist, a failed run
 inline constexpr int kExitUsage = 2;
+inline constexpr int kExitInterrupted = 130; // Ctrl-C during a sync: cancelled, nothing written
 
 struct CommonOptions {
     bool verbose = false; // echo the log on standard error
@@ -41,6 +43,25 @@ struct ProbeOptions {
 
 void addProbeCommand(CLI::App& app, ProbeOptions& options);
 int runProbe(const ProbeOptions& options, const CommonOptions& common);
+
+// `trelvane sync PATH...`: the whole chain headless, from scan to synchronised timeline.
+struct SyncOptions {
+    std::vector<std::string> paths;
+    std::string mode = "tracks"; // or "stacks"
+    PromptAnswer cameraGroups = PromptAnswer::accept;
+    PromptAnswer dayRegions = PromptAnswer::accept;
+    bool noCloseGaps = false;
+    std::string report; // session JSON after the sync; empty: none
+    bool table = false; // print every clip's placement
+    std::vector<std::string> exports; // premiere|resolve|fcpxml|otio, each written once
+    std::optional<double> fps;
+    std::string channels = "per-channel";
+    std::string output; // with one --export only; empty: the default name in the current folder
+    bool force = false;
+};
+
+void addSyncCommand(CLI::App& app, SyncOptions& options);
+int runSync(const SyncOptions& options, const CommonOptions& common);
 
 // Shared by the commands: starts the log file and, with --verbose, echoes it on standard error.
 void startLogging(const CommonOptions& common);

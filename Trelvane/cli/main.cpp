@@ -19,6 +19,8 @@ int main(int argc, char** argv) {
 
     ScanOptions scan;
     addScanCommand(app, scan);
+    SyncOptions sync;
+    addSyncCommand(app, sync);
     ProbeOptions probe;
     addProbeCommand(app, probe);
 
@@ -36,6 +38,7 @@ int main(int argc, char** argv) {
     }
 
     if (app.got_subcommand("scan")) return runScan(scan, common);
+    if (app.got_subcommand("sync")) return runSync(sync, common);
     if (app.got_subcommand("probe")) return runProbe(probe, common);
     return kExitUsage;
 }

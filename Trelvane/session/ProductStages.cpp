@@ -2,13 +2,13 @@
 #include "Trelvane/session/ProductStages.hpp"
 #include "Trelvane/session/SyncViewModel.hpp"
 #include "TrelvaneEngine/ingest/IngestEngine.hpp"
+#include "TrelvaneEngine/sync/SyncEngine.hpp"
 
 namespace trelvane {
 
 SessionStages productStages() {
     SessionStages stages;
-    // Scanning and sorting are the controller's own ingest engine. Sync and stacks join here as
-    // the engine gains them.
+    // Scanning and sorting are the controller's own ingest engine.
     stages.loadMetadata = [](Sources sources, SessionStages::ClipUpdated onClipUpdated, std::stop_token stop) {
         return IngestEngine::loadMetadata(std::move(sources), onClipUpdated, std::move(stop));
     };
@@ -19,6 +19,10 @@ SessionStages productStages() {
     stages.detectDayRegions = IngestEngine::detectDayRegions;
     stages.applyDayRegions = IngestEngine::applyDayRegions;
     stages.extractClip = SyncViewModel::extractClip;
+    stages.synchronise = [](Sources sources, SessionStages::SyncProgress progress, SessionStages::SyncPlace place,
+                            std::stop_token stop) {
+        return SyncEngine::synchronise(std::move(sources), progress, place, std::move(stop));
+    };
     return stages;
 }
 

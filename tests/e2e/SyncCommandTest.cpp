@@ -1,0 +1,91 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+// `trelvane sync` as a user runs it: two recorders that heard the same music, lined up, reported
+// and written for the editors.
+#include "MediaSupport.hpp"
+#include "e2e/CliRunner.hpp"
+
+#include <filesystem>
+#include <fstream>
+#include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
+
+namespace trelvane::test {
+namespace {
+
+// Real recorded music shipped by a Debian package; the test is skipped without it.
+std::string recordedMusic() {
+    const std::filesystem::path dir = "/usr/share/games/wesnoth/1.16/data/core/music";
+    std::error_code ec;
+    for (const auto& entry : std::filesystem::directory_iterator(dir, ec))
+        if (entry.path().extension() == ".ogg" && entry.file_size() > 1'500'000) return entry.path().string();
+    return {};
+}
+
+// Recorder A hears 0–70 s of the piece, recorder B 25–85 s through a darker microphone and some
+// noise: B starts 25 s after A.
+void makeShoot(const TempDir& home, const std::string& music) {
+    std::filesystem::create_directories(home / "shoot/RecA");
+    std::filesystem::create_directories(home / "shoot/RecB");
+    ffmpeg("-ss 20 -t 70 -i " + quoted(music) + " -ac 1 -ar 48000 " + quoted((home / "shoot/RecA/A001.wav").string()));
+    ffmpeg("-ss 45 -t 60 -i " + quoted(music) +
+           " -f lavfi -i anoisesrc=c=pink:a=0.01:d=60:r=48000 -filter_complex "
+           "\"[0:a]aformat=channel_layouts=mono,lowpass=f=3000,volume=0.6[m];[m][1:a]amix=inputs=2:normalize=0\" "
+           "-ar 48000 " +
+           quoted((home / "shoot/RecB/B001.wav").string()));
+}
+
+TEST(SyncCommand, LinesUpTwoRecordersReportsThemAndWritesTheDocuments) {
+    const std::string music = recordedMusic();
+    if (music.empty()) GTEST_SKIP() << "wesnoth-1.16-music is not installed";
+    TempDir home;
+    makeShoot(home, music);
+    const std::string shoot = quoted((home / "shoot").string());
+    const std::string out = (home / "out").string();
+    std::filesystem::create_directories(out);
+
+    const auto run = runCli(home, "sync " + shoot + " --no-close-gaps --report " + quoted(out + "/r.json") +
+                                      " --export fcpxml --export otio -o /dev/null 2>&1", true);
+    EXPECT_EQ(run.status, 2) << "--output needs exactly one --export: " << run.out;
+
+    const auto sync = runCli(home, "sync " + shoot + " --no-close-gaps --table --report " +
+                                       quoted(out + "/r.json") + " --export fcpxml -o " + quoted(out + "/cut.fcpxml"),
+                             true);
+    ASSERT_EQ(sync.status, 0) << sync.out;
+    EXPECT_NE(sync.out.find("Synchronization finished: 2 synced of 2 — ready to export."), std::string::npos)
+        << sync.out;
+    EXPECT_NE(sync.out.find("fcpxml: " + out + "/cut.fcpxml"), std::string::npos) << sync.out;
+    EXPECT_TRUE(std::filesystem::exists(out + "/cut.fcpxml"));
+
+    std::map<std::string, double> start;
+    const auto report = nlohmann::json::parse(std::ifstream(out + "/r.json"));
+    for (const auto& track : report["tracks"])
+        for (const auto& clip : track["clips"]) {
+            start[std::filesystem::path(clip["url"].get<std::string>()).filename().string()] =
+                clip["startOffset"].get<double>();
+            EXPECT_EQ(clip["syncStatus"], "synced");
+            EXPECT_TRUE(clip["placementExplanation"].is_string());
+        }
+    ASSERT_EQ(start.size(), 2u);
+    EXPECT_NEAR(start["B001.wav"] - start["A001.wav"], 25.0, 0.04);
+
+    // An existing document is never replaced without --force, and nothing else is written then.
+    const auto again = runCli(home, "sync " + shoot + " --export fcpxml -o " + quoted(out + "/cut.fcpxml"), true);
+    EXPECT_EQ(again.status, 1) << again.out;
+    EXPECT_NE(again.out.find("cut.fcpxml"), std::string::npos) << again.out;
+    const auto forced =
+        runCli(home, "sync " + shoot + " --export fcpxml --force -o " + quoted(out + "/cut.fcpxml"), true);
+    EXPECT_EQ(forced.status, 0) << forced.out;
+}
+
+TEST(SyncCommand, FewerThanTwoTracksIsAClearFailure) {
+    const std::string music = recordedMusic();
+    if (music.empty()) GTEST_SKIP() << "wesnoth-1.16-music is not installed";
+    TempDir home;
+    makeShoot(home, music);
+    const auto r = runCli(home, "sync " + quoted((home / "shoot/RecA").string()), true);
+    EXPECT_EQ(r.status, 1) << r.out;
+    EXPECT_NE(r.out.find("trelvane: Need at least 2 extracted tracks"), std::string::npos) << r.out;
+}
+
+} // namespace
+} // namespace trelvane::test
