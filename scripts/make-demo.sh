@@ -102,6 +102,10 @@ while [ "${#pieces[@]}" -lt 3 ]; do
   case " ${pieces[*]-} " in *" $pick "*) continue ;; esac
   pieces+=("$pick")
 done
+# The first long piece the concert doesn't use: the sound of a decoy shot on another day.
+for f in "${music[@]}"; do
+  case " ${pieces[*]} " in *" $f "*) ;; *) OTHER_PIECE="$f" && break ;; esac
+done
 
 # Announcement material: short prompts only, so the runs sound like sentences, not menus.
 prompts=()
@@ -222,12 +226,13 @@ CLIPS=(
   "CamB      shoot/CamB/A001_C002_0614QZ.MOV            283.0   64  -"
   "CamB      shoot/CamB/A001_C003_0614QZ.MOV            365.0   10  no-audio"
   "CamB      shoot/CamB/A001_C004_0614QZ.MOV            540.0   50  -"
+  "CamB      shoot/CamB/A002_C001_0615QZ.MOV              0.0   40  other-day"
   "Zoom      shoot/Zoom/ZOOM0001.WAV                      1.0  224  -"
   "Zoom      shoot/Zoom/ZOOM0002.WAV                    335.0  257  -"
-  "TascamTr1 shoot/Tascam/TASCAM_0001_Tr1.wav           112.0   80  -"
-  "TascamTr1 shoot/Tascam/TASCAM_0002_Tr1.wav           430.0   70  -"
-  "TascamTr2 shoot/Tascam/TASCAM_0001_Tr2.wav           112.0   80  -"
-  "TascamTr2 shoot/Tascam/TASCAM_0002_Tr2.wav           430.0   70  -"
+  "TascamTr1 shoot/Tascam/Tr1/TASCAM_0001_Tr1.wav          112.0   80  -"
+  "TascamTr1 shoot/Tascam/Tr1/TASCAM_0002_Tr1.wav          430.0   70  -"
+  "TascamTr2 shoot/Tascam/Tr2/TASCAM_0001_Tr2.wav          112.0   80  -"
+  "TascamTr2 shoot/Tascam/Tr2/TASCAM_0002_Tr2.wav          430.0   70  -"
 )
 
 # The whole concert as one device hears it; clips are cut from it sample-exactly.
@@ -266,6 +271,14 @@ for clip in "${CLIPS[@]}"; do
   last=$((first + len * SR))
   cut="[0:a]atrim=start_sample=$first:end_sample=$last,asetpts=N/SR/TB[a]"
   clock=$(calc "$T0_EPOCH + $from + ${CLOCK_ERR[$dev]}")
+  source="$WORK/heard.wav"
+  if [ "$decoy" = other-day ]; then
+    # Shot the next morning, of something else: music that is not in the concert.
+    clock=$(calc "$T0_EPOCH + 86400 + 14 * 3600")
+    source="$WORK/other-day.wav"
+    ff -ss 30 -t "$len" -i "$OTHER_PIECE" -af "${COLOUR[$dev]},volume=${GAIN[$dev]}" -ar $SR -ac 2 \
+      -c:a pcm_f32le "$source"
+  fi
   created_utc=$(date -u -d "@$clock" +%Y-%m-%dT%H:%M:%S.%6NZ)
   case "$device" in
     CamA)
@@ -287,7 +300,7 @@ for clip in "${CLIPS[@]}"; do
       audio=(-filter_complex "$cut" -map 1:v -map "[a]" -c:a pcm_s16le -ar $SR -ac 2)
       # Sound recording switched off in the menu: a picture-only clip.
       [ "$decoy" = no-audio ] && audio=(-map 1:v)
-      ff -i "$WORK/heard.wav" "${video[@]}" "${audio[@]}" \
+      ff -i "$source" "${video[@]}" "${audio[@]}" \
         -c:v libx264 -preset ultrafast -pix_fmt yuv420p -f mov \
         -movflags +use_metadata_tags -metadata creation_time="$created_utc" \
         -metadata com.apple.quicktime.make="Halden" -metadata com.apple.quicktime.model="HC-4" "$out"
@@ -316,9 +329,9 @@ for clip in "${CLIPS[@]}"; do
   touch -d "@$clock" "$out"
   COUNT[$device]=$((${COUNT[$device]:-0} + 1))
   start=$(calc "$from - ${DELAY_MS[$dev]} / 1000")
-  [ "$decoy" = - ] && decoy_json=null || decoy_json="\"$decoy\""
-  TRUTH_FILES+=("$(printf '    "%s": {"start": %s, "duration": %s, "device": "%s", "kind": "%s", "decoy": %s, "recording_from": %s, "acoustic_delay_ms": %s, "clock": "%s"}' \
-    "$rel" "$start" "$len" "$device" "$kind" "$decoy_json" "$from" "${DELAY_MS[$dev]}" \
+  if [ "$decoy" = - ]; then decoy_json=null matchable=true; else decoy_json="\"$decoy\"" matchable=false kind="decoy-$decoy"; fi
+  TRUTH_FILES+=("$(printf '    {"path": "%s", "start": %s, "duration": %s, "device": "%s", "kind": "%s", "matchable": %s, "decoy": %s, "recording_from": %s, "acoustic_delay_ms": %s, "clock": "%s"}' \
+    "$rel" "$start" "$len" "$device" "$kind" "$matchable" "$decoy_json" "$from" "${DELAY_MS[$dev]}" \
     "$(local_time "$clock" %Y-%m-%dT%H:%M:%S.%3N)")")
 done
 
@@ -349,13 +362,13 @@ segments_json() {
   printf '    "music": {"package": "wesnoth-1.16-music", "license": "GPL-2+", "files": [%s]},\n' "$(json_list "${pieces[@]}")"
   printf '    "speech": {"package": "asterisk-core-sounds-en-wav", "license": "CC-BY-SA-3.0", "voice": "en_US_f_Allison"}\n'
   printf '  },\n'
-  printf '  "files": {\n'
+  printf '  "files": [\n'
   for ((i = 0; i < ${#TRUTH_FILES[@]}; i++)); do
     sep=","
     [ "$i" -eq $((${#TRUTH_FILES[@]} - 1)) ] && sep=""
     printf '%s%s\n' "${TRUTH_FILES[$i]}" "$sep"
   done
-  printf '  }\n}\n'
+  printf '  ]\n}\n'
 } >"$DEMO/truth.json"
 
 echo "$SCRIPT_HASH" >"$DEMO/.complete"
