@@ -2,6 +2,7 @@
 #include "Trelvane/session/ProductStages.hpp"
 #include "Trelvane/session/SyncViewModel.hpp"
 #include "TrelvaneEngine/ingest/IngestEngine.hpp"
+#include "TrelvaneEngine/stacks/StackBuilder.hpp"
 #include "TrelvaneEngine/sync/SyncEngine.hpp"
 
 namespace trelvane {
@@ -19,6 +20,12 @@ SessionStages productStages() {
     stages.detectDayRegions = IngestEngine::detectDayRegions;
     stages.applyDayRegions = IngestEngine::applyDayRegions;
     stages.extractClip = SyncViewModel::extractClip;
+    stages.buildStacks = [](Sources sources, std::function<void(double)> onProgress, std::stop_token stop) {
+        return StackBuilder::build(sources, onProgress, std::move(stop));
+    };
+    stages.stackAdvice = [](Sources sources, int maxProbes) {
+        return StackBuilder::advice(sources, maxProbes);
+    };
     stages.synchronise = [](Sources sources, SessionStages::SyncProgress progress, SessionStages::SyncPlace place,
                             std::stop_token stop) {
         return SyncEngine::synchronise(std::move(sources), progress, place, std::move(stop));
