@@ -428,7 +428,8 @@ struct Writer {
             add(18, "<name>" + escape(name) + "</name>");
             add(18, fmt::sprintf("<duration>%d</duration>", duration));
             rateXML(18);
-            fileXML(plan, ch == 1 && full, 18);
+            // Only the first channel names the file; the others are its channels by source track.
+            if (ch == 1) fileXML(plan, full, 18);
             sourceTrack(18, "audio", ch);
             add(16, "</clipitem>");
             add(14, "</track>");
