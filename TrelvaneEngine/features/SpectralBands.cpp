@@ -578,6 +578,13 @@ std::vector<Peak> peaks(const Feature& clip, const Feature& ref, double minOffse
         if (v >= left && v >= right)
             candidates.push_back({lag, static_cast<float>((static_cast<double>(v) - mean) / sd)});
     }
+    // One peak wanted (the common case) is the first of the highest score: the stable order, without
+    // sorting every local maximum.
+    if (topK == 1 && !candidates.empty()) {
+        const auto best = std::max_element(candidates.begin(), candidates.end(),
+                                           [](const Candidate& a, const Candidate& b) { return a.score < b.score; });
+        return {Peak{best->lag / static_cast<double>(kFrameRate), best->score}};
+    }
     std::stable_sort(candidates.begin(), candidates.end(),
                      [](const Candidate& a, const Candidate& b) { return a.score > b.score; });
 

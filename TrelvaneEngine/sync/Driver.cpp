@@ -481,7 +481,21 @@ void syncRegion(Run& run, const std::string& key, const std::vector<ClipKey>& me
     auto probe = [&](Unit& u) {
         const auto clips = unitClips(u);
         detail::Ladder ladder(run, clips);
-        u.pass1 = detail::searchInParallel(run, ladder.seedJobs(run.primaryPool), run.primaryPool, false, true, 0.0);
+        const auto jobs = ladder.seedJobs(run.primaryPool);
+        if (u.pass1.size() != jobs.size()) {
+            u.pass1 = detail::searchInParallel(run, jobs, run.primaryPool, false, true, 0.0);
+        } else {
+            // Searched again, only the clips that found nothing strong: a hit already made stands.
+            std::vector<detail::SearchJob> again;
+            std::vector<std::size_t> where;
+            for (std::size_t j = 0; j < jobs.size(); ++j)
+                if (!u.pass1[j] || u.pass1[j]->score < kStrongScore) {
+                    again.push_back(jobs[j]);
+                    where.push_back(j);
+                }
+            const auto found = detail::searchInParallel(run, again, run.primaryPool, false, true, 0.0);
+            for (std::size_t i = 0; i < where.size(); ++i) u.pass1[where[i]] = found[i];
+        }
         u.probedAt = run.poolVersion;
         ++u.probes;
         u.hits = std::count_if(u.pass1.begin(), u.pass1.end(),
