@@ -13,6 +13,7 @@
 #include <atomic>
 #include <csignal>
 #include <fmt/format.h>
+#include <fmt/printf.h>
 #include <iostream>
 #include <map>
 #include <set>
@@ -110,6 +111,20 @@ int runSync(const SyncOptions& options, const CommonOptions& common) {
                                 std::string(rawValue(c.syncStatus)), scoreText(c.matchScore),
                                 terminalSafe(c.placementPass.value_or("-"))});
         printTable(rows, std::cout);
+    }
+    if (const auto& stacks = vm->lastStacks(); stacks && options.mode == "stacks") {
+        // Each stack stands where its earliest take was laid.
+        for (std::size_t k = 0; k < stacks->stacks.size(); ++k) {
+            std::optional<double> at;
+            for (const auto& t : vm->sources())
+                for (const auto& c : t.clips)
+                    if (stacks->stacks[k].positions.count(c.id) && (!at || c.startOffset < *at)) at = c.startOffset;
+            std::cout << fmt::sprintf("stack %d: %d take(s), %.1fs at %.1fs\n", static_cast<int>(k + 1),
+                                      static_cast<int>(stacks->stacks[k].positions.size()), stacks->stacks[k].length,
+                                      at.value_or(0.0));
+        }
+        if (!stacks->unmatched.empty())
+            std::cout << "unmatched: " << terminalSafe(joined(stacks->unmatched, ", ")) << '\n';
     }
     if (notice) std::cout << terminalSafe(notice->first) << ": " << terminalSafe(notice->second) << '\n';
     if (const auto& failures = vm->failureSummary()) std::cout << terminalSafe(*failures) << '\n';

@@ -773,8 +773,10 @@ void SyncViewModel::finishStackSync(StackBuilder::Result result, Sources before)
     // A second stack run keeps the list saved by the first.
     if (!sourcesBeforeStacks_) sourcesBeforeStacks_ = std::move(before);
     installSyncOutcome(std::move(result.tracks));
+    result.tracks.clear();
+    lastStacks_ = std::move(result);
 
-    const int unmatched = static_cast<int>(result.unmatched.size());
+    const int unmatched = static_cast<int>(lastStacks_->unmatched.size());
     std::string body = plural(static_cast<int>(sources_.size()), "track");
     if (unmatched > 0) body += fmt::format(" · {} unmatched", unmatched);
     body += " — ready to export.";

@@ -137,6 +137,8 @@ class SyncViewModel : public std::enable_shared_from_this<SyncViewModel> {
 
     // Unpublished state a driver or a test may read.
     const std::optional<Sources>& sourcesBeforeStacks() const { return sourcesBeforeStacks_; }
+    // The stacks of the last stack run (its tracks are the installed sources); nothing before one.
+    const std::optional<StackBuilder::Result>& lastStacks() const { return lastStacks_; }
     const std::optional<std::map<Uuid, double>>& offsetsBeforeCloseGaps() const {
         return offsetsBeforeCloseGaps_;
     }
@@ -301,6 +303,7 @@ class SyncViewModel : public std::enable_shared_from_this<SyncViewModel> {
 
     // ---- unpublished (main thread) ----
     std::optional<Sources> sourcesBeforeStacks_;
+    std::optional<StackBuilder::Result> lastStacks_;
     std::map<std::string, int> formatAdvisoryCounts_;
     std::optional<Continuation> cameraGroupContinuation_, dayRegionContinuation_;
     std::map<Uuid, double> animToOffsets_;

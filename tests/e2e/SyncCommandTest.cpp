@@ -87,5 +87,29 @@ TEST(SyncCommand, FewerThanTwoTracksIsAClearFailure) {
     EXPECT_NE(r.out.find("trelvane: Need at least 2 extracted tracks"), std::string::npos) << r.out;
 }
 
+TEST(SyncCommand, StackModeStacksTheTakesOfOneSongAndLeavesTheLoneTakeOut) {
+    const std::string music = recordedMusic();
+    if (music.empty()) GTEST_SKIP() << "wesnoth-1.16-music is not installed";
+    TempDir home;
+    std::filesystem::create_directories(home / "takes");
+    // Three takes over the same playback, each starting 8 s later, and one of something else (the
+    // same piece played backwards), shot one after another.
+    for (int i = 0; i < 3; ++i)
+        ffmpeg("-ss " + std::to_string(10 + 8 * i) + " -t 40 -i " + quoted(music) + " -ac 1 -ar 48000 " +
+               quoted((home / ("takes/take" + std::to_string(i) + ".wav")).string()));
+    ffmpeg("-ss 30 -t 40 -i " + quoted(music) + " -af areverse -ac 1 -ar 48000 " +
+           quoted((home / "takes/take3.wav").string()));
+    for (int i = 0; i < 4; ++i)
+        ASSERT_EQ(std::system(("touch -d '2025-06-14 10:0" + std::to_string(2 * i) + "' " +
+                               quoted((home / ("takes/take" + std::to_string(i) + ".wav")).string()))
+                                  .c_str()),
+                  0);
+    const auto r = runCli(home, "sync --mode stacks " + quoted((home / "takes").string()), true);
+    ASSERT_EQ(r.status, 0) << r.out;
+    EXPECT_NE(r.out.find("stack 1: 3 take(s), 56.0s at 0.0s"), std::string::npos) << r.out;
+    EXPECT_NE(r.out.find("unmatched: take3"), std::string::npos) << r.out;
+    EXPECT_NE(r.out.find("Takes stacked: 3 tracks · 1 unmatched — ready to export."), std::string::npos) << r.out;
+}
+
 } // namespace
 } // namespace trelvane::test
