@@ -9,12 +9,14 @@
 #include <cmath>
 #include <cstddef>
 #include <limits>
+#include <list>
 #include <map>
 #include <memory>
 #include <mutex>
 #include <numbers>
 #include <optional>
 #include <set>
+#include <unordered_map>
 #include <utility>
 #include <vector>
 
@@ -241,45 +243,61 @@ struct ReferenceSpectra {
 };
 
 // Recent references, the most recent first. A sync pass searches every clip of a track against
-// each span of the reference track in turn, so the list must hold all the spans at once or a
-// cycle through them would miss every time; memory, not the count, is the usual limit.
+// each span of the pool in turn, so the list must hold all the spans at once or a cycle through
+// them would miss every time; memory, not the count, is the usual limit. Entries are found by the
+// address of their first band, then checked in full.
 class ReferenceCache {
   public:
+    using Entries = std::list<std::shared_ptr<ReferenceSpectra>>;
+
     std::shared_ptr<ReferenceSpectra> get(const SpectralBands::Feature& ref) {
         std::lock_guard guard(lock_);
-        for (auto it = entries_.begin(); it != entries_.end(); ++it) {
-            if (!(*it)->matches(ref)) continue;
-            auto found = *it;
-            entries_.erase(it);
-            entries_.insert(entries_.begin(), found);
-            return found;
+        const float* key = ref.bands.empty() ? nullptr : ref.bands.front().data();
+        const auto [first, last] = index_.equal_range(key);
+        for (auto it = first; it != last; ++it) {
+            if (!(*it->second)->matches(ref)) continue;
+            entries_.splice(entries_.begin(), entries_, it->second);
+            return entries_.front();
         }
         auto fresh = std::make_shared<ReferenceSpectra>();
         fresh->frames = ref.frames;
         fresh->bands = ref.bands;
         for (const auto& band : ref.bands)
             fresh->addresses.push_back(band.data());
-        entries_.insert(entries_.begin(), fresh);
+        entries_.push_front(fresh);
+        index_.emplace(key, entries_.begin());
         // Trim by count and by memory; an entry still in use elsewhere lives on until released.
-        std::size_t total = 0;
-        for (std::size_t i = 0; i < entries_.size(); ++i) {
-            total += entries_[i]->bytes.load() + sizeof(float) *
-                                                     static_cast<std::size_t>(entries_[i]->frames) *
-                                                     entries_[i]->bands.size();
-            if (i >= kMaxEntries || (i > 0 && total > kMaxBytes)) {
-                entries_.resize(i);
+        std::size_t total = 0, count = 0;
+        for (auto it = entries_.begin(); it != entries_.end(); ++it, ++count) {
+            total += (*it)->bytes.load() + sizeof(float) * static_cast<std::size_t>((*it)->frames) * (*it)->bands.size();
+            if (count >= kMaxEntries || (count > 0 && total > kMaxBytes)) {
+                while (it != entries_.end()) {
+                    forget(it);
+                    it = entries_.erase(it);
+                }
                 break;
             }
         }
         return fresh;
     }
 
-    static constexpr std::size_t kMaxEntries = 64;
-    static constexpr std::size_t kMaxBytes = std::size_t{256} << 20;
+    static constexpr std::size_t kMaxEntries = 1024;
+    static constexpr std::size_t kMaxBytes = std::size_t{512} << 20;
 
   private:
+    void forget(Entries::iterator entry) {
+        const float* key = (*entry)->addresses.empty() ? nullptr : (*entry)->addresses.front();
+        const auto [first, last] = index_.equal_range(key);
+        for (auto it = first; it != last; ++it)
+            if (it->second == entry) {
+                index_.erase(it);
+                return;
+            }
+    }
+
     std::mutex lock_;
-    std::vector<std::shared_ptr<ReferenceSpectra>> entries_;
+    Entries entries_;
+    std::unordered_multimap<const float*, Entries::iterator> index_;
 };
 
 ReferenceCache& referenceCache() {
