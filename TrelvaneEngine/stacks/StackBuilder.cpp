@@ -408,6 +408,10 @@ Result build(const std::vector<TrackSource>& sources, const std::function<void(d
                 const bool alone = unmatched.contains(index);
                 clip.syncStatus = alone ? SyncStatus::failed : SyncStatus::synced;
                 clip.placementPass = alone ? "stack-alone" : "stack";
+                // What a track-mode sync said of the clip no longer describes where it stands.
+                clip.matchScore.reset();
+                clip.placementNote.reset();
+                clip.tcDisagrees = false;
                 track.clips.push_back(std::move(clip));
             }
             track.type = IngestEngine::inferredType(track.clips);
