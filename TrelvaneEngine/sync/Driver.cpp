@@ -201,9 +201,7 @@ void logPools(Run& run) {
                     describe(run.fullPool, run.fullTracks));
 }
 
-// A track is trusted as evidence for the tracks after it when most of its matchable clips were
-// proved by audio and they did not all pile onto one loud moment. Fewer anchors can be a chance
-// chain, and a wrong track in the pool would mislead every track searched against it.
+// Clips long enough, with usable audio and a feature: those a search can prove.
 int matchableCount(const Run& run, const std::vector<ClipKey>& clips) {
     int matchable = 0;
     for (const auto& [si, ci] : clips) {
@@ -215,6 +213,9 @@ int matchableCount(const Run& run, const std::vector<ClipKey>& clips) {
     return matchable;
 }
 
+// A track is trusted as evidence for the tracks after it when most of its matchable clips were
+// proved by audio and they did not all pile onto one loud moment. Fewer anchors can be a chance
+// chain, and a wrong track in the pool would mislead every track searched against it.
 bool acceptedIntoPool(const Run& run, int si, const detail::TrackOutcome& outcome) {
     if (outcome.hotSpot || outcome.matched == 0) return false;
     std::vector<ClipKey> clips;
