@@ -231,14 +231,21 @@ struct ReferenceSpectra {
     // lag, so the same length with another C is another grid.
     std::map<std::pair<std::size_t, std::size_t>, Grid> grids;
     std::atomic<std::size_t> bytes = 0; // what the transforms hold; read without `lock`
+    // Live pins: while there are any, the feature at `addresses` is promised unchanged, so its
+    // contents need no comparing, and the cache keeps the entry.
+    std::atomic<int> pins = 0;
 
     bool matches(const SpectralBands::Feature& f) const {
         if (f.frames != frames || f.bands.size() != bands.size()) return false;
         for (std::size_t b = 0; b < bands.size(); ++b)
             if (f.bands[b].data() != addresses[b]) return false;
+        if (pins.load() > 0) return true;
         for (std::size_t b = 0; b < bands.size(); ++b)
             if (!std::equal(bands[b].begin(), bands[b].end(), f.bands[b].begin())) return false;
         return true;
+    }
+    std::size_t footprint() const {
+        return bytes.load() + sizeof(float) * static_cast<std::size_t>(frames) * bands.size();
     }
 };
 
@@ -266,17 +273,20 @@ class ReferenceCache {
             fresh->addresses.push_back(band.data());
         entries_.push_front(fresh);
         index_.emplace(key, entries_.begin());
-        // Trim by count and by memory; an entry still in use elsewhere lives on until released.
+        // Trim by count and by memory, oldest first, never the newest nor a pinned entry; an entry
+        // still in use elsewhere lives on until released.
         std::size_t total = 0, count = 0;
-        for (auto it = entries_.begin(); it != entries_.end(); ++it, ++count) {
-            total += (*it)->bytes.load() + sizeof(float) * static_cast<std::size_t>((*it)->frames) * (*it)->bands.size();
-            if (count >= kMaxEntries || (count > 0 && total > kMaxBytes)) {
-                while (it != entries_.end()) {
-                    forget(it);
-                    it = entries_.erase(it);
-                }
-                break;
+        for (auto it = entries_.begin(); it != entries_.end();) {
+            const std::size_t size = (*it)->footprint();
+            if (it != entries_.begin() && (count + 1 > kMaxEntries || total + size > kMaxBytes) &&
+                (*it)->pins.load() == 0) {
+                forget(it);
+                it = entries_.erase(it);
+                continue;
             }
+            total += size;
+            ++count;
+            ++it;
         }
         return fresh;
     }
@@ -394,17 +404,24 @@ std::unique_ptr<const Packed> blockSpectra(const ReferenceSpectra& ref, const Bl
     return out;
 }
 
+// Bins of the product accumulated over all bands before moving on, so that the sums stay in the
+// first-level cache while the band spectra stream past.
+constexpr std::size_t kProductChunk = 512;
+
 // The fused correlation (each usable band's correlation over its RMS, summed) at lags lo to hi,
 // the same values the band-by-band correlations over the whole length would give, up to rounding.
 // Empty when no band is usable; nothing when the blocks can't be planned (lengths near the
 // largest plan), which the caller answers with whole-length transforms.
-std::optional<std::vector<float>> fusedByBlocks(const Feature& clip, const Feature& ref,
+std::optional<std::vector<float>> fusedByBlocks(ClipSearch& search, const Feature& ref,
                                                 std::size_t wholeLength, int lo, int hi) {
+    const Feature& clip = search.clip();
     const auto plan = choosePlan(clip.frames, lo, hi);
     if (!plan) return std::nullopt;
     const std::size_t size = plan->size, half = size / 2;
     auto spectra = referenceCache().get(ref);
     auto ws = plan->setup->makeWorkspace();
+    const auto& clipTransforms = search.transforms(size);
+    if (clipTransforms.spectra.size() != size * clip.bands.size()) return std::nullopt;
 
     // The clip's spectrum per band, weighted by the inverse RMS of that band's whole correlation.
     std::vector<Packed> weighted;
@@ -416,28 +433,29 @@ std::optional<std::vector<float>> fusedByBlocks(const Feature& clip, const Featu
     }
     if (grid == nullptr) return std::nullopt;
     for (std::size_t b = 0; b < clip.bands.size(); ++b) {
-        auto signal = ws.signal();
-        std::fill(signal.begin(), signal.end(), 0.0f);
-        std::copy(clip.bands[b].begin(), clip.bands[b].end(), signal.begin());
-        Packed c;
-        forwardPacked(*plan->setup, ws, c);
         // Sum of squares of the correlation over all lags, by Parseval: the sum over d of
-        // Ra(d) * Rb(d), in the frequency domain. The packed values are twice the plain DFT.
-        const auto& w = grid->weightSpectrum[b];
-        double edge = w[0] * 0.25 * static_cast<double>(c[0]) * c[0] +
-                      w[half] * 0.25 * static_cast<double>(c[half]) * c[half];
-        double inner = 0;
-        for (std::size_t k = 1; k < half; ++k)
-            inner += w[k] * 0.25 *
-                     (static_cast<double>(c[k]) * c[k] + static_cast<double>(c[half + k]) * c[half + k]);
-        const double sumOfSquares = (edge + 2.0 * inner) / static_cast<double>(size);
+        // Ra(d) * Rb(d), in the frequency domain. Four running sums keep the additions apart.
+        const double* w = grid->weightSpectrum[b].data();
+        const double* p = clipTransforms.power.data() + b * (half + 1);
+        const double edge = w[0] * p[0] + w[half] * p[half];
+        std::array<double, 4> inner{};
+        std::size_t k = 1;
+        for (; k + 4 <= half; k += 4)
+            for (std::size_t j = 0; j < 4; ++j)
+                inner[j] += w[k + j] * p[k + j];
+        for (; k < half; ++k)
+            inner[0] += w[k] * p[k];
+        const double sumOfSquares =
+            (edge + 2.0 * ((inner[0] + inner[1]) + (inner[2] + inner[3]))) / static_cast<double>(size);
         // The correlation as the plain transform gives it is twice the plain one, over P values.
         const float rms = static_cast<float>(
             std::sqrt(std::max(4.0 * sumOfSquares, 0.0) / static_cast<double>(wholeLength)));
         if (!(rms > 1e-9f) || !std::isfinite(rms)) continue;
         const float inverse = 1.0f / rms;
-        for (auto& v : c)
-            v *= inverse;
+        const auto first = clipTransforms.spectra.begin() + static_cast<std::ptrdiff_t>(b * size);
+        Packed c(size);
+        std::transform(first, first + static_cast<std::ptrdiff_t>(size), c.begin(),
+                       [inverse](float v) { return v * inverse; });
         weighted.push_back(std::move(c));
         usedBands.push_back(b);
     }
@@ -472,25 +490,34 @@ std::optional<std::vector<float>> fusedByBlocks(const Feature& clip, const Featu
     std::vector<float> fused(static_cast<std::size_t>(hi - lo + 1));
     for (std::size_t bi = 0; bi < blocks.size(); ++bi) {
         const long long j = firstBlock + static_cast<long long>(bi);
-        auto re = ws.real(), im = ws.imag();
-        std::fill(re.begin(), re.end(), 0.0f);
-        std::fill(im.begin(), im.end(), 0.0f);
+        float* const re = ws.real().data();
+        float* const im = ws.imag().data();
+        // Element 0 holds two real terms (DC and Nyquist), not one complex bin.
+        float dc = 0, nyquist = 0;
         for (std::size_t u = 0; u < usedBands.size(); ++u) {
             const float* s = blocks[bi]->data() + usedBands[u] * size;
-            const float* sr = s;
-            const float* si = s + half;
-            const float* cr = weighted[u].data();
-            const float* ci = weighted[u].data() + half;
-            // Element 0 holds two real terms (DC and Nyquist), not one complex bin.
-            const float dc = re[0] + sr[0] * cr[0];
-            const float nyquist = im[0] + si[0] * ci[0];
-            for (std::size_t k = 0; k < half; ++k) {
-                re[k] += sr[k] * cr[k] + si[k] * ci[k];
-                im[k] += si[k] * cr[k] - sr[k] * ci[k];
-            }
-            re[0] = dc;
-            im[0] = nyquist;
+            dc += s[0] * weighted[u][0];
+            nyquist += s[half] * weighted[u][half];
         }
+        // Band after band within a chunk of bins: each bin still sums the bands in their order.
+        for (std::size_t k0 = 0; k0 < half; k0 += kProductChunk) {
+            const std::size_t k1 = std::min(half, k0 + kProductChunk);
+            std::fill(re + k0, re + k1, 0.0f);
+            std::fill(im + k0, im + k1, 0.0f);
+            for (std::size_t u = 0; u < usedBands.size(); ++u) {
+                const float* s = blocks[bi]->data() + usedBands[u] * size;
+                const float* sr = s;
+                const float* si = s + half;
+                const float* cr = weighted[u].data();
+                const float* ci = weighted[u].data() + half;
+                for (std::size_t k = k0; k < k1; ++k) {
+                    re[k] += sr[k] * cr[k] + si[k] * ci[k];
+                    im[k] += si[k] * cr[k] - sr[k] * ci[k];
+                }
+            }
+        }
+        re[0] = dc;
+        im[0] = nyquist;
         plan->setup->inverse(ws);
         const long long start =
             j * static_cast<long long>(plan->step) - static_cast<long long>(plan->clipPad);
@@ -536,8 +563,53 @@ std::vector<float> fusedByWholeCorrelations(const Feature& clip, const Feature& 
 
 } // namespace
 
+const ClipSearch::Transforms& ClipSearch::transforms(std::size_t setupLength) {
+    if (const auto it = byLength_.find(setupLength); it != byLength_.end()) return it->second;
+    auto& out = byLength_[setupLength];
+    const auto* setup = SyncCorrelator::sharedFFTSetup(log2Of(setupLength));
+    if (setup == nullptr || setup->length() != setupLength ||
+        static_cast<std::size_t>(clip_.frames) > setupLength || !isWellFormed(clip_))
+        return out; // empty: the caller falls back to the plain way
+    auto ws = setup->makeWorkspace();
+    const std::size_t half = setupLength / 2;
+    out.spectra.resize(setupLength * clip_.bands.size());
+    out.power.resize((half + 1) * clip_.bands.size());
+    Packed c;
+    for (std::size_t b = 0; b < clip_.bands.size(); ++b) {
+        auto signal = ws.signal();
+        std::fill(signal.begin(), signal.end(), 0.0f);
+        std::copy(clip_.bands[b].begin(), clip_.bands[b].end(), signal.begin());
+        forwardPacked(*setup, ws, c);
+        std::copy(c.begin(), c.end(), out.spectra.begin() + static_cast<std::ptrdiff_t>(b * setupLength));
+        // The packed values are twice the plain DFT, hence the quarter.
+        double* power = out.power.data() + b * (half + 1);
+        power[0] = 0.25 * static_cast<double>(c[0]) * c[0];
+        power[half] = 0.25 * static_cast<double>(c[half]) * c[half];
+        for (std::size_t k = 1; k < half; ++k)
+            power[k] = 0.25 * (static_cast<double>(c[k]) * c[k] + static_cast<double>(c[half + k]) * c[half + k]);
+    }
+    return out;
+}
+
+ReferencePin::ReferencePin(const Feature& ref) {
+    auto entry = referenceCache().get(ref);
+    ++entry->pins;
+    ReferenceSpectra* raw = entry.get();
+    held_ = std::shared_ptr<void>(raw, [entry = std::move(entry)](void*) mutable {
+        --entry->pins;
+        entry.reset();
+    });
+}
+
 std::vector<Peak> peaks(const Feature& clip, const Feature& ref, double minOffsetSec, double maxOffsetSec,
                         double minOverlapSec, int topK, double minSeparationSec) {
+    ClipSearch search(clip);
+    return peaks(search, ref, minOffsetSec, maxOffsetSec, minOverlapSec, topK, minSeparationSec);
+}
+
+std::vector<Peak> peaks(ClipSearch& search, const Feature& ref, double minOffsetSec, double maxOffsetSec,
+                        double minOverlapSec, int topK, double minSeparationSec) {
+    const Feature& clip = search.clip();
     if (topK < 1 || clip.frames < kMinimumFrames || ref.frames < kMinimumFrames) return {};
     if (clip.bands.size() != ref.bands.size() || clip.frames >= ref.frames) return {};
     if (!isWellFormed(clip) || !isWellFormed(ref)) return {};
@@ -564,22 +636,56 @@ std::vector<Peak> peaks(const Feature& clip, const Feature& ref, double minOffse
     if (lo > hi) return {};
 
     // Only the searched lags are computed; values[i] is the fused correlation at lag lo + i.
-    auto byBlocks = fusedByBlocks(clip, ref, length, lo, hi);
+    auto byBlocks = fusedByBlocks(search, ref, length, lo, hi);
     const std::vector<float> values =
         byBlocks ? std::move(*byBlocks) : fusedByWholeCorrelations(clip, ref, length, lo, hi);
     if (values.empty()) return {};
     const auto value = [&](int lag) { return values[static_cast<std::size_t>(lag - lo)]; };
 
-    double sum = 0, squares = 0;
-    for (const float f : values) {
-        const double v = f;
-        sum += v;
-        squares += v * v;
+    // Four running sums, so that the additions don't wait on each other.
+    std::array<double, 4> sums{}, squareSums{};
+    const std::size_t n4 = values.size() / 4 * 4;
+    for (std::size_t i = 0; i < n4; i += 4)
+        for (std::size_t j = 0; j < 4; ++j) {
+            const double v = values[i + j];
+            sums[j] += v;
+            squareSums[j] += v * v;
+        }
+    for (std::size_t i = n4; i < values.size(); ++i) {
+        const double v = values[i];
+        sums[0] += v;
+        squareSums[0] += v * v;
     }
+    const double sum = (sums[0] + sums[1]) + (sums[2] + sums[3]);
+    const double squares = (squareSums[0] + squareSums[1]) + (squareSums[2] + squareSums[3]);
     const double count = static_cast<double>(hi) - lo + 1;
     const double mean = sum / count;
     const double sd = std::sqrt(std::max(squares / count - mean * mean, 0.0));
     if (sd <= 1e-6) return {};
+    const auto scoreOf = [&](float v) { return static_cast<float>((static_cast<double>(v) - mean) / sd); };
+    constexpr float kFloor = std::numeric_limits<float>::lowest();
+    const auto isLocalMaximum = [&](int lag) {
+        const float v = value(lag);
+        return v >= (lag == lo ? kFloor : value(lag - 1)) && v >= (lag == hi ? kFloor : value(lag + 1));
+    };
+
+    // One peak wanted (the common case): the first lag of the highest score among the local maxima,
+    // found without listing them. The highest value is a local maximum where it first occurs, and
+    // the score never falls as the value rises; only an earlier local maximum whose value is within
+    // rounding of the top can share its score, so those are looked at first.
+    if (topK == 1) {
+        std::size_t top = 0;
+        for (std::size_t i = 1; i < values.size(); ++i)
+            if (values[i] > values[top]) top = i;
+        const float best = scoreOf(values[top]);
+        const double near = static_cast<double>(values[top]) - sd * (std::abs(static_cast<double>(best)) + 1.0) * 1e-6;
+        for (std::size_t i = 0; i < top; ++i) {
+            const int lag = lo + static_cast<int>(i);
+            if (static_cast<double>(values[i]) >= near && isLocalMaximum(lag) && scoreOf(values[i]) == best)
+                return {Peak{lag / static_cast<double>(kFrameRate), best}};
+        }
+        return {Peak{(lo + static_cast<int>(top)) / static_cast<double>(kFrameRate), best}};
+    }
 
     struct Candidate {
         int lag;
@@ -587,22 +693,9 @@ std::vector<Peak> peaks(const Feature& clip, const Feature& ref, double minOffse
     };
     // Ties keep their neighbours (a flat top gives several candidates) and the ends of the range
     // compete like any other lag.
-    constexpr float kFloor = std::numeric_limits<float>::lowest();
     std::vector<Candidate> candidates;
-    for (int lag = lo; lag <= hi; ++lag) {
-        const float v = value(lag);
-        const float left = lag == lo ? kFloor : value(lag - 1);
-        const float right = lag == hi ? kFloor : value(lag + 1);
-        if (v >= left && v >= right)
-            candidates.push_back({lag, static_cast<float>((static_cast<double>(v) - mean) / sd)});
-    }
-    // One peak wanted (the common case) is the first of the highest score: the stable order, without
-    // sorting every local maximum.
-    if (topK == 1 && !candidates.empty()) {
-        const auto best = std::max_element(candidates.begin(), candidates.end(),
-                                           [](const Candidate& a, const Candidate& b) { return a.score < b.score; });
-        return {Peak{best->lag / static_cast<double>(kFrameRate), best->score}};
-    }
+    for (int lag = lo; lag <= hi; ++lag)
+        if (isLocalMaximum(lag)) candidates.push_back({lag, scoreOf(value(lag))});
     std::stable_sort(candidates.begin(), candidates.end(),
                      [](const Candidate& a, const Candidate& b) { return a.score > b.score; });
 

@@ -8,10 +8,13 @@
 //
 // All operations are pure functions of their arguments, callable from any thread. Refusals are an
 // empty result, never an exception. Besides the read-only FFT plans, `peaks` keeps the transforms
-// of recently searched references in a process-wide cache under its own lock (at most 256 MB,
-// oldest dropped first): its results never depend on what the cache holds.
+// of recently searched references in a process-wide cache under its own lock (about 512 MB, oldest
+// dropped first, pinned references kept): its results never depend on what the cache holds.
 
 #include <array>
+#include <cstddef>
+#include <map>
+#include <memory>
 #include <optional>
 #include <span>
 #include <vector>
@@ -72,6 +75,46 @@ std::optional<Feature> slice(const Feature& feature, double fromSec, double dura
 // band varies, the range is empty or flat, or `minOverlapSec` is not a number.
 std::vector<Peak> peaks(const Feature& clip, const Feature& ref, double minOffsetSec, double maxOffsetSec,
                         double minOverlapSec, int topK, double minSeparationSec);
+
+// A clip about to be searched against many references in a row (a window against every span of a
+// pool): its transforms are made once per transform length and kept here for the later calls.
+// Refers to `clip`, which must outlive it unchanged. One thread at a time.
+class ClipSearch {
+  public:
+    explicit ClipSearch(const Feature& clip) : clip_(clip) {}
+    const Feature& clip() const { return clip_; }
+
+    struct Transforms {
+        // The packed spectra of every band zero-padded to the length, band after band.
+        std::vector<float> spectra;
+        // Per band, a quarter of the squared magnitude of each packed bin (the plain DFT's power),
+        // bins 0 to length / 2 (DC, the inner bins, Nyquist), band after band.
+        std::vector<double> power;
+    };
+    // Of `setupLength`, a transform length with a plan; made on first use. Empty when the clip
+    // doesn't fit the length or the length has no plan.
+    const Transforms& transforms(std::size_t setupLength);
+
+  private:
+    const Feature& clip_;
+    std::map<std::size_t, Transforms> byLength_;
+};
+
+// `peaks(search.clip(), ref, ...)`, the same values, with the clip's transforms taken from `search`.
+std::vector<Peak> peaks(ClipSearch& search, const Feature& ref, double minOffsetSec, double maxOffsetSec,
+                        double minOverlapSec, int topK, double minSeparationSec);
+
+// A promise that `ref` stays alive and unchanged as long as the pin (or a copy of it) lives. Searches
+// against a pinned reference find what the cache keeps of it by its address alone, without
+// comparing its contents on every call, and the cache never drops it while pinned. A run that
+// searches the same references thousands of times pins them for its duration.
+class ReferencePin {
+  public:
+    explicit ReferencePin(const Feature& ref);
+
+  private:
+    std::shared_ptr<void> held_; // unpins when the last copy goes
+};
 
 // `values` less their mean, divided by their standard deviation unless that is 1e-9 or less (then
 // only centred). The normalisation of every band; exposed for its tests.

@@ -113,6 +113,9 @@ void Run::refreshMatchSpans() {
     };
     primaryPool = build(true, primaryTracks);
     fullPool = build(false, fullTracks);
+    for (const auto* pool : {&primaryPool, &fullPool})
+        for (const Span& span : *pool)
+            if (span.bands != nullptr && !pinned.count(span.bands)) pinned.emplace(span.bands, *span.bands);
 }
 
 Bounds priorWindow(const Run& run, int si, int ci, std::span<const Span> spans) {

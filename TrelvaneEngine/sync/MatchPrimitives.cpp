@@ -46,11 +46,12 @@ std::optional<Match> bestMatch(std::span<const Span> spans, const SpectralBands:
     if (feature == nullptr || feature->frames < SpectralBands::kMinimumFrames || spans.empty())
         return std::nullopt;
     std::optional<Match> best;
+    SpectralBands::ClipSearch search(*feature); // its transforms serve every longer span
     for (const Span& span : spans) {
         if (span.bands == nullptr || span.bands->frames < SpectralBands::kMinimumFrames) continue;
         std::optional<Match> candidate;
         if (span.bands->frames > feature->frames) {
-            const auto found = SpectralBands::peaks(*feature, *span.bands, lo - span.off, hi - span.off,
+            const auto found = SpectralBands::peaks(search, *span.bands, lo - span.off, hi - span.off,
                                                     kMinOverlap, kTopK, kPeakSeparation);
             if (!found.empty())
                 candidate = Match{span.off + found.front().offsetSeconds, found.front().score};

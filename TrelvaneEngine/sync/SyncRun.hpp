@@ -8,6 +8,7 @@
 #include "TrelvaneEngine/sync/SyncEngine.hpp"
 
 #include <chrono>
+#include <map>
 #include <set>
 #include <string>
 #include <utility>
@@ -74,6 +75,9 @@ struct Run {
     std::set<int> poolTracks, backboneTracks, heldTracks;
     bool holdOut = false;
     int poolVersion = 0; // grows whenever the pools may have changed
+    // The features of every span a pool has held, pinned for the run: they are searched against
+    // thousands of times, and the clip lists never change while the run lasts.
+    std::map<const SpectralBands::Feature*, SpectralBands::ReferencePin> pinned;
 
     void poll() const {
         if (stop.stop_requested()) throw Cancelled{};

@@ -670,3 +670,77 @@ TEST(SpectralBands, PeaksOfClipsOfManyLengthsAgainstOneReferenceMatchThePlainSea
                         plainPeaks(clip, ref, 100.0, 160.0, 1.0, 3, 1.0), what + ", window");
     }
 }
+
+TEST(SpectralBands, OnePeakWantedIsTheFirstOfTheLongerList) {
+    // The single best is found without listing every local maximum; it must still be the first of
+    // the highest score, including where a repeating reference gives many equal or nearly equal
+    // tops (the first of them wins).
+    std::vector<std::pair<SB::Feature, SB::Feature>> pairs;
+    for (unsigned i = 0; i < 4; ++i) {
+        const auto ref = randomFeature(4000 + 700 * static_cast<int>(i), 300 + i);
+        pairs.emplace_back(cutOf(ref, 900 * static_cast<int>(i) + 50, 300 + 200 * static_cast<int>(i), 310 + i), ref);
+    }
+    for (const int period : {64, 128, 256}) {
+        const auto motif = randomFeature(period, 320 + static_cast<unsigned>(period));
+        SB::Feature ref;
+        ref.frames = period * 40;
+        for (const auto& band : motif.bands) {
+            std::vector<float> repeated;
+            for (int r = 0; r < 40; ++r)
+                repeated.insert(repeated.end(), band.begin(), band.end());
+            ref.bands.push_back(repeated);
+        }
+        SB::Feature clip;
+        clip.frames = period * 3;
+        for (const auto& band : ref.bands)
+            clip.bands.emplace_back(band.begin() + period / 2, band.begin() + period / 2 + clip.frames);
+        pairs.emplace_back(clip, ref);
+    }
+    for (std::size_t i = 0; i < pairs.size(); ++i) {
+        const auto& [clip, ref] = pairs[i];
+        for (const auto& [lo, hi] : {std::pair{-kInf, kInf}, std::pair{10.0, 60.0}}) {
+            const auto many = SB::peaks(clip, ref, lo, hi, 1.0, 4, 0.0);
+            ASSERT_FALSE(many.empty()) << "pair " << i;
+            EXPECT_EQ(SB::peaks(clip, ref, lo, hi, 1.0, 1, 0.0), std::vector<SB::Peak>{many.front()})
+                << "pair " << i << ", range from " << lo;
+        }
+    }
+}
+
+TEST(SpectralBands, OneClipSearchServesReferencesOfAnyLengthWithTheSameResults) {
+    // A window is searched against every span of a pool in turn, and its transforms are kept
+    // between the calls: each answer must be the one a fresh search gives, whatever came before.
+    const auto clip = cutOf(randomFeature(30000, 401), 12000, 700, 402);
+    std::vector<SB::Feature> refs;
+    for (const int frames : {30000, 900, 5000, 30000, 1200, 70000})
+        refs.push_back(randomFeature(frames, 410 + static_cast<unsigned>(frames % 97)));
+    refs[0] = randomFeature(30000, 401); // holds the clip at 12,000
+    SB::ClipSearch search(clip);
+    for (int pass = 0; pass < 2; ++pass)
+        for (std::size_t r = 0; r < refs.size(); ++r) {
+            const std::string what = "reference " + std::to_string(r) + ", pass " + std::to_string(pass);
+            EXPECT_EQ(SB::peaks(search, refs[r], -kInf, kInf, 2.0, 1, 1.0),
+                      SB::peaks(clip, refs[r], -kInf, kInf, 2.0, 1, 1.0))
+                << what;
+            EXPECT_EQ(SB::peaks(search, refs[r], 20.0, 30.0, 2.0, 3, 1.0),
+                      SB::peaks(clip, refs[r], 20.0, 30.0, 2.0, 3, 1.0))
+                << what;
+        }
+    EXPECT_EQ(lagOf(SB::peaks(search, refs[0], -kInf, kInf, 2.0, 1, 1.0).at(0)), 12000);
+}
+
+TEST(SpectralBands, AReferenceChangedAfterItsPinIsGoneIsSeenAsNew) {
+    auto ref = randomFeature(3000, 51);
+    const auto clip = cutOf(ref, 700, 300, 52);
+    {
+        const SB::ReferencePin pin(ref);
+        const SB::ReferencePin copy = pin; // a copy keeps the promise alive too
+        EXPECT_EQ(lagOf(SB::peaks(clip, ref, -kInf, kInf, 2.0, 1, 1.0).at(0)), 700);
+    }
+    const auto moved = cutOf(ref, 1900, 3000, 53);
+    for (std::size_t b = 0; b < ref.bands.size(); ++b)
+        std::copy(moved.bands[b].begin(), moved.bands[b].end(), ref.bands[b].begin());
+    const auto after = SB::peaks(clip, ref, -kInf, kInf, 2.0, 3, 1.0);
+    expectSamePeaks(after, plainPeaks(clip, ref, -kInf, kInf, 2.0, 3, 1.0), "changed after unpinning");
+    EXPECT_NE(lagOf(after.at(0)), 700);
+}
