@@ -282,8 +282,22 @@ TEST(FCP7Exporter, EmptySessionStillParses) {
 
 namespace {
 
-const std::filesystem::path kDtd =
-    std::filesystem::path(TRELVANE_SOURCE_DIR) / "../shared/interchange/FCPXMLv1_10.dtd";
+// The DTD is not ours to ship, so it lives beside the checkout: TRELVANE_FCPXML_DTD names it, or
+// it is looked for as shared/interchange/ in the folders above the sources.
+std::filesystem::path findDtd() {
+    if (const char* named = std::getenv("TRELVANE_FCPXML_DTD"); named != nullptr && *named != '\0')
+        return named;
+    const std::filesystem::path relative = "shared/interchange/FCPXMLv1_10.dtd";
+    std::error_code ec;
+    for (auto dir = std::filesystem::weakly_canonical(TRELVANE_SOURCE_DIR, ec).parent_path(); !dir.empty();
+         dir = dir.parent_path()) {
+        if (std::filesystem::exists(dir / relative, ec)) return dir / relative;
+        if (dir == dir.parent_path()) break;
+    }
+    return std::filesystem::path(TRELVANE_SOURCE_DIR) / ".." / relative;
+}
+
+const std::filesystem::path kDtd = findDtd();
 
 long long rationalNumerator(const std::string& t, long long& den) {
     den = 1;
