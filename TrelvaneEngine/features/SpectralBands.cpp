@@ -260,11 +260,21 @@ class ReferenceCache {
     std::shared_ptr<ReferenceSpectra> get(const SpectralBands::Feature& ref) {
         std::lock_guard guard(lock_);
         const float* key = ref.bands.empty() ? nullptr : ref.bands.front().data();
-        const auto [first, last] = index_.equal_range(key);
-        for (auto it = first; it != last; ++it) {
-            if (!(*it->second)->matches(ref)) continue;
-            entries_.splice(entries_.begin(), entries_, it->second);
-            return entries_.front();
+        auto [it, last] = index_.equal_range(key);
+        while (it != last) {
+            const auto entry = it->second;
+            if ((*entry)->matches(ref)) {
+                entries_.splice(entries_.begin(), entries_, entry);
+                return entries_.front();
+            }
+            // Only one live feature can hold this address, and it isn't this entry's: what the
+            // entry keeps is of a feature gone, and would cost a comparison on every later call.
+            if ((*entry)->pins.load() == 0) {
+                entries_.erase(entry);
+                it = index_.erase(it);
+            } else {
+                ++it;
+            }
         }
         auto fresh = std::make_shared<ReferenceSpectra>();
         fresh->frames = ref.frames;
