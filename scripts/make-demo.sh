@@ -325,8 +325,9 @@ for clip in "${CLIPS[@]}"; do
       kind=audio
       ;;
   esac
-  # Card readers and copies that keep times carry the recording clock in the modification time.
-  touch -d "@$clock" "$out"
+  # The device writes the file until it stops, so its modification time is the end of the take;
+  # card readers and copies that keep times carry it over.
+  touch -d "@$(calc "$clock + $len")" "$out"
   COUNT[$device]=$((${COUNT[$device]:-0} + 1))
   start=$(calc "$from - ${DELAY_MS[$dev]} / 1000")
   if [ "$decoy" = - ]; then decoy_json=null matchable=true; else decoy_json="\"$decoy\"" matchable=false kind="decoy-$decoy"; fi
@@ -355,7 +356,7 @@ segments_json() {
   printf '  "notes": {\n'
   printf '    "start": "position on the timeline of the sound in the file'"'"'s first audio sample: recording_from minus the acoustic delay, since a device acoustic_delay_ms away hears everything that much later. Exact to the sample before each device'"'"'s colouring, whose filters add well under 1 ms of group delay. For the no-audio decoy it is where its sound would have started.",\n'
   printf '    "recording_from": "when the device started recording, on the timeline",\n'
-  printf '    "clock": "local wall time of the device clock at the first sample, as set in the file modification time (and in the bext chunk of the Broadcast WAV files and creation_time of the camera files); device clocks are a few seconds off. The timeline starts at %s %s local time."\n' "$DAY" "$CONCERT_START"
+  printf '    "clock": "local wall time of the device clock at the first sample (the file modification time is that plus the duration; the same clock is in the bext chunk of the Broadcast WAV files and creation_time of the camera files); device clocks are a few seconds off. The timeline starts at %s %s local time."\n' "$DAY" "$CONCERT_START"
   printf '  },\n'
   printf '  "performance": {"duration": %s, "sample_rate": %s, "segments": [%s\n  ]},\n' "$LENGTH" "$SR" "$(segments_json)"
   printf '  "sources": {\n'

@@ -36,7 +36,7 @@ Probe probe(const Url& url) {
     p.duration = AudioExtractor::readDuration(url);
     p.frameRate = AudioExtractor::readFrameRate(url);
     p.device = AudioExtractor::readDeviceInfo(url);
-    p.clock = AudioExtractor::readRecordingClock(url);
+    p.clock = AudioExtractor::startOfRecording(AudioExtractor::readRecordingClock(url), p.duration);
     p.channels = AudioExtractor::readChannelCount(url);
     // The load stage reads the indices with the count it merges: 1 when the count is unknown.
     p.channelIndices = AudioExtractor::readAudioChannelIndices(url, p.channels.value_or(1));

@@ -71,6 +71,7 @@ ClipMeta readClip(const Uuid& id, const Url& url) {
         return unread;
     }
     meta.duration = duration.value_or(0);
+    clock = AudioExtractor::startOfRecording(clock, duration);
     meta.date = clock.date;
     meta.quality = clock.quality;
     // A file that can't be opened as media keeps the count a new clip starts with.

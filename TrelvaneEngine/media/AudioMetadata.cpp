@@ -527,6 +527,16 @@ RecordingClock readRecordingClock(const Url& url) {
     return {};
 }
 
+RecordingClock startOfRecording(RecordingClock clock, std::optional<double> durationSeconds) {
+    if (clock.quality != ClockQuality::filesystem || !clock.date || !durationSeconds ||
+        !std::isfinite(*durationSeconds) || *durationSeconds <= 0)
+        return clock;
+    // Whole microseconds, the resolution of every date; no take lasts long enough to overflow them.
+    const auto length = std::chrono::microseconds(std::llround(std::min(*durationSeconds, 1e12) * 1e6));
+    clock.date = *clock.date - length;
+    return clock;
+}
+
 std::optional<Date> readBWFOriginationDate(const Url& url) {
     const auto wave = RiffReader::read(url);
     if (!wave || !wave->bext) return std::nullopt;

@@ -39,8 +39,15 @@ struct RecordingClock {
 //   all:                 dateFromFilename        -> filename
 //   all:                 readAssetCreationDate   -> asset
 //   all:                 fileCreationDate        -> filesystem (the modification time, on purpose)
-// and otherwise no date with quality none.
+// and otherwise no date with quality none. A `filesystem` date is when the file was last written;
+// `startOfRecording` turns it into the start once the duration is known.
 RecordingClock readRecordingClock(const Url& url);
+
+// The start of the recording from a clock read by `readRecordingClock`. A device writes its file
+// until it stops, so a file's modification time marks the end of the take: the start lies the
+// take's duration earlier. The other clocks are stamps of the start and pass unchanged, as does
+// a file date without a known, positive duration.
+RecordingClock startOfRecording(RecordingClock clock, std::optional<double> durationSeconds);
 
 // The Broadcast WAV stamp: OriginationDate and OriginationTime of a "bext" chunk of at least
 // 338 bytes, in a RIFF, RF64 or BW64 file, read as the machine's local time.

@@ -125,7 +125,8 @@ TEST(LoadMetadata, FillsEveryClipMergesEachAsItComesAndLogsTheClockLines) {
     EXPECT_EQ(zoom[0].recordingDate, localDate(2024, 3, 15, 14, 30, 12));
     EXPECT_EQ(zoom[0].clockQuality, ClockQuality::embedded);
     EXPECT_EQ(zoom[2].clockQuality, ClockQuality::filesystem);
-    EXPECT_EQ(zoom[2].recordingDate, localDate(2024, 3, 15, 14, 45, 0));
+    // Its file was last written at 14:45:00, when the one-second take ended.
+    EXPECT_EQ(zoom[2].recordingDate, localDate(2024, 3, 15, 14, 44, 59));
     EXPECT_EQ(zoom[0].deviceName, "ZOOM F8");
     EXPECT_FALSE(zoom[2].deviceName);
     EXPECT_FALSE(zoom[0].frameRate);

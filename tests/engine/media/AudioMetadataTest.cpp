@@ -174,6 +174,21 @@ TEST(RecordingClock, WavWithoutBextGoesOnToTheFileName) {
     EXPECT_EQ(fromFile.date, utc(2023, 7, 1, 9, 0, 0));
 }
 
+TEST(RecordingClock, AFileDateIsTheEndOfTheTakeAndTheStampsAreItsStart) {
+    const Date written = utc(2023, 7, 1, 9, 0, 0);
+    const auto start = AE::startOfRecording({written, ClockQuality::filesystem}, 90.5);
+    EXPECT_EQ(start.quality, ClockQuality::filesystem);
+    EXPECT_EQ(start.date, utc(2023, 7, 1, 8, 58, 29) + std::chrono::milliseconds(500));
+    // Stamps the device wrote, or read from the name or the container, are already the start.
+    for (const auto q : {ClockQuality::asset, ClockQuality::filename, ClockQuality::embedded})
+        EXPECT_EQ(AE::startOfRecording({written, q}, 90.5).date, written);
+    // Without a length to go back by, the file date is the best there is.
+    for (const auto length : {std::optional<double>{}, std::optional<double>{0.0}, std::optional<double>{-3.0},
+                              std::optional<double>{std::nan("")}})
+        EXPECT_EQ(AE::startOfRecording({written, ClockQuality::filesystem}, length).date, written);
+    EXPECT_FALSE(AE::startOfRecording({std::nullopt, ClockQuality::none}, 10.0).date);
+}
+
 TEST(RecordingClock, BextStampWinsOverTheFileNameAndAnEmptyStampDoesNot) {
     TempDir tmp;
     const auto wav = bextWav(tmp, "CLIP_20200101_000000.wav", "2024-03-15", "14:30:12");
