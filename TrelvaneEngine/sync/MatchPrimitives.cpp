@@ -41,32 +41,51 @@ const SpectralBands::Feature* featureOf(const ClipItem& clip) {
 
 } // namespace
 
+namespace {
+
+// One span's answer for a clip searched with `search`: the longer of the two is searched for the
+// shorter. A span of exactly the clip's length gives nothing: peaks needs the searched feature
+// strictly shorter, and the placement rests on that.
+std::optional<Match> matchInSpan(const Span& span, SpectralBands::ClipSearch& search, double lo, double hi) {
+    const SpectralBands::Feature& feature = search.clip();
+    if (span.bands == nullptr || span.bands->frames < SpectralBands::kMinimumFrames) return std::nullopt;
+    if (span.bands->frames > feature.frames) {
+        const auto found = SpectralBands::peaks(search, *span.bands, lo - span.off, hi - span.off, kMinOverlap,
+                                                kTopK, kPeakSeparation);
+        if (!found.empty()) return Match{span.off + found.front().offsetSeconds, found.front().score};
+    } else if (span.bands->frames < feature.frames && span.off - hi < span.off - lo) {
+        // The span is the shorter: it is searched in the clip, so the bounds turn round.
+        const auto found = SpectralBands::peaks(*span.bands, feature, span.off - hi, span.off - lo, kMinOverlap,
+                                                kTopK, kPeakSeparation);
+        if (!found.empty()) return Match{span.off - found.front().offsetSeconds, found.front().score};
+    }
+    return std::nullopt;
+}
+
+// The best span's answer for each of several clips, each with its own bounds: what `bestMatch`
+// gives for each, the earlier span kept on a tie. Spans are the outer loop so that what is kept of
+// a span is still in the processor's caches when the next clip is searched in it.
+std::vector<std::optional<Match>> bestMatches(std::span<const Span> spans,
+                                              std::span<SpectralBands::ClipSearch> searches,
+                                              std::span<const Bounds> bounds) {
+    std::vector<std::optional<Match>> best(searches.size());
+    for (const Span& span : spans)
+        for (std::size_t i = 0; i < searches.size(); ++i) {
+            const auto candidate = matchInSpan(span, searches[i], bounds[i].lo, bounds[i].hi);
+            if (candidate && (!best[i] || candidate->score > best[i]->score)) best[i] = candidate;
+        }
+    return best;
+}
+
+} // namespace
+
 std::optional<Match> bestMatch(std::span<const Span> spans, const SpectralBands::Feature* feature, double lo,
                                double hi) {
     if (feature == nullptr || feature->frames < SpectralBands::kMinimumFrames || spans.empty())
         return std::nullopt;
-    std::optional<Match> best;
     SpectralBands::ClipSearch search(*feature); // its transforms serve every longer span
-    for (const Span& span : spans) {
-        if (span.bands == nullptr || span.bands->frames < SpectralBands::kMinimumFrames) continue;
-        std::optional<Match> candidate;
-        if (span.bands->frames > feature->frames) {
-            const auto found = SpectralBands::peaks(search, *span.bands, lo - span.off, hi - span.off,
-                                                    kMinOverlap, kTopK, kPeakSeparation);
-            if (!found.empty())
-                candidate = Match{span.off + found.front().offsetSeconds, found.front().score};
-        } else if (span.bands->frames < feature->frames && span.off - hi < span.off - lo) {
-            // The span is the shorter: it is searched in the clip, so the bounds turn round.
-            const auto found = SpectralBands::peaks(*span.bands, *feature, span.off - hi, span.off - lo,
-                                                    kMinOverlap, kTopK, kPeakSeparation);
-            if (!found.empty())
-                candidate = Match{span.off - found.front().offsetSeconds, found.front().score};
-        }
-        // A span of exactly the clip's length falls through both branches: peaks needs the
-        // searched feature strictly shorter, and the placement rests on that.
-        if (candidate && (!best || candidate->score > best->score)) best = candidate;
-    }
-    return best;
+    const Bounds bounds{lo, hi};
+    return bestMatches(spans, std::span(&search, 1), std::span(&bounds, 1)).front();
 }
 
 std::optional<double> windowStart(double dur, double w, double fraction) {
@@ -102,16 +121,29 @@ std::optional<Match> multiWindowMatch(const SpectralBands::Feature* feature, dou
     if (feature == nullptr) return std::nullopt;
     if (w < kShortWindow) return bestMatch(spans, feature, lo, hi);
 
-    std::vector<Vote> votes;
+    // The windows are searched side by side, span by span; each keeps its own best span.
+    std::vector<double> starts;
+    std::vector<SpectralBands::Feature> windows;
+    std::vector<Bounds> bounds;
+    windows.reserve(kWindowFractions.size()); // the searches below refer to them
     for (double fraction : kWindowFractions) {
         const auto s = windowStart(dur, w, fraction);
         if (!s) continue;
-        const auto window = SpectralBands::slice(*feature, *s, w);
-        if (!window) continue;
+        auto window = SpectralBands::slice(*feature, *s, w);
+        if (!window || window->frames < SpectralBands::kMinimumFrames) continue;
+        starts.push_back(*s);
+        windows.push_back(std::move(*window));
         // The bounds are on the clip's start; the window starts s later.
-        if (const auto hit = bestMatch(spans, &*window, lo + *s, hi + *s))
-            votes.push_back({hit->pos - *s, hit->score});
+        bounds.push_back({lo + *s, hi + *s});
     }
+    std::vector<SpectralBands::ClipSearch> searches;
+    searches.reserve(windows.size());
+    for (const auto& window : windows)
+        searches.emplace_back(window);
+    const auto hits = bestMatches(spans, searches, bounds);
+    std::vector<Vote> votes;
+    for (std::size_t i = 0; i < hits.size(); ++i)
+        if (hits[i]) votes.push_back({hits[i]->pos - starts[i], hits[i]->score});
     if (votes.empty()) return std::nullopt;
 
     const auto cluster = largestCluster(votes, kVoteTolerance);
