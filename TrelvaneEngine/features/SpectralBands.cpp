@@ -258,6 +258,9 @@ class ReferenceCache {
     using Entries = std::list<std::shared_ptr<ReferenceSpectra>>;
 
     std::shared_ptr<ReferenceSpectra> get(const SpectralBands::Feature& ref) {
+        // Entries let go are freed after the lock is released (declared first, destroyed last):
+        // a large one takes a while to give back, and other searches wait on the lock.
+        std::vector<std::shared_ptr<ReferenceSpectra>> dropped;
         std::lock_guard guard(lock_);
         const float* key = ref.bands.empty() ? nullptr : ref.bands.front().data();
         auto [it, last] = index_.equal_range(key);
@@ -270,6 +273,7 @@ class ReferenceCache {
             // Only one live feature can hold this address, and it isn't this entry's: what the
             // entry keeps is of a feature gone, and would cost a comparison on every later call.
             if ((*entry)->pins.load() == 0) {
+                dropped.push_back(std::move(*entry));
                 entries_.erase(entry);
                 it = index_.erase(it);
             } else {
@@ -291,6 +295,7 @@ class ReferenceCache {
             if (it != entries_.begin() && (count + 1 > kMaxEntries || total + size > kMaxBytes) &&
                 (*it)->pins.load() == 0) {
                 forget(it);
+                dropped.push_back(std::move(*it));
                 it = entries_.erase(it);
                 continue;
             }
