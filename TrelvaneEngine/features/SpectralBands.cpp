@@ -423,30 +423,41 @@ std::unique_ptr<const Packed> blockSpectra(const ReferenceSpectra& ref, const Bl
 // first-level cache while the band spectra stream past.
 constexpr std::size_t kProductChunk = 512;
 
-// The fused correlation (each usable band's correlation over its RMS, summed) at lags lo to hi,
-// the same values the band-by-band correlations over the whole length would give, up to rounding.
-// Empty when no band is usable; nothing when the blocks can't be planned (lengths near the
-// largest plan), which the caller answers with whole-length transforms.
-std::optional<std::vector<float>> fusedByBlocks(ClipSearch& search, const Feature& ref,
-                                                std::size_t wholeLength, int lo, int hi) {
-    const Feature& clip = search.clip();
-    const auto plan = choosePlan(clip.frames, lo, hi);
-    if (!plan) return std::nullopt;
-    const std::size_t size = plan->size, half = size / 2;
-    auto spectra = referenceCache().get(ref);
-    auto ws = plan->setup->makeWorkspace();
-    const auto& clipTransforms = search.transforms(size);
-    if (clipTransforms.spectra.size() != size * clip.bands.size()) return std::nullopt;
+// One clip's part in a search by blocks: its lags, and the fused correlation there (each usable
+// band's correlation over its RMS, summed), the same values the band-by-band correlations over the
+// whole length would give, up to rounding. Empty when no band is usable; nothing when the blocks
+// can't be planned (lengths near the largest plan), which the caller answers with whole-length
+// transforms.
+struct BlockJob {
+    ClipSearch* search = nullptr;
+    int lo = 0, hi = 0;
+    std::size_t wholeLength = 0; // of the whole correlation with the reference
+    std::optional<std::vector<float>> fused;
+};
 
-    // The clip's spectrum per band, weighted by the inverse RMS of that band's whole correlation.
+// A planned job: its clip's spectrum per usable band, weighted by the inverse RMS of that band's
+// whole correlation, and the blocks it needs.
+struct PlannedJob {
+    BlockJob* job = nullptr;
+    BlockPlan plan;
     std::vector<Packed> weighted;
     std::vector<std::size_t> usedBands;
+    long long firstBlock = 0, lastBlock = 0;
+};
+
+// Weighs the clip's bands for `plan`; false when the clip or the grid can't be had for it.
+bool weigh(PlannedJob& planned, ReferenceSpectra& spectra) {
+    const BlockPlan& plan = planned.plan;
+    const Feature& clip = planned.job->search->clip();
+    const std::size_t size = plan.size, half = size / 2;
+    const auto& clipTransforms = planned.job->search->transforms(size);
+    if (clipTransforms.spectra.size() != size * clip.bands.size()) return false;
     const ReferenceSpectra::Grid* grid = nullptr;
     {
-        std::lock_guard guard(spectra->lock);
-        grid = ensureGrid(*spectra, *plan);
+        std::lock_guard guard(spectra.lock);
+        grid = ensureGrid(spectra, plan);
     }
-    if (grid == nullptr) return std::nullopt;
+    if (grid == nullptr) return false;
     for (std::size_t b = 0; b < clip.bands.size(); ++b) {
         // Sum of squares of the correlation over all lags, by Parseval: the sum over d of
         // Ra(d) * Rb(d), in the frequency domain. Four running sums keep the additions apart.
@@ -464,85 +475,128 @@ std::optional<std::vector<float>> fusedByBlocks(ClipSearch& search, const Featur
             (edge + 2.0 * ((inner[0] + inner[1]) + (inner[2] + inner[3]))) / static_cast<double>(size);
         // The correlation as the plain transform gives it is twice the plain one, over P values.
         const float rms = static_cast<float>(
-            std::sqrt(std::max(4.0 * sumOfSquares, 0.0) / static_cast<double>(wholeLength)));
+            std::sqrt(std::max(4.0 * sumOfSquares, 0.0) / static_cast<double>(planned.job->wholeLength)));
         if (!(rms > 1e-9f) || !std::isfinite(rms)) continue;
         const float inverse = 1.0f / rms;
         const auto first = clipTransforms.spectra.begin() + static_cast<std::ptrdiff_t>(b * size);
         Packed c(size);
         std::transform(first, first + static_cast<std::ptrdiff_t>(size), c.begin(),
                        [inverse](float v) { return v * inverse; });
-        weighted.push_back(std::move(c));
-        usedBands.push_back(b);
+        planned.weighted.push_back(std::move(c));
+        planned.usedBands.push_back(b);
     }
-    if (usedBands.empty()) return std::vector<float>{};
+    return true;
+}
 
-    const long long firstBlock = blockOf(lo, *plan), lastBlock = blockOf(hi, *plan);
-    std::vector<const Packed*> blocks;
-    std::vector<std::unique_ptr<const Packed>> transient;
-    {
-        std::lock_guard guard(spectra->lock);
-        auto& cached = spectra->grids[{size, plan->clipPad}].blocks;
-        for (long long j = firstBlock; j <= lastBlock; ++j) {
-            if (const auto it = cached.find(j); it != cached.end()) {
-                blocks.push_back(it->second.get());
-                continue;
-            }
-            auto made = blockSpectra(*spectra, *plan, ws, j);
-            const std::size_t bytes = sizeof(float) * made->size();
-            blocks.push_back(made.get());
-            if (spectra->bytes + bytes <= ReferenceCache::kMaxBytes) {
-                spectra->bytes += bytes;
-                cached.emplace(j, std::move(made));
-            } else {
-                transient.push_back(std::move(made));
+// The job's fused correlation at the lags block `j` holds, from the block's reference spectra.
+void fuseBlock(const PlannedJob& planned, const Packed& block, long long j, SyncCorrelator::FFTWorkspace& ws) {
+    const BlockPlan& plan = planned.plan;
+    const std::size_t size = plan.size, half = size / 2;
+    float* const re = ws.real().data();
+    float* const im = ws.imag().data();
+    // Element 0 holds two real terms (DC and Nyquist), not one complex bin.
+    float dc = 0, nyquist = 0;
+    for (std::size_t u = 0; u < planned.usedBands.size(); ++u) {
+        const float* s = block.data() + planned.usedBands[u] * size;
+        dc += s[0] * planned.weighted[u][0];
+        nyquist += s[half] * planned.weighted[u][half];
+    }
+    // Band after band within a chunk of bins: each bin still sums the bands in their order.
+    for (std::size_t k0 = 0; k0 < half; k0 += kProductChunk) {
+        const std::size_t k1 = std::min(half, k0 + kProductChunk);
+        std::fill(re + k0, re + k1, 0.0f);
+        std::fill(im + k0, im + k1, 0.0f);
+        for (std::size_t u = 0; u < planned.usedBands.size(); ++u) {
+            const float* s = block.data() + planned.usedBands[u] * size;
+            const float* sr = s;
+            const float* si = s + half;
+            const float* cr = planned.weighted[u].data();
+            const float* ci = planned.weighted[u].data() + half;
+            for (std::size_t k = k0; k < k1; ++k) {
+                re[k] += sr[k] * cr[k] + si[k] * ci[k];
+                im[k] += si[k] * cr[k] - sr[k] * ci[k];
             }
         }
     }
-
+    re[0] = dc;
+    im[0] = nyquist;
+    plan.setup->inverse(ws);
     // Forward twice the plain scale on each side, inverse F times: 1/(2F) gives the same doubled
     // correlation as the whole-length transforms.
     const float scale = static_cast<float>(1.0 / (2.0 * static_cast<double>(size)));
-    std::vector<float> fused(static_cast<std::size_t>(hi - lo + 1));
-    for (std::size_t bi = 0; bi < blocks.size(); ++bi) {
-        const long long j = firstBlock + static_cast<long long>(bi);
-        float* const re = ws.real().data();
-        float* const im = ws.imag().data();
-        // Element 0 holds two real terms (DC and Nyquist), not one complex bin.
-        float dc = 0, nyquist = 0;
-        for (std::size_t u = 0; u < usedBands.size(); ++u) {
-            const float* s = blocks[bi]->data() + usedBands[u] * size;
-            dc += s[0] * weighted[u][0];
-            nyquist += s[half] * weighted[u][half];
+    const int lo = planned.job->lo, hi = planned.job->hi;
+    const long long start = j * static_cast<long long>(plan.step) - static_cast<long long>(plan.clipPad);
+    const long long from = std::max<long long>(start, lo);
+    const long long to = std::min<long long>(start + static_cast<long long>(plan.step) - 1, hi);
+    const auto signal = ws.signal();
+    auto& fused = *planned.job->fused;
+    for (long long lag = from; lag <= to; ++lag)
+        fused[static_cast<std::size_t>(lag - lo)] = signal[static_cast<std::size_t>(lag - start)] * scale;
+}
+
+// Fills in `fused` of every job, all against `ref`. Jobs with the same plan take each block of the
+// reference in turn, so that a block read from memory serves all of them while it is cached. Each
+// job's values are those it would get alone.
+void fusedByBlocks(std::span<BlockJob> jobs, const Feature& ref) {
+    if (jobs.empty()) return;
+    auto spectra = referenceCache().get(ref);
+    std::vector<PlannedJob> planned;
+    for (BlockJob& job : jobs) {
+        const auto plan = choosePlan(job.search->clip().frames, job.lo, job.hi);
+        if (!plan) continue;
+        PlannedJob p;
+        p.job = &job;
+        p.plan = *plan;
+        if (!weigh(p, *spectra)) continue;
+        if (p.usedBands.empty()) {
+            job.fused = std::vector<float>{};
+            continue;
         }
-        // Band after band within a chunk of bins: each bin still sums the bands in their order.
-        for (std::size_t k0 = 0; k0 < half; k0 += kProductChunk) {
-            const std::size_t k1 = std::min(half, k0 + kProductChunk);
-            std::fill(re + k0, re + k1, 0.0f);
-            std::fill(im + k0, im + k1, 0.0f);
-            for (std::size_t u = 0; u < usedBands.size(); ++u) {
-                const float* s = blocks[bi]->data() + usedBands[u] * size;
-                const float* sr = s;
-                const float* si = s + half;
-                const float* cr = weighted[u].data();
-                const float* ci = weighted[u].data() + half;
-                for (std::size_t k = k0; k < k1; ++k) {
-                    re[k] += sr[k] * cr[k] + si[k] * ci[k];
-                    im[k] += si[k] * cr[k] - sr[k] * ci[k];
+        p.firstBlock = blockOf(job.lo, *plan);
+        p.lastBlock = blockOf(job.hi, *plan);
+        job.fused = std::vector<float>(static_cast<std::size_t>(job.hi - job.lo + 1));
+        planned.push_back(std::move(p));
+    }
+
+    std::vector<bool> done(planned.size(), false);
+    for (std::size_t g = 0; g < planned.size(); ++g) {
+        if (done[g]) continue;
+        const BlockPlan& plan = planned[g].plan;
+        std::vector<const PlannedJob*> group;
+        std::set<long long> needed;
+        for (std::size_t i = g; i < planned.size(); ++i) {
+            if (done[i] || planned[i].plan.size != plan.size || planned[i].plan.clipPad != plan.clipPad) continue;
+            done[i] = true;
+            group.push_back(&planned[i]);
+            for (long long j = planned[i].firstBlock; j <= planned[i].lastBlock; ++j)
+                needed.insert(j);
+        }
+        auto ws = plan.setup->makeWorkspace();
+        std::vector<std::pair<long long, const Packed*>> blocks;
+        std::vector<std::unique_ptr<const Packed>> transient;
+        {
+            std::lock_guard guard(spectra->lock);
+            auto& cached = spectra->grids[{plan.size, plan.clipPad}].blocks;
+            for (const long long j : needed) {
+                if (const auto it = cached.find(j); it != cached.end()) {
+                    blocks.emplace_back(j, it->second.get());
+                    continue;
+                }
+                auto made = blockSpectra(*spectra, plan, ws, j);
+                const std::size_t bytes = sizeof(float) * made->size();
+                blocks.emplace_back(j, made.get());
+                if (spectra->bytes + bytes <= ReferenceCache::kMaxBytes) {
+                    spectra->bytes += bytes;
+                    cached.emplace(j, std::move(made));
+                } else {
+                    transient.push_back(std::move(made));
                 }
             }
         }
-        re[0] = dc;
-        im[0] = nyquist;
-        plan->setup->inverse(ws);
-        const long long start =
-            j * static_cast<long long>(plan->step) - static_cast<long long>(plan->clipPad);
-        const long long from = std::max<long long>(start, lo);
-        const long long to = std::min<long long>(start + static_cast<long long>(plan->step) - 1, hi);
-        const auto signal = ws.signal();
-        for (long long lag = from; lag <= to; ++lag)
-            fused[static_cast<std::size_t>(lag - lo)] = signal[static_cast<std::size_t>(lag - start)] * scale;
+        for (const auto& [j, block] : blocks)
+            for (const PlannedJob* p : group)
+                if (p->firstBlock <= j && j <= p->lastBlock) fuseBlock(*p, *block, j, ws);
     }
-    return fused;
 }
 
 } // namespace
@@ -622,38 +676,45 @@ std::vector<Peak> peaks(const Feature& clip, const Feature& ref, double minOffse
     return peaks(search, ref, minOffsetSec, maxOffsetSec, minOverlapSec, topK, minSeparationSec);
 }
 
-std::vector<Peak> peaks(ClipSearch& search, const Feature& ref, double minOffsetSec, double maxOffsetSec,
-                        double minOverlapSec, int topK, double minSeparationSec) {
-    const Feature& clip = search.clip();
-    if (topK < 1 || clip.frames < kMinimumFrames || ref.frames < kMinimumFrames) return {};
-    if (clip.bands.size() != ref.bands.size() || clip.frames >= ref.frames) return {};
-    if (!isWellFormed(clip) || !isWellFormed(ref)) return {};
+namespace {
+
+struct SearchedLags {
+    int lo = 0, hi = 0;
+    std::size_t wholeLength = 0;
+};
+
+// The lags a search of `clip` in `ref` covers, or nothing when it is refused.
+std::optional<SearchedLags> searchedLags(const Feature& clip, const Feature& ref, double minOffsetSec,
+                                         double maxOffsetSec, double minOverlapSec, int topK) {
+    if (topK < 1 || clip.frames < kMinimumFrames || ref.frames < kMinimumFrames) return std::nullopt;
+    if (clip.bands.size() != ref.bands.size() || clip.frames >= ref.frames) return std::nullopt;
+    if (!isWellFormed(clip) || !isWellFormed(ref)) return std::nullopt;
 
     const std::size_t n = static_cast<std::size_t>(clip.frames) + static_cast<std::size_t>(ref.frames) - 1;
-    if (n < 2) return {};
+    if (n < 2) return std::nullopt;
     const std::size_t length = ceilPow2(n);
     // Past the largest plan every band would be refused.
-    if (length > (std::size_t{1} << SyncCorrelator::kMaxLog2n)) return {};
+    if (length > (std::size_t{1} << SyncCorrelator::kMaxLog2n)) return std::nullopt;
 
     // At least `overlapFrames` of the clip stay on the reference. A negative overlap would reach
     // lags that wrap round the correlation, so it counts as none.
     const double overlapSpan = minOverlapSec * kFrameRate;
-    if (std::isnan(overlapSpan)) return {};
+    if (std::isnan(overlapSpan)) return std::nullopt;
     const int overlapFrames =
         static_cast<int>(std::clamp(std::trunc(overlapSpan), 0.0, static_cast<double>(clip.frames)));
     const int lagMin = overlapFrames - clip.frames;
     const int lagMax = ref.frames - overlapFrames;
-    if (overlapFrames >= clip.frames || lagMin > lagMax) return {};
+    if (overlapFrames >= clip.frames || lagMin > lagMax) return std::nullopt;
 
     int lo = lagMin, hi = lagMax;
     if (const double x = minOffsetSec * kFrameRate; std::isfinite(x)) lo = roundedClamped(x, lagMin, lagMax);
     if (const double x = maxOffsetSec * kFrameRate; std::isfinite(x)) hi = roundedClamped(x, lagMin, lagMax);
-    if (lo > hi) return {};
+    if (lo > hi) return std::nullopt;
+    return SearchedLags{lo, hi, length};
+}
 
-    // Only the searched lags are computed; values[i] is the fused correlation at lag lo + i.
-    auto byBlocks = fusedByBlocks(search, ref, length, lo, hi);
-    const std::vector<float> values =
-        byBlocks ? std::move(*byBlocks) : fusedByWholeCorrelations(clip, ref, length, lo, hi);
+// The best `topK` of the fused correlation `values` at lags lo to hi, scored against the range.
+std::vector<Peak> pickPeaks(const std::vector<float>& values, int lo, int hi, int topK, double minSeparationSec) {
     if (values.empty()) return {};
     const auto value = [&](int lag) { return values[static_cast<std::size_t>(lag - lo)]; };
 
@@ -727,6 +788,42 @@ std::vector<Peak> peaks(ClipSearch& search, const Feature& ref, double minOffset
         if (above != kept.begin() && static_cast<long long>(c.lag) - *std::prev(above) < sep) continue;
         kept.insert(c.lag);
         result.push_back({c.lag / static_cast<double>(kFrameRate), c.score});
+    }
+    return result;
+}
+
+} // namespace
+
+std::vector<Peak> peaks(ClipSearch& search, const Feature& ref, double minOffsetSec, double maxOffsetSec,
+                        double minOverlapSec, int topK, double minSeparationSec) {
+    const OffsetRange range{minOffsetSec, maxOffsetSec};
+    ClipSearch* const one = &search;
+    return std::move(
+        peaks(std::span(&one, 1), ref, std::span(&range, 1), minOverlapSec, topK, minSeparationSec).front());
+}
+
+std::vector<std::vector<Peak>> peaks(std::span<ClipSearch* const> searches, const Feature& ref,
+                                     std::span<const OffsetRange> ranges, double minOverlapSec, int topK,
+                                     double minSeparationSec) {
+    std::vector<std::vector<Peak>> result(searches.size());
+    if (ranges.size() != searches.size()) return result;
+    std::vector<BlockJob> jobs;
+    std::vector<std::size_t> owners;
+    for (std::size_t i = 0; i < searches.size(); ++i) {
+        const auto lags = searchedLags(searches[i]->clip(), ref, ranges[i].minOffsetSec, ranges[i].maxOffsetSec,
+                                       minOverlapSec, topK);
+        if (!lags) continue;
+        jobs.push_back({searches[i], lags->lo, lags->hi, lags->wholeLength, std::nullopt});
+        owners.push_back(i);
+    }
+    // Only the searched lags are computed; values[i] is the fused correlation at lag lo + i.
+    fusedByBlocks(jobs, ref);
+    for (std::size_t k = 0; k < jobs.size(); ++k) {
+        BlockJob& job = jobs[k];
+        const std::vector<float> values =
+            job.fused ? std::move(*job.fused)
+                      : fusedByWholeCorrelations(job.search->clip(), ref, job.wholeLength, job.lo, job.hi);
+        result[owners[k]] = pickPeaks(values, job.lo, job.hi, topK, minSeparationSec);
     }
     return result;
 }

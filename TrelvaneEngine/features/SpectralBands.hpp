@@ -104,6 +104,18 @@ class ClipSearch {
 std::vector<Peak> peaks(ClipSearch& search, const Feature& ref, double minOffsetSec, double maxOffsetSec,
                         double minOverlapSec, int topK, double minSeparationSec);
 
+struct OffsetRange {
+    double minOffsetSec = 0;
+    double maxOffsetSec = 0;
+};
+
+// Several clips against one reference, each over its own range (the windows of one clip against a
+// span): result i is what `peaks(*searches[i], ref, ranges[i]...)` gives, computed together so that
+// the reference is read once for all. Every result empty when the two lists differ in length.
+std::vector<std::vector<Peak>> peaks(std::span<ClipSearch* const> searches, const Feature& ref,
+                                     std::span<const OffsetRange> ranges, double minOverlapSec, int topK,
+                                     double minSeparationSec);
+
 // A promise that `ref` stays alive and unchanged as long as the pin (or a copy of it) lives. Searches
 // against a pinned reference find what the cache keeps of it by its address alone, without
 // comparing its contents on every call, and the cache never drops it while pinned. A run that

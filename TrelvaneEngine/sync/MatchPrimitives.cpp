@@ -39,41 +39,46 @@ const SpectralBands::Feature* featureOf(const ClipItem& clip) {
     return clip.bandFeature ? &*clip.bandFeature : nullptr;
 }
 
-} // namespace
-
-namespace {
-
-// One span's answer for a clip searched with `search`: the longer of the two is searched for the
-// shorter. A span of exactly the clip's length gives nothing: peaks needs the searched feature
-// strictly shorter, and the placement rests on that.
-std::optional<Match> matchInSpan(const Span& span, SpectralBands::ClipSearch& search, double lo, double hi) {
-    const SpectralBands::Feature& feature = search.clip();
-    if (span.bands == nullptr || span.bands->frames < SpectralBands::kMinimumFrames) return std::nullopt;
-    if (span.bands->frames > feature.frames) {
-        const auto found = SpectralBands::peaks(search, *span.bands, lo - span.off, hi - span.off, kMinOverlap,
-                                                kTopK, kPeakSeparation);
-        if (!found.empty()) return Match{span.off + found.front().offsetSeconds, found.front().score};
-    } else if (span.bands->frames < feature.frames && span.off - hi < span.off - lo) {
-        // The span is the shorter: it is searched in the clip, so the bounds turn round.
-        const auto found = SpectralBands::peaks(*span.bands, feature, span.off - hi, span.off - lo, kMinOverlap,
-                                                kTopK, kPeakSeparation);
-        if (!found.empty()) return Match{span.off - found.front().offsetSeconds, found.front().score};
-    }
-    return std::nullopt;
-}
-
 // The best span's answer for each of several clips, each with its own bounds: what `bestMatch`
-// gives for each, the earlier span kept on a tie. Spans are the outer loop so that what is kept of
-// a span is still in the processor's caches when the next clip is searched in it.
+// gives for each, the earlier span kept on a tie. Spans are the outer loop, and the clips shorter
+// than a span are searched in it together, so that what is kept of the span is read once for all.
+// A span shorter than a clip is searched in the clip instead, the bounds turned round; one of
+// exactly the clip's length gives nothing (peaks needs the searched feature strictly shorter, and
+// the placement rests on that).
 std::vector<std::optional<Match>> bestMatches(std::span<const Span> spans,
                                               std::span<SpectralBands::ClipSearch> searches,
                                               std::span<const Bounds> bounds) {
     std::vector<std::optional<Match>> best(searches.size());
-    for (const Span& span : spans)
+    const auto offer = [&](std::size_t i, const Match& candidate) {
+        if (!best[i] || candidate.score > best[i]->score) best[i] = candidate;
+    };
+    std::vector<std::size_t> inSpan;
+    std::vector<SpectralBands::ClipSearch*> chosen;
+    std::vector<SpectralBands::OffsetRange> ranges;
+    for (const Span& span : spans) {
+        if (span.bands == nullptr || span.bands->frames < SpectralBands::kMinimumFrames) continue;
+        inSpan.clear();
+        chosen.clear();
+        ranges.clear();
         for (std::size_t i = 0; i < searches.size(); ++i) {
-            const auto candidate = matchInSpan(span, searches[i], bounds[i].lo, bounds[i].hi);
-            if (candidate && (!best[i] || candidate->score > best[i]->score)) best[i] = candidate;
+            const SpectralBands::Feature& feature = searches[i].clip();
+            const double lo = bounds[i].lo, hi = bounds[i].hi;
+            if (span.bands->frames > feature.frames) {
+                inSpan.push_back(i);
+                chosen.push_back(&searches[i]);
+                ranges.push_back({lo - span.off, hi - span.off});
+            } else if (span.bands->frames < feature.frames && span.off - hi < span.off - lo) {
+                const auto found = SpectralBands::peaks(*span.bands, feature, span.off - hi, span.off - lo,
+                                                        kMinOverlap, kTopK, kPeakSeparation);
+                if (!found.empty()) offer(i, Match{span.off - found.front().offsetSeconds, found.front().score});
+            }
         }
+        if (inSpan.empty()) continue;
+        const auto found = SpectralBands::peaks(chosen, *span.bands, ranges, kMinOverlap, kTopK, kPeakSeparation);
+        for (std::size_t k = 0; k < inSpan.size(); ++k)
+            if (!found[k].empty())
+                offer(inSpan[k], Match{span.off + found[k].front().offsetSeconds, found[k].front().score});
+    }
     return best;
 }
 

@@ -744,3 +744,40 @@ TEST(SpectralBands, AReferenceChangedAfterItsPinIsGoneIsSeenAsNew) {
     expectSamePeaks(after, plainPeaks(clip, ref, -kInf, kInf, 2.0, 3, 1.0), "changed after unpinning");
     EXPECT_NE(lagOf(after.at(0)), 700);
 }
+
+TEST(SpectralBands, ClipsSearchedTogetherGetWhatEachGetsAlone) {
+    // Windows of one clip share a span's blocks; clips of other lengths, ranges far apart or
+    // refused, and a clip as long as the reference ride along without changing anyone's answer.
+    const auto ref = randomFeature(40000, 501);
+    std::vector<SB::Feature> clips;
+    for (const auto& [at, length] : {std::pair{5000, 900}, std::pair{20000, 900}, std::pair{33000, 900},
+                                     std::pair{12000, 2500}, std::pair{100, 40000}})
+        clips.push_back(cutOf(ref, at, length, 502 + static_cast<unsigned>(at % 251)));
+    const std::vector<SB::OffsetRange> ranges = {
+        {-kInf, kInf}, {700.0, 900.0}, {1400.0, 1430.0}, {-kInf, kInf}, {-kInf, kInf}};
+    std::vector<SB::ClipSearch> searches;
+    searches.reserve(clips.size());
+    for (const auto& clip : clips)
+        searches.emplace_back(clip);
+    std::vector<SB::ClipSearch*> all;
+    for (auto& search : searches)
+        all.push_back(&search);
+    for (const int topK : {1, 3}) {
+        const auto together = SB::peaks(all, ref, ranges, 2.0, topK, 1.0);
+        ASSERT_EQ(together.size(), clips.size());
+        for (std::size_t i = 0; i < clips.size(); ++i)
+            EXPECT_EQ(together[i], SB::peaks(clips[i], ref, ranges[i].minOffsetSec, ranges[i].maxOffsetSec, 2.0,
+                                             topK, 1.0))
+                << "clip " << i << ", top " << topK;
+        EXPECT_EQ(lagOf(together[0].at(0)), 5000);
+        EXPECT_EQ(lagOf(together[1].at(0)), 20000);
+        EXPECT_EQ(lagOf(together[3].at(0)), 12000);
+        EXPECT_TRUE(together[2].empty() || lagOf(together[2][0]) != 33000); // its place lies outside the range
+        EXPECT_TRUE(together[4].empty()); // not shorter than the reference
+    }
+    // One range short: nothing is searched.
+    const auto mismatched = SB::peaks(all, ref, std::span(ranges).first(4), 2.0, 1, 1.0);
+    ASSERT_EQ(mismatched.size(), clips.size());
+    for (const auto& found : mismatched)
+        EXPECT_TRUE(found.empty());
+}
