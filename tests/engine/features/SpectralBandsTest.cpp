@@ -587,6 +587,18 @@ void expectSamePeaks(const std::vector<SB::Peak>& found, const std::vector<SB::P
     }
 }
 
+// Overwrites `ref` in place with other contents of the same shape, then expects the search of
+// `clip` (found at `lagBefore` in the old contents) to answer from the new ones.
+void expectAChangeInPlaceSeen(SB::Feature& ref, const SB::Feature& clip, int lagBefore, unsigned seed,
+                              const std::string& what) {
+    const auto moved = cutOf(ref, 1900, ref.frames, seed);
+    for (std::size_t b = 0; b < ref.bands.size(); ++b)
+        std::copy(moved.bands[b].begin(), moved.bands[b].end(), ref.bands[b].begin());
+    const auto after = SB::peaks(clip, ref, -kInf, kInf, 2.0, 3, 1.0);
+    expectSamePeaks(after, plainPeaks(clip, ref, -kInf, kInf, 2.0, 3, 1.0), what);
+    EXPECT_NE(lagOf(after.at(0)), lagBefore) << what;
+}
+
 } // namespace
 
 TEST(SpectralBands, PeaksMatchThePlainSearchOverBoundedAndUnboundedRanges) {
@@ -627,12 +639,7 @@ TEST(SpectralBands, PeaksNeverAnswerFromAnEarlierReferenceOfTheSameShape) {
     ASSERT_FALSE(before.empty());
     EXPECT_EQ(lagOf(before[0]), 700);
     // The same vectors, changed in place: whatever was kept of the old contents must not be used.
-    const auto moved = cutOf(ref, 1900, 3000, 33);
-    for (std::size_t b = 0; b < ref.bands.size(); ++b)
-        std::copy(moved.bands[b].begin(), moved.bands[b].end(), ref.bands[b].begin());
-    const auto after = SB::peaks(clip, ref, -kInf, kInf, 2.0, 3, 1.0);
-    expectSamePeaks(after, plainPeaks(clip, ref, -kInf, kInf, 2.0, 3, 1.0), "changed reference");
-    EXPECT_NE(lagOf(after.at(0)), 700);
+    expectAChangeInPlaceSeen(ref, clip, 700, 33, "changed reference");
 }
 
 TEST(SpectralBands, PeaksFromManyThreadsAtOnceGiveTheSerialResult) {
@@ -737,12 +744,7 @@ TEST(SpectralBands, AReferenceChangedAfterItsPinIsGoneIsSeenAsNew) {
         const SB::ReferencePin copy = pin; // a copy keeps the promise alive too
         EXPECT_EQ(lagOf(SB::peaks(clip, ref, -kInf, kInf, 2.0, 1, 1.0).at(0)), 700);
     }
-    const auto moved = cutOf(ref, 1900, 3000, 53);
-    for (std::size_t b = 0; b < ref.bands.size(); ++b)
-        std::copy(moved.bands[b].begin(), moved.bands[b].end(), ref.bands[b].begin());
-    const auto after = SB::peaks(clip, ref, -kInf, kInf, 2.0, 3, 1.0);
-    expectSamePeaks(after, plainPeaks(clip, ref, -kInf, kInf, 2.0, 3, 1.0), "changed after unpinning");
-    EXPECT_NE(lagOf(after.at(0)), 700);
+    expectAChangeInPlaceSeen(ref, clip, 700, 53, "changed after unpinning");
 }
 
 TEST(SpectralBands, ClipsSearchedTogetherGetWhatEachGetsAlone) {
