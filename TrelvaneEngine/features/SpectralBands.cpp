@@ -257,7 +257,9 @@ class ReferenceCache {
   public:
     using Entries = std::list<std::shared_ptr<ReferenceSpectra>>;
 
-    std::shared_ptr<ReferenceSpectra> get(const SpectralBands::Feature& ref) {
+    // The entry of `ref`, made when there is none; with `pin`, pinned before the lock is let go, so
+    // that no release in between can drop it.
+    std::shared_ptr<ReferenceSpectra> get(const SpectralBands::Feature& ref, bool pin = false) {
         // Entries let go are freed after the lock is released (declared first, destroyed last):
         // a large one takes a while to give back, and other searches wait on the lock.
         std::vector<std::shared_ptr<ReferenceSpectra>> dropped;
@@ -268,6 +270,7 @@ class ReferenceCache {
             const auto entry = it->second;
             if ((*entry)->matches(ref)) {
                 entries_.splice(entries_.begin(), entries_, entry);
+                if (pin) ++entries_.front()->pins;
                 return entries_.front();
             }
             // Only one live feature can hold this address, and it isn't this entry's: what the
@@ -281,6 +284,7 @@ class ReferenceCache {
             }
         }
         auto fresh = std::make_shared<ReferenceSpectra>();
+        if (pin) ++fresh->pins;
         fresh->frames = ref.frames;
         fresh->bands = ref.bands;
         for (const auto& band : ref.bands)
@@ -307,6 +311,32 @@ class ReferenceCache {
     }
 
     static constexpr std::size_t kMaxEntries = 1024;
+    // Unpins `entry`; the last pin gone, the entry leaves the cache: what a run pinned it needed for
+    // the run only, and a desktop session should not hold it until other searches push it out.
+    void unpin(const std::shared_ptr<ReferenceSpectra>& entry) {
+        std::shared_ptr<ReferenceSpectra> dropped; // freed after the lock is let go
+        std::lock_guard guard(lock_);
+        if (--entry->pins > 0) return;
+        const float* key = entry->addresses.empty() ? nullptr : entry->addresses.front();
+        const auto [first, last] = index_.equal_range(key);
+        for (auto it = first; it != last; ++it)
+            if (*it->second == entry) {
+                dropped = std::move(*it->second);
+                entries_.erase(it->second);
+                index_.erase(it);
+                return;
+            }
+    }
+
+    // What all entries hold, in bytes.
+    std::size_t footprint() {
+        std::lock_guard guard(lock_);
+        std::size_t total = 0;
+        for (const auto& entry : entries_)
+            total += entry->footprint();
+        return total;
+    }
+
     static constexpr std::size_t kMaxBytes = std::size_t{512} << 20;
 
   private:
@@ -661,13 +691,16 @@ const ClipSearch::Transforms& ClipSearch::transforms(std::size_t setupLength) {
 }
 
 ReferencePin::ReferencePin(const Feature& ref) {
-    auto entry = referenceCache().get(ref);
-    ++entry->pins;
+    auto entry = referenceCache().get(ref, true);
     ReferenceSpectra* raw = entry.get();
     held_ = std::shared_ptr<void>(raw, [entry = std::move(entry)](void*) mutable {
-        --entry->pins;
+        referenceCache().unpin(entry);
         entry.reset();
     });
+}
+
+std::size_t keptTransformBytes() {
+    return referenceCache().footprint();
 }
 
 std::vector<Peak> peaks(const Feature& clip, const Feature& ref, double minOffsetSec, double maxOffsetSec,

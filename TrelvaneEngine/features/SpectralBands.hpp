@@ -120,6 +120,7 @@ std::vector<std::vector<Peak>> peaks(std::span<ClipSearch* const> searches, cons
 // against a pinned reference find what the cache keeps of it by its address alone, without
 // comparing its contents on every call, and the cache never drops it while pinned. A run that
 // searches the same references thousands of times pins them for its duration.
+// When the last pin of a reference goes, what the cache keeps of it goes too.
 class ReferencePin {
   public:
     explicit ReferencePin(const Feature& ref);
@@ -127,6 +128,9 @@ class ReferencePin {
   private:
     std::shared_ptr<void> held_; // unpins when the last copy goes
 };
+
+// What the cache keeps of searched references, in bytes: their copies and transforms.
+std::size_t keptTransformBytes();
 
 // `values` less their mean, divided by their standard deviation unless that is 1e-9 or less (then
 // only centred). The normalisation of every band; exposed for its tests.

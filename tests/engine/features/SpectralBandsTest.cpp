@@ -11,6 +11,7 @@
 #include <fstream>
 #include <limits>
 #include <numbers>
+#include <optional>
 #include <random>
 #include <string>
 #include <thread>
@@ -745,6 +746,25 @@ TEST(SpectralBands, AReferenceChangedAfterItsPinIsGoneIsSeenAsNew) {
         EXPECT_EQ(lagOf(SB::peaks(clip, ref, -kInf, kInf, 2.0, 1, 1.0).at(0)), 700);
     }
     expectAChangeInPlaceSeen(ref, clip, 700, 53, "changed after unpinning");
+}
+
+TEST(SpectralBands, WhatAPinKeptGoesWithItsLastPin) {
+    const auto ref = randomFeature(20000, 61);
+    const auto clip = cutOf(ref, 4000, 600, 62);
+    const std::size_t before = SB::keptTransformBytes();
+    {
+        const SB::ReferencePin pin(ref);
+        std::optional<SB::ReferencePin> second(std::in_place, ref);
+        EXPECT_EQ(lagOf(SB::peaks(clip, ref, -kInf, kInf, 2.0, 1, 1.0).at(0)), 4000);
+        const std::size_t held = SB::keptTransformBytes();
+        EXPECT_GT(held, before + sizeof(float) * 8 * 20000); // a copy of the bands and their transforms
+        second.reset();
+        EXPECT_EQ(SB::keptTransformBytes(), held) << "one pin is still there";
+    }
+    EXPECT_EQ(SB::keptTransformBytes(), before);
+    // Unpinned, a reference is kept between searches as before.
+    SB::peaks(clip, ref, -kInf, kInf, 2.0, 1, 1.0);
+    EXPECT_GT(SB::keptTransformBytes(), before);
 }
 
 TEST(SpectralBands, ClipsSearchedTogetherGetWhatEachGetsAlone) {
