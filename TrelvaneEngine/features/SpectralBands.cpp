@@ -265,8 +265,9 @@ class ReferenceCache {
         std::vector<std::shared_ptr<ReferenceSpectra>> dropped;
         std::lock_guard guard(lock_);
         const float* key = ref.bands.empty() ? nullptr : ref.bands.front().data();
-        auto [it, last] = index_.equal_range(key);
-        while (it != last) {
+        std::vector<Entries::iterator> stale;
+        const auto [first, last] = index_.equal_range(key);
+        for (auto it = first; it != last; ++it) {
             const auto entry = it->second;
             if ((*entry)->matches(ref)) {
                 entries_.splice(entries_.begin(), entries_, entry);
@@ -275,14 +276,10 @@ class ReferenceCache {
             }
             // Only one live feature can hold this address, and it isn't this entry's: what the
             // entry keeps is of a feature gone, and would cost a comparison on every later call.
-            if ((*entry)->pins.load() == 0) {
-                dropped.push_back(std::move(*entry));
-                entries_.erase(entry);
-                it = index_.erase(it);
-            } else {
-                ++it;
-            }
+            if ((*entry)->pins.load() == 0) stale.push_back(entry);
         }
+        for (const auto entry : stale)
+            drop(entry, dropped);
         auto fresh = std::make_shared<ReferenceSpectra>();
         if (pin) ++fresh->pins;
         fresh->frames = ref.frames;
@@ -298,9 +295,7 @@ class ReferenceCache {
             const std::size_t size = (*it)->footprint();
             if (it != entries_.begin() && (count + 1 > kMaxEntries || total + size > kMaxBytes) &&
                 (*it)->pins.load() == 0) {
-                forget(it);
-                dropped.push_back(std::move(*it));
-                it = entries_.erase(it);
+                it = drop(it, dropped);
                 continue;
             }
             total += size;
@@ -310,20 +305,17 @@ class ReferenceCache {
         return fresh;
     }
 
-    static constexpr std::size_t kMaxEntries = 1024;
     // Unpins `entry`; the last pin gone, the entry leaves the cache: what a run pinned it needed for
     // the run only, and a desktop session should not hold it until other searches push it out.
     void unpin(const std::shared_ptr<ReferenceSpectra>& entry) {
-        std::shared_ptr<ReferenceSpectra> dropped; // freed after the lock is let go
+        std::vector<std::shared_ptr<ReferenceSpectra>> dropped; // freed after the lock is let go
         std::lock_guard guard(lock_);
         if (--entry->pins > 0) return;
         const float* key = entry->addresses.empty() ? nullptr : entry->addresses.front();
         const auto [first, last] = index_.equal_range(key);
         for (auto it = first; it != last; ++it)
             if (*it->second == entry) {
-                dropped = std::move(*it->second);
-                entries_.erase(it->second);
-                index_.erase(it);
+                drop(it->second, dropped);
                 return;
             }
     }
@@ -337,9 +329,18 @@ class ReferenceCache {
         return total;
     }
 
+    static constexpr std::size_t kMaxEntries = 1024;
     static constexpr std::size_t kMaxBytes = std::size_t{512} << 20;
 
   private:
+    // Takes `entry` out of the list and the index, handing it to `dropped` to be freed later; the
+    // entry after it in the list.
+    Entries::iterator drop(Entries::iterator entry, std::vector<std::shared_ptr<ReferenceSpectra>>& dropped) {
+        forget(entry);
+        dropped.push_back(std::move(*entry));
+        return entries_.erase(entry);
+    }
+
     void forget(Entries::iterator entry) {
         const float* key = (*entry)->addresses.empty() ? nullptr : (*entry)->addresses.front();
         const auto [first, last] = index_.equal_range(key);

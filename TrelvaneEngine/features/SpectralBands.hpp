@@ -118,9 +118,9 @@ std::vector<std::vector<Peak>> peaks(std::span<ClipSearch* const> searches, cons
 
 // A promise that `ref` stays alive and unchanged as long as the pin (or a copy of it) lives. Searches
 // against a pinned reference find what the cache keeps of it by its address alone, without
-// comparing its contents on every call, and the cache never drops it while pinned. A run that
-// searches the same references thousands of times pins them for its duration.
-// When the last pin of a reference goes, what the cache keeps of it goes too.
+// comparing its contents on every call, and the cache never drops it while pinned; when the last pin
+// goes, what the cache keeps of it goes too. A run that searches the same references thousands of
+// times pins them for its duration.
 class ReferencePin {
   public:
     explicit ReferencePin(const Feature& ref);
