@@ -17,6 +17,9 @@ constexpr double kChainTolerance = 2.0;
 constexpr double kSingleWitness = 14.0;
 constexpr double kCalibrationFloor = 0.15;
 constexpr double kCalibrationCeiling = 60.0;
+constexpr double kCalibrationAgreement = 0.08; // seconds: two feature frames
+constexpr std::size_t kCalibrationVotes = 2;
+constexpr double kSiblingReach = 15.0;
 
 // Votes of a clip's three windows searched in `spans`: each a position of the clip's start.
 std::vector<Vote> windowVotes(const ClipItem& clip, std::span<const Span> spans, int* tried) {
@@ -232,10 +235,13 @@ void calibrateSegmentIfNeeded(Run& run, std::size_t segment, int backup) {
         for (Vote v : windowVotes(clip, spans, nullptr))
             votes.push_back({v.pos - (clip.startOffset - segmentStart), v.score});
     }
-    auto cluster = largestCluster(votes, kVoteTolerance);
+    // A segment's clock is overruled only by several strong windows that agree to a frame or two:
+    // one window, or votes scattered over seconds, is as likely a repeated passage as a clock
+    // error, and a segment moved on it drags every clip matched to it along.
+    auto cluster = largestCluster(votes, kCalibrationAgreement);
     float best = 0;
     for (const Vote& v : cluster) best = std::max(best, v.score);
-    if (cluster.empty() || best < kStrongScore) return;
+    if (cluster.size() < kCalibrationVotes || best < kStrongScore) return;
     const double correction = weightedMean(cluster) - segmentStart;
     if (!(std::abs(correction) > kCalibrationFloor && std::abs(correction) < kCalibrationCeiling)) return;
     for (int ci : clips) {
@@ -285,7 +291,11 @@ bool siblingVerified(Run& run, int si, int leader) {
     auto slice = SpectralBands::slice(*mine->bandFeature, s, w);
     // A window too short to cut says nothing either way; the grouping stands.
     if (!slice) return true;
-    auto found = SpectralBands::peaks(*slice, *theirs->bandFeature, s - 2.0, s + 2.0, kMinOverlap, 1, kPeakSeparation);
+    // The window is scored against 15 s either side, not the few lags next to where a channel
+    // would sit: over so narrow a range the true peak's own shoulders are most of what there is,
+    // and a real channel pair scored barely above noise. Its place is then held to half a second.
+    auto found = SpectralBands::peaks(*slice, *theirs->bandFeature, s - kSiblingReach, s + kSiblingReach, kMinOverlap,
+                                      1, kPeakSeparation);
     const float score = found.empty() ? 0.0f : found.front().score;
     const double offset = found.empty() ? 0.0 : found.front().offsetSeconds;
     if (score >= kStrongScore && std::abs(offset - s) < 0.5) return true;
