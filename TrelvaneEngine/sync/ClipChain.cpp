@@ -238,12 +238,13 @@ void siblingPropagation(Ladder& ladder) {
         const double pos = std::max(b.lo, std::min(ladder.posOf.at(winner), b.hi));
         ladder.anchors.insert(k);
         ladder.posOf[k] = pos;
-        // Its own audio proved nothing: it stands beside its sibling and carries the sibling's score.
-        const auto theirs = ladder.run.matchInfo.find(ladder.clip(winner).id);
-        const float score = theirs != ladder.run.matchInfo.end() ? theirs->second.score : kStrongScore;
-        ladder.run.matchInfo[mine.id] = MatchInfo{std::nullopt, score, "sibling"};
+        // Its own audio proved nothing: it stands beside its sibling, and a borrowed score would
+        // claim a proof it never had. It is weak until its own sound confirms the place.
+        ladder.run.matchInfo[mine.id] = MatchInfo{std::nullopt, kStrongScore, "sibling"};
         ladder.run.setClip(ladder.clips[k].first, ladder.clips[k].second, pos, Placement::matched);
         ClipItem& written = ladder.run.tracks[ladder.clips[k].first].clips[ladder.clips[k].second];
+        written.syncStatus = SyncStatus::weak;
+        written.matchScore.reset();
         written.placementNote = "alongside '" + ladder.name(winner) + "'";
         EngineLog::logf("[SyncEngine]  sibling prop '%s' ← '%s' @ %.1fs", ladder.name(k), ladder.name(winner), pos);
     }
