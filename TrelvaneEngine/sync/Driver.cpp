@@ -597,6 +597,7 @@ void syncRegion(Run& run, const std::string& key, const std::vector<ClipKey>& me
     for (int si : ownTracks)
         if (!run.doneTracks.count(si)) orphans.push_back(Unit{{si}, std::nullopt, -1, 0, 0, 0, {}});
     runUnits(orphans, Phase::tracks);
+    detail::checkTimeline(run);
 
     double latestEnd = run.base;
     for (const auto& [si, ci] : run.region)

@@ -25,6 +25,11 @@ constexpr double kTimecodeSlack = 1.5;
 constexpr double kTimecodeFrames = 2.0;         // tolerated frames of a timecode disagreement
 constexpr double kTimecodeDefault = 1.0 / 12.0; // tolerance of a clip without a frame rate
 constexpr double kScoreFloor = 0.000001;
+// The measurement of two overlapping clips: the least overlap it needs, its longest window, and how
+// far either side of the timeline's offset it looks.
+constexpr double kCheckLeastOverlap = 10.0;
+constexpr double kCheckWindow = 90.0;
+constexpr double kCheckReach = 60.0;
 
 double secondsBetween(const Date& later, const Date& earlier) {
     return std::chrono::duration<double>(later - earlier).count();
@@ -246,6 +251,32 @@ std::optional<Match> compareClips(const ClipItem& a, const ClipItem& b, double m
     }
     const double mean = sum / static_cast<double>(cluster.size());
     return Match{aIsProbe ? -mean : mean, score};
+}
+
+std::optional<Match> measureOverlap(const ClipItem& a, double aStart, const ClipItem& b, double bStart) {
+    if (!a.bandFeature || !b.bandFeature) return std::nullopt;
+    if (a.audioUsability != AudioUsability::ok || b.audioUsability != AudioUsability::ok) return std::nullopt;
+    const double from = std::max(aStart, bStart);
+    const double to = std::min(aStart + a.duration, bStart + b.duration);
+    if (!(to - from >= kCheckLeastOverlap)) return std::nullopt;
+    // The window leaves part of the overlap free, so that b's cut is always longer than it.
+    const double w = std::min((to - from) * 0.8, kCheckWindow);
+    const double fps = SpectralBands::kFrameRate;
+    // Cuts start on whole frames: the offsets below are taken from where they really start.
+    const double probeAt = std::round(((from + to) / 2 - w / 2 - aStart) * fps) / fps;
+    const auto probe = SpectralBands::slice(*a.bandFeature, probeAt, w);
+    if (!probe) return std::nullopt;
+    const double expected = aStart + probeAt - bStart; // where the window lies in b, by the timeline
+    const double refAt = std::round(std::max(0.0, expected - kCheckReach) * fps) / fps;
+    const double refEnd = std::min({b.duration, expected + w + kCheckReach, b.bandFeature->frames / fps});
+    const auto ref = SpectralBands::slice(*b.bandFeature, refAt, std::floor((refEnd - refAt) * fps) / fps);
+    if (!ref || ref->frames <= probe->frames) return std::nullopt;
+    // The score stands against the whole reach, not the few lags near the peak: a narrow range
+    // holds mostly the peak's own shoulders and scores even a perfect match low.
+    const auto found = SpectralBands::peaks(*probe, *ref, expected - kCheckReach - refAt,
+                                            expected + kCheckReach - refAt, w * 0.75, kTopK, kPeakSeparation);
+    if (found.empty()) return std::nullopt;
+    return Match{expected - (refAt + found.front().offsetSeconds), found.front().score};
 }
 
 bool timecodeDisagrees(const ClipItem& clip, double placedPos, std::span<const Span> spans) {

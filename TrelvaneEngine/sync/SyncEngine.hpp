@@ -129,6 +129,14 @@ std::optional<Match> clipMatch(const TrackSource& track, const ClipItem& clip, d
 // agreeing votes. Nothing unless both have a band feature and usable audio, and two votes agree.
 std::optional<Match> compareClips(const ClipItem& a, const ClipItem& b, double maxWindow, double tolerance);
 
+// What the sound of two overlapping clips says of the timeline that holds them: a window of the
+// middle of their overlap (at most 30 s) is cut from `a` and searched in `b` within 15 s either side
+// of where the timeline puts it, the score taken against that whole stretch. `pos` is how far b's
+// start must move (later when positive) for the sound to line up; 0 when the timeline is right.
+// Nothing when the overlap is under 10 s, either clip lacks a feature or usable audio, or no lag
+// can be scored.
+std::optional<Match> measureOverlap(const ClipItem& a, double aStart, const ClipItem& b, double bStart);
+
 // Whether the clip's timecode puts it further from `placedPos` than two frames (1/12 s without a
 // frame rate), judged by the nearest timecoded span. False without a timecode or timecoded span.
 bool timecodeDisagrees(const ClipItem& clip, double placedPos, std::span<const Span> spans);

@@ -163,6 +163,11 @@ struct TrackOutcome {
 };
 TrackOutcome syncOneTrack(Run& run, int si, const Pass1* pass1 = nullptr);
 
+// The last check of the region in hand: overlapping clips of different tracks measured against each
+// other, solved together; `synced` kept only where that proves a clip, what disagrees moved or left
+// weak.
+void checkTimeline(Run& run);
+
 // A search window for a clip before any pass: its clock window (audio tracks only), narrowed by
 // where its timecode puts it against `spans`. Unbounded when neither says anything.
 Bounds priorWindow(const Run& run, int si, int ci, std::span<const Span> spans);

@@ -354,3 +354,32 @@ TEST(MatchPrimitives, TimecodeDisagreesBeyondTwoFramesOfTheNearestSpan) {
     EXPECT_FALSE(timecodeDisagrees(clip, 900.0, std::vector<Span>{spanOf(500.0, bands)}));
     EXPECT_FALSE(timecodeDisagrees(ClipItem{}, 900.0, spans));
 }
+
+TEST(MatchPrimitives, MeasureOverlapSaysHowFarTheTimelineIsFromTheSound) {
+    // b truly starts 60 s after a; the timeline puts it at `placed`.
+    const auto perf = noiseBands(400 * kFps, 21);
+    const ClipItem a = clipWith(noisyBands(cutBands(perf, 0, 150 * kFps), 0.6f, 22));
+    const ClipItem b = clipWith(noisyBands(cutBands(perf, 60 * kFps, 150 * kFps), 0.6f, 23));
+    struct Case {
+        double placed;
+        double correction; // where b must move; NaN: no measurement worth the weak floor
+    };
+    const double none = std::nan("");
+    for (const Case c : {Case{60.0, 0.0}, Case{61.2, -1.2}, Case{59.5, 0.5}, Case{72.0, -12.0},
+                         Case{130.0, none}, Case{200.0, none}}) {
+        const auto m = measureOverlap(a, 0.0, b, c.placed);
+        if (std::isnan(c.correction)) {
+            // 70 s late leaves 20 s of overlap whose sound lies beyond the reach; 140 s late, no overlap.
+            EXPECT_FALSE(m && m->score >= kWeakFloor) << c.placed;
+            continue;
+        }
+        ASSERT_TRUE(m) << c.placed;
+        EXPECT_NEAR(m->pos, c.correction, kFrame) << c.placed;
+        EXPECT_GE(m->score, kStrongScore) << c.placed;
+    }
+    // Too short an overlap, or a clip without sound, says nothing.
+    EXPECT_FALSE(measureOverlap(a, 0.0, b, 142.0));
+    ClipItem silent = b;
+    silent.audioUsability = AudioUsability::silent;
+    EXPECT_FALSE(measureOverlap(a, 0.0, silent, 60.0));
+}

@@ -1,7 +1,9 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
+#include "MediaSupport.hpp"
 #include "TestSupport.hpp"
 #include "engine/sync/SyncFixtures.hpp"
 
+#include "TrelvaneEngine/media/AudioExtractor.hpp"
 #include "TrelvaneEngine/sync/SyncEngine.hpp"
 
 #include <gtest/gtest.h>
@@ -200,6 +202,53 @@ TEST(SyncEngine, ThreeCamerasAndATakeRecorderPutTheCamerasFirst) {
     }
 }
 
+TEST(SyncEngine, TheLastCheckMovesATakeItsClockMisplacedWithEverythingMatchedToIt) {
+    const auto& perf = performance();
+    // Three cameras put the cameras first; the reference camera's file dates put its second take
+    // 2 s late, and the clips matched to that take follow it. The recorder hears all of it.
+    const auto dated = [](const std::string& name, double start, double dur, double clockError = 0) {
+        return ClipSpec{name, start, dur, true, start + clockError, ClockQuality::filesystem};
+    };
+    const std::vector<ClipSpec> camC{dated("C0", 10, 100), dated("C1", 130, 110, 2.0), dated("C2", 260, 150),
+                                     dated("C3", 430, 100), dated("C4", 560, 100)};
+    const std::vector<ClipSpec> camA{{"A0", 20, 70},  {"A1", 140, 70}, {"A2", 250, 70},
+                                     {"A3", 380, 70}, {"A4", 500, 70}, {"A5", 620, 70}};
+    const std::vector<ClipSpec> camB{{"B0", 60, 60},  {"B1", 175, 60}, {"B2", 300, 60},
+                                     {"B3", 440, 60}, {"B4", 540, 60}, {"B5", 605, 60}};
+    const std::vector<ClipSpec> rec{{"R0", 0, 800, true, 0, ClockQuality::embedded}};
+    const std::vector<TrackSource> sources{makeTrack(perf, "CamC", SourceType::video, camC, 0.7f, 101),
+                                           makeTrack(perf, "CamA", SourceType::video, camA, 0.7f, 111),
+                                           makeTrack(perf, "CamB", SourceType::video, camB, 0.7f, 121),
+                                           makeTrack(perf, "Rec", SourceType::audio, rec, 0.4f, 131)};
+    EngineLogOnFailure log;
+    const auto out = run(sources);
+    ASSERT_EQ(log.countStartingWith("[SyncEngine] region 'default' ref 'CamC'"), 1);
+    EXPECT_GE(log.countStartingWith("[SyncEngine]  check: "), 1);
+    const double shift = clipNamed(out, "R0").startOffset;
+    for (const auto* specs : {&camC, &camA, &camB})
+        for (const auto& spec : *specs) {
+            const auto& clip = clipNamed(out, spec.name);
+            EXPECT_NEAR(clip.startOffset - shift, spec.start, 0.04) << spec.name;
+            EXPECT_EQ(clip.syncStatus, SyncStatus::synced) << spec.name;
+        }
+}
+
+TEST(SyncEngine, AReferenceTakeNoOtherTrackHearsIsLeftWeak) {
+    auto sources = recorderAndCamera();
+    // A third take of the recorder, after every camera clip.
+    sources[0].clips.push_back(makeTrack(performance(), "Rec", SourceType::audio,
+                                         {{"R3", 720, 150, true, 720, ClockQuality::embedded}}, 0.3f, 12)
+                                   .clips.front());
+    EngineLogOnFailure log;
+    const auto out = run(sources);
+    const auto& r3 = clipNamed(out, "R3");
+    EXPECT_EQ(r3.syncStatus, SyncStatus::weak);
+    EXPECT_EQ(r3.placementExplanation(), "Reference track — everything else is measured against it · no other "
+                                         "track's sound confirms it — laid out by its own clock");
+    for (const char* confirmed : {"R1", "R2", "C1", "C4"})
+        EXPECT_EQ(clipNamed(out, confirmed).syncStatus, SyncStatus::synced) << confirmed;
+}
+
 TEST(SyncEngine, AHotSpotTrackIsLaidByItsClockWithoutScores) {
     const auto& perf = performance();
     // Four long clips whose sound is all the same minute: a loud event, not a chain.
@@ -262,6 +311,54 @@ TEST(SyncEngine, AChannelWhoseSoundDisagreesIsMatchedAsItsOwnTrack) {
     EXPECT_EQ(log.countStartingWith("[SyncEngine]  'Rec_2' looked like a channel of 'Rec' but its audio does not agree"),
               1);
     EXPECT_NEAR(clipNamed(out, "S1").startOffset - clipNamed(out, "R1").startOffset, 490.0, 0.04);
+}
+
+TEST(SyncEngine, RealChannelFilesFollowTheirLeaderAndAnUnrelatedFileDoesNot) {
+    // One take of real music heard by two microphones of one recorder, and a file of other music
+    // recorded at the same time that the grouping also took for a channel.
+    const std::string music = "/usr/share/games/wesnoth/1.16/data/core/music/";
+    struct Take {
+        std::string name, song, colour, noise;
+    };
+    const std::vector<Take> takes{
+        {"TAKE1_Tr1", "frantic", "highpass=f=90,lowpass=f=10000,equalizer=f=3000:t=q:w=2:g=6", "pink"},
+        {"TAKE1_Tr2", "frantic", "adelay=3,highpass=f=70,lowpass=f=14000", "white"},
+        {"TAKE1_Tr3", "legends_of_the_north", "highpass=f=70,lowpass=f=14000", "white"},
+    };
+    TempDir dir;
+    std::vector<TrackSource> tracks;
+    for (const auto& take : takes) {
+        const auto out = dir / (take.name + ".wav");
+        ffmpeg("-i " + quoted(music + take.song + ".ogg") + " -f lavfi -i " +
+               quoted("anoisesrc=color=" + take.noise + ":amplitude=0.01:seed=5:sample_rate=48000") +
+               " -filter_complex " +
+               quoted("[0:a]atrim=start=20:duration=60,asetpts=PTS-STARTPTS,aresample=48000,"
+                      "aformat=channel_layouts=mono," + take.colour + "[s];[1:a]atrim=duration=60[n];"
+                      "[s][n]amix=inputs=2:duration=first:normalize=0[out]") +
+               " -map '[out]' -c:a pcm_s24le " + quoted(out.string()));
+        if (HasFatalFailure()) return;
+        ClipItem c;
+        c.url = Url::fromPath(out);
+        const auto audio = AudioExtractor::extract(c.url, 0);
+        c.duration = audio.duration;
+        c.bandFeature = SpectralBands::compute(audio.samples);
+        TrackSource t;
+        t.name = take.name.substr(6);
+        t.type = SourceType::audio;
+        t.session = "/shoot";
+        t.clips.push_back(std::move(c));
+        tracks.push_back(std::move(t));
+    }
+    for (int i : {1, 2}) {
+        tracks[i].siblingOf = tracks[0].id;
+        tracks[i].clips[0].siblingLeaderID = tracks[0].clips[0].id;
+    }
+    EngineLogOnFailure log;
+    const auto out = run(tracks);
+    EXPECT_EQ(log.countStartingWith("[SyncEngine]  channel track 'Tr2' follows 'Tr1'"), 1);
+    EXPECT_EQ(log.countStartingWith("[SyncEngine]  'Tr3' looked like a channel of 'Tr1' but its audio does not agree"),
+              1);
+    EXPECT_EQ(out[1].clips[0].placementPass, "sibling-ref");
 }
 
 } // namespace
