@@ -19,7 +19,6 @@ constexpr double kCalibrationFloor = 0.15;
 constexpr double kCalibrationCeiling = 60.0;
 constexpr double kCalibrationAgreement = 0.08; // seconds: two feature frames
 constexpr std::size_t kCalibrationVotes = 2;
-constexpr double kSiblingReach = 15.0;
 
 // Votes of a clip's three windows searched in `spans`: each a position of the clip's start.
 std::vector<Vote> windowVotes(const ClipItem& clip, std::span<const Span> spans, int* tried) {
@@ -285,23 +284,19 @@ bool siblingVerified(Run& run, int si, int leader) {
         mine->bandFeature->frames < SpectralBands::kMinimumFrames ||
         theirs->bandFeature->frames < SpectralBands::kMinimumFrames)
         return true;
-    const double dur = mine->duration;
-    const double w = std::min(dur * 0.5, kMaxWindow);
-    const double s = std::clamp(dur * 0.4 - w * 0.5, 0.0, std::max(dur - w, 0.0));
-    auto slice = SpectralBands::slice(*mine->bandFeature, s, w);
-    // A window too short to cut says nothing either way; the grouping stands.
-    if (!slice) return true;
-    // The window is scored against 15 s either side, not the few lags next to where a channel
-    // would sit: over so narrow a range the true peak's own shoulders are most of what there is,
-    // and a real channel pair scored barely above noise. Its place is then held to half a second.
-    auto found = SpectralBands::peaks(*slice, *theirs->bandFeature, s - kSiblingReach, s + kSiblingReach, kMinOverlap,
-                                      1, kPeakSeparation);
-    const float score = found.empty() ? 0.0f : found.front().score;
-    const double offset = found.empty() ? 0.0 : found.front().offsetSeconds;
-    if (score >= kStrongScore && std::abs(offset - s) < 0.5) return true;
+    // Both files start together, so the two clips are measured as the timeline would hold them:
+    // the middle of the take scored against a minute either side, not against the few lags next to
+    // where a channel would sit, where the true peak's own shoulders are most of what there is and
+    // a real channel pair scored barely above noise. Its place is then held to half a second.
+    const auto found = measureOverlap(*theirs, 0.0, *mine, 0.0);
+    // Too short a take to measure says nothing either way; the grouping stands.
+    if (!found) return true;
+    const float score = found->score;
+    const double offset = -found->pos;
+    if (score >= kStrongScore && std::abs(offset) < 0.5) return true;
     EngineLog::logf("[SyncEngine]  '%s' looked like a channel of '%s' but its audio does not agree (score %.1f, offset "
                     "%+.2fs) — matching it as its own track",
-                    run.tracks[si].name, run.tracks[leader].name, score, offset - s);
+                    run.tracks[si].name, run.tracks[leader].name, score, offset);
     return false;
 }
 

@@ -22,8 +22,9 @@ namespace trelvane::SyncEngine::detail {
 namespace {
 
 constexpr double kFrame = 0.04; // one feature frame: what a match can tell apart
-// A measurement further than this from the consensus of the others is taken for a false peak:
-// two frames of rounding, and a little more, lie within it.
+// Measurements fall on whole feature frames, so two of one truth can differ by two frames. Within
+// this they agree; a measurement further than this from the consensus of the others is taken for a
+// false peak, and a clip further than this from the consensus is out of place.
 constexpr double kMeasureTolerance = 0.1;
 // Clips that must agree before a placed clip is moved: one measurement against another is a
 // disagreement, not a verdict.
@@ -234,8 +235,8 @@ void checkTimeline(Run& run) {
         joinByEvidence();
     }
 
-    // The proved clips solved together; a clip more than a frame from that consensus is moved
-    // when two or more clips witness it, and left unproved otherwise.
+    // The proved clips solved together; a clip out of place by that consensus is moved when two or
+    // more clips witness it, and left unproved otherwise.
     std::vector<bool> inProved(n, false);
     for (int i = 0; i < n; ++i) inProved[i] = proved[group[i]];
     std::vector<Measurement> among;
@@ -304,7 +305,7 @@ void checkTimeline(Run& run) {
             continue;
         }
         const std::string witness = clipOf(bestWitness[i]).url.baseName();
-        if (std::abs(shift[i]) > kFrame) {
+        if (std::abs(shift[i]) > kMeasureTolerance) {
             if (static_cast<int>(witnesses[i].size()) < kLeastWitnesses) {
                 demote(clip, fmt::sprintf("the sound of '%s' puts it %+.2f s away — check by ear", witness, shift[i]));
                 continue;
