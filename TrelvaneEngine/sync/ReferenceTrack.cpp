@@ -19,6 +19,8 @@ constexpr double kCalibrationFloor = 0.15;
 constexpr double kCalibrationCeiling = 60.0;
 constexpr double kCalibrationAgreement = 0.08; // seconds: two feature frames
 constexpr std::size_t kCalibrationVotes = 2;
+constexpr double kSiblingSlack = 0.5;  // seconds a strong channel peak may lie from its leader
+constexpr double kSiblingExact = 0.08; // two feature frames: where a weak one must lie
 
 // Votes of a clip's three windows searched in `spans`: each a position of the clip's start.
 std::vector<Vote> windowVotes(const ClipItem& clip, std::span<const Span> spans, int* tried) {
@@ -287,13 +289,16 @@ bool siblingVerified(Run& run, int si, int leader) {
     // Both files start together, so the two clips are measured as the timeline would hold them:
     // the middle of the take scored against a minute either side, not against the few lags next to
     // where a channel would sit, where the true peak's own shoulders are most of what there is and
-    // a real channel pair scored barely above noise. Its place is then held to half a second.
+    // a real channel pair scored barely above noise. A lav and a boom hear one scene quite
+    // differently, so a peak from the weak floor counts where a channel must sit, to the frame: of
+    // some 3,000 lags, unrelated sound tops there by chance once in hundreds, and rarely that high.
     const auto found = measureOverlap(*theirs, 0.0, *mine, 0.0);
     // Too short a take to measure says nothing either way; the grouping stands.
     if (!found) return true;
     const float score = found->score;
     const double offset = -found->pos;
-    if (score >= kStrongScore && std::abs(offset) < 0.5) return true;
+    if (score >= kStrongScore && std::abs(offset) < kSiblingSlack) return true;
+    if (score >= kWeakFloor && std::abs(offset) <= kSiblingExact) return true;
     EngineLog::logf("[SyncEngine]  '%s' looked like a channel of '%s' but its audio does not agree (score %.1f, offset "
                     "%+.2fs) — matching it as its own track",
                     run.tracks[si].name, run.tracks[leader].name, score, offset);
