@@ -49,20 +49,30 @@ int rootOf(std::vector<int>& parent, int i) {
     return i;
 }
 
-// Connected groups of nodes by the measurements, each sorted, in order of their first node.
-std::vector<std::vector<int>> componentsOf(int n, const std::vector<Measurement>& ms) {
+// Nodes joined by the given measurements: each node's group, groups numbered by their first node.
+std::vector<int> groupsBy(int n, const std::vector<Measurement>& ms) {
     std::vector<int> parent(n);
     std::iota(parent.begin(), parent.end(), 0);
     for (const auto& m : ms)
         parent[rootOf(parent, m.to)] = rootOf(parent, m.from);
-    std::map<int, std::vector<int>> byRoot;
+    std::vector<int> group(n, -1);
+    std::map<int, int> number;
+    for (int i = 0; i < n; ++i) {
+        const int root = rootOf(parent, i);
+        if (!number.count(root)) number[root] = static_cast<int>(number.size());
+        group[i] = number[root];
+    }
+    return group;
+}
+
+// The groups of two or more nodes that the measurements join, in order of their first node.
+std::vector<std::vector<int>> componentsOf(int n, const std::vector<Measurement>& ms) {
+    const auto group = groupsBy(n, ms);
+    std::vector<std::vector<int>> all(n == 0 ? 0 : *std::max_element(group.begin(), group.end()) + 1);
     for (int i = 0; i < n; ++i)
-        byRoot[rootOf(parent, i)].push_back(i);
-    std::vector<std::vector<int>> out;
-    for (auto& [_, members] : byRoot)
-        if (members.size() >= 2) out.push_back(std::move(members));
-    std::sort(out.begin(), out.end());
-    return out;
+        all[group[i]].push_back(i);
+    std::erase_if(all, [](const std::vector<int>& members) { return members.size() < 2; });
+    return all;
 }
 
 // The measurements among a group's members, renumbered by their place in `members`.
@@ -99,23 +109,6 @@ std::vector<Measurement> consistent(int n, std::vector<Measurement> ms, const Ru
         }
     }
     return ms;
-}
-
-
-// Nodes joined by the given measurements: each node's group, groups numbered by their first node.
-std::vector<int> groupsBy(int n, const std::vector<Measurement>& ms) {
-    std::vector<int> parent(n);
-    std::iota(parent.begin(), parent.end(), 0);
-    for (const auto& m : ms)
-        parent[rootOf(parent, m.to)] = rootOf(parent, m.from);
-    std::vector<int> group(n, -1);
-    std::map<int, int> number;
-    for (int i = 0; i < n; ++i) {
-        const int root = rootOf(parent, i);
-        if (!number.count(root)) number[root] = static_cast<int>(number.size());
-        group[i] = number[root];
-    }
-    return group;
 }
 
 } // namespace
