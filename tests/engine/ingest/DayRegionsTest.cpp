@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <optional>
 #include <string>
@@ -362,4 +363,60 @@ TEST_F(DayRegions, ApplyingAgainGivesTheSameResult) {
         EXPECT_EQ(once[i].dayRegion, twice[i].dayRegion);
         EXPECT_EQ(regionsOf(once[i]), regionsOf(twice[i]));
     }
+}
+
+namespace {
+
+// The region key each clip was proposed into, by clip id; "-" for a clip of no proposal.
+std::string proposedRegion(const std::vector<DayRegionProposal>& proposals, const ClipItem& clip) {
+    for (const auto& p : proposals)
+        if (std::find(p.clipIDs.begin(), p.clipIDs.end(), clip.id) != p.clipIDs.end()) return p.regionKey;
+    return "-";
+}
+
+} // namespace
+
+TEST_F(DayRegions, ARecorderThatWorkedOnTwoDaysSplitsBetweenThem) {
+    LogCapture log;
+    // RecA recorded both days, RecB only the first.
+    const std::vector<TrackSource> tracks{camera("Cam", {0.1, 0.4, 29.6, 29.8}),
+                                          recorder("RecA", {0.0, 0.3, std::nullopt, 29.5, 29.7}, 600),
+                                          recorder("RecB", {0.05, 0.35}, 600)};
+    const auto proposals = IngestEngine::detectDayRegions(tracks);
+    ASSERT_EQ(proposals.size(), 2u);
+    EXPECT_EQ(proposals[0].trackNames, (std::vector<std::string>{"Cam (2 of 4)", "RecA (3 of 5)", "RecB"}));
+    EXPECT_EQ(proposals[1].trackNames, (std::vector<std::string>{"Cam (2 of 4)", "RecA (2 of 5)"}));
+    // The undated clip lies between clips of the first day in file order: it is the first day's.
+    EXPECT_EQ(proposedRegion(proposals, tracks[1].clips[2]), "day-0");
+    EXPECT_EQ(proposals[1].startDate, hours(29.5));
+}
+
+TEST_F(DayRegions, ADayThatOneClockAloneClaimsAWeekAwayIsAWrongClock) {
+    LogCapture log;
+    // Nothing else recorded a month later, and the recorders disagree by more than a week: no day
+    // can be trusted.
+    EXPECT_TRUE(IngestEngine::detectDayRegions(
+                    {recorder("RecA", {0.0, 1.0}, 1800), recorder("RecB", {30 * 24.0}, 1800)})
+                    .empty());
+    EXPECT_TRUE(
+        log.contains("[Ingest] day-region: 2 audio device(s) have outlier clocks (>1 day from the group) — "
+                     "not trusting them to split days"));
+    EXPECT_EQ(log.countStartingWith("[Ingest] day-region: device clocks for 'Shoot' don't cohere"), 1);
+
+    // A recorder whose clock fell back to a wrong year part-way is wrong for those clips only; its
+    // two channel files are one device. The days of a week apart that several clocks agree on stand.
+    LogCapture reset;
+    auto left = recorder("Mix L", {0.0, 0.5, -20.0 * 365 * 24, 7 * 24.0}, 600);
+    auto right = recorder("Mix R", {0.0, 0.5, -20.0 * 365 * 24, 7 * 24.0}, 600);
+    right.siblingOf = left.id;
+    const std::vector<TrackSource> tracks{camera("Cam", {0.1, 7 * 24.1}), left, right,
+                                          recorder("RecB", {0.2, 7 * 24 + 0.2}, 600)};
+    const auto proposals = IngestEngine::detectDayRegions(tracks);
+    EXPECT_TRUE(
+        reset.contains("[Ingest] day-region: 1 audio device(s) have outlier clocks (>1 day from the group) — "
+                       "not trusting them to split days"));
+    ASSERT_EQ(proposals.size(), 2u);
+    EXPECT_EQ(proposedRegion(proposals, tracks[1].clips[2]), "day-0");
+    EXPECT_EQ(proposedRegion(proposals, tracks[1].clips[3]), "day-1");
+    EXPECT_EQ(proposals[0].startDate, hours(0));
 }
