@@ -419,27 +419,32 @@ std::vector<DayRegionProposal> detectFromClocks(const std::vector<TrackSource>& 
     const bool behindFirst =
         regions.size() >= 2 && seconds(regions.back().median) < seconds(anchor) - kOrderMargin;
 
+    // Cameras, and recorders whose clocks didn't decide, follow clip by clip. A date of any kind
+    // places a clip in the day it fits, file dates too: a file date is off by minutes or by a time
+    // zone, while the days it must tell apart lie hours apart. Where several days fit, the
+    // nearest one takes the clip, so that a clip late on a long day stays with it.
     for (const int si : indices) {
         const auto& t = track(si);
-        if (t.type != SourceType::video || done.contains(si)) continue;
+        if (deciding.contains(si) || done.contains(si)) continue;
+        const bool video = t.type == SourceType::video;
+        const bool fileDates = fileDatesBelievable(t);
         auto& assigned = regionOf[si];
         double onFirst = 0;
         for (std::size_t ci = 0; ci < t.clips.size(); ++ci) {
             const auto& clip = t.clips[ci];
             const double dur = usableDuration(clip.duration);
             int region = -1;
-            if (clip.recordingDate && trusted(clip.clockQuality)) {
-                const double date = seconds(*clip.recordingDate);
+            if (clip.recordingDate && clip.clockQuality != ClockQuality::none &&
+                (trusted(clip.clockQuality) || fileDates)) {
+                double nearest = std::numeric_limits<double>::infinity();
                 for (int r = 0; r <= lastRegion; ++r) {
                     const auto& reg = regions[static_cast<std::size_t>(r)];
-                    if (r > 0 && seconds(reg.median) < date - kOrderMargin) continue;
-                    if (fitsDay(*clip.recordingDate, dur, reg.start, reg.end)) {
-                        region = r;
-                        break;
-                    }
+                    const double d = distanceTo(*clip.recordingDate, dur, reg.start, reg.end);
+                    if (fitsDay(*clip.recordingDate, dur, reg.start, reg.end) && d < nearest)
+                        nearest = d, region = r;
                 }
             }
-            if (region < 0) {
+            if (region < 0 && video) {
                 const bool first = ci == 0;
                 if (!behindFirst)
                     region = (first || onFirst < kDurationRatio * regions.front().totalDur) ? 0 : lastRegion;
@@ -449,6 +454,7 @@ std::vector<DayRegionProposal> detectFromClocks(const std::vector<TrackSource>& 
             if (region == 0) onFirst += dur;
             assigned[ci] = region;
         }
+        if (!video) continue;
         std::map<int, int> counts;
         for (const int r : assigned)
             ++counts[r];
