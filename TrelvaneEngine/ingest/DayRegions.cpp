@@ -204,18 +204,45 @@ bool fitsDay(Date date, double duration, Date start, Date end) {
     return distanceTo(date, duration, start, end) <= kClusterMargin + kClipMargin;
 }
 
-// Whether the file dates of a track can be recording times. One device records one clip at a time:
-// where a clip would begin before the one ahead of it has run half its length, the dates are
-// those of a copy, not of the shoot.
-bool fileDatesBelievable(const TrackSource& t) {
-    std::vector<Dated> dated;
-    for (const auto& c : t.clips)
-        if (c.recordingDate && c.clockQuality != ClockQuality::none && !trusted(c.clockQuality))
-            dated.push_back({*c.recordingDate, usableDuration(c.duration), c.clockQuality});
-    std::sort(dated.begin(), dated.end(), [](const Dated& a, const Dated& b) { return a.date < b.date; });
-    for (std::size_t i = 1; i < dated.size(); ++i)
-        if (seconds(dated[i].date) < seconds(dated[i - 1].date) + dated[i - 1].duration / 2) return false;
-    return true;
+// Which clips of a track may be placed by their dates. One device records one clip at a time:
+// where by their file dates a clip would begin before the one ahead of it has run half its
+// length, those two dates are of a copy or a later edit, not of the shoot.
+std::vector<bool> datesToUse(const TrackSource& t) {
+    std::vector<bool> use(t.clips.size(), false);
+    std::vector<std::size_t> fileDated;
+    for (std::size_t ci = 0; ci < t.clips.size(); ++ci) {
+        const auto& c = t.clips[ci];
+        if (!c.recordingDate || c.clockQuality == ClockQuality::none) continue;
+        use[ci] = true;
+        if (!trusted(c.clockQuality)) fileDated.push_back(ci);
+    }
+    std::stable_sort(fileDated.begin(), fileDated.end(), [&](std::size_t a, std::size_t b) {
+        return *t.clips[a].recordingDate < *t.clips[b].recordingDate;
+    });
+    for (std::size_t i = 1; i < fileDated.size(); ++i) {
+        const auto& before = t.clips[fileDated[i - 1]];
+        if (seconds(*t.clips[fileDated[i]].recordingDate) <
+            seconds(*before.recordingDate) + usableDuration(before.duration) / 2)
+            use[fileDated[i - 1]] = use[fileDated[i]] = false;
+    }
+    return use;
+}
+
+// Clips without a region of their own were recorded between their neighbours in file order: they
+// take the region of the clip before them, the first ones that of the clip after them.
+void fillFromNeighbours(std::vector<int>& assigned) {
+    int last = -1;
+    for (int& r : assigned)
+        if (r >= 0)
+            last = r;
+        else
+            r = last;
+    int next = -1;
+    for (auto it = assigned.rbegin(); it != assigned.rend(); ++it)
+        if (*it >= 0)
+            next = *it;
+        else
+            *it = next;
 }
 
 // Clock-based proposals for one session; logs its doubts and returns nothing where it has them.
@@ -244,11 +271,12 @@ std::vector<DayRegionProposal> detectFromClocks(const std::vector<TrackSource>& 
     for (const int si : indices) {
         const auto& t = track(si);
         if (deciding.contains(si)) continue;
-        const bool fileDates = fileDatesBelievable(t);
-        for (const auto& c : t.clips)
-            if (c.recordingDate && c.clockQuality != ClockQuality::none &&
-                (trusted(c.clockQuality) || fileDates))
+        const auto use = datesToUse(t);
+        for (std::size_t ci = 0; ci < t.clips.size(); ++ci)
+            if (use[ci]) {
+                const auto& c = t.clips[ci];
                 witnesses.push_back({*c.recordingDate, usableDuration(c.duration), c.clockQuality});
+            }
     }
 
     // Wrong clocks. Measuring every recorder against the median of all of them would throw out a
@@ -331,24 +359,9 @@ std::vector<DayRegionProposal> detectFromClocks(const std::vector<TrackSource>& 
         for (const auto a : clusters[k])
             for (const auto ci : runs[a].clips)
                 regionOf[runs[a].si][ci] = static_cast<int>(k);
-    // A deciding recorder's clips without a usable date were recorded between their neighbours
-    // in file order: they take the day of the clip before them, the first ones that of the clip
-    // after them. A recorder whose every date was wrong keeps none and goes with the main day.
-    for (const int si : deciding) {
-        auto& assigned = regionOf[si];
-        int last = -1;
-        for (int& r : assigned)
-            if (r >= 0)
-                last = r;
-            else
-                r = last;
-        int next = -1;
-        for (auto it = assigned.rbegin(); it != assigned.rend(); ++it)
-            if (*it >= 0)
-                next = *it;
-            else
-                *it = next;
-    }
+    // A recorder whose every date was wrong keeps none and goes with the main day.
+    for (const int si : deciding)
+        fillFromNeighbours(regionOf[si]);
 
     struct Region {
         Date start;
@@ -397,7 +410,33 @@ std::vector<DayRegionProposal> detectFromClocks(const std::vector<TrackSource>& 
             if (r >= 0) r = regionOfCluster[static_cast<std::size_t>(r)];
     const int lastRegion = static_cast<int>(regions.size()) - 1;
 
-    // The cards of one accepted camera group were shot one after another: one card per day.
+    // Where each clip of a track falls by its own date, -1 where it has no date that fits a day. A
+    // date of any kind will do, file dates too: a file date is off by minutes or by a time zone,
+    // while the days it must tell apart lie hours apart. Where several days fit, the nearest one
+    // takes the clip, so that a clip late on a long day stays with it.
+    auto byOwnDates = [&](const TrackSource& t) {
+        const auto use = datesToUse(t);
+        std::vector<int> out(t.clips.size(), -1);
+        for (std::size_t ci = 0; ci < t.clips.size(); ++ci) {
+            if (!use[ci]) continue;
+            const auto& clip = t.clips[ci];
+            const double dur = usableDuration(clip.duration);
+            double nearest = std::numeric_limits<double>::infinity();
+            for (int r = 0; r <= lastRegion; ++r) {
+                const auto& reg = regions[static_cast<std::size_t>(r)];
+                const double d = distanceTo(*clip.recordingDate, dur, reg.start, reg.end);
+                if (fitsDay(*clip.recordingDate, dur, reg.start, reg.end) && d < nearest)
+                    nearest = d, out[ci] = r;
+            }
+        }
+        return out;
+    };
+    auto placedByDate = [](const std::vector<int>& r) {
+        return std::any_of(r.begin(), r.end(), [](int x) { return x >= 0; });
+    };
+
+    // The cards of one accepted camera group were shot one after another: one card per day. A card
+    // whose clips carry dates that fit the days needs no such guess and follows its dates below.
     std::set<int> done;
     std::map<std::string, std::vector<int>> groups;
     for (const int si : indices)
@@ -407,6 +446,7 @@ std::vector<DayRegionProposal> detectFromClocks(const std::vector<TrackSource>& 
         const auto inOrder = IngestEngine::tracksInClipOrder(sources, members);
         for (std::size_t i = 0; i < inOrder.size() && static_cast<int>(i) <= lastRegion; ++i) {
             const int si = inOrder[i];
+            if (placedByDate(byOwnDates(track(si)))) continue;
             std::fill(regionOf[si].begin(), regionOf[si].end(), static_cast<int>(i));
             done.insert(si);
             EngineLog::logf("[Ingest] day-region video '%s' → day-%d (group order %d/%d)", track(si).name,
@@ -419,42 +459,28 @@ std::vector<DayRegionProposal> detectFromClocks(const std::vector<TrackSource>& 
     const bool behindFirst =
         regions.size() >= 2 && seconds(regions.back().median) < seconds(anchor) - kOrderMargin;
 
-    // Cameras, and recorders whose clocks didn't decide, follow clip by clip. A date of any kind
-    // places a clip in the day it fits, file dates too: a file date is off by minutes or by a time
-    // zone, while the days it must tell apart lie hours apart. Where several days fit, the
-    // nearest one takes the clip, so that a clip late on a long day stays with it.
+    // Cameras, and recorders whose clocks didn't decide, follow their own dates, and their clips
+    // without one their neighbours'. A camera with no date that fits any day is placed by length.
     for (const int si : indices) {
         const auto& t = track(si);
         if (deciding.contains(si) || done.contains(si)) continue;
-        const bool video = t.type == SourceType::video;
-        const bool fileDates = fileDatesBelievable(t);
         auto& assigned = regionOf[si];
-        double onFirst = 0;
-        for (std::size_t ci = 0; ci < t.clips.size(); ++ci) {
-            const auto& clip = t.clips[ci];
-            const double dur = usableDuration(clip.duration);
-            int region = -1;
-            if (clip.recordingDate && clip.clockQuality != ClockQuality::none &&
-                (trusted(clip.clockQuality) || fileDates)) {
-                double nearest = std::numeric_limits<double>::infinity();
-                for (int r = 0; r <= lastRegion; ++r) {
-                    const auto& reg = regions[static_cast<std::size_t>(r)];
-                    const double d = distanceTo(*clip.recordingDate, dur, reg.start, reg.end);
-                    if (fitsDay(*clip.recordingDate, dur, reg.start, reg.end) && d < nearest)
-                        nearest = d, region = r;
-                }
-            }
-            if (region < 0 && video) {
+        assigned = byOwnDates(t);
+        if (placedByDate(assigned)) {
+            fillFromNeighbours(assigned);
+        } else if (t.type == SourceType::video) {
+            double onFirst = 0;
+            for (std::size_t ci = 0; ci < t.clips.size(); ++ci) {
                 const bool first = ci == 0;
                 if (!behindFirst)
-                    region = (first || onFirst < kDurationRatio * regions.front().totalDur) ? 0 : lastRegion;
+                    assigned[ci] =
+                        (first || onFirst < kDurationRatio * regions.front().totalDur) ? 0 : lastRegion;
                 else
-                    region = first ? 0 : lastRegion;
+                    assigned[ci] = first ? 0 : lastRegion;
+                if (assigned[ci] == 0) onFirst += usableDuration(t.clips[ci].duration);
             }
-            if (region == 0) onFirst += dur;
-            assigned[ci] = region;
         }
-        if (!video) continue;
+        if (t.type != SourceType::video) continue;
         std::map<int, int> counts;
         for (const int r : assigned)
             ++counts[r];

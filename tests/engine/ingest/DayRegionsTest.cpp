@@ -461,3 +461,29 @@ TEST_F(DayRegions, FileDatesOfACopyDontPlaceCameraClips) {
                                         recorder("RecA", {0.0}, 1000), recorder("RecB", {23.0}, 500)});
     EXPECT_TRUE(log.contains("[Ingest] day-region camera 'Cam' → day-0:3"));
 }
+
+TEST_F(DayRegions, CardsWithDatesFollowThemAndUndatedClipsTheirNeighbours) {
+    LogCapture log;
+    // One camera over four cards, two cards a day, file dates only. The last clips of the second
+    // and fourth cards were rewritten together later (their dates overlap): they go with the
+    // clips before them.
+    auto card1 = camera("Card1", {0.1, 0.2}, 300, ClockQuality::filesystem);
+    auto card2 = camera("Card2", {0.3, 5000.0, 5000.001}, 300, ClockQuality::filesystem);
+    auto card3 = camera("Card3", {29.6, 29.7}, 300, ClockQuality::filesystem);
+    auto card4 = camera("Card4", {29.8, 5000.0, 5000.001}, 300, ClockQuality::filesystem);
+    for (auto* card : {&card1, &card2, &card3, &card4})
+        card->cameraGroup = "cam-0";
+    const std::vector<TrackSource> tracks{card1,
+                                          card2,
+                                          card3,
+                                          card4,
+                                          recorder("RecA", {0.0, 29.5}, 1800),
+                                          recorder("RecB", {0.05, 29.55}, 1800)};
+    const auto proposals = IngestEngine::detectDayRegions(tracks);
+    ASSERT_EQ(proposals.size(), 2u);
+    EXPECT_EQ(log.countStartingWith("[Ingest] day-region video "), 0);
+    EXPECT_EQ(proposals[0].trackNames,
+              (std::vector<std::string>{"Card1", "Card2", "RecA (1 of 2)", "RecB (1 of 2)"}));
+    EXPECT_EQ(proposals[1].trackNames,
+              (std::vector<std::string>{"Card3", "Card4", "RecA (1 of 2)", "RecB (1 of 2)"}));
+}
