@@ -28,6 +28,9 @@ constexpr double kOutlierLimit = 86400;  // a clock further than a day from its 
 constexpr double kClusterMargin = 10800; // recordings closer than three hours are one day
 constexpr double kOrderMargin = 7200;
 constexpr double kClipMargin = 900;
+// A week: a day of one shoot that only one recorder's clock speaks for is believed up to this far
+// from the others' days.
+constexpr double kPlausiblePause = 604800;
 // How far past the first region's audio length undated camera clips may run before the rest is
 // taken to belong to the last region.
 constexpr double kDurationRatio = 1.05;
@@ -84,6 +87,19 @@ std::pair<Date, Date> spanOf(const std::vector<Dated>& dated) {
     return {start, plus(latest->date, latest->duration)};
 }
 
+// The clips whose dates speak for a track's clock: those with a trusted clock, else those with
+// any clock.
+std::vector<std::size_t> clockedClips(const TrackSource& t) {
+    std::vector<std::size_t> used;
+    for (std::size_t ci = 0; ci < t.clips.size(); ++ci)
+        if (t.clips[ci].recordingDate && trusted(t.clips[ci].clockQuality)) used.push_back(ci);
+    if (used.empty())
+        for (std::size_t ci = 0; ci < t.clips.size(); ++ci)
+            if (t.clips[ci].recordingDate && t.clips[ci].clockQuality != ClockQuality::none)
+                used.push_back(ci);
+    return used;
+}
+
 struct UnionFind {
     std::vector<std::size_t> parent;
     explicit UnionFind(std::size_t n) : parent(n) { std::iota(parent.begin(), parent.end(), std::size_t{0}); }
@@ -123,120 +139,304 @@ void fillDates(DayRegionProposal& p, std::vector<Dated> dated) {
     }
 }
 
-// Clock-based proposals for one session; logs its doubts and returns nothing where it has them.
-std::vector<DayRegionProposal> detectFromClocks(const std::vector<TrackSource>& sources,
-                                                const std::string& session, const std::vector<int>& indices) {
-    using Span = IngestEngine::TrackClockSpan;
-    const auto& track = [&](int si) -> const TrackSource& { return sources[static_cast<std::size_t>(si)]; };
+// The span of a group of recordings on one clock.
+struct ClockRun {
+    int si = 0;
+    std::vector<std::size_t> clips; // indices into the track, by date
+    Date start;
+    Date end; // where the last of them ends
+    Date median;
+    ClockQuality quality = ClockQuality::none;
+};
 
-    // Audio recorders carry the clocks that decide; cameras follow.
-    std::vector<Span> spans;
-    int audioTracks = 0;
-    for (const int si : indices) {
-        if (track(si).type != SourceType::audio) continue;
-        ++audioTracks;
-        if (auto s = IngestEngine::trackClockSpan(track(si), si)) spans.push_back(*s);
+bool withinMargin(const ClockRun& a, const ClockRun& b) {
+    return seconds(a.start) - kClusterMargin <= seconds(b.end) &&
+           seconds(b.start) <= seconds(a.end) + kClusterMargin;
+}
+
+// A track's clocked clips cut wherever its own clock pauses for longer than the margin that joins
+// recordings into one day. A recorder that worked on two days is two runs, not one span over both:
+// as one span it would join the days together.
+std::vector<ClockRun> clockRuns(const TrackSource& t, int si) {
+    auto used = clockedClips(t);
+    std::stable_sort(used.begin(), used.end(), [&](std::size_t a, std::size_t b) {
+        return *t.clips[a].recordingDate < *t.clips[b].recordingDate;
+    });
+    std::vector<ClockRun> runs;
+    for (const auto ci : used) {
+        const auto& clip = t.clips[ci];
+        const Date end = plus(*clip.recordingDate, usableDuration(clip.duration));
+        if (runs.empty() || seconds(*clip.recordingDate) - seconds(runs.back().end) > kClusterMargin)
+            runs.push_back({si, {}, *clip.recordingDate, end, *clip.recordingDate, clip.clockQuality});
+        auto& run = runs.back();
+        run.clips.push_back(ci);
+        run.end = std::max(run.end, end);
+        run.quality = std::max(run.quality, clip.clockQuality);
     }
+    for (auto& run : runs)
+        run.median = *t.clips[run.clips[run.clips.size() / 2]].recordingDate;
+    return runs;
+}
 
-    if (spans.size() >= 2) {
-        std::vector<Date> medians;
-        for (const auto& s : spans)
-            medians.push_back(s.median);
-        std::sort(medians.begin(), medians.end());
-        const double groupMedian = seconds(medians[medians.size() / 2]);
-        const auto before = spans.size();
-        std::erase_if(
-            spans, [&](const Span& s) { return std::abs(seconds(s.median) - groupMedian) > kOutlierLimit; });
-        if (const auto dropped = before - spans.size(); dropped > 0)
-            EngineLog::logf(
-                "[Ingest] day-region: %d audio device(s) have outlier clocks (>1 day from the group) — "
-                "not trusting them to split days",
-                static_cast<int>(dropped));
-    }
-
-    std::erase_if(spans, [](const Span& s) { return !trusted(s.quality); });
-    if (spans.size() < 2) {
-        if (audioTracks >= 2)
-            EngineLog::logf(
-                "[Ingest] day-region: device clocks for '%s' don't cohere within one day — treating as "
-                "a single day (audio-content sync)",
-                lastComponent(session));
-        return {};
-    }
-
-    // Recordings within the margin of each other are one day, and chains of them too.
-    UnionFind uf(spans.size());
-    for (std::size_t a = 0; a < spans.size(); ++a)
-        for (std::size_t b = a + 1; b < spans.size(); ++b)
-            if (seconds(spans[a].start) - kClusterMargin <= seconds(spans[b].end) &&
-                seconds(spans[b].start) <= seconds(spans[a].end) + kClusterMargin)
-                uf.unite(a, b);
+// Runs within the margin of each other are one day, and chains of them too; clusters in the order
+// of their first run.
+std::vector<std::vector<std::size_t>> clustersOf(const std::vector<ClockRun>& runs) {
+    UnionFind uf(runs.size());
+    for (std::size_t a = 0; a < runs.size(); ++a)
+        for (std::size_t b = a + 1; b < runs.size(); ++b)
+            if (withinMargin(runs[a], runs[b])) uf.unite(a, b);
     std::vector<std::vector<std::size_t>> clusters;
     std::map<std::size_t, std::size_t> clusterOfRoot;
-    for (std::size_t a = 0; a < spans.size(); ++a) {
+    for (std::size_t a = 0; a < runs.size(); ++a) {
         const auto [it, inserted] = clusterOfRoot.try_emplace(uf.find(a), clusters.size());
         if (inserted) clusters.emplace_back();
         clusters[it->second].push_back(a);
     }
+    return clusters;
+}
+
+// How far a recording of `duration` seconds from `date` lies outside [start, end]; 0 inside.
+double distanceTo(Date date, double duration, Date start, Date end) {
+    return std::max({0.0, seconds(start) - (seconds(date) + duration), seconds(date) - seconds(end)});
+}
+
+bool fitsDay(Date date, double duration, Date start, Date end) {
+    return distanceTo(date, duration, start, end) <= kClusterMargin + kClipMargin;
+}
+
+// Which clips of a track may be placed by their dates. One device records one clip at a time:
+// where by their file dates a clip would begin before the one ahead of it has run half its
+// length, those two dates are of a copy or a later edit, not of the shoot.
+std::vector<bool> datesToUse(const TrackSource& t) {
+    std::vector<bool> use(t.clips.size(), false);
+    std::vector<std::size_t> fileDated;
+    for (std::size_t ci = 0; ci < t.clips.size(); ++ci) {
+        const auto& c = t.clips[ci];
+        if (!c.recordingDate || c.clockQuality == ClockQuality::none) continue;
+        use[ci] = true;
+        if (!trusted(c.clockQuality)) fileDated.push_back(ci);
+    }
+    std::stable_sort(fileDated.begin(), fileDated.end(), [&](std::size_t a, std::size_t b) {
+        return *t.clips[a].recordingDate < *t.clips[b].recordingDate;
+    });
+    for (std::size_t i = 1; i < fileDated.size(); ++i) {
+        const auto& before = t.clips[fileDated[i - 1]];
+        if (seconds(*t.clips[fileDated[i]].recordingDate) <
+            seconds(*before.recordingDate) + usableDuration(before.duration) / 2)
+            use[fileDated[i - 1]] = use[fileDated[i]] = false;
+    }
+    return use;
+}
+
+// Clips without a region of their own were recorded between their neighbours in file order: they
+// take the region of the clip before them, the first ones that of the clip after them.
+void fillFromNeighbours(std::vector<int>& assigned) {
+    int last = -1;
+    for (int& r : assigned)
+        if (r >= 0)
+            last = r;
+        else
+            r = last;
+    int next = -1;
+    for (auto it = assigned.rbegin(); it != assigned.rend(); ++it)
+        if (*it >= 0)
+            next = *it;
+        else
+            *it = next;
+}
+
+// Clock-based proposals for one session; logs its doubts and returns nothing where it has them.
+std::vector<DayRegionProposal> detectFromClocks(const std::vector<TrackSource>& sources,
+                                                const std::string& session, const std::vector<int>& indices) {
+    const auto& track = [&](int si) -> const TrackSource& { return sources[static_cast<std::size_t>(si)]; };
+
+    // Audio recorders with trusted clocks decide; cameras and the other recorders follow.
+    std::vector<ClockRun> runs;
+    std::set<int> deciding;
+    int audioTracks = 0;
+    for (const int si : indices) {
+        if (track(si).type != SourceType::audio) continue;
+        ++audioTracks;
+        for (auto& run : clockRuns(track(si), si)) {
+            if (!trusted(run.quality)) continue;
+            deciding.insert(si);
+            runs.push_back(std::move(run));
+        }
+    }
+    // One recorder has no second clock to check its own against.
+    if (audioTracks < 2) return {};
+
+    // The clips that may back a day: those of every track that doesn't decide, by any clock.
+    std::vector<Dated> witnesses;
+    for (const int si : indices) {
+        const auto& t = track(si);
+        if (deciding.contains(si)) continue;
+        const auto use = datesToUse(t);
+        for (std::size_t ci = 0; ci < t.clips.size(); ++ci)
+            if (use[ci]) {
+                const auto& c = t.clips[ci];
+                witnesses.push_back({*c.recordingDate, usableDuration(c.duration), c.clockQuality});
+            }
+    }
+
+    // Wrong clocks. Measuring every recorder against the median of all of them would throw out a
+    // real second day as soon as it lies more than a day away, so the days are found first and
+    // only a day that one recorder alone speaks for is in doubt: no second recorder there, and no
+    // camera or other recorder whose dates fit it. Such a day stands while it lies within a week
+    // of another device's day; further than that it is a clock set to a wrong date (a wrong year,
+    // a battery reset), which is how wrong clocks lie, since days of one shoot are not that far
+    // apart with nothing else recording.
+    {
+        const auto clusters = clustersOf(runs);
+        std::vector<Date> starts, ends;
+        // The channel files of one recorder are one device: they share one clock.
+        auto deviceOf = [&](int si) { return track(si).siblingOf.value_or(track(si).id); };
+        std::vector<std::set<Uuid>> devices;
+        for (const auto& c : clusters) {
+            starts.push_back(runs[c.front()].start);
+            ends.push_back(runs[c.front()].end);
+            devices.emplace_back();
+            for (const auto a : c) {
+                starts.back() = std::min(starts.back(), runs[a].start);
+                ends.back() = std::max(ends.back(), runs[a].end);
+                devices.back().insert(deviceOf(runs[a].si));
+            }
+        }
+        std::set<std::size_t> doubtful;
+        for (std::size_t k = 0; k < clusters.size(); ++k) {
+            if (devices[k].size() > 1) continue;
+            if (std::any_of(witnesses.begin(), witnesses.end(),
+                            [&](const Dated& w) { return fitsDay(w.date, w.duration, starts[k], ends[k]); }))
+                continue;
+            // Where no other device has a trusted clock, the device's own days are all there is.
+            const Uuid device = *devices[k].begin();
+            const bool othersExist =
+                std::any_of(devices.begin(), devices.end(),
+                            [&](const std::set<Uuid>& d) { return d.size() > 1 || *d.begin() != device; });
+            double nearest = std::numeric_limits<double>::infinity();
+            for (std::size_t j = 0; j < clusters.size(); ++j) {
+                if (j == k || (othersExist && devices[j].size() == 1 && *devices[j].begin() == device))
+                    continue;
+                nearest = std::min(nearest, std::max({0.0, seconds(starts[j]) - seconds(ends[k]),
+                                                      seconds(starts[k]) - seconds(ends[j])}));
+            }
+            if (nearest > kPlausiblePause) doubtful.insert(k);
+        }
+        std::vector<bool> dropped(runs.size(), false);
+        std::set<Uuid> droppedDevices;
+        for (const auto k : doubtful)
+            for (const auto a : clusters[k]) {
+                dropped[a] = true;
+                droppedDevices.insert(deviceOf(runs[a].si));
+            }
+        if (!droppedDevices.empty())
+            EngineLog::logf(
+                "[Ingest] day-region: %d audio device(s) have outlier clocks (>1 day from the group) — "
+                "not trusting them to split days",
+                static_cast<int>(droppedDevices.size()));
+        std::vector<ClockRun> kept;
+        for (std::size_t a = 0; a < runs.size(); ++a)
+            if (!dropped[a]) kept.push_back(std::move(runs[a]));
+        runs = std::move(kept);
+    }
+
+    if (runs.size() < 2) {
+        EngineLog::logf(
+            "[Ingest] day-region: device clocks for '%s' don't cohere within one day — treating as "
+            "a single day (audio-content sync)",
+            lastComponent(session));
+        return {};
+    }
+    const auto clusters = clustersOf(runs);
     if (clusters.size() < 2) return {};
 
-    // The day with the most audio comes first, then the days after it, then those before it.
-    auto totalDur = [&](const std::vector<std::size_t>& c) {
-        double sum = 0;
-        for (const auto a : c)
-            sum += spans[a].totalDur;
-        return sum;
-    };
-    auto earliest = [&](const std::vector<std::size_t>& c) {
-        Date d = spans[c.front()].start;
-        for (const auto a : c)
-            d = std::min(d, spans[a].start);
-        return d;
-    };
-    std::size_t largest = 0;
-    for (std::size_t k = 1; k < clusters.size(); ++k)
-        if (totalDur(clusters[k]) > totalDur(clusters[largest])) largest = k;
-    const Date anchor = earliest(clusters[largest]);
-    std::vector<std::vector<std::size_t>> ordered{clusters[largest]};
-    std::vector<std::vector<std::size_t>> rest;
-    for (std::size_t k = 0; k < clusters.size(); ++k)
-        if (k != largest) rest.push_back(clusters[k]);
-    auto orderKey = [&](const std::vector<std::size_t>& c) {
-        const Date e = earliest(c);
-        return seconds(e) < seconds(anchor) - kOrderMargin ? std::numeric_limits<double>::infinity()
-                                                           : seconds(e);
-    };
-    std::stable_sort(rest.begin(), rest.end(),
-                     [&](const auto& x, const auto& y) { return orderKey(x) < orderKey(y); });
-    ordered.insert(ordered.end(), rest.begin(), rest.end());
-
-    std::vector<Span> regions;
-    for (const auto& c : ordered) {
-        Span r = spans[c.front()];
-        r.clipCount = 0;
-        r.totalDur = 0;
-        for (const auto a : c) {
-            const auto& s = spans[a];
-            r.start = std::min(r.start, s.start);
-            r.end = std::max(r.end, s.end);
-            r.quality = std::max(r.quality, s.quality);
-            r.median = std::min(r.median, s.median);
-            r.clipCount += s.clipCount;
-            r.totalDur += s.totalDur;
-        }
-        regions.push_back(r);
-    }
-    const int lastRegion = static_cast<int>(regions.size()) - 1;
-
-    // Region of every clip of the session, by track index; -1 while unassigned.
+    // Region of every clip of the session, by track index; -1 while unassigned. For now the
+    // deciding recorders' clips hold their cluster's index.
     std::map<int, std::vector<int>> regionOf;
     for (const int si : indices)
         regionOf[si].assign(track(si).clips.size(), -1);
-    for (std::size_t r = 0; r < ordered.size(); ++r)
-        for (const auto a : ordered[r])
-            std::fill(regionOf[spans[a].si].begin(), regionOf[spans[a].si].end(), static_cast<int>(r));
+    for (std::size_t k = 0; k < clusters.size(); ++k)
+        for (const auto a : clusters[k])
+            for (const auto ci : runs[a].clips)
+                regionOf[runs[a].si][ci] = static_cast<int>(k);
+    // A recorder whose every date was wrong keeps none and goes with the main day.
+    for (const int si : deciding)
+        fillFromNeighbours(regionOf[si]);
 
-    // The cards of one accepted camera group were shot one after another: one card per day.
+    struct Region {
+        Date start;
+        Date end;
+        Date median;
+        double totalDur = 0;
+    };
+    std::vector<Region> byCluster;
+    for (const auto& c : clusters) {
+        Region r{runs[c.front()].start, runs[c.front()].end, runs[c.front()].median, 0};
+        for (const auto a : c) {
+            r.start = std::min(r.start, runs[a].start);
+            r.end = std::max(r.end, runs[a].end);
+            r.median = std::min(r.median, runs[a].median);
+        }
+        byCluster.push_back(r);
+    }
+    for (const int si : deciding)
+        for (std::size_t ci = 0; ci < track(si).clips.size(); ++ci)
+            if (const int k = regionOf[si][ci]; k >= 0)
+                byCluster[static_cast<std::size_t>(k)].totalDur +=
+                    usableDuration(track(si).clips[ci].duration);
+
+    // The day with the most audio comes first, then the days after it, then those before it.
+    std::size_t largest = 0;
+    for (std::size_t k = 1; k < byCluster.size(); ++k)
+        if (byCluster[k].totalDur > byCluster[largest].totalDur) largest = k;
+    const Date anchor = byCluster[largest].start;
+    std::vector<std::size_t> order;
+    for (std::size_t k = 0; k < byCluster.size(); ++k)
+        if (k != largest) order.push_back(k);
+    auto orderKey = [&](std::size_t k) {
+        const double e = seconds(byCluster[k].start);
+        return e < seconds(anchor) - kOrderMargin ? std::numeric_limits<double>::infinity() : e;
+    };
+    std::stable_sort(order.begin(), order.end(), [&](auto x, auto y) { return orderKey(x) < orderKey(y); });
+    order.insert(order.begin(), largest);
+    std::vector<int> regionOfCluster(byCluster.size());
+    std::vector<Region> regions;
+    for (std::size_t r = 0; r < order.size(); ++r) {
+        regionOfCluster[order[r]] = static_cast<int>(r);
+        regions.push_back(byCluster[order[r]]);
+    }
+    for (const int si : deciding)
+        for (int& r : regionOf[si])
+            if (r >= 0) r = regionOfCluster[static_cast<std::size_t>(r)];
+    const int lastRegion = static_cast<int>(regions.size()) - 1;
+
+    // Where each clip of a track falls by its own date, -1 where it has no date that fits a day. A
+    // date of any kind will do, file dates too: a file date is off by minutes or by a time zone,
+    // while the days it must tell apart lie hours apart. Where several days fit, the nearest one
+    // takes the clip, so that a clip late on a long day stays with it.
+    auto byOwnDates = [&](const TrackSource& t) {
+        const auto use = datesToUse(t);
+        std::vector<int> out(t.clips.size(), -1);
+        for (std::size_t ci = 0; ci < t.clips.size(); ++ci) {
+            if (!use[ci]) continue;
+            const auto& clip = t.clips[ci];
+            const double dur = usableDuration(clip.duration);
+            double nearest = std::numeric_limits<double>::infinity();
+            for (int r = 0; r <= lastRegion; ++r) {
+                const auto& reg = regions[static_cast<std::size_t>(r)];
+                const double d = distanceTo(*clip.recordingDate, dur, reg.start, reg.end);
+                if (fitsDay(*clip.recordingDate, dur, reg.start, reg.end) && d < nearest)
+                    nearest = d, out[ci] = r;
+            }
+        }
+        return out;
+    };
+    auto placedByDate = [](const std::vector<int>& r) {
+        return std::any_of(r.begin(), r.end(), [](int x) { return x >= 0; });
+    };
+
+    // The cards of one accepted camera group were shot one after another: one card per day. A card
+    // whose clips carry dates that fit the days needs no such guess and follows its dates below.
     std::set<int> done;
     std::map<std::string, std::vector<int>> groups;
     for (const int si : indices)
@@ -246,6 +446,7 @@ std::vector<DayRegionProposal> detectFromClocks(const std::vector<TrackSource>& 
         const auto inOrder = IngestEngine::tracksInClipOrder(sources, members);
         for (std::size_t i = 0; i < inOrder.size() && static_cast<int>(i) <= lastRegion; ++i) {
             const int si = inOrder[i];
+            if (placedByDate(byOwnDates(track(si)))) continue;
             std::fill(regionOf[si].begin(), regionOf[si].end(), static_cast<int>(i));
             done.insert(si);
             EngineLog::logf("[Ingest] day-region video '%s' → day-%d (group order %d/%d)", track(si).name,
@@ -258,37 +459,28 @@ std::vector<DayRegionProposal> detectFromClocks(const std::vector<TrackSource>& 
     const bool behindFirst =
         regions.size() >= 2 && seconds(regions.back().median) < seconds(anchor) - kOrderMargin;
 
+    // Cameras, and recorders whose clocks didn't decide, follow their own dates, and their clips
+    // without one their neighbours'. A camera with no date that fits any day is placed by length.
     for (const int si : indices) {
         const auto& t = track(si);
-        if (t.type != SourceType::video || done.contains(si)) continue;
+        if (deciding.contains(si) || done.contains(si)) continue;
         auto& assigned = regionOf[si];
-        double onFirst = 0;
-        for (std::size_t ci = 0; ci < t.clips.size(); ++ci) {
-            const auto& clip = t.clips[ci];
-            const double dur = usableDuration(clip.duration);
-            int region = -1;
-            if (clip.recordingDate && trusted(clip.clockQuality)) {
-                const double date = seconds(*clip.recordingDate);
-                for (int r = 0; r <= lastRegion; ++r) {
-                    const auto& reg = regions[static_cast<std::size_t>(r)];
-                    if (r > 0 && seconds(reg.median) < date - kOrderMargin) continue;
-                    if (date - kClipMargin <= seconds(reg.end) + kClusterMargin &&
-                        seconds(reg.start) - kClusterMargin <= date + dur + kClipMargin) {
-                        region = r;
-                        break;
-                    }
-                }
-            }
-            if (region < 0) {
+        assigned = byOwnDates(t);
+        if (placedByDate(assigned)) {
+            fillFromNeighbours(assigned);
+        } else if (t.type == SourceType::video) {
+            double onFirst = 0;
+            for (std::size_t ci = 0; ci < t.clips.size(); ++ci) {
                 const bool first = ci == 0;
                 if (!behindFirst)
-                    region = (first || onFirst < kDurationRatio * regions.front().totalDur) ? 0 : lastRegion;
+                    assigned[ci] =
+                        (first || onFirst < kDurationRatio * regions.front().totalDur) ? 0 : lastRegion;
                 else
-                    region = first ? 0 : lastRegion;
+                    assigned[ci] = first ? 0 : lastRegion;
+                if (assigned[ci] == 0) onFirst += usableDuration(t.clips[ci].duration);
             }
-            if (region == 0) onFirst += dur;
-            assigned[ci] = region;
         }
+        if (t.type != SourceType::video) continue;
         std::map<int, int> counts;
         for (const int r : assigned)
             ++counts[r];
@@ -453,13 +645,10 @@ void assignOrphanTracksToDayRegions(std::vector<TrackSource>& sources,
 std::optional<IngestEngine::TrackClockSpan> IngestEngine::trackClockSpan(const TrackSource& source,
                                                                          int index) {
     std::vector<Dated> used;
-    for (const auto& c : source.clips)
-        if (c.recordingDate && trusted(c.clockQuality))
-            used.push_back({*c.recordingDate, usableDuration(c.duration), c.clockQuality});
-    if (used.empty())
-        for (const auto& c : source.clips)
-            if (c.recordingDate && c.clockQuality != ClockQuality::none)
-                used.push_back({*c.recordingDate, usableDuration(c.duration), c.clockQuality});
+    for (const auto ci : clockedClips(source)) {
+        const auto& c = source.clips[ci];
+        used.push_back({*c.recordingDate, usableDuration(c.duration), c.clockQuality});
+    }
     if (used.empty()) return std::nullopt;
 
     TrackClockSpan span;

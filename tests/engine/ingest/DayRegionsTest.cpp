@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <optional>
 #include <string>
@@ -362,4 +363,127 @@ TEST_F(DayRegions, ApplyingAgainGivesTheSameResult) {
         EXPECT_EQ(once[i].dayRegion, twice[i].dayRegion);
         EXPECT_EQ(regionsOf(once[i]), regionsOf(twice[i]));
     }
+}
+
+namespace {
+
+// The region key each clip was proposed into, by clip id; "-" for a clip of no proposal.
+std::string proposedRegion(const std::vector<DayRegionProposal>& proposals, const ClipItem& clip) {
+    for (const auto& p : proposals)
+        if (std::find(p.clipIDs.begin(), p.clipIDs.end(), clip.id) != p.clipIDs.end()) return p.regionKey;
+    return "-";
+}
+
+} // namespace
+
+TEST_F(DayRegions, EveryDayOfAShootIsItsOwnRegionHoweverFarApart) {
+    // Day starts in hours. Every recorder and camera worked on every day, each in one track that
+    // spans the whole shoot, as when the days' cards are copied into the same folders. The camera
+    // has only file dates, an hour off (a wrong time zone).
+    const std::vector<std::vector<double>> shoots{{0, 5},       {0, 29.5},  {0, 7 * 24},
+                                                  {0, 30 * 24}, {0, 5, 34}, {0, 7 * 24, 14 * 24}};
+    for (const auto& days : shoots) {
+        SCOPED_TRACE(::testing::PrintToString(days));
+        std::vector<std::optional<double>> recA, recB, cam;
+        std::vector<std::string> dayOfRec, dayOfCam;
+        for (std::size_t d = 0; d < days.size(); ++d) {
+            for (const double h : {0.0, 0.2})
+                recA.push_back(days[d] + h), recB.push_back(days[d] + h + 0.01),
+                    dayOfRec.push_back("day-" + std::to_string(d));
+            for (const double h : {0.05, 0.15, 0.25})
+                cam.push_back(days[d] + h + 1.0), dayOfCam.push_back("day-" + std::to_string(d));
+        }
+        const std::vector<TrackSource> tracks{camera("Cam", cam, 300, ClockQuality::filesystem),
+                                              recorder("RecA", recA, 600), recorder("RecB", recB, 600)};
+        LogCapture log;
+        const auto proposals = IngestEngine::detectDayRegions(tracks);
+        ASSERT_EQ(proposals.size(), days.size());
+        EXPECT_EQ(log.countStartingWith("[Ingest] day-region: "), 0);
+        const std::vector<std::vector<std::string>*> expected{&dayOfCam, &dayOfRec, &dayOfRec};
+        for (std::size_t t = 0; t < tracks.size(); ++t)
+            for (std::size_t ci = 0; ci < tracks[t].clips.size(); ++ci)
+                EXPECT_EQ(proposedRegion(proposals, tracks[t].clips[ci]), (*expected[t])[ci])
+                    << tracks[t].name << " clip " << ci;
+    }
+}
+
+TEST_F(DayRegions, ARecorderThatWorkedOnTwoDaysSplitsBetweenThem) {
+    LogCapture log;
+    // RecA recorded both days, RecB only the first; the camera's file dates back the second day.
+    const std::vector<TrackSource> tracks{
+        camera("Cam", {0.1, 0.4, 29.6, 29.8}, 300, ClockQuality::filesystem),
+        recorder("RecA", {0.0, 0.3, std::nullopt, 29.5, 29.7}, 600), recorder("RecB", {0.05, 0.35}, 600)};
+    const auto proposals = IngestEngine::detectDayRegions(tracks);
+    ASSERT_EQ(proposals.size(), 2u);
+    EXPECT_EQ(proposals[0].trackNames, (std::vector<std::string>{"Cam (2 of 4)", "RecA (3 of 5)", "RecB"}));
+    EXPECT_EQ(proposals[1].trackNames, (std::vector<std::string>{"Cam (2 of 4)", "RecA (2 of 5)"}));
+    // The undated clip lies between clips of the first day in file order: it is the first day's.
+    EXPECT_EQ(proposedRegion(proposals, tracks[1].clips[2]), "day-0");
+    EXPECT_EQ(proposals[1].startDate, hours(29.5));
+}
+
+TEST_F(DayRegions, ADayThatOneClockAloneClaimsAWeekAwayIsAWrongClock) {
+    LogCapture log;
+    // Nothing else recorded a month later, and the recorders disagree by more than a week: no day
+    // can be trusted.
+    EXPECT_TRUE(IngestEngine::detectDayRegions(
+                    {recorder("RecA", {0.0, 1.0}, 1800), recorder("RecB", {30 * 24.0}, 1800)})
+                    .empty());
+    EXPECT_TRUE(
+        log.contains("[Ingest] day-region: 2 audio device(s) have outlier clocks (>1 day from the group) — "
+                     "not trusting them to split days"));
+    EXPECT_EQ(log.countStartingWith("[Ingest] day-region: device clocks for 'Shoot' don't cohere"), 1);
+
+    // A recorder whose clock fell back to a wrong year part-way is wrong for those clips only; its
+    // two channel files are one device. The days of a week apart that several clocks agree on stand.
+    LogCapture reset;
+    auto left = recorder("Mix L", {0.0, 0.5, -20.0 * 365 * 24, 7 * 24.0}, 600);
+    auto right = recorder("Mix R", {0.0, 0.5, -20.0 * 365 * 24, 7 * 24.0}, 600);
+    right.siblingOf = left.id;
+    const std::vector<TrackSource> tracks{camera("Cam", {0.1, 7 * 24.1}, 300, ClockQuality::filesystem), left,
+                                          right, recorder("RecB", {0.2, 7 * 24 + 0.2}, 600)};
+    const auto proposals = IngestEngine::detectDayRegions(tracks);
+    EXPECT_TRUE(
+        reset.contains("[Ingest] day-region: 1 audio device(s) have outlier clocks (>1 day from the group) — "
+                       "not trusting them to split days"));
+    ASSERT_EQ(proposals.size(), 2u);
+    EXPECT_EQ(proposedRegion(proposals, tracks[1].clips[2]), "day-0");
+    EXPECT_EQ(proposedRegion(proposals, tracks[1].clips[3]), "day-1");
+    EXPECT_EQ(proposals[0].startDate, hours(0));
+}
+
+TEST_F(DayRegions, FileDatesOfACopyDontPlaceCameraClips) {
+    LogCapture log;
+    // The three file dates lie seconds apart for clips of five minutes: the card was copied on the
+    // second day, so the clips are placed by length, not by those dates.
+    const auto proposals =
+        IngestEngine::detectDayRegions({camera("Cam", {23.0, 23.001, 23.002}, 300, ClockQuality::filesystem),
+                                        recorder("RecA", {0.0}, 1000), recorder("RecB", {23.0}, 500)});
+    EXPECT_TRUE(log.contains("[Ingest] day-region camera 'Cam' → day-0:3"));
+}
+
+TEST_F(DayRegions, CardsWithDatesFollowThemAndUndatedClipsTheirNeighbours) {
+    LogCapture log;
+    // One camera over four cards, two cards a day, file dates only. The last clips of the second
+    // and fourth cards were rewritten together later (their dates overlap): they go with the
+    // clips before them.
+    auto card1 = camera("Card1", {0.1, 0.2}, 300, ClockQuality::filesystem);
+    auto card2 = camera("Card2", {0.3, 5000.0, 5000.001}, 300, ClockQuality::filesystem);
+    auto card3 = camera("Card3", {29.6, 29.7}, 300, ClockQuality::filesystem);
+    auto card4 = camera("Card4", {29.8, 5000.0, 5000.001}, 300, ClockQuality::filesystem);
+    for (auto* card : {&card1, &card2, &card3, &card4})
+        card->cameraGroup = "cam-0";
+    const std::vector<TrackSource> tracks{card1,
+                                          card2,
+                                          card3,
+                                          card4,
+                                          recorder("RecA", {0.0, 29.5}, 1800),
+                                          recorder("RecB", {0.05, 29.55}, 1800)};
+    const auto proposals = IngestEngine::detectDayRegions(tracks);
+    ASSERT_EQ(proposals.size(), 2u);
+    EXPECT_EQ(log.countStartingWith("[Ingest] day-region video "), 0);
+    EXPECT_EQ(proposals[0].trackNames,
+              (std::vector<std::string>{"Card1", "Card2", "RecA (1 of 2)", "RecB (1 of 2)"}));
+    EXPECT_EQ(proposals[1].trackNames,
+              (std::vector<std::string>{"Card3", "Card4", "RecA (1 of 2)", "RecB (1 of 2)"}));
 }
