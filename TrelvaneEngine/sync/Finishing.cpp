@@ -7,6 +7,8 @@
 
 #include <algorithm>
 #include <cmath>
+#include <map>
+#include <string>
 
 namespace trelvane::SyncEngine {
 
@@ -19,11 +21,17 @@ constexpr double kOriginTolerance = 0.001;
 
 void resolveOverlaps(std::vector<TrackSource>& tracks) {
     for (auto& track : tracks) {
-        for (std::size_t i = 1; i < track.clips.size(); ++i) {
-            const ClipItem& prev = track.clips[i - 1];
-            const double prevEnd = prev.startOffset + prev.duration;
-            if (track.clips[i].startOffset < prevEnd - kOverlapTolerance)
-                track.clips[i].startOffset = prevEnd;
+        // A clip is measured against the one stored before it in its own day region only: days are
+        // laid out in the order of their proposals, not of the files, and a later day's clip
+        // pushed past an earlier day's would be thrown out of the day it was placed in.
+        std::map<std::string, const ClipItem*> previous;
+        for (auto& clip : track.clips) {
+            const std::string region = clip.dayRegion.value_or(track.dayRegion.value_or(""));
+            if (const auto it = previous.find(region); it != previous.end()) {
+                const double prevEnd = it->second->startOffset + it->second->duration;
+                if (clip.startOffset < prevEnd - kOverlapTolerance) clip.startOffset = prevEnd;
+            }
+            previous[region] = &clip;
         }
     }
 }

@@ -167,7 +167,8 @@ std::optional<std::string> neighbourNote(int k, std::span<const int> anchors, st
 
 // ---- finishing ----------------------------------------------------------------------------------
 
-// Pushes a clip that overlaps its predecessor in the same track by more than 0.05 s to its end.
+// Pushes a clip that overlaps its predecessor in the same track and day region by more than
+// 0.05 s to its end.
 void resolveOverlaps(std::vector<TrackSource>& tracks);
 // Moves the timeline so that its earliest clip starts at 0 (left alone within 0.001 s).
 void normaliseOffsets(std::vector<TrackSource>& tracks);

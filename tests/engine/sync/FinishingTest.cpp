@@ -44,6 +44,16 @@ TEST(Finishing, OverlapsBeyondToleranceArePushedInStoredOrder) {
     EXPECT_EQ(tracks[2].clips[2].startOffset, 20.0);
     EXPECT_EQ(tracks[2].clips[3].startOffset, 24.0);
 
+    // Days are laid in the order of their regions: a clip of the day laid first, stored after a
+    // clip of a later-laid day, stays where it was placed; its own day's clips still push it.
+    auto later = clipAt(600, 100), first = clipAt(0, 100), next = clipAt(50, 10);
+    later.dayRegion = "day-1";
+    first.dayRegion = next.dayRegion = "day-0";
+    std::vector<TrackSource> days{trackOf("D", {later, first, next})};
+    resolveOverlaps(days);
+    EXPECT_EQ(days[0].clips[1].startOffset, 0.0);
+    EXPECT_EQ(days[0].clips[2].startOffset, 100.0);
+
     std::vector<TrackSource> none;
     resolveOverlaps(none);
     EXPECT_TRUE(none.empty());
