@@ -506,7 +506,10 @@ void syncRegion(Run& run, const std::string& key, const std::vector<ClipKey>& me
                                [](const auto& m) { return m && m->score >= kStrongScore; });
         u.matchable = matchableCount(run, clips);
     };
-    auto runUnits = [&](std::vector<Unit> units, Phase phase) {
+    // With `setAside`, a stuck unit is placed only when at least half of its matchable clips are
+    // proved (what acceptance into the pool asks); when even the best falls short, all waiting units
+    // go to `setAside` instead, to be placed once more of the timeline has sound to fill from.
+    auto runUnits = [&](std::vector<Unit> units, Phase phase, std::vector<Unit>* setAside = nullptr) {
         std::vector<Unit*> pending;
         for (auto& u : units) pending.push_back(&u);
         while (!pending.empty()) {
@@ -527,6 +530,16 @@ void syncRegion(Run& run, const std::string& key, const std::vector<ClipKey>& me
                 auto best = waiting.begin();
                 for (auto it = waiting.begin(); it != waiting.end(); ++it)
                     if (share(*it) > share(*best)) best = it;
+                if (setAside != nullptr && 2 * (*best)->hits < (*best)->matchable) {
+                    for (Unit* u : waiting) {
+                        EngineLog::logf("[SyncEngine]  '%s' waits for the recorders (%ld of %d clips proved against "
+                                        "the camera backbone)",
+                                        u->group ? *u->group : tracks[u->members.front()].name, u->hits,
+                                        u->matchable);
+                        setAside->push_back(std::move(*u));
+                    }
+                    return;
+                }
                 place(**best, phase);
                 waiting.erase(best);
             }
@@ -572,7 +585,11 @@ void syncRegion(Run& run, const std::string& key, const std::vector<ClipKey>& me
         run.holdOut = true;
         run.refreshMatchSpans();
         ++run.poolVersion;
-        runUnits(backbone, Phase::cameraBackbone);
+        // A camera whose clips the backbone mostly can't prove waits: placed now, its unproved clips
+        // would take their clocks for good, while the recorders, once placed, give Pass 3 sound to
+        // fill them from.
+        std::vector<Unit> waitingCameras;
+        runUnits(backbone, Phase::cameraBackbone, &waitingCameras);
         run.holdOut = false;
         run.refreshMatchSpans();
         ++run.poolVersion;
@@ -580,6 +597,7 @@ void syncRegion(Run& run, const std::string& key, const std::vector<ClipKey>& me
                         "against it",
                         static_cast<int>(run.primaryPool.size()));
         runUnits(rest, Phase::recordersAfterBackbone);
+        runUnits(std::move(waitingCameras), Phase::tracks);
     } else {
         // Recorders first, then camera groups, then single cameras: a recorder is better evidence
         // for the cameras after it than a camera's own microphone.

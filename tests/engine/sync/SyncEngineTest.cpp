@@ -361,5 +361,42 @@ TEST(SyncEngine, RealChannelFilesFollowTheirLeaderAndAnUnrelatedFileDoesNot) {
     EXPECT_EQ(out[1].clips[0].placementPass, "sibling-ref");
 }
 
+TEST(SyncEngine, CamerasTheBackboneCannotProveWaitForTheRecorders) {
+    // Three cameras put the cameras first, against the camera with the longest clip, which covers
+    // the first 410 s only. The other two cameras have two of six clips there and wrong file
+    // clocks; the recorder, held out meanwhile, hears the whole show. Placed at once, their later
+    // clips would keep their wrong clocks; waiting, they are proved against the recorder.
+    const auto& perf = performance();
+    std::vector<ClipSpec> refClips;
+    for (const auto& [start, length] : {std::pair{10.0, 60.0}, {80.0, 60.0}, {150.0, 120.0}, {280.0, 60.0}, {350.0, 60.0}})
+        refClips.push_back({"C" + std::to_string(static_cast<int>(start)), start, length, true, start,
+                            ClockQuality::embedded});
+    auto camera = [&](const std::string& name, std::vector<double> starts, unsigned seed) {
+        std::vector<ClipSpec> clips;
+        for (const double start : starts)
+            clips.push_back({name + std::to_string(static_cast<int>(start)), start, 65.0, true, start + 25.0,
+                             ClockQuality::filesystem});
+        return makeTrack(perf, name, SourceType::video, clips, 0.6f, seed);
+    };
+    std::vector<TrackSource> sources{makeTrack(perf, "CamC", SourceType::video, refClips, 0.6f, 101),
+                                     camera("CamA", {30, 300, 450, 560, 670, 780}, 111),
+                                     camera("CamB", {90, 360, 500, 610, 720, 800}, 121),
+                                     makeTrack(perf, "Rec", SourceType::audio,
+                                               {{"Rec1", 20.0, 850.0, true, 20.0, ClockQuality::embedded}}, 0.4f, 131)};
+    EngineLogOnFailure log;
+    const auto out = run(sources);
+    EXPECT_EQ(log.countStartingWith("[SyncEngine] region 'default' ref 'CamC'"), 1);
+    EXPECT_EQ(log.countStartingWith("[SyncEngine]  'CamA' waits for the recorders (2 of 6 clips"), 1);
+    EXPECT_EQ(log.countStartingWith("[SyncEngine]  'CamB' waits for the recorders (2 of 6 clips"), 1);
+    const double base = clipNamed(out, "C10").startOffset - 10;
+    for (const auto& track : {"CamA", "CamB"})
+        for (const auto& clip : out[track == std::string("CamA") ? 1 : 2].clips) {
+            const double start = std::stod(clip.url.baseName().substr(4));
+            EXPECT_NEAR(clip.startOffset - base, start, 0.04) << clip.url.baseName();
+            EXPECT_EQ(clip.syncStatus, SyncStatus::synced) << clip.url.baseName();
+        }
+    EXPECT_NEAR(clipNamed(out, "Rec1").startOffset - base, 20.0, 0.04);
+}
+
 } // namespace
 } // namespace trelvane::test
