@@ -22,10 +22,10 @@ namespace trelvane::SyncEngine::detail {
 namespace {
 
 constexpr double kFrame = 0.04; // one feature frame: what a match can tell apart
-// Measurements fall on whole feature frames, so two of one truth can differ by two frames. Within
-// this they agree; a measurement further than this from the consensus of the others is taken for a
-// false peak, and a clip further than this from the consensus is out of place.
-constexpr double kMeasureTolerance = 0.1;
+// Two measurements of one truth, each placed between frames, lie well within a frame and a half of
+// each other. Within this they agree; a measurement further than this from the consensus of the
+// others is taken for a false peak.
+constexpr double kMeasureTolerance = 0.06;
 // Clips that must agree before a placed clip is moved: one measurement against another is a
 // disagreement, not a verdict.
 constexpr int kLeastWitnesses = 2;
@@ -298,7 +298,7 @@ void checkTimeline(Run& run) {
             continue;
         }
         const std::string witness = clipOf(bestWitness[i]).url.baseName();
-        if (std::abs(shift[i]) > kMeasureTolerance) {
+        if (std::abs(shift[i]) > kFrame) {
             if (static_cast<int>(witnesses[i].size()) < kLeastWitnesses) {
                 demote(clip, fmt::sprintf("the sound of '%s' puts it %+.2f s away — check by ear", witness, shift[i]));
                 continue;
