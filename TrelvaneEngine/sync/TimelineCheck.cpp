@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 // The last look at a region once every pass is done. Each pair of overlapping clips of different
-// tracks is measured at the offset the timeline gives them, and the strong measurements are solved
+// tracks is measured at the offset the timeline gives them, and the measurements are solved
 // together by least squares. A clip stays `synced` only where that consensus ties its own sound,
 // through clips of other tracks, to the reference; what disagrees with it by more than a frame is
 // moved when several clips agree on where it belongs, and left `weak` otherwise.
@@ -144,15 +144,14 @@ void checkTimeline(Run& run) {
     run.poll();
 
     // Each measurement as what the sound says: x[to] - x[from]. One that lands where the timeline
-    // predicted is believed from the weak floor: the top of some 3,000 lags falls within a few frames
-    // of a place named in advance by chance once in hundreds. One that says the timeline is wrong
-    // must be strong.
-    std::vector<Measurement> usable, strong;
+    // predicted is believed from the weak floor: the top of some 3,000 lags falls within a frame or
+    // two of a place named in advance by chance once in hundreds. One that says the timeline is
+    // wrong counts only beside another that agrees with it, the better of them strong.
+    std::vector<Measurement> usable;
     for (std::size_t p = 0; p < pairs.size(); ++p)
         if (measured[p] && measured[p]->score >= kWeakFloor) {
             const auto [i, j] = pairs[p];
             usable.push_back({i, j, nodes[j].start - nodes[i].start + measured[p]->pos, measured[p]->score});
-            if (measured[p]->score >= kStrongScore) strong.push_back(usable.back());
         }
     std::vector<double> at(n);
     for (int i = 0; i < n; ++i) at[i] = nodes[i].start;
@@ -191,12 +190,17 @@ void checkTimeline(Run& run) {
             for (int g = 0; g < groupCount; ++g) {
                 if (proved[g]) continue;
                 std::vector<Vote> shifts;
-                for (const auto& m : strong) {
+                for (const auto& m : usable) {
                     if (group[m.to] == g && proved[group[m.from]]) shifts.push_back({disagreement(m), m.weight});
                     if (group[m.from] == g && proved[group[m.to]]) shifts.push_back({-disagreement(m), m.weight});
                 }
+                // As with the windows of a clip: votes that agree count from the weak floor, and
+                // the best of them must be strong.
                 auto cluster = largestCluster(shifts, kMeasureTolerance);
-                if (static_cast<int>(cluster.size()) >= kLeastWitnesses && cluster.size() > bestCluster.size())
+                float top = 0;
+                for (const Vote& v : cluster) top = std::max(top, v.score);
+                if (static_cast<int>(cluster.size()) >= kLeastWitnesses && top >= kStrongScore &&
+                    cluster.size() > bestCluster.size())
                     best = g, bestCluster = std::move(cluster);
             }
             if (best < 0) return;
