@@ -79,9 +79,22 @@ TEST(Cli, ScanJsonHasTheSessionShape) {
     for (const char* heavy :
          {"waveformPreview", "cachedEnvelope", "fingerprint", "bassOnsets", "bandFeature"})
         EXPECT_FALSE(clip.contains(heavy)) << heavy;
-    // A name that is not valid UTF-8 still gives a valid document.
-    const std::string name = doc["tracks"][1]["clips"][0]["url"];
-    EXPECT_NE(name.find("odd \"name\" & "), std::string::npos);
+    // A name that is not valid UTF-8 still gives a valid document, and its exact bytes beside it.
+    const auto& odd = doc["tracks"][1]["clips"][0];
+    EXPECT_NE(odd["url"].get<std::string>().find("odd \"name\" & "), std::string::npos);
+    const std::string bytes = odd["urlBytes"];
+    std::string decoded;
+    for (std::size_t i = 0; i < bytes.size(); ++i) {
+        if (bytes[i] != '%') {
+            decoded += bytes[i];
+            continue;
+        }
+        decoded += static_cast<char>(std::stoi(bytes.substr(i + 1, 2), nullptr, 16));
+        i += 2;
+    }
+    EXPECT_EQ(decoded, (home / "shoot/Zoom/odd \"name\" & \xff.WAV").string()) << bytes;
+    EXPECT_FALSE(clip.contains("urlBytes"));
+    EXPECT_FALSE(track.contains("sessionBytes"));
 }
 
 TEST(Cli, AnalyzeDecodesOnceThenServesTheCache) {
