@@ -109,7 +109,8 @@ void printText(const Probe& p) {
 // Why the file can't be probed at all, or nothing.
 std::optional<std::string> problemWith(const Url& url) {
     struct stat st {};
-    if (::stat(url.fsPath().c_str(), &st) != 0) return errno == ENOENT ? "no such file" : std::strerror(errno);
+    if (::stat(url.fsPath().c_str(), &st) != 0)
+        return errno == ENOENT ? "no such file" : std::strerror(errno);
     if (S_ISDIR(st.st_mode)) return "a folder, not a file";
     if (!S_ISREG(st.st_mode)) return "not a regular file";
     if (::access(url.fsPath().c_str(), R_OK) != 0) return std::strerror(errno);
@@ -119,13 +120,15 @@ std::optional<std::string> problemWith(const Url& url) {
 
 // A file the container readers can open, or a RED take's picture file, which they can't.
 bool isMedia(const Url& url, const Probe& p) {
-    return p.channels.has_value() || (Files::lowercased(url.pathExtension()) == "r3d" && R3DHeader::read(url));
+    return p.channels.has_value() ||
+           (Files::lowercased(url.pathExtension()) == "r3d" && R3DHeader::read(url));
 }
 
 } // namespace
 
 void addProbeCommand(CLI::App& app, ProbeOptions& options) {
-    auto* cmd = app.add_subcommand("probe", "Print what the metadata readers find in media files")->group("Commands");
+    auto* cmd =
+        app.add_subcommand("probe", "Print what the metadata readers find in media files")->group("Commands");
     cmd->add_option("FILE", options.files, "Media files")->required()->option_text("...");
     cmd->add_flag("--json", options.json, "Print one JSON object per file, in an array");
 }

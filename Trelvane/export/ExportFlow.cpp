@@ -47,7 +47,8 @@ fs::path resolveOutputPath(const std::vector<TrackSource>& sources, const Export
 
 namespace {
 
-fs::path exportPath(const std::vector<TrackSource>& sources, const ExportRequest& request, const fs::path& cwd) {
+fs::path exportPath(const std::vector<TrackSource>& sources, const ExportRequest& request,
+                    const fs::path& cwd) {
     const fs::path base = cwd.is_absolute() ? cwd : fs::absolute(cwd);
     return resolveOutputPath(sources, request, base).lexically_normal();
 }

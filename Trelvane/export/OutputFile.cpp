@@ -245,7 +245,8 @@ void check(const fs::path& path, bool force, const std::vector<TrackSource>& sou
     (void)plan(path, force, sources);
 }
 
-void write(const fs::path& path, const std::string& bytes, bool force, const std::vector<TrackSource>& sources) {
+void write(const fs::path& path, const std::string& bytes, bool force,
+           const std::vector<TrackSource>& sources) {
     const Plan p = plan(path, force, sources);
     switch (p.way) {
     case Way::descriptor:

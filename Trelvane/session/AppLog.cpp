@@ -86,7 +86,8 @@ std::optional<std::filesystem::path> privateTemporaryFolder() {
     const auto folder = temp / ("trelvane-" + std::to_string(::getuid()));
     if (::mkdir(folder.c_str(), 0700) != 0 && errno != EEXIST) return std::nullopt;
     struct stat st {};
-    if (::lstat(folder.c_str(), &st) != 0 || !S_ISDIR(st.st_mode) || st.st_uid != ::getuid()) return std::nullopt;
+    if (::lstat(folder.c_str(), &st) != 0 || !S_ISDIR(st.st_mode) || st.st_uid != ::getuid())
+        return std::nullopt;
     if ((st.st_mode & 077) != 0 && ::chmod(folder.c_str(), 0700) != 0) return std::nullopt;
     return folder;
 }

@@ -122,7 +122,8 @@ TEST(Probe, FilesThatAreNoMediaAreNamedWithTheReasonAndTheOthersStillPrinted) {
         const auto r = runCli(home, args + quoted(wav.string()), true);
         EXPECT_EQ(r.status, 1) << r.out;
         for (const auto& b : bad)
-            EXPECT_NE(r.out.find(std::string("trelvane: ") + b.reason + ": " + b.path + "\n"), std::string::npos)
+            EXPECT_NE(r.out.find(std::string("trelvane: ") + b.reason + ": " + b.path + "\n"),
+                      std::string::npos)
                 << b.reason << "\n"
                 << r.out;
         EXPECT_NE(r.out.find("ZOOM F8"), std::string::npos) << r.out;

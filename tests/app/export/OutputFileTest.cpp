@@ -56,20 +56,25 @@ TEST(OutputFile, WritesWhatItMayAndRefusesTheRestLeavingMediaAndOldFilesAlone) {
          "does not exist", [](auto& d, auto&) { EXPECT_FALSE(fs::exists(d / "none")); }},
         {"an existing file without force", [](auto& d) { return d.file("r.json", "old"); }, false,
          "already exists; export with --force", keeps("r.json", "old")},
-        {"an existing file with force", [](auto& d) { return d.file("r.json", "old"); }, true, "", wroteAt("r.json")},
+        {"an existing file with force", [](auto& d) { return d.file("r.json", "old"); }, true, "",
+         wroteAt("r.json")},
         {"a media file of the session", media, true, "is a media file of this session", {}},
         {"a link to a media file",
          [&](auto& d) {
              fs::create_symlink(media(d), d / "r.json");
              return d / "r.json";
          },
-         true, "is a media file of this session", {}},
+         true,
+         "is a media file of this session",
+         {}},
         {"a hard link to a media file",
          [&](auto& d) {
              fs::create_hard_link(media(d), d / "r.json");
              return d / "r.json";
          },
-         true, "is a media file of this session", {}},
+         true,
+         "is a media file of this session",
+         {}},
         {"a link to another file, with force",
          [](auto& d) {
              fs::create_symlink(d.file("other.json", "old"), d / "r.json");
