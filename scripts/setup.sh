@@ -33,7 +33,33 @@ for p in "${PACKAGES[@]}"; do
     missing+=("$p")
   fi
 done
+
+# Another install (a second terminal, unattended upgrades) may hold the package manager's locks:
+# wait for them, up to TRELVANE_APT_LOCK_WAIT seconds (ten minutes by default), instead of
+# failing. DPkg::Lock::Timeout makes apt-get wait for dpkg's lock; the lock of the package lists
+# is not covered by it, so an update that found it taken is tried again.
+lock_wait="${TRELVANE_APT_LOCK_WAIT:-600}"
+apt_get() {
+  $SUDO apt-get -o DPkg::Lock::Timeout="$lock_wait" "$@"
+}
+update_lists() {
+  local waited=0 errors
+  errors="$(mktemp)"
+  until apt_get update 2>"$errors"; do
+    cat "$errors" >&2
+    if ! grep -q -e "Could not get lock" -e "Unable to lock" "$errors" || [ "$waited" -ge "$lock_wait" ]; then
+      rm -f "$errors"
+      return 1
+    fi
+    echo "setup: another install holds the package lists; trying again in 10 s" >&2
+    sleep 10
+    waited=$((waited + 10))
+  done
+  cat "$errors" >&2
+  rm -f "$errors"
+}
+
 if [ "${#missing[@]}" -gt 0 ]; then
-  $SUDO apt-get update
-  $SUDO apt-get install -y --no-install-recommends "${missing[@]}"
+  update_lists
+  apt_get install -y --no-install-recommends "${missing[@]}"
 fi

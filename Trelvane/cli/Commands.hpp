@@ -6,19 +6,33 @@
 
 #include <CLI/CLI.hpp>
 #include <optional>
+#include <streambuf>
 #include <string>
 #include <vector>
 
 namespace trelvane::cli {
 
-// Exit statuses of every command.
+// Exit statuses of every command, as `--help` and the README list them.
 inline constexpr int kExitOK = 0;
-inline constexpr int kExitFailure = 1; // a path that doesn't exist, a failed run
+inline constexpr int kExitFailure =
+    1; // a path that doesn't exist, a file that can't be written, a failed run
 inline constexpr int kExitUsage = 2;
-inline constexpr int kExitInterrupted = 130; // Ctrl-C during a sync: cancelled, nothing written
+inline constexpr int kExitInterrupted = 130; // Ctrl-C: the run stopped where it stood, nothing written
+
+struct ExitStatus {
+    int code;
+    const char* meaning;
+};
+inline constexpr ExitStatus kExitStatuses[] = {
+    {kExitOK, "success"},
+    {kExitFailure, "a path does not exist, a file cannot be read or written, or the run failed"},
+    {kExitUsage, "the command line is wrong (unknown option, bad value, missing path)"},
+    {kExitInterrupted, "interrupted by Ctrl-C; nothing was written"},
+};
 
 struct CommonOptions {
     bool verbose = false; // echo the log on standard error
+    bool quiet = false;   // no progress bar
 };
 
 // How the command answers one of the controller's grouping prompts.
@@ -51,17 +65,53 @@ struct SyncOptions {
     PromptAnswer cameraGroups = PromptAnswer::accept;
     PromptAnswer dayRegions = PromptAnswer::accept;
     bool noCloseGaps = false;
-    std::string report; // session JSON after the sync; empty: none
+    std::string report; // session JSON after the sync ("-": standard output); empty: none
     bool table = false; // print every clip's placement
     std::vector<std::string> exports; // premiere|resolve|fcpxml|otio, each written once
     std::optional<double> fps;
     std::string channels = "per-channel";
-    std::string output; // with one --export only; empty: the default name in the current folder
-    bool force = false;
+    std::string output; // with one --export only ("-": standard output); empty: the default name in the
+                        // current folder
+    bool force = false; // replace existing files (report and documents)
 };
 
 void addSyncCommand(CLI::App& app, SyncOptions& options);
 int runSync(const SyncOptions& options, const CommonOptions& common);
+
+// `trelvane help [COMMAND]`: the help of the program or of one command.
+struct HelpOptions {
+    std::string command;
+};
+void addHelpCommand(CLI::App& app, HelpOptions& options);
+int runHelp(const CLI::App& app, const HelpOptions& options);
+
+// The sentence for a command line that could not be parsed, in the program's words, and a hint
+// where to look; printed on standard error.
+void printUsageError(const CLI::App& app, const CLI::ParseError& error);
+
+// Standard output for the whole run, through a buffer that keeps the reason of the first failed
+// write (a full disk, `> /dev/full`). `finish` flushes it: a failure turns a success into status 1
+// with a message. Lives in main, around everything that prints.
+class CheckedStandardOutput : public std::streambuf {
+  public:
+    CheckedStandardOutput();
+    ~CheckedStandardOutput() override;
+    CheckedStandardOutput(const CheckedStandardOutput&) = delete;
+    CheckedStandardOutput& operator=(const CheckedStandardOutput&) = delete;
+
+    int finish(int status);
+
+  protected:
+    int overflow(int c) override;
+    int sync() override;
+
+  private:
+    bool drain();
+
+    std::streambuf* previous_ = nullptr;
+    int error_ = 0;
+    char buffer_[1 << 16];
+};
 
 // Shared by the commands: starts the log file and, with --verbose, echoes it on standard error.
 void startLogging(const CommonOptions& common);

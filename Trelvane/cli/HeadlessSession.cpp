@@ -1,9 +1,11 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 #include "Trelvane/cli/HeadlessSession.hpp"
+#include "Trelvane/cli/Usage.hpp"
 #include "Trelvane/session/ProductStages.hpp"
 #include "TrelvaneEngine/support/Files.hpp"
 
 #include <algorithm>
+#include <atomic>
 #include <cstdio>
 #include <fmt/format.h>
 #include <iostream>
@@ -48,9 +50,11 @@ std::set<Uuid> answerDayRegions(const std::vector<DayRegionProposal>& proposals,
 
 } // namespace
 
-ProgressReport::ProgressReport(const SyncViewModel& vm) : vm_(vm), tty_(::isatty(STDERR_FILENO) == 1) {}
+ProgressReport::ProgressReport(const SyncViewModel& vm, bool wanted)
+    : vm_(vm), shown_(wanted && ::isatty(STDERR_FILENO) == 1) {}
 
 void ProgressReport::update() {
+    if (!shown_) return;
     const AppState& state = vm_.state();
     if (state.is(AppState::Kind::extracting)) {
         int done = 0, total = 0;
@@ -76,35 +80,74 @@ void ProgressReport::update() {
 void ProgressReport::draw(const std::string& stage, double fraction, const std::string& detail, bool newStep) {
     const auto now = std::chrono::steady_clock::now();
     if (stage != lastStage_) {
-        if (drawn_ && tty_) std::fprintf(stderr, "\n");
+        if (drawn_) std::fprintf(stderr, "\n");
         started_ = now;
         lastStage_ = stage;
         newStep = true;
     }
-    if (!newStep && (!tty_ || now - lastDraw_ < std::chrono::milliseconds(100))) return;
+    lastDetail_ = detail;
+    if (!newStep && now - lastDraw_ < std::chrono::milliseconds(100)) return;
     lastDraw_ = now;
     const double p = std::clamp(fraction, 0.0, 1.0);
+    lastFraction_ = p;
     const double elapsed = std::chrono::duration<double>(now - *started_).count();
-    std::string eta = "--:--";
-    if (p > 0.02) {
+    std::string eta = "about --:-- left";
+    if (p >= 1) {
+        const auto took = static_cast<long long>(elapsed + 0.5);
+        eta = fmt::format("took {}:{:02}", took / 60, took % 60);
+    } else if (p > 0.02) {
         const auto left = static_cast<long long>(elapsed * (1 - p) / p + 0.5);
-        eta = fmt::format("{}:{:02}", left / 60, left % 60);
+        eta = fmt::format("about {}:{:02} left", left / 60, left % 60);
     }
     constexpr int kWidth = 30;
     const int filled = static_cast<int>(p * kWidth);
-    const std::string line = fmt::format("{:<9} [{}{}] {:3.0f}%  {}  about {} left", stage, std::string(filled, '#'),
+    const std::string line = fmt::format("{:<9} [{}{}] {:3.0f}%  {}  {}", stage, std::string(filled, '#'),
                                          std::string(kWidth - filled, '.'), p * 100, detail, eta);
-    if (tty_)
-        std::fprintf(stderr, "\r%-110s", line.c_str());
-    else
-        std::fprintf(stderr, "%s\n", line.c_str());
+    std::fprintf(stderr, "\r%-110s", line.c_str());
     drawn_ = true;
 }
 
-void ProgressReport::finish() {
-    if (drawn_ && tty_) std::fprintf(stderr, "\n");
+void ProgressReport::finish(bool completed) {
+    if (completed && drawn_ && lastFraction_ < 1) draw(lastStage_, 1.0, lastDetail_, true);
+    if (drawn_) std::fprintf(stderr, "\n");
     drawn_ = false;
     lastStage_.clear();
+    lastFraction_ = 0;
+}
+
+namespace {
+
+std::atomic<bool> interruptRequested{false};
+
+extern "C" void onInterrupt(int) {
+    interruptRequested.store(true);
+}
+
+} // namespace
+
+Interruption::Interruption() {
+    interruptRequested.store(false);
+    struct sigaction action {};
+    action.sa_handler = onInterrupt;
+    sigemptyset(&action.sa_mask);
+    // The handler is used once: a second Ctrl-C finds the default again and ends the program.
+    action.sa_flags = SA_RESETHAND;
+    ::sigaction(SIGINT, &action, &previous_);
+}
+
+Interruption::~Interruption() {
+    ::sigaction(SIGINT, &previous_, nullptr);
+}
+
+bool Interruption::requested() {
+    return interruptRequested.load();
+}
+
+int Interruption::report(ProgressReport& progress) {
+    progress.finish(false);
+    std::cout.flush();
+    std::cerr << "trelvane: cancelled — nothing written\n";
+    return kExitInterrupted;
 }
 
 HeadlessSession::HeadlessSession(SessionStages stages, std::optional<std::string> syncMode,
@@ -115,9 +158,17 @@ HeadlessSession::HeadlessSession(SessionStages stages, std::optional<std::string
     vm = SyncViewModel::create(queue, settings, std::move(stages));
 }
 
-void ingest(HeadlessSession& session, const std::vector<Url>& urls, PromptAnswer cameraGroups,
-            PromptAnswer dayRegions, std::ostream& decisions, ProgressReport& progress) {
+bool ingest(HeadlessSession& session, const std::vector<Url>& urls, PromptAnswer cameraGroups,
+            PromptAnswer dayRegions, std::ostream& decisions, ProgressReport& progress, bool quiet,
+            const std::function<bool()>& beforeAnalysis) {
     auto& vm = session.vm;
+    bool asked = false, refused = false, stopped = false;
+    // The session is dropped from the queue, never from inside a notification.
+    const auto stop = [&] {
+        if (stopped || !vm->isIngesting()) return;
+        stopped = true;
+        vm->cleanProject();
+    };
     auto answers = vm->observe([&](Published what) {
         if (what == Published::pendingCameraGroups && vm->pendingCameraGroups()) {
             vm->confirmCameraGroups(answerCameraGroups(*vm->pendingCameraGroups(), cameraGroups, decisions));
@@ -125,26 +176,45 @@ void ingest(HeadlessSession& session, const std::vector<Url>& urls, PromptAnswer
             vm->confirmDayRegions(answerDayRegions(*vm->pendingDayRegions(), dayRegions, decisions));
         } else if (what == Published::pendingStackModeOffer && vm->pendingStackModeOffer()) {
             // The command keeps the mode it was given; the offer is told, not taken.
-            std::cerr << "note: " << vm->pendingStackModeOffer()->title << " — run with --mode stacks to stack them\n";
+            if (!quiet) {
+                progress.finish(true);
+                std::cerr << "note: " << vm->pendingStackModeOffer()->title
+                          << " — run with --mode stacks to stack them\n";
+            }
             vm->answerStackModeOffer(false);
         } else if (what == Published::state) {
+            if (!asked && beforeAnalysis && vm->state().is(AppState::Kind::extracting)) {
+                asked = true;
+                refused = !beforeAnalysis();
+                if (refused) session.queue.post(stop);
+            }
             progress.update();
         }
     });
+    // The run loop wakes at least this often, so that Ctrl-C is seen even while the workers are
+    // quiet.
+    auto poll = session.queue.every(0.1, [&] {
+        if (Interruption::requested()) stop();
+    });
     vm->ingestURLs(urls);
     session.queue.runUntil([&vm] { return !vm->isIngesting(); });
-    progress.finish();
+    poll.reset();
+    stopped = stopped || refused || Interruption::requested();
+    if (!stopped) progress.finish(true);
+    return !stopped;
 }
 
 void addPromptOptions(CLI::App& command, PromptAnswer& cameraGroups, PromptAnswer& dayRegions) {
-    const std::map<std::string, PromptAnswer> answers{{"accept", PromptAnswer::accept},
-                                                      {"reject", PromptAnswer::reject}};
-    command.add_option("--camera-groups", cameraGroups, "Tracks that look like one camera over several cards")
-        ->transform(CLI::CheckedTransformer(answers, CLI::ignore_case))
-        ->default_str("accept");
-    command.add_option("--day-regions", dayRegions, "Tracks whose clocks put them in different parts of the day")
-        ->transform(CLI::CheckedTransformer(answers, CLI::ignore_case))
-        ->default_str("accept");
+    const auto answer = [](PromptAnswer& into) {
+        return [&into](const std::string& word) {
+            into = word == "reject" ? PromptAnswer::reject : PromptAnswer::accept;
+        };
+    };
+    const std::vector<std::string> words{"accept", "reject"};
+    addChoice(command, "--camera-groups", words, "accept", answer(cameraGroups),
+              "Tracks that look like one camera over several cards");
+    addChoice(command, "--day-regions", words, "accept", answer(dayRegions),
+              "Tracks whose clocks put them in different parts of the day");
 }
 
 std::optional<std::vector<Url>> existingPaths(const std::vector<std::string>& paths) {

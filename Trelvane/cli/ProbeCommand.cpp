@@ -3,15 +3,21 @@
 // would merge it into the clip. It is how a user sees why a clip landed where it did: which clock
 // it had and how far that was trusted, which device it was counted to, which timecode it carried.
 #include "Trelvane/cli/Commands.hpp"
+#include "Trelvane/session/SessionJson.hpp"
 #include "TrelvaneEngine/media/AudioMetadata.hpp"
+#include "TrelvaneEngine/media/R3DHeader.hpp"
 #include "TrelvaneEngine/support/Date.hpp"
 #include "TrelvaneEngine/support/Files.hpp"
 #include "TrelvaneEngine/support/Url.hpp"
 
+#include <cerrno>
 #include <cmath>
+#include <cstring>
 #include <fmt/format.h>
 #include <iostream>
 #include <nlohmann/json.hpp>
+#include <sys/stat.h>
+#include <unistd.h>
 
 namespace trelvane::cli {
 
@@ -64,7 +70,7 @@ std::string clockText(double seconds) {
 nlohmann::json toJson(const Probe& p) {
     using nlohmann::json;
     json o = json::object();
-    o["path"] = p.url.path();
+    SessionJson::setPath(o, "path", p.url.path());
     o["duration"] = p.duration ? json(*p.duration) : json(nullptr);
     o["frameRate"] = p.frameRate ? json(rateValue(*p.frameRate)) : json(nullptr);
     o["deviceName"] = p.device ? json(*p.device) : json(nullptr);
@@ -100,42 +106,65 @@ void printText(const Probe& p) {
                     : kNone);
 }
 
+// Why the file can't be probed at all, or nothing.
+std::optional<std::string> problemWith(const Url& url) {
+    struct stat st {};
+    if (::stat(url.fsPath().c_str(), &st) != 0)
+        return errno == ENOENT ? "no such file" : std::strerror(errno);
+    if (S_ISDIR(st.st_mode)) return "a folder, not a file";
+    if (!S_ISREG(st.st_mode)) return "not a regular file";
+    if (::access(url.fsPath().c_str(), R_OK) != 0) return std::strerror(errno);
+    if (st.st_size == 0) return "an empty file";
+    return std::nullopt;
+}
+
+// A file the container readers can open, or a RED take's picture file, which they can't.
+bool isMedia(const Url& url, const Probe& p) {
+    return p.channels.has_value() ||
+           (Files::lowercased(url.pathExtension()) == "r3d" && R3DHeader::read(url));
+}
+
 } // namespace
 
 void addProbeCommand(CLI::App& app, ProbeOptions& options) {
-    auto* cmd = app.add_subcommand("probe", "Print what the metadata readers find in media files");
-    cmd->add_option("files", options.files, "Media files")->required();
+    auto* cmd =
+        app.add_subcommand("probe", "Print what the metadata readers find in media files")->group("Commands");
+    cmd->add_option("FILE", options.files, "Media files")->required()->option_text("...");
     cmd->add_flag("--json", options.json, "Print one JSON object per file, in an array");
 }
 
 int runProbe(const ProbeOptions& options, const CommonOptions&) {
-    std::vector<Url> urls;
+    // Every file that can be probed is printed; each one that can't is named with its reason.
+    bool failed = false;
+    std::vector<Probe> probes;
     for (const auto& f : options.files) {
         const Url url = Url::fromPath(f);
-        const auto kind = Files::kindOf(url.fsPath());
-        if (!kind.exists) {
-            std::cerr << "trelvane: no such file: " << terminalSafe(f) << '\n';
-            return kExitFailure;
+        auto problem = problemWith(url);
+        if (!problem) {
+            Probe p = probe(url);
+            if (isMedia(url, p))
+                probes.push_back(std::move(p));
+            else
+                problem = "not a media file Trelvane can read";
         }
-        if (kind.isDirectory) {
-            std::cerr << "trelvane: a folder, not a file: " << terminalSafe(f) << '\n';
-            return kExitFailure;
+        if (problem) {
+            std::cerr << "trelvane: " << *problem << ": " << terminalSafe(f) << '\n';
+            failed = true;
         }
-        urls.push_back(url);
     }
 
     if (options.json) {
         nlohmann::json all = nlohmann::json::array();
-        for (const auto& url : urls)
-            all.push_back(toJson(probe(url)));
+        for (const auto& p : probes)
+            all.push_back(toJson(p));
         std::cout << all.dump(2, ' ', false, nlohmann::json::error_handler_t::replace) << '\n';
-        return kExitOK;
+    } else {
+        for (std::size_t i = 0; i < probes.size(); ++i) {
+            if (i > 0) std::cout << '\n';
+            printText(probes[i]);
+        }
     }
-    for (std::size_t i = 0; i < urls.size(); ++i) {
-        if (i > 0) std::cout << '\n';
-        printText(probe(urls[i]));
-    }
-    return kExitOK;
+    return failed ? kExitFailure : kExitOK;
 }
 
 } // namespace trelvane::cli

@@ -24,8 +24,11 @@
 namespace trelvane::cli {
 
 void addScanCommand(CLI::App& app, ScanOptions& options) {
-    auto* cmd = app.add_subcommand("scan", "Group the media under the paths into tracks and print them");
-    cmd->add_option("paths", options.paths, "Folders or media files of the shoot")->required();
+    auto* cmd = app.add_subcommand("scan", "Group the media under the paths into tracks and print them")
+                    ->group("Commands");
+    cmd->add_option("PATH", options.paths, "Folders or media files of the shoot")
+        ->required()
+        ->option_text("...");
     cmd->add_flag("--json", options.json, "Print the session as JSON");
     cmd->add_flag("--analyze", options.analyze, "Decode and analyse the audio of every clip");
     addPromptOptions(*cmd, options.cameraGroups, options.dayRegions);
@@ -85,6 +88,7 @@ int runScan(const ScanOptions& options, const CommonOptions& common) {
     const auto urls = existingPaths(options.paths);
     if (!urls) return kExitFailure;
     startLogging(common);
+    Interruption interruption;
 
     SessionStages stages = productStages();
     // Without --analyze the scan stops short of decoding: grouping needs only the metadata.
@@ -93,8 +97,9 @@ int runScan(const ScanOptions& options, const CommonOptions& common) {
     auto& vm = session.vm;
     // What was decided goes where it can't spoil the JSON document.
     std::ostream& decisions = options.json ? std::cerr : std::cout;
-    ProgressReport progress(*vm);
-    ingest(session, *urls, options.cameraGroups, options.dayRegions, decisions, progress);
+    ProgressReport progress(*vm, !common.quiet && !common.verbose);
+    if (!ingest(session, *urls, options.cameraGroups, options.dayRegions, decisions, progress, common.quiet))
+        return Interruption::report(progress);
 
     if (options.json) {
         std::cout << SessionJson::dump(vm->sources()) << '\n';

@@ -3,74 +3,154 @@
 // headless, then the summary and, on request, the session as JSON.
 #include "Trelvane/cli/Commands.hpp"
 #include "Trelvane/cli/HeadlessSession.hpp"
+#include "Trelvane/cli/Usage.hpp"
 #include "Trelvane/export/ExportFlow.hpp"
 #include "Trelvane/export/ExportOptions.hpp"
+#include "Trelvane/export/OutputFile.hpp"
 #include "Trelvane/session/Notifier.hpp"
 #include "Trelvane/session/ProductStages.hpp"
 #include "Trelvane/session/SessionJson.hpp"
-#include "TrelvaneEngine/support/Files.hpp"
 
-#include <atomic>
-#include <csignal>
+#include <algorithm>
+#include <filesystem>
 #include <fmt/format.h>
 #include <fmt/printf.h>
 #include <iostream>
 #include <map>
 #include <set>
-#include <unistd.h>
 
 namespace trelvane::cli {
 
 namespace {
 
-std::atomic<bool> interrupted{false};
-
-extern "C" void onInterrupt(int) {
-    interrupted.store(true);
-}
+// The highest frame rate --fps takes, as the readers take none above it.
+constexpr double kMostFps = 1000;
 
 std::string scoreText(const std::optional<float>& score) {
     return score ? fmt::format("{:.1f}", *score) : std::string("-");
 }
 
+// Each target once, in the order given.
+std::vector<std::string> distinctExports(const SyncOptions& options) {
+    std::vector<std::string> words;
+    for (const auto& w : options.exports)
+        if (std::find(words.begin(), words.end(), w) == words.end()) words.push_back(w);
+    return words;
+}
+
+ExportRequest requestFor(const SyncOptions& options, const std::string& word) {
+    ExportRequest request;
+    request.target = *parseExportTarget(word);
+    request.fps = options.fps;
+    request.channels = *parseChannelLayout(options.channels);
+    if (!options.output.empty()) request.output = options.output;
+    request.force = options.force;
+    return request;
+}
+
+bool writesStandardOutput(const SyncOptions& options) {
+    return (!options.report.empty() && OutputFile::isStandardOutput(options.report)) ||
+           (!options.output.empty() && OutputFile::isStandardOutput(options.output));
+}
+
+// Mistakes of the command line itself, told before anything is read.
+std::optional<std::string> usageProblem(const SyncOptions& options) {
+    if (!options.output.empty() && distinctExports(options).size() != 1)
+        return "--output needs exactly one --export";
+    if (!options.report.empty() && !options.output.empty()) {
+        if (OutputFile::isStandardOutput(options.report) && OutputFile::isStandardOutput(options.output))
+            return "--report and --output can't both go to standard output";
+        const auto absolute = [](const std::string& p) {
+            return std::filesystem::absolute(p).lexically_normal();
+        };
+        if (absolute(options.report) == absolute(options.output))
+            return "--report and --output name the same file";
+    }
+    return std::nullopt;
+}
+
+// What keeps an output from being written, as far as can be told: before the scan
+// (`sessionKnown` false) only the files the user named, since a document's default name comes
+// from the clips' folders.
+std::optional<std::string> outputProblem(const SyncOptions& options, const std::vector<TrackSource>& sources,
+                                         bool sessionKnown) {
+    try {
+        if (!options.report.empty()) OutputFile::check(options.report, options.force, sources);
+        for (const auto& word : distinctExports(options)) {
+            std::error_code ec;
+            if (!sessionKnown &&
+                (options.output.empty() || std::filesystem::is_directory(options.output, ec)))
+                continue;
+            checkExport(sources, requestFor(options, word), std::filesystem::current_path());
+        }
+    } catch (const OutputError& e) {
+        return std::string(e.what());
+    }
+    return std::nullopt;
+}
+
+int refuse(const std::string& reason) {
+    std::cerr << "trelvane: " << terminalSafe(reason) << '\n';
+    return kExitFailure;
+}
+
 } // namespace
 
 void addSyncCommand(CLI::App& app, SyncOptions& options) {
-    auto* cmd = app.add_subcommand("sync", "Line up every clip under the paths on one timeline by its sound");
-    cmd->add_option("paths", options.paths, "Folders or media files of the shoot")->required();
-    cmd->add_option("--mode", options.mode, "tracks: one timeline of all devices; stacks: repeated takes stacked")
-        ->check(CLI::IsMember({"tracks", "stacks"}))
-        ->default_str("tracks");
+    auto* cmd = app.add_subcommand("sync", "Line up every clip under the paths on one timeline by its sound")
+                    ->group("Commands");
+    cmd->add_option("PATH", options.paths, "Folders or media files of the shoot")
+        ->required()
+        ->option_text("...");
+    addChoice(*cmd, "--mode", options.mode, {"tracks", "stacks"},
+              "tracks: one timeline of all devices; stacks: repeated takes stacked");
     addPromptOptions(*cmd, options.cameraGroups, options.dayRegions);
     cmd->add_flag("--no-close-gaps", options.noCloseGaps, "Keep the pauses between clips on the timeline");
-    cmd->add_option("--report", options.report, "Write the synchronised session as JSON to this file");
+    cmd->add_option("--report", options.report,
+                    "Write the synchronised session as JSON to FILE (- for standard output)")
+        ->option_text("FILE");
     cmd->add_flag("--table", options.table, "Print every clip's place, status and how it was placed");
-    cmd->add_option("--export", options.exports,
-                    "Write the timeline for an editor: " + std::string(kExportTargetChoices) + " (may be repeated)")
-        ->check(CLI::IsMember({"premiere", "resolve", "fcpxml", "otio"}));
-    cmd->add_option("--fps", options.fps, "Timeline frame rate of the document (default: the footage's own)")
-        ->check(CLI::PositiveNumber);
-    cmd->add_option("--channels", options.channels, "Audio of multi-channel clips: " +
-                                                         std::string(kChannelLayoutChoices))
-        ->check(CLI::IsMember({"per-channel", "mixed"}))
-        ->default_str("per-channel");
-    cmd->add_option("-o,--output", options.output, "File to write (with a single --export)");
-    cmd->add_flag("--force", options.force, "Replace an existing document");
+    addChoices(*cmd, "--export", options.exports, {"premiere", "resolve", "fcpxml", "otio"},
+               "Write the timeline for an editor (may be repeated)");
+    addRate(*cmd, "--fps", options.fps, kMostFps,
+            "Timeline frame rate of the document (default: the footage's own)");
+    addChoice(*cmd, "--channels", options.channels, {"per-channel", "mixed"}, "Audio of multi-channel clips");
+    cmd->add_option("-o,--output", options.output,
+                    "File to write, with a single --export (- for standard output)")
+        ->option_text("FILE");
+    cmd->add_flag("--force", options.force, "Replace existing files (the report and the documents)");
 }
 
 int runSync(const SyncOptions& options, const CommonOptions& common) {
-    if (!options.output.empty() && options.exports.size() != 1) {
-        std::cerr << "trelvane: --output needs exactly one --export\n";
+    if (const auto problem = usageProblem(options)) {
+        std::cerr << "trelvane: " << *problem << "\nRun 'trelvane help sync' for the options.\n";
         return kExitUsage;
     }
     const auto urls = existingPaths(options.paths);
     if (!urls) return kExitFailure;
+    if (const auto problem = outputProblem(options, {}, false)) return refuse(*problem);
     startLogging(common);
+    Interruption interruption;
 
     HeadlessSession session(productStages(), options.mode, !options.noCloseGaps);
     auto& vm = session.vm;
-    ProgressReport progress(*vm);
-    ingest(session, *urls, options.cameraGroups, options.dayRegions, std::cout, progress);
+    // A report or document on standard output has it to itself; what is told goes beside it.
+    std::ostream& out = writesStandardOutput(options) ? std::cerr : std::cout;
+    ProgressReport progress(*vm, !common.quiet && !common.verbose);
+    // Once the clips are known and before minutes of analysis, every output is checked again,
+    // now against the session's media and with the documents' default names.
+    std::optional<std::string> refusal;
+    const bool ingested =
+        ingest(session, *urls, options.cameraGroups, options.dayRegions, out, progress, common.quiet, [&] {
+            refusal = outputProblem(options, vm->sources(), true);
+            return !refusal;
+        });
+    if (refusal) {
+        progress.finish(false);
+        return refuse(*refusal);
+    }
+    if (!ingested) return Interruption::report(progress);
+    if ((refusal = outputProblem(options, vm->sources(), true))) return refuse(*refusal);
 
     std::optional<std::pair<std::string, std::string>> notice;
     Notifier::setPresenter([&notice](const std::string& title, const std::string& body) {
@@ -79,28 +159,23 @@ int runSync(const SyncOptions& options, const CommonOptions& common) {
     auto watch = vm->observe([&](Published what) {
         if (what == Published::state || what == Published::syncProgress) progress.update();
     });
-    interrupted.store(false);
-    auto previous = std::signal(SIGINT, onInterrupt);
     // The run loop wakes at least this often, so that Ctrl-C is seen even while the engine is
     // quiet.
     auto poll = session.queue.every(0.1, [&vm] {
-        if (interrupted.load() && vm->isSyncRunning()) vm->cancelSynchronization();
+        if (Interruption::requested() && vm->isSyncRunning()) vm->cancelSynchronization();
     });
     vm->synchronize();
     session.queue.runUntil([&] { return !vm->isSyncRunning() && !vm->state().is(AppState::Kind::syncing); });
     poll.reset();
-    std::signal(SIGINT, previous);
-    progress.finish();
     Notifier::setPresenter(nullptr);
 
-    if (interrupted.load()) {
-        std::cerr << "trelvane: sync cancelled — the session is as it was before, nothing written\n";
-        return kExitInterrupted;
-    }
+    if (Interruption::requested()) return Interruption::report(progress);
     if (vm->state().is(AppState::Kind::error)) {
+        progress.finish(false);
         std::cerr << "trelvane: " << terminalSafe(vm->errorMessage().value_or("synchronisation failed")) << '\n';
         return kExitFailure;
     }
+    progress.finish(true);
 
     if (options.table) {
         std::vector<std::vector<std::string>> rows{{"TRACK", "CLIP", "START", "END", "STATUS", "SCORE", "PASS"}};
@@ -110,7 +185,7 @@ int runSync(const SyncOptions& options, const CommonOptions& common) {
                                 fmt::format("{:.2f}", c.startOffset), fmt::format("{:.2f}", c.startOffset + c.duration),
                                 std::string(rawValue(c.syncStatus)), scoreText(c.matchScore),
                                 terminalSafe(c.placementPass.value_or("-"))});
-        printTable(rows, std::cout);
+        printTable(rows, out);
     }
     if (const auto& stacks = vm->lastStacks(); stacks && options.mode == "stacks") {
         // Each stack stands where its earliest take was laid.
@@ -119,42 +194,39 @@ int runSync(const SyncOptions& options, const CommonOptions& common) {
             for (const auto& t : vm->sources())
                 for (const auto& c : t.clips)
                     if (stacks->stacks[k].positions.count(c.id) && (!at || c.startOffset < *at)) at = c.startOffset;
-            std::cout << fmt::sprintf("stack %d: %d take(s), %.1fs at %.1fs\n", static_cast<int>(k + 1),
-                                      static_cast<int>(stacks->stacks[k].positions.size()), stacks->stacks[k].length,
-                                      at.value_or(0.0));
+            out << fmt::sprintf("stack %d: %d take(s), %.1fs at %.1fs\n", static_cast<int>(k + 1),
+                                static_cast<int>(stacks->stacks[k].positions.size()),
+                                stacks->stacks[k].length, at.value_or(0.0));
         }
         if (!stacks->unmatched.empty())
-            std::cout << "unmatched: " << terminalSafe(joined(stacks->unmatched, ", ")) << '\n';
+            out << "unmatched: " << terminalSafe(joined(stacks->unmatched, ", ")) << '\n';
     }
-    if (notice) std::cout << terminalSafe(notice->first) << ": " << terminalSafe(notice->second) << '\n';
-    if (const auto& failures = vm->failureSummary()) std::cout << terminalSafe(*failures) << '\n';
+    if (notice) out << terminalSafe(notice->first) << ": " << terminalSafe(notice->second) << '\n';
+    if (const auto& failures = vm->failureSummary()) out << terminalSafe(*failures) << '\n';
+    // A Ctrl-C after the synchronisation still leaves nothing written, and so does a file that
+    // can no longer be written: every output is checked before the first is written.
+    if (Interruption::requested()) return Interruption::report(progress);
+    if ((refusal = outputProblem(options, vm->sources(), true))) return refuse(*refusal);
 
     if (!options.report.empty()) {
-        if (const auto failure = Files::writeAtomically(options.report, SessionJson::dump(vm->sources()) + "\n")) {
-            std::cerr << "trelvane: cannot write " << terminalSafe(options.report) << ": " << terminalSafe(*failure)
-                      << '\n';
-            return kExitFailure;
+        try {
+            OutputFile::write(options.report, SessionJson::dump(vm->sources()) + "\n", options.force,
+                              vm->sources());
+        } catch (const OutputError& e) {
+            return refuse(e.what());
         }
-        std::cout << "report: " << terminalSafe(options.report) << '\n';
+        out << "report: " << terminalSafe(options.report) << '\n';
     }
 
-    std::set<std::string> done;
-    for (const auto& word : options.exports) {
-        if (!done.insert(word).second) continue;
-        ExportRequest request;
-        request.target = *parseExportTarget(word);
-        request.fps = options.fps;
-        request.channels = *parseChannelLayout(options.channels);
-        if (!options.output.empty()) request.output = options.output;
-        request.force = options.force;
+    for (const auto& word : distinctExports(options)) {
         try {
-            const auto written = runExport(vm->sources(), request, std::filesystem::current_path());
-            std::cout << word << ": " << terminalSafe(written.path.string()) << "  (" << written.summary.trackCount
-                      << " tracks, " << written.summary.clipCount << " clips, "
-                      << written.summary.durationString() << ")\n";
+            const auto written =
+                runExport(vm->sources(), requestFor(options, word), std::filesystem::current_path());
+            out << word << ": " << terminalSafe(written.path.string()) << "  (" << written.summary.trackCount
+                << " tracks, " << written.summary.clipCount << " clips, " << written.summary.durationString()
+                << ")\n";
         } catch (const ExportError& e) {
-            std::cerr << "trelvane: " << terminalSafe(e.what()) << '\n';
-            return kExitFailure;
+            return refuse(e.what());
         }
     }
     return kExitOK;

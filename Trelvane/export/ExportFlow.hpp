@@ -17,30 +17,27 @@
 //   ("Card01_tv_premiere.xml"). A relative `output` is taken against `cwd`; an `output` that is an
 //   existing folder gets the default name inside it. An output whose extension (compared without
 //   case) is not the target's gets the target's appended: "cut" -> "cut.xml", "CUT.XML" stays.
-// - An existing file is replaced only with `force`; a path that is (or leads through a link to)
-//   the media file of any clip is never written, `force` or not.
-// - Written atomically: a temporary file in the same folder, flushed to disk, renamed over the
-//   target. On any failure nothing is left behind and any existing file is untouched.
+//   An output that is written in place ("-", /dev/stdout, a pipe, a terminal) keeps its name.
+// - Written by OutputFile: never over a media file of any clip, whatever it is called; an existing
+//   file only with `force`; atomically, or in place for a pipe or a terminal.
 //
 // Failures throw ExportError, whose message is the sentence to show the user. When the file is
 // written, the notice "Export finished" / "<file name> saved." goes to the Notifier.
 // Runs on the calling thread; the string building takes well under a second for real sessions.
 
 #include "Trelvane/export/ExportOptions.hpp"
+#include "Trelvane/export/OutputFile.hpp"
 #include "TrelvaneEngine/model/TrackModels.hpp"
 
 #include <filesystem>
 #include <optional>
-#include <stdexcept>
 #include <string>
 #include <vector>
 
 namespace trelvane {
 
-class ExportError : public std::runtime_error {
-  public:
-    using std::runtime_error::runtime_error;
-};
+// The writer's refusals and the request's own (a rate that is no rate) reach the user alike.
+using ExportError = OutputError;
 
 struct ExportRequest {
     ExportTarget target = ExportTarget::premiere;
@@ -70,6 +67,11 @@ std::filesystem::path resolveOutputPath(const std::vector<TrackSource>& sources,
 
 // The document for the options, as text.
 std::string buildDocument(const std::vector<TrackSource>& sources, const ExportOptions& options);
+
+// What can be told before the document exists: the rate, and whether the file can be written
+// (OutputFile::check). Throws ExportError; writes nothing.
+void checkExport(const std::vector<TrackSource>& sources, const ExportRequest& request,
+                 const std::filesystem::path& cwd);
 
 // The whole flow: options, path, checks, document, atomic write, notice.
 ExportResult runExport(const std::vector<TrackSource>& sources, const ExportRequest& request,

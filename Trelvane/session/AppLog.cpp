@@ -16,8 +16,10 @@
 #include <fstream>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <sstream>
 #include <string_view>
+#include <sys/stat.h>
 #include <sys/utsname.h>
 #include <system_error>
 #include <thread>
@@ -38,6 +40,8 @@ struct State {
     int fd = -1;
     bool ownsFd = false;
     bool sinkInstalled = false;
+    // Mode::fileOnly without a file: lines go nowhere.
+    bool discard = false;
     std::filesystem::path path;
 };
 
@@ -62,12 +66,30 @@ void closeLocked(State& s) {
     if (s.ownsFd && s.fd >= 0) ::close(s.fd);
     s.fd = -1;
     s.ownsFd = false;
+    s.discard = false;
     s.path.clear();
 }
 
 // O_APPEND so that each line goes out in one write at the end, whichever thread or stream writes it.
+// O_NOFOLLOW: a link in the file's place is refused rather than followed.
 int openTruncated(const std::filesystem::path& path) {
-    return ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_APPEND | O_CLOEXEC, 0644);
+    return ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_APPEND | O_CLOEXEC | O_NOFOLLOW, 0644);
+}
+
+// The temporary folder is everybody's: a name in it may be a link planted by another user. The log
+// goes into a folder of this user's own, "trelvane-<uid>", made with mode 0700 and, when it was
+// there already, used only when it is a real folder owned by this user. Nothing when there is none.
+std::optional<std::filesystem::path> privateTemporaryFolder() {
+    std::error_code ec;
+    auto temp = std::filesystem::temp_directory_path(ec);
+    if (ec) temp = "/tmp";
+    const auto folder = temp / ("trelvane-" + std::to_string(::getuid()));
+    if (::mkdir(folder.c_str(), 0700) != 0 && errno != EEXIST) return std::nullopt;
+    struct stat st {};
+    if (::lstat(folder.c_str(), &st) != 0 || !S_ISDIR(st.st_mode) || st.st_uid != ::getuid())
+        return std::nullopt;
+    if ((st.st_mode & 077) != 0 && ::chmod(folder.c_str(), 0700) != 0) return std::nullopt;
+    return folder;
 }
 
 bool isHttps(const std::string& url) {
@@ -144,8 +166,7 @@ void start(Mode mode) {
             const auto data = UserDirs::dataDir();
             std::filesystem::create_directories(data, ec);
             if (!ec) folders.push_back(data);
-            const auto temp = std::filesystem::temp_directory_path(ec);
-            folders.push_back(ec ? std::filesystem::path("/tmp") : temp);
+            if (const auto temp = privateTemporaryFolder()) folders.push_back(*temp);
         }
         int fd = -1;
         std::filesystem::path path;
@@ -154,9 +175,12 @@ void start(Mode mode) {
             fd = openTruncated(path);
             if (fd >= 0) break;
         }
-        if (fd < 0) return;
-
-        if (mode == Mode::redirectStdio) {
+        if (fd < 0) {
+            // The command line's standard output carries its results: without a file its log is
+            // dropped rather than mixed into them. The desktop app's stays on stdout.
+            s.discard = mode == Mode::fileOnly;
+            installSink = s.discard;
+        } else if (mode == Mode::redirectStdio) {
             std::fflush(stdout);
             std::fflush(stderr);
             ::dup2(fd, STDOUT_FILENO);
@@ -166,12 +190,13 @@ void start(Mode mode) {
             std::setvbuf(stdout, nullptr, _IONBF, 0);
             s.fd = STDOUT_FILENO;
             s.ownsFd = false;
+            s.path = path;
         } else {
             s.fd = fd;
             s.ownsFd = true;
+            s.path = path;
             installSink = true;
         }
-        s.path = path;
         s.sinkInstalled = installSink;
     }
     // Outside our lock: EngineLog calls the sink under its own lock, and the sink takes ours.
@@ -204,6 +229,7 @@ void write(const std::string& line) {
     std::string whole = line;
     whole += '\n';
     std::lock_guard lock(s.mutex);
+    if (s.discard) return;
     if (s.fd < 0) {
         std::fwrite(whole.data(), 1, whole.size(), stdout);
         std::fflush(stdout);

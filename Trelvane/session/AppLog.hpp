@@ -28,9 +28,11 @@ enum class Mode {
     fileOnly,
 };
 
-// Opens `Trelvane.log` in UserDirs::dataDir() (made with parents), truncated; the system's
-// temporary folder serves when that folder can't be made or the file can't be opened there. If
-// neither works the log stays on stdout and logPath() stays empty. Then writes
+// Opens `Trelvane.log` in UserDirs::dataDir() (made with parents), truncated, never through a
+// link; the user's own folder "trelvane-<uid>" (mode 0700) in the system's temporary folder
+// serves when that folder can't be made or the file can't be opened there. If neither works
+// logPath() stays empty and the log stays on stdout (Mode::redirectStdio) or is dropped
+// (Mode::fileOnly, whose stdout carries the command's results). Then writes
 // "[Trelvane] log start <ISO 8601 date> — v<version> — <OS version>".
 void start(Mode mode);
 // Closes the file and, in Mode::fileOnly, removes the sink; stdout stays where it was sent. For

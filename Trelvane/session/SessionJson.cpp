@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 #include "Trelvane/session/SessionJson.hpp"
+#include "TrelvaneEngine/support/Utf8.hpp"
 
 namespace trelvane::SessionJson {
 
@@ -10,9 +11,6 @@ using nlohmann::json;
 template <typename T> json opt(const std::optional<T>& v) {
     return v ? json(*v) : json(nullptr);
 }
-json opt(const std::optional<Url>& v) {
-    return v ? json(v->path()) : json(nullptr);
-}
 json opt(const std::optional<Uuid>& v) {
     return v ? json(v->string()) : json(nullptr);
 }
@@ -21,9 +19,8 @@ json opt(const std::optional<Date>& v) {
 }
 
 json encodeClip(const ClipItem& c) {
-    return json{
+    json o{
         {"id", c.id.string()},
-        {"url", c.url.path()},
         {"duration", c.duration},
         {"startOffset", c.startOffset},
         {"syncStatus", rawValue(c.syncStatus)},
@@ -31,7 +28,6 @@ json encodeClip(const ClipItem& c) {
         {"placementPass", opt(c.placementPass)},
         {"placementNote", opt(c.placementNote)},
         {"frameRate", opt(c.frameRate)},
-        {"pictureURL", opt(c.pictureURL)},
         {"recordFrameRate", opt(c.recordFrameRate)},
         {"conformFrameRate", opt(c.conformFrameRate)},
         {"pictureFrames", opt(c.pictureFrames)},
@@ -51,17 +47,22 @@ json encodeClip(const ClipItem& c) {
         {"placementExplanation", c.placementExplanation()},
         {"failureBucket", opt(c.failureBucket())},
     };
+    setPath(o, "url", c.url.path());
+    if (c.pictureURL)
+        setPath(o, "pictureURL", c.pictureURL->path());
+    else
+        o["pictureURL"] = nullptr;
+    return o;
 }
 
 json encodeTrack(const TrackSource& t) {
     json clips = json::array();
     for (const auto& c : t.clips)
         clips.push_back(encodeClip(c));
-    return json{
+    json o{
         {"id", t.id.string()},
         {"name", t.name},
         {"type", rawValue(t.type)},
-        {"session", t.session},
         {"deviceName", opt(t.deviceName)},
         {"lockedGrouping", t.lockedGrouping},
         {"cameraGroup", opt(t.cameraGroup)},
@@ -73,9 +74,33 @@ json encodeTrack(const TrackSource& t) {
         {"subtitle", t.subtitle()},
         {"clips", std::move(clips)},
     };
+    setPath(o, "session", t.session);
+    return o;
 }
 
 } // namespace
+
+std::string percentEncoded(std::string_view bytes) {
+    static constexpr char kHex[] = "0123456789ABCDEF";
+    std::string out;
+    out.reserve(bytes.size());
+    for (const char c : bytes) {
+        const auto b = static_cast<unsigned char>(c);
+        if (b > 0x20 && b < 0x7F && b != '%') {
+            out += c;
+        } else {
+            out += '%';
+            out += kHex[b >> 4];
+            out += kHex[b & 0x0F];
+        }
+    }
+    return out;
+}
+
+void setPath(json& object, const std::string& key, const std::string& path) {
+    object[key] = path;
+    if (!Utf8::isValid(path)) object[key + "Bytes"] = percentEncoded(path);
+}
 
 nlohmann::json encode(const std::vector<TrackSource>& sources) {
     json tracks = json::array();

@@ -6,9 +6,13 @@
 #include "TestSupport.hpp"
 
 #include <array>
+#include <csignal>
 #include <cstdio>
+#include <functional>
+#include <poll.h>
 #include <string>
 #include <sys/wait.h>
+#include <unistd.h>
 
 namespace trelvane::test {
 
@@ -17,13 +21,16 @@ struct CliRun {
     std::string out;
 };
 
-// Runs the CLI with the user's folders redirected into `home` and the time zone fixed to UTC, so
-// that printed dates are known; stderr is folded into `out` when asked.
-inline CliRun runCli(const TempDir& home, const std::string& args, bool withStderr = false) {
-    const std::string cmd = "TZ=UTC XDG_DATA_HOME=" + quoted((home / "data").string()) +
-                            " XDG_CONFIG_HOME=" + quoted((home / "config").string()) +
-                            " XDG_CACHE_HOME=" + quoted((home / "cache").string()) + " " +
-                            quoted(TRELVANE_CLI_PATH) + " " + args + (withStderr ? " 2>&1" : " 2>/dev/null");
+// The environment every run gets: the user's folders redirected into `home`, the time zone UTC so
+// that printed dates are known.
+inline std::string cliEnvironment(const TempDir& home) {
+    return "TZ=UTC XDG_DATA_HOME=" + quoted((home / "data").string()) +
+           " XDG_CONFIG_HOME=" + quoted((home / "config").string()) +
+           " XDG_CACHE_HOME=" + quoted((home / "cache").string());
+}
+
+// Runs a shell command line and collects its standard output.
+inline CliRun runShell(const std::string& cmd) {
     CliRun r;
     FILE* pipe = ::popen(cmd.c_str(), "r");
     if (!pipe) return r;
@@ -32,6 +39,50 @@ inline CliRun runCli(const TempDir& home, const std::string& args, bool withStde
     while ((n = std::fread(buf.data(), 1, buf.size(), pipe)) > 0)
         r.out.append(buf.data(), n);
     const int raw = ::pclose(pipe);
+    r.status = WIFEXITED(raw) ? WEXITSTATUS(raw) : -1;
+    return r;
+}
+
+// Runs the CLI; stderr is folded into `out` when asked.
+inline CliRun runCli(const TempDir& home, const std::string& args, bool withStderr = false) {
+    return runShell(cliEnvironment(home) + " " + quoted(TRELVANE_CLI_PATH) + " " + args +
+                    (withStderr ? " 2>&1" : " 2>/dev/null"));
+}
+
+// Runs the CLI with `env` added to its environment and `args` left as given, redirections and all.
+inline CliRun runCliAsGiven(const TempDir& home, const std::string& env, const std::string& args) {
+    return runShell(cliEnvironment(home) + " " + env + " " + quoted(TRELVANE_CLI_PATH) + " " + args);
+}
+
+// Runs the CLI with stdout and stderr on one pipe and calls `onOutput` with everything read so far
+// each time more arrives, with the child's pid, until the child ends.
+inline CliRun runCliWatching(const TempDir& home, const std::string& args,
+                             const std::function<void(const std::string&, pid_t)>& onOutput) {
+    CliRun r;
+    int fds[2];
+    if (::pipe(fds) != 0) return r;
+    const std::string cmd =
+        "exec env " + cliEnvironment(home) + " " + quoted(TRELVANE_CLI_PATH) + " " + args + " 2>&1";
+    const pid_t pid = ::fork();
+    if (pid == 0) {
+        ::dup2(fds[1], STDOUT_FILENO);
+        ::close(fds[0]);
+        ::close(fds[1]);
+        ::execl("/bin/sh", "sh", "-c", cmd.c_str(), static_cast<char*>(nullptr));
+        ::_exit(127);
+    }
+    ::close(fds[1]);
+    std::array<char, 4096> buf{};
+    for (;;) {
+        const ssize_t n = ::read(fds[0], buf.data(), buf.size());
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) break;
+        r.out.append(buf.data(), static_cast<std::size_t>(n));
+        onOutput(r.out, pid);
+    }
+    ::close(fds[0]);
+    int raw = 0;
+    ::waitpid(pid, &raw, 0);
     r.status = WIFEXITED(raw) ? WEXITSTATUS(raw) : -1;
     return r;
 }

@@ -5,12 +5,18 @@
 #include <array>
 #include <cstdio>
 #include <cstdlib>
+#include <fstream>
 #include <gtest/gtest.h>
+#include <map>
 #include <nlohmann/json.hpp>
+#include <sstream>
 #include <sys/wait.h>
 
+using trelvane::test::cliEnvironment;
 using trelvane::test::quoted;
 using trelvane::test::runCli;
+using trelvane::test::runCliAsGiven;
+using trelvane::test::runShell;
 using trelvane::test::TempDir;
 
 TEST(Cli, VersionHelpAndUsageErrorsHaveTheirExitStatuses) {
@@ -79,9 +85,22 @@ TEST(Cli, ScanJsonHasTheSessionShape) {
     for (const char* heavy :
          {"waveformPreview", "cachedEnvelope", "fingerprint", "bassOnsets", "bandFeature"})
         EXPECT_FALSE(clip.contains(heavy)) << heavy;
-    // A name that is not valid UTF-8 still gives a valid document.
-    const std::string name = doc["tracks"][1]["clips"][0]["url"];
-    EXPECT_NE(name.find("odd \"name\" & "), std::string::npos);
+    // A name that is not valid UTF-8 still gives a valid document, and its exact bytes beside it.
+    const auto& odd = doc["tracks"][1]["clips"][0];
+    EXPECT_NE(odd["url"].get<std::string>().find("odd \"name\" & "), std::string::npos);
+    const std::string bytes = odd["urlBytes"];
+    std::string decoded;
+    for (std::size_t i = 0; i < bytes.size(); ++i) {
+        if (bytes[i] != '%') {
+            decoded += bytes[i];
+            continue;
+        }
+        decoded += static_cast<char>(std::stoi(bytes.substr(i + 1, 2), nullptr, 16));
+        i += 2;
+    }
+    EXPECT_EQ(decoded, (home / "shoot/Zoom/odd \"name\" & \xff.WAV").string()) << bytes;
+    EXPECT_FALSE(clip.contains("urlBytes"));
+    EXPECT_FALSE(track.contains("sessionBytes"));
 }
 
 TEST(Cli, AnalyzeDecodesOnceThenServesTheCache) {
@@ -109,4 +128,117 @@ TEST(Cli, AnalyzeDecodesOnceThenServesTheCache) {
         runCli(home, "scan --day-regions reject --camera-groups REJECT " + quoted((home / "shoot").string()))
             .status,
         0);
+}
+
+namespace {
+
+// What a user must never see: the parser's own types, ranges and conventions.
+const char* const kParserWords[] = {"ENUM", "->",       "FLOAT",  "TEXT",
+                                    "{",    "REQUIRED", "179769", "Run with --help"};
+
+} // namespace
+
+TEST(Cli, HelpAndUsageErrorsAreInTheProgramsOwnWords) {
+    TempDir home;
+    const std::string p = quoted(home.dir("shoot").string());
+    const struct {
+        std::string args;
+        int status;
+        std::string says;
+    } cases[] = {
+        {"sync --fps abc " + p, 2, "trelvane: --fps: \"abc\" is not a number"},
+        {"sync --fps 0 " + p, 2, "trelvane: --fps: 0 is out of range"},
+        {"sync " + p + " --fps", 2, "trelvane: --fps needs a value"},
+        {"scan --camera-groups maybe " + p, 2, "\"maybe\" is not one of accept, reject"},
+        {"sync --export avid " + p, 2, "\"avid\" is not one of premiere, resolve, fcpxml, otio"},
+        {"sync --mode chaos " + p, 2, "\"chaos\" is not one of tracks, stacks"},
+        {"sync", 2,
+         "trelvane: give at least one folder or media file of the shoot\nRun 'trelvane help sync'"},
+        {"", 2, "trelvane: give a command: scan, sync, probe or help"},
+        {"frobnicate", 2, "no command named \"frobnicate\""},
+        {"scan --no-such-flag " + p, 2, "trelvane: unexpected --no-such-flag"},
+        {"help nope", 2, "no command named \"nope\""},
+        {"--help", 0, "Commands:\n  scan"},
+        {"help", 0, "Usage: trelvane [OPTIONS] COMMAND"},
+        {"help sync", 0, "Usage: trelvane sync [OPTIONS] PATH..."},
+        {"sync --help", 0, "  --fps RATE "},
+        {"help probe", 0, "Usage: trelvane probe [OPTIONS] FILE..."},
+    };
+    for (const auto& c : cases) {
+        const auto r = runCli(home, c.args, true);
+        EXPECT_EQ(r.status, c.status) << c.args << "\n" << r.out;
+        EXPECT_NE(r.out.find(c.says), std::string::npos) << c.args << "\n" << r.out;
+        for (const char* word : kParserWords)
+            EXPECT_EQ(r.out.find(word), std::string::npos) << c.args << " shows " << word << "\n" << r.out;
+    }
+    EXPECT_EQ(runCli(home, "help sync").out, runCli(home, "sync --help").out);
+}
+
+TEST(Cli, TheReadmeAndTheHelpListTheSameExitStatuses) {
+    // "| 130 | interrupted … |" in the README, "  130  interrupted …" at the end of --help.
+    std::map<int, std::string> readme, help;
+    std::ifstream file(std::string(TRELVANE_SOURCE_DIR) + "/README.md");
+    bool inTable = false;
+    for (std::string line; std::getline(file, line);) {
+        if (line.starts_with("| Exit status |"))
+            inTable = true;
+        else if (inTable && !line.starts_with("|"))
+            break;
+        int code = 0;
+        char meaning[200] = {};
+        if (inTable && std::sscanf(line.c_str(), "| %d | %199[^|]", &code, meaning) == 2) {
+            std::string m = meaning;
+            readme[code] = m.substr(0, m.find_last_not_of(' ') + 1);
+        }
+    }
+    TempDir home;
+    std::istringstream text(runCli(home, "--help").out);
+    bool inList = false;
+    for (std::string line; std::getline(text, line);) {
+        if (line == "Exit status:") inList = true;
+        int code = 0, used = 0;
+        if (inList && std::sscanf(line.c_str(), " %d %n", &code, &used) == 1) help[code] = line.substr(used);
+    }
+    EXPECT_FALSE(readme.empty()) << "no exit status table in the README";
+    EXPECT_TRUE(help.count(130)) << "Ctrl-C's status is missing from --help";
+    EXPECT_EQ(readme, help);
+}
+
+TEST(Cli, AFailedWriteToStandardOutputFailsTheRunWithAMessage) {
+    TempDir home;
+    home.file("shoot/CamA/C0001.MP4");
+    const std::string shoot = quoted((home / "shoot").string());
+    for (const std::string& args : {"scan " + shoot, "scan --json " + shoot, std::string("--version")}) {
+        const auto r = runCliAsGiven(home, "", args + " 2>&1 >/dev/full");
+        EXPECT_EQ(r.status, 1) << args;
+        EXPECT_NE(r.out.find("trelvane: cannot write to standard output: No space left on device"),
+                  std::string::npos)
+            << args << "\n"
+            << r.out;
+    }
+}
+
+TEST(Cli, TheProgressBarShowsOnlyOnATerminalUnlessQuietAndEndsAtAHundredPercent) {
+    if (std::system("command -v script >/dev/null 2>&1") != 0)
+        GTEST_SKIP() << "script (bsdutils) is not installed";
+    TempDir home;
+    const auto rec = home.dir("shoot/rec");
+    for (const char* name : {"R0001.WAV", "R0002.WAV"})
+        ASSERT_EQ(std::system(("ffmpeg -v error -f lavfi -i 'sine=frequency=440:duration=6' -ar 48000 -y " +
+                               quoted((rec / name).string()))
+                                  .c_str()),
+                  0);
+    const std::string args = "scan --analyze " + quoted((home / "shoot").string());
+    const auto onTerminal = [&](const std::string& flags) {
+        const std::string cmd = cliEnvironment(home) + " " + quoted(TRELVANE_CLI_PATH) + " " + flags + args;
+        return runShell("script -qec " + quoted(cmd) + " /dev/null").out;
+    };
+    const std::string full = "analysing [" + std::string(30, '#') + "] 100%";
+    const auto shown = onTerminal("");
+    EXPECT_NE(shown.find(full), std::string::npos) << shown;
+    for (const char* flags : {"-q ", "--quiet ", "-v "})
+        EXPECT_EQ(onTerminal(flags).find("analysing"), std::string::npos) << flags;
+    const auto piped = runCli(home, args, true);
+    EXPECT_EQ(piped.status, 0);
+    EXPECT_EQ(piped.out.find("analysing"), std::string::npos) << piped.out;
 }

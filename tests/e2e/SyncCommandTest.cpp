@@ -4,6 +4,7 @@
 #include "MediaSupport.hpp"
 #include "e2e/CliRunner.hpp"
 
+#include <csignal>
 #include <filesystem>
 #include <fstream>
 #include <gtest/gtest.h>
@@ -72,9 +73,123 @@ TEST(SyncCommand, LinesUpTwoRecordersReportsThemAndWritesTheDocuments) {
     const auto again = runCli(home, "sync " + shoot + " --export fcpxml -o " + quoted(out + "/cut.fcpxml"), true);
     EXPECT_EQ(again.status, 1) << again.out;
     EXPECT_NE(again.out.find("cut.fcpxml"), std::string::npos) << again.out;
-    const auto forced =
-        runCli(home, "sync " + shoot + " --export fcpxml --force -o " + quoted(out + "/cut.fcpxml"), true);
+    // The report can go to standard output, which then holds it alone.
+    const auto forced = runCli(home, "sync " + shoot + " --export fcpxml --force -o " +
+                                         quoted(out + "/cut.fcpxml") + " --report -");
     EXPECT_EQ(forced.status, 0) << forced.out;
+    EXPECT_EQ(nlohmann::json::parse(forced.out)["tracks"].size(), 2u) << forced.out;
+
+    // Off a terminal no progress is drawn, and nothing is written but the given files, the cache
+    // and the log.
+    EXPECT_EQ(sync.out.find("analysing"), std::string::npos) << sync.out;
+    EXPECT_EQ(sync.out.find("syncing"), std::string::npos) << sync.out;
+    for (const auto& entry : std::filesystem::recursive_directory_iterator(home.path())) {
+        if (entry.is_directory()) continue;
+        const auto rel = entry.path().lexically_relative(home.path()).string();
+        EXPECT_TRUE(rel.starts_with("shoot/") || rel.starts_with("cache/") || rel == "out/r.json" ||
+                    rel == "out/cut.fcpxml" || rel == "data/Trelvane/Trelvane.log")
+            << "written outside the given paths: " << rel;
+    }
+}
+
+// Every output is checked before minutes of analysis: the paths the user named before anything is
+// read, the rest (the session's media, the default names) once the clips are known. A media file
+// of the shoot is never written, under any of its names.
+TEST(SyncCommand, OutputsAreCheckedBeforeTheAnalysisAndNeverWrittenOverMedia) {
+    TempDir home;
+    for (const char* rec : {"RecA/A001.wav", "RecB/B001.wav"}) {
+        std::filesystem::create_directories((home / "shoot" / rec).parent_path());
+        ffmpeg("-f lavfi -i sine=frequency=440:duration=8 -ar 48000 " +
+               quoted((home / "shoot" / rec).string()));
+    }
+    const auto media = home / "shoot/RecB/B001.wav";
+    const std::string original = [&] {
+        std::ifstream in(media, std::ios::binary);
+        return std::string(std::istreambuf_iterator<char>(in), {});
+    }();
+    std::filesystem::create_symlink(media, home / "link.json");
+    std::filesystem::create_hard_link(media, home / "hard.json");
+    std::filesystem::create_symlink(media, home / "cut.xml");
+    home.file("out/cut.fcpxml", "old");
+    const std::string shoot = quoted((home / "shoot").string());
+    const auto at = [&](const char* rel) { return quoted((home / rel).string()); };
+    const struct {
+        std::string args;
+        int status;
+        std::string says;
+    } cases[] = {
+        {"sync " + shoot + " --report " + quoted(media.string()), 1, "already exists; export with --force"},
+        {"sync " + shoot + " --report " + quoted(media.string()) + " --force", 1,
+         "is a media file of this session"},
+        {"sync " + shoot + " --force --report " + at("link.json"), 1, "is a media file of this session"},
+        {"sync " + shoot + " --force --report " + at("hard.json"), 1, "is a media file of this session"},
+        {"sync --force --export premiere " + shoot + " -o " + at("cut.xml"), 1, "is a media file"},
+        {"sync --export premiere --fps 30 " + shoot + " -o " + at("missing/cut.xml"), 1,
+         "The folder \"" + (home / "missing").string() + "\" does not exist"},
+        {"sync " + shoot + " --export fcpxml -o " + at("out/cut.fcpxml"), 1, "already exists"},
+        {"sync " + shoot + " --report /dev/zero", 1, "\"/dev/zero\" is not a file Trelvane writes to"},
+        {"sync " + shoot + " --export otio --export fcpxml -o " + at("out/x"), 2,
+         "--output needs exactly one --export"},
+        {"sync " + shoot + " --export otio --report - -o -", 2, "can't both go to standard output"},
+        {"sync " + shoot + " --export otio --report " + at("r.json") + " -o " + at("r.json"), 2,
+         "name the same file"},
+    };
+    for (const auto& c : cases) {
+        std::filesystem::remove(home / "data/Trelvane/Trelvane.log");
+        const auto r = runCli(home, c.args, true);
+        EXPECT_EQ(r.status, c.status) << c.args << "\n" << r.out;
+        EXPECT_NE(r.out.find(c.says), std::string::npos) << c.args << "\n" << r.out;
+        std::ifstream log(home / "data/Trelvane/Trelvane.log");
+        const std::string logText((std::istreambuf_iterator<char>(log)), {});
+        EXPECT_EQ(logText.find("Media analyzed"), std::string::npos)
+            << c.args << ": refused after the analysis";
+    }
+    std::ifstream in(media, std::ios::binary);
+    EXPECT_EQ(std::string(std::istreambuf_iterator<char>(in), {}), original);
+    EXPECT_FALSE(std::filesystem::exists(home / "missing"));
+}
+
+// Ctrl-C ends the scan, the analysis and the synchronisation alike: one message on a line of its
+// own, status 130, nothing written.
+TEST(SyncCommand, CtrlCInEveryPhaseEndsTheSameWay) {
+    TempDir shoot;
+    for (const char* rec : {"RecA/A001.wav", "RecB/B001.wav"}) {
+        std::filesystem::create_directories((shoot / rec).parent_path());
+        ffmpeg("-f lavfi -i anoisesrc=d=900:r=8000:seed=7 -ac 1 " + quoted((shoot / rec).string()));
+    }
+    const struct {
+        const char* command;
+        const char* when; // the log line after which Ctrl-C is pressed
+    } cases[] = {
+        {"scan --analyze", "[Drop] "},
+        {"sync", "[Drop] "},
+        {"sync", "[Ingest] track 'RecB'"},
+        {"sync", "[SyncEngine] "},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(std::string(c.command) + " at " + c.when);
+        TempDir home; // an empty cache: the analysis runs each time
+        bool sent = false;
+        const auto report = home / "r.json";
+        const auto r = runCliWatching(
+            home,
+            std::string("-v ") + c.command + " " + quoted(shoot.path().string()) +
+                (std::string(c.command) == "sync" ? " --report " + quoted(report.string()) : ""),
+            [&](const std::string& out, pid_t pid) {
+                if (!sent && out.find(c.when) != std::string::npos) {
+                    sent = true;
+                    ::kill(pid, SIGINT);
+                }
+            });
+        ASSERT_TRUE(sent) << r.out;
+        EXPECT_EQ(r.status, 130) << r.out;
+        const std::string message = "trelvane: cancelled — nothing written\n";
+        const auto told = r.out.find(message);
+        ASSERT_NE(told, std::string::npos) << r.out;
+        EXPECT_TRUE(told == 0 || r.out[told - 1] == '\n') << "not on a line of its own:\n" << r.out;
+        EXPECT_EQ(r.out.find(message, told + 1), std::string::npos) << "told more than once:\n" << r.out;
+        EXPECT_FALSE(std::filesystem::exists(report));
+    }
 }
 
 TEST(SyncCommand, FewerThanTwoTracksIsAClearFailure) {

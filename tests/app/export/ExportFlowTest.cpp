@@ -100,6 +100,13 @@ TEST(ExportFlow, DefaultNameExtensionsAndOverwriteRules) {
     named.target = ExportTarget::otio;
     named.output = dir.path() / "Card01";
     EXPECT_EQ(runExport(sources, named, dir.path()).path, dir.path() / "Card01" / "Card01_tv_otio.otio");
+    // What is written in place keeps its name: no extension is added to a device or a descriptor.
+    for (const char* stream : {"/dev/null", "-", "/dev/stdout"}) {
+        named.output = stream;
+        EXPECT_EQ(resolveOutputPath(sources, named, dir.path()), fs::path(stream));
+    }
+    named.output = "/dev/null";
+    EXPECT_EQ(runExport(sources, named, dir.path()).path, "/dev/null");
 
     ExportRequest badRate;
     badRate.fps = 0;

@@ -239,19 +239,43 @@ TEST(AppLog, FileOnlyStartWritesTheStartLineAndTruncatesAtTheNextStart) {
     EXPECT_TRUE(AppLog::logPath().empty());
 }
 
-TEST(AppLog, FallsBackToTheTemporaryFolderWhenTheDataFolderCannotBeMade) {
+TEST(AppLog, FallsBackToTheUsersOwnFolderInTheTemporaryFolderWhereNoPlantedLinkIsFollowed) {
     TempDir dir;
     AppLogReset reset;
     std::ofstream(dir.path() / "plain-file") << "not a folder";
-    fs::create_directory(dir.path() / "tmp");
+    const auto tmp = dir.path() / "tmp";
+    fs::create_directory(tmp);
     const ScopedEnv data("XDG_DATA_HOME", (dir.path() / "plain-file" / "share").string());
-    const ScopedEnv tmp("TMPDIR", (dir.path() / "tmp").string());
+    const ScopedEnv tmpdir("TMPDIR", tmp.string());
+    const auto own = tmp / ("trelvane-" + std::to_string(::getuid()));
+    // Another user's links where the log used to go, and where it goes now: neither is followed.
+    std::ofstream(dir.path() / "victim") << "precious";
+    fs::create_symlink(dir.path() / "victim", tmp / "Trelvane.log");
+    fs::create_directory(dir.path() / "elsewhere");
+    fs::create_symlink(dir.path() / "elsewhere", own);
 
     AppLog::start(AppLog::Mode::fileOnly);
-    EXPECT_EQ(AppLog::logPath(), dir.path() / "tmp" / "Trelvane.log");
-    const auto lines = linesOf(readBytes(dir.path() / "tmp" / "Trelvane.log"));
+    EngineLog::log("[Test] nowhere to go");
+    EXPECT_TRUE(AppLog::logPath().empty()) << AppLog::logPath();
+    EXPECT_TRUE(fs::is_empty(dir.path() / "elsewhere"));
+    EXPECT_EQ(readBytes(dir.path() / "victim"), "precious");
+
+    fs::remove(own);
+    AppLog::start(AppLog::Mode::fileOnly);
+    EXPECT_EQ(AppLog::logPath(), own / "Trelvane.log");
+    EXPECT_EQ(fs::status(own).permissions() & fs::perms::all, fs::perms::owner_all);
+    const auto lines = linesOf(readBytes(own / "Trelvane.log"));
     ASSERT_EQ(lines.size(), 1u);
     EXPECT_TRUE(lines[0].starts_with("[Trelvane] log start "));
+    EXPECT_EQ(readBytes(dir.path() / "victim"), "precious");
+
+    // A link planted in place of the file itself is refused too.
+    AppLog::stop();
+    fs::remove(own / "Trelvane.log");
+    fs::create_symlink(dir.path() / "victim", own / "Trelvane.log");
+    AppLog::start(AppLog::Mode::fileOnly);
+    EXPECT_TRUE(AppLog::logPath().empty());
+    EXPECT_EQ(readBytes(dir.path() / "victim"), "precious");
 }
 
 TEST(AppLog, RedirectStdioSendsStdoutAndStderrToTheFile) {
