@@ -464,7 +464,7 @@ void SyncViewModel::extractWaveforms(std::uint64_t generation, Step done) {
                     vm.reportExtractProgress(totalWork, job.name);
                     if (const auto* payload = std::get_if<ExtractPayload>(&outcome)) {
                         vm.updateClip(job.url, payload->duration, *payload);
-                        if (!payload->duration) vm.clipsFromCache_.insert(job.id);
+                        if (payload->fromCache) vm.clipsFromCache_.insert(job.id);
                         vm.clipReadyAt_[job.id] = vm.queue_.now();
                     } else if (const auto* none = std::get_if<NoUsableAudio>(&outcome)) {
                         vm.markNoUsableAudio(job.url, none->usability, none->formatExt);
