@@ -1108,6 +1108,7 @@ void SyncViewModel::moveSelectedToNewTrack() {
     for (const auto& t : sources_)
         names.push_back(t.name);
     track.name = IngestEngine::uniqueName(moved.front().url.baseName(), track.type, names);
+    track.id = IngestEngine::newTrackId("selection", moved, sources_);
     track.clips = std::move(moved);
     track.session = session.value_or("");
     // Locked, so that later adds and the split by device keep the user's decision.
