@@ -3,6 +3,7 @@
 #include "Trelvane/session/SyncViewModel.hpp"
 #include "TrelvaneEngine/ingest/IngestEngine.hpp"
 #include "TrelvaneEngine/stacks/StackBuilder.hpp"
+#include "TrelvaneEngine/support/WorkerWindow.hpp"
 #include "TrelvaneEngine/sync/SyncEngine.hpp"
 
 namespace trelvane {
@@ -28,7 +29,9 @@ SessionStages productStages() {
     };
     stages.synchronise = [](Sources sources, SessionStages::SyncProgress progress, SessionStages::SyncPlace place,
                             std::stop_token stop) {
-        return SyncEngine::synchronise(std::move(sources), progress, place, std::move(stop));
+        // 0 lets the engine use every processor.
+        return SyncEngine::synchronise(std::move(sources), progress, place, std::move(stop),
+                                       WorkerWindow::requestedWorkers().value_or(0));
     };
     return stages;
 }

@@ -439,8 +439,10 @@ void SyncViewModel::extractWaveforms(std::uint64_t generation, Step done) {
     notify(Published::clipFXActive);
     setState(AppState::extracting(0, jobs.front().name));
 
-    // The window bounds the memory of decoded audio: 2 to 4 clips at a time.
-    const int window = std::clamp(WorkerWindow::processorCount(), 2, 4);
+    // The window bounds the memory of decoded audio: 2 to 4 clips at a time, or as few as the user
+    // asked for.
+    const auto requested = WorkerWindow::requestedWorkers();
+    const int window = requested ? std::min(*requested, 4) : std::clamp(WorkerWindow::processorCount(), 2, 4);
     const Poster post = chainPoster(generation);
     ingestStop_ = tasks_.spawn([jobs, window, totalWork, weight, post, extract = stages_.extractClip,
                                 done](std::stop_token stop) {
