@@ -445,6 +445,7 @@ void SyncViewModel::extractWaveforms(std::uint64_t generation, Step done) {
     const int window = requested ? std::min(*requested, 4) : std::clamp(WorkerWindow::processorCount(), 2, 4);
     const Poster post = chainPoster(generation);
     ingestStop_ = tasks_.spawn([jobs, window, totalWork, weight, post, extract = stages_.extractClip,
+                                prune = stages_.pruneCache, ceiling = settings_.cacheCeilingBytes(),
                                 done](std::stop_token stop) {
         WorkerWindow::run<ExtractOutcome>(
             window, jobs.size(),
@@ -477,6 +478,9 @@ void SyncViewModel::extractWaveforms(std::uint64_t generation, Step done) {
                 });
             },
             stop);
+        // After the analysis, so that what it just read and wrote is the newest of the cache and
+        // is the last to go.
+        if (prune) prune(ceiling);
         if (stop.stop_requested()) return;
         post([done](SyncViewModel& vm) {
             vm.setState(AppState::ready());
