@@ -20,8 +20,12 @@ struct ExtractJob {
 };
 
 struct ExtractPayload {
-    // Absent when the payload came from the cache without touching the media.
+    // The length the decoder found, which replaces the container's: a payload from the cache
+    // carries the length its decode found, so a clip is laid out alike whether it was decoded in
+    // this run or an earlier one. Absent leaves the length the metadata gave.
     std::optional<double> duration;
+    // Served from the cache without touching the media.
+    bool fromCache = false;
     std::vector<float> preview;
     std::vector<float> envelope;
     SpectralBands::Feature bands;

@@ -46,6 +46,8 @@ ExtractOutcome SyncViewModel::extractClip(const Url& url, int factor, double exp
     std::optional<SpectralBands::Feature> bands = EnvelopeCache::loadBands(url);
     if (pair && bands) {
         ExtractPayload cached;
+        cached.fromCache = true;
+        cached.duration = pair->duration;
         cached.preview = std::move(pair->preview);
         cached.envelope = std::move(pair->envelope);
         cached.bands = std::move(*bands);
@@ -72,10 +74,15 @@ ExtractOutcome SyncViewModel::extractClip(const Url& url, int factor, double exp
         return ExtractFailed{};
     }
 
+    // What is installed here is what a later run reads back from the cache, bit for bit: the entry
+    // holds the floats and the length as they are (a value that can't be stored is not, and is then
+    // recomputed alike). Where one part was cached it stands, its length included, since that is
+    // what later runs will read.
     ExtractPayload payload;
     payload.duration = audio.duration;
     bool storePair = false, storeBands = false;
     if (pair) {
+        payload.duration = pair->duration;
         payload.preview = std::move(pair->preview);
         payload.envelope = std::move(pair->envelope);
     } else {
@@ -91,7 +98,7 @@ ExtractOutcome SyncViewModel::extractClip(const Url& url, int factor, double exp
         storeBands = true;
     }
     // A cache that can't be written only costs a decode next time.
-    if (storePair) EnvelopeCache::savePair(url, payload.preview, payload.envelope);
+    if (storePair) EnvelopeCache::savePair(url, {payload.preview, payload.envelope, audio.duration});
     if (storeBands) EnvelopeCache::saveBands(url, payload.bands);
     report(1.0);
     return payload;

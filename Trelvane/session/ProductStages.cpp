@@ -2,7 +2,9 @@
 #include "Trelvane/session/ProductStages.hpp"
 #include "Trelvane/session/SyncViewModel.hpp"
 #include "TrelvaneEngine/ingest/IngestEngine.hpp"
+#include "TrelvaneEngine/media/EnvelopeCache.hpp"
 #include "TrelvaneEngine/stacks/StackBuilder.hpp"
+#include "TrelvaneEngine/support/WorkerWindow.hpp"
 #include "TrelvaneEngine/sync/SyncEngine.hpp"
 
 namespace trelvane {
@@ -20,6 +22,9 @@ SessionStages productStages() {
     stages.detectDayRegions = IngestEngine::detectDayRegions;
     stages.applyDayRegions = IngestEngine::applyDayRegions;
     stages.extractClip = SyncViewModel::extractClip;
+    stages.pruneCache = [](std::int64_t ceilingBytes) {
+        EnvelopeCache::prune(dateNow(), EnvelopeCache::cacheDir(), ceilingBytes);
+    };
     stages.buildStacks = [](Sources sources, std::function<void(double)> onProgress, std::stop_token stop) {
         return StackBuilder::build(sources, onProgress, std::move(stop));
     };
@@ -28,7 +33,9 @@ SessionStages productStages() {
     };
     stages.synchronise = [](Sources sources, SessionStages::SyncProgress progress, SessionStages::SyncPlace place,
                             std::stop_token stop) {
-        return SyncEngine::synchronise(std::move(sources), progress, place, std::move(stop));
+        // 0 lets the engine use every processor.
+        return SyncEngine::synchronise(std::move(sources), progress, place, std::move(stop),
+                                       WorkerWindow::requestedWorkers().value_or(0));
     };
     return stages;
 }

@@ -13,6 +13,7 @@
 #include "TrelvaneEngine/stacks/StackBuilder.hpp"
 #include "TrelvaneEngine/sync/GapCloser.hpp"
 
+#include <cstdint>
 #include <functional>
 #include <optional>
 #include <set>
@@ -43,6 +44,10 @@ struct SessionStages {
     std::function<ExtractOutcome(const Url& url, int factor, double expectedSeconds,
                                  const std::function<void(double)>& onSub)>
         extractClip;
+
+    // Worker. Holds the feature cache to its rules (age, and at most `ceilingBytes` in all), once
+    // an analysis has read and written it.
+    std::function<void(std::int64_t ceilingBytes)> pruneCache;
 
     // Worker. The track-mode sync: progress (fraction, clip name) and each placement as it happens.
     using SyncProgress = std::function<void(double, const std::string&)>;

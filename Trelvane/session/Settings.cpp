@@ -2,11 +2,14 @@
 #include "Trelvane/session/Settings.hpp"
 #include "TrelvaneEngine/support/Files.hpp"
 
+#include "TrelvaneEngine/media/EnvelopeCache.hpp"
 #include "TrelvaneEngine/support/EngineLog.hpp"
 #include "TrelvaneEngine/support/UserDirs.hpp"
 #include "TrelvaneEngine/support/Uuid.hpp"
 
 #include <cerrno>
+#include <cmath>
+#include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
 #include <stdexcept>
@@ -147,6 +150,29 @@ std::optional<std::string> Settings::optionalString(std::string_view key) const 
     const auto it = document_.find(key);
     if (it == document_.end() || !it->is_string()) return std::nullopt;
     return it->get<std::string>();
+}
+
+std::optional<double> Settings::optionalNumber(std::string_view key) const {
+    std::lock_guard lock(mutex_);
+    const auto it = document_.find(key);
+    if (it == document_.end() || !it->is_number()) return std::nullopt;
+    return it->get<double>();
+}
+
+std::int64_t Settings::cacheCeilingBytes() const {
+    // A petabyte is beyond any disk the cache will meet, and keeps the product within 64 bits.
+    constexpr double kMostGB = 1024.0 * 1024.0;
+    const auto usable = [&](std::optional<double> gb) -> std::optional<std::int64_t> {
+        if (!gb || !std::isfinite(*gb) || *gb < 0 || *gb > kMostGB) return std::nullopt;
+        return static_cast<std::int64_t>(*gb * 1073741824.0);
+    };
+    if (const char* text = std::getenv("TRELVANE_CACHE_MAX_GB"); text && *text) {
+        char* end = nullptr;
+        const double gb = std::strtod(text, &end);
+        if (end && *end == '\0')
+            if (const auto bytes = usable(gb)) return *bytes;
+    }
+    return usable(optionalNumber(kCacheMaxGBKey)).value_or(EnvelopeCache::kCeilingBytes);
 }
 
 void Settings::setBool(std::string_view key, bool value) {

@@ -12,6 +12,7 @@
 // changed; the change then replaces it with a valid document. A failed write is one log line and
 // keeps the new value in memory. Nothing here throws.
 
+#include <cstdint>
 #include <filesystem>
 #include <mutex>
 #include <optional>
@@ -32,6 +33,8 @@ class Settings {
     static constexpr std::string_view kDiagUploadKey = "tv_diag_upload";
     // HTTPS address of the diagnostics service; empty (none) by default.
     static constexpr std::string_view kDiagEndpointKey = "tv_diag_endpoint";
+    // The most the feature cache may hold, in GB (2^30 bytes; fractions allowed); 2 by default.
+    static constexpr std::string_view kCacheMaxGBKey = "tvCacheMaxGB";
 
     static constexpr std::string_view kSyncModeTracks = "tracks";
     static constexpr std::string_view kSyncModeStacks = "stacks";
@@ -53,6 +56,13 @@ class Settings {
     // The stored string, or nothing when the key is absent or holds another type. Defaults don't
     // apply here, so that callers can tell "never set" from "set".
     std::optional<std::string> optionalString(std::string_view key) const;
+    // The stored number, or nothing when the key is absent or holds another type.
+    std::optional<double> optionalNumber(std::string_view key) const;
+
+    // The feature cache's ceiling in bytes: the environment variable TRELVANE_CACHE_MAX_GB when it
+    // holds a number of GB, else `kCacheMaxGBKey`, else 2 GB. Negative or unreadable values are
+    // ignored; 0 keeps no entry past the run that wrote it.
+    std::int64_t cacheCeilingBytes() const;
 
     // Each change is written to disk at once, atomically (temporary file, fsync, rename).
     void setBool(std::string_view key, bool value);

@@ -439,10 +439,13 @@ void SyncViewModel::extractWaveforms(std::uint64_t generation, Step done) {
     notify(Published::clipFXActive);
     setState(AppState::extracting(0, jobs.front().name));
 
-    // The window bounds the memory of decoded audio: 2 to 4 clips at a time.
-    const int window = std::clamp(WorkerWindow::processorCount(), 2, 4);
+    // The window bounds the memory of decoded audio: 2 to 4 clips at a time, or as few as the user
+    // asked for.
+    const auto requested = WorkerWindow::requestedWorkers();
+    const int window = requested ? std::min(*requested, 4) : std::clamp(WorkerWindow::processorCount(), 2, 4);
     const Poster post = chainPoster(generation);
     ingestStop_ = tasks_.spawn([jobs, window, totalWork, weight, post, extract = stages_.extractClip,
+                                prune = stages_.pruneCache, ceiling = settings_.cacheCeilingBytes(),
                                 done](std::stop_token stop) {
         WorkerWindow::run<ExtractOutcome>(
             window, jobs.size(),
@@ -464,7 +467,7 @@ void SyncViewModel::extractWaveforms(std::uint64_t generation, Step done) {
                     vm.reportExtractProgress(totalWork, job.name);
                     if (const auto* payload = std::get_if<ExtractPayload>(&outcome)) {
                         vm.updateClip(job.url, payload->duration, *payload);
-                        if (!payload->duration) vm.clipsFromCache_.insert(job.id);
+                        if (payload->fromCache) vm.clipsFromCache_.insert(job.id);
                         vm.clipReadyAt_[job.id] = vm.queue_.now();
                     } else if (const auto* none = std::get_if<NoUsableAudio>(&outcome)) {
                         vm.markNoUsableAudio(job.url, none->usability, none->formatExt);
@@ -475,6 +478,9 @@ void SyncViewModel::extractWaveforms(std::uint64_t generation, Step done) {
                 });
             },
             stop);
+        // After the analysis, so that what it just read and wrote is the newest of the cache and
+        // is the last to go.
+        if (prune) prune(ceiling);
         if (stop.stop_requested()) return;
         post([done](SyncViewModel& vm) {
             vm.setState(AppState::ready());
@@ -1108,6 +1114,7 @@ void SyncViewModel::moveSelectedToNewTrack() {
     for (const auto& t : sources_)
         names.push_back(t.name);
     track.name = IngestEngine::uniqueName(moved.front().url.baseName(), track.type, names);
+    track.id = IngestEngine::newTrackId("selection", moved, sources_);
     track.clips = std::move(moved);
     track.session = session.value_or("");
     // Locked, so that later adds and the split by device keep the user's decision.

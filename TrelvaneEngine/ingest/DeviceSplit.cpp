@@ -96,8 +96,9 @@ void moveToOthers(DeviceGroup& group, std::vector<ClipItem>& others) {
 // A new track for one group of a split track: the split track's type and session, everything
 // else as a fresh track has it.
 TrackSource splitOffTrack(const TrackSource& from, std::string name, std::optional<std::string> deviceName,
-                          std::vector<ClipItem> clips) {
+                          std::vector<ClipItem> clips, const std::vector<TrackSource>& existing) {
     TrackSource track;
+    track.id = IngestEngine::newTrackId("split", clips, existing);
     track.name = std::move(name);
     track.type = from.type;
     track.session = from.session;
@@ -210,11 +211,11 @@ void splitTrack(TrackSource track, std::vector<TrackSource>& output) {
         const std::string preferred =
             isCodecFingerprint(group.rawLabel) ? track.name + " cam" : group.rawLabel;
         std::string name = IngestEngine::uniqueName(preferred, track.type, namesSoFar());
-        output.push_back(splitOffTrack(track, std::move(name), group.rawLabel, std::move(group.clips)));
+        output.push_back(splitOffTrack(track, std::move(name), group.rawLabel, std::move(group.clips), output));
     }
     if (!others.empty()) {
         std::string name = IngestEngine::uniqueName(track.name + " (other)", track.type, namesSoFar());
-        output.push_back(splitOffTrack(track, std::move(name), std::nullopt, std::move(others)));
+        output.push_back(splitOffTrack(track, std::move(name), std::nullopt, std::move(others), output));
     }
 }
 

@@ -56,6 +56,13 @@ struct IngestEngine {
     static std::string trackName(const Url& url);
     static std::string uniqueName(const std::string& preferred, SourceType type,
                                   const std::vector<std::string>& existing);
+    // Identifiers that two runs over the same media give alike, so that their sessions compare
+    // byte for byte. A clip is named by its file, which stands at most once in a session. A new
+    // track is named by how it was made (`origin`) and the files it is made of, and is unlike
+    // every identifier in `existing`.
+    static Uuid clipId(const Url& url);
+    static Uuid newTrackId(std::string_view origin, const std::vector<ClipItem>& clips,
+                           const std::vector<TrackSource>& existing);
     // Order of clips in a track: file name first (camera names count up), then the file date.
     static bool chronologicalOrder(const Url& a, const Url& b);
     static SourceType inferredType(const std::vector<ClipItem>& clips);

@@ -150,6 +150,7 @@ void logCard(const REDCard& card) {
 
 ClipItem newClip(const Url& url) {
     ClipItem clip;
+    clip.id = IngestEngine::clipId(url);
     clip.url = url;
     return clip;
 }
@@ -163,6 +164,28 @@ std::vector<std::string> trackNames(const std::vector<TrackSource>& tracks) {
 }
 
 } // namespace
+
+Uuid IngestEngine::clipId(const Url& url) {
+    return Uuid::named("clip|" + url.path());
+}
+
+Uuid IngestEngine::newTrackId(std::string_view origin, const std::vector<ClipItem>& clips,
+                              const std::vector<TrackSource>& existing) {
+    std::string text(origin);
+    for (const auto& clip : clips) {
+        text += '|';
+        text += clip.url.path();
+    }
+    // A track made again of files that an earlier track was made of (they were removed and added
+    // back) must not take the identifier that track still has.
+    const auto taken = [&existing](const Uuid& id) {
+        return std::any_of(existing.begin(), existing.end(), [&id](const TrackSource& t) { return t.id == id; });
+    };
+    Uuid id = Uuid::named(text);
+    for (int again = 1; taken(id); ++again)
+        id = Uuid::named(text + "|" + std::to_string(again));
+    return id;
+}
 
 bool IngestEngine::isVideoExtension(std::string_view ext) {
     return extensionIn(ext, videoExtensions);
@@ -454,6 +477,7 @@ std::vector<TrackSource> IngestEngine::ingest(const std::vector<Url>& urls, std:
         }
         if (clips.empty()) return;
         TrackSource track;
+        track.id = newTrackId("card", clips, into);
         track.name = uniqueName(card.root.baseName(), SourceType::video, trackNames(into));
         track.type = SourceType::video;
         track.clips = std::move(clips);
@@ -476,6 +500,7 @@ std::vector<TrackSource> IngestEngine::ingest(const std::vector<Url>& urls, std:
         track.name = uniqueName(group.name, track.type, trackNames(into));
         for (const auto& f : files)
             track.clips.push_back(newClip(f));
+        track.id = newTrackId("folder", track.clips, into);
         track.session = group.session;
         track.lockedGrouping = group.locked;
         into.push_back(std::move(track));

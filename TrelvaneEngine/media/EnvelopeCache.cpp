@@ -6,10 +6,12 @@
 #include "TrelvaneEngine/support/UserDirs.hpp"
 
 #include <algorithm>
+#include <array>
 #include <bit>
 #include <cerrno>
 #include <chrono>
 #include <climits>
+#include <cmath>
 #include <cstring>
 #include <fcntl.h>
 #include <fmt/format.h>
@@ -45,8 +47,27 @@ void putFloats(std::vector<std::uint8_t>& out, std::span<const float> values) {
     }
 }
 
+void putU64(std::vector<std::uint8_t>& out, std::uint64_t v) {
+    for (int i = 0; i < 8; ++i)
+        out.push_back(static_cast<std::uint8_t>(v >> (8 * i)));
+}
+
+void putText(std::vector<std::uint8_t>& out, std::string_view text) {
+    putU32(out, static_cast<std::uint32_t>(text.size()));
+    out.insert(out.end(), text.begin(), text.end());
+}
+
+// The checksum closes every entry: it covers every byte before it.
+void sealEntry(std::vector<std::uint8_t>& out) {
+    putU32(out, crc32(out));
+}
+
 bool fitsU32(std::size_t n) {
     return n <= std::numeric_limits<std::uint32_t>::max();
+}
+
+bool allFinite(std::span<const float> values) {
+    return std::all_of(values.begin(), values.end(), [](float v) { return std::isfinite(v); });
 }
 
 // Reads forward through a byte array; every read checks what is left first.
@@ -55,6 +76,7 @@ class Reader {
     explicit Reader(std::span<const std::uint8_t> bytes) : bytes_(bytes) {}
 
     std::size_t remaining() const { return bytes_.size() - pos_; }
+    std::size_t position() const { return pos_; }
 
     std::optional<std::uint32_t> u32() {
         if (remaining() < 4) return std::nullopt;
@@ -63,6 +85,23 @@ class Reader {
             v |= std::uint32_t{bytes_[pos_ + i]} << (8 * i);
         pos_ += 4;
         return v;
+    }
+
+    std::optional<std::uint64_t> u64() {
+        const auto low = u32();
+        const auto high = low ? u32() : std::nullopt;
+        if (!high) return std::nullopt;
+        return std::uint64_t{*low} | (std::uint64_t{*high} << 32);
+    }
+
+    // Whether the next bytes are a counted text equal to `text`.
+    bool text(std::string_view expected) {
+        const auto size = u32();
+        if (!size || *size != expected.size() || remaining() < expected.size()) return false;
+        const bool same =
+            expected.empty() || std::memcmp(bytes_.data() + pos_, expected.data(), expected.size()) == 0;
+        pos_ += expected.size();
+        return same;
     }
 
     // `count` comes from the bytes themselves, so it is held against what is there before anything
@@ -115,9 +154,10 @@ class FileDescriptor {
 };
 
 // The whole of a regular file no larger than kMaxEntryBytes. O_NONBLOCK keeps a FIFO planted in
-// the folder from blocking the open; it is then refused as not regular.
+// the folder from blocking the open; it is then refused as not regular. O_NOFOLLOW: an entry is a
+// file the cache wrote, never a link to something else.
 std::optional<std::vector<std::uint8_t>> readEntry(const fs::path& path) {
-    FileDescriptor fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
+    FileDescriptor fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY | O_NOFOLLOW));
     if (!fd.valid()) return std::nullopt;
     struct stat st {};
     if (::fstat(fd.get(), &st) != 0 || !S_ISREG(st.st_mode)) return std::nullopt;
@@ -194,10 +234,23 @@ Removal removeEntry(const Entry& e) {
     return errno == ENOENT ? Removal::gone : Removal::failed;
 }
 
-std::optional<std::string> bandsName(const Url& url) {
-    auto key = cacheKey(url);
-    if (key) *key += kBandsSuffix;
-    return key;
+// Marks an entry that was just read whole as used now. A failure only leaves it older than it is.
+void markUsed(const fs::path& path) {
+    ::utimensat(AT_FDCWD, path.c_str(), nullptr, AT_SYMLINK_NOFOLLOW);
+}
+
+std::string keyOf(std::string_view text) {
+    std::uint64_t h = 5381;
+    for (const char c : text)
+        h = h * 33 + static_cast<unsigned char>(c);
+    return fmt::sprintf("%016llx", static_cast<unsigned long long>(h));
+}
+
+// The checksum at the end holds for every byte before it. The reader stands just before it.
+bool sealHolds(std::span<const std::uint8_t> bytes, Reader& in) {
+    const std::size_t body = in.position();
+    const auto stored = in.u32();
+    return stored && in.remaining() == 0 && *stored == crc32(bytes.first(body));
 }
 
 } // namespace
@@ -206,7 +259,7 @@ fs::path cacheDir() {
     return UserDirs::cacheDir();
 }
 
-std::optional<std::string> cacheKey(const Url& url) {
+std::optional<std::string> keyText(const Url& url) {
     const std::string& path = url.path();
     if (path.empty() || path.find('\0') != std::string::npos) return std::nullopt;
     struct stat st {};
@@ -216,102 +269,147 @@ std::optional<std::string> cacheKey(const Url& url) {
     // ignores a touch within the same second, and a time before 1970 rounds up, not down.
     long long seconds = st.st_mtim.tv_sec;
     if (seconds < 0 && st.st_mtim.tv_nsec > 0) ++seconds;
-    const std::string text = fmt::format("{}|{}|{}", path, static_cast<long long>(st.st_size), seconds);
-    std::uint64_t h = 5381;
-    for (const char c : text)
-        h = h * 33 + static_cast<unsigned char>(c);
-    return fmt::sprintf("%016llx", static_cast<unsigned long long>(h));
+    return fmt::format("{}|{}|{}", path, static_cast<long long>(st.st_size), seconds);
 }
 
-std::optional<std::vector<std::uint8_t>> serialize(std::span<const float> preview,
-                                                   std::span<const float> envelope) {
-    if (!fitsU32(preview.size()) || !fitsU32(envelope.size())) return std::nullopt;
+std::optional<std::string> cacheKey(const Url& url) {
+    const auto text = keyText(url);
+    if (!text) return std::nullopt;
+    return keyOf(*text);
+}
+
+std::uint32_t crc32(std::span<const std::uint8_t> bytes) {
+    static const auto table = [] {
+        std::array<std::uint32_t, 256> t{};
+        for (std::uint32_t i = 0; i < 256; ++i) {
+            std::uint32_t c = i;
+            for (int k = 0; k < 8; ++k)
+                c = (c & 1) ? 0xedb88320u ^ (c >> 1) : c >> 1;
+            t[i] = c;
+        }
+        return t;
+    }();
+    std::uint32_t c = 0xffffffffu;
+    for (const std::uint8_t b : bytes)
+        c = table[(c ^ b) & 0xffu] ^ (c >> 8);
+    return c ^ 0xffffffffu;
+}
+
+std::optional<std::vector<std::uint8_t>> serialize(std::string_view keyText, const Pair& pair) {
+    if (!fitsU32(keyText.size()) || !fitsU32(pair.preview.size()) || !fitsU32(pair.envelope.size()))
+        return std::nullopt;
+    if (!std::isfinite(pair.duration) || pair.duration < 0 || !allFinite(pair.preview) ||
+        !allFinite(pair.envelope))
+        return std::nullopt;
     std::vector<std::uint8_t> out;
-    out.reserve(12 + preview.size_bytes() + envelope.size_bytes());
+    out.reserve(28 + keyText.size() + 4 * (pair.preview.size() + pair.envelope.size()));
     putU32(out, kPairVersion);
-    putU32(out, static_cast<std::uint32_t>(preview.size()));
-    putFloats(out, preview);
-    putU32(out, static_cast<std::uint32_t>(envelope.size()));
-    putFloats(out, envelope);
+    putText(out, keyText);
+    putU64(out, std::bit_cast<std::uint64_t>(pair.duration));
+    putU32(out, static_cast<std::uint32_t>(pair.preview.size()));
+    putFloats(out, pair.preview);
+    putU32(out, static_cast<std::uint32_t>(pair.envelope.size()));
+    putFloats(out, pair.envelope);
+    sealEntry(out);
     return out;
 }
 
-std::optional<Pair> deserialize(std::span<const std::uint8_t> bytes) {
+std::optional<Pair> deserialize(std::span<const std::uint8_t> bytes, std::string_view keyText) {
     Reader in(bytes);
-    if (in.u32() != kPairVersion) return std::nullopt;
+    if (in.u32() != kPairVersion || !in.text(keyText)) return std::nullopt;
     Pair pair;
+    const auto duration = in.u64();
+    if (!duration) return std::nullopt;
+    pair.duration = std::bit_cast<double>(*duration);
+    if (!std::isfinite(pair.duration) || pair.duration < 0) return std::nullopt;
     const auto n = in.u32();
     if (!n || !in.floats(*n, pair.preview)) return std::nullopt;
     const auto m = in.u32();
     if (!m || !in.floats(*m, pair.envelope)) return std::nullopt;
-    if (in.remaining() != 0) return std::nullopt;
+    if (!sealHolds(bytes, in)) return std::nullopt;
+    if (!allFinite(pair.preview) || !allFinite(pair.envelope)) return std::nullopt;
     return pair;
 }
 
-std::optional<std::vector<std::uint8_t>> serializeBands(const SpectralBands::Feature& feature) {
+std::optional<std::vector<std::uint8_t>> serializeBands(std::string_view keyText,
+                                                        const SpectralBands::Feature& feature) {
     const auto frames = feature.frames;
     const auto count = feature.bands.size();
-    if (frames < 0 || (frames == 0) != (count == 0) || !fitsU32(count)) return std::nullopt;
+    if (frames < 0 || (frames == 0) != (count == 0) || !fitsU32(count) || !fitsU32(keyText.size()))
+        return std::nullopt;
     for (const auto& band : feature.bands)
-        if (band.size() != static_cast<std::size_t>(frames)) return std::nullopt;
+        if (band.size() != static_cast<std::size_t>(frames) || !allFinite(band)) return std::nullopt;
     std::vector<std::uint8_t> out;
-    out.reserve(12 + count * static_cast<std::size_t>(frames) * 4);
+    out.reserve(20 + keyText.size() + count * static_cast<std::size_t>(frames) * 4);
     putU32(out, kBandsVersion);
+    putText(out, keyText);
     putU32(out, static_cast<std::uint32_t>(count));
     putU32(out, static_cast<std::uint32_t>(frames));
     for (const auto& band : feature.bands)
         putFloats(out, band);
+    sealEntry(out);
     return out;
 }
 
-std::optional<SpectralBands::Feature> deserializeBands(std::span<const std::uint8_t> bytes) {
+std::optional<SpectralBands::Feature> deserializeBands(std::span<const std::uint8_t> bytes,
+                                                       std::string_view keyText) {
     Reader in(bytes);
-    if (in.u32() != kBandsVersion) return std::nullopt;
+    if (in.u32() != kBandsVersion || !in.text(keyText)) return std::nullopt;
     const auto count = in.u32();
     const auto frames = in.u32();
     if (!count || !frames) return std::nullopt;
     if ((*count == 0) != (*frames == 0) || *frames > static_cast<std::uint32_t>(INT_MAX)) return std::nullopt;
-    // Both factors are below 2^32, so the product can't wrap in 64 bits.
+    // Both factors are below 2^32, so the product can't wrap in 64 bits. The checksum's four bytes
+    // follow the values.
     const std::uint64_t values = std::uint64_t{*count} * *frames;
-    if (in.remaining() % 4 != 0 || values != in.remaining() / 4) return std::nullopt;
+    if (in.remaining() % 4 != 0 || in.remaining() < 4 || values != in.remaining() / 4 - 1) return std::nullopt;
     SpectralBands::Feature feature;
     feature.frames = static_cast<int>(*frames);
     feature.bands.resize(*count);
     for (auto& band : feature.bands)
         if (!in.floats(*frames, band)) return std::nullopt;
+    if (!sealHolds(bytes, in)) return std::nullopt;
+    for (const auto& band : feature.bands)
+        if (!allFinite(band)) return std::nullopt;
     return feature;
 }
 
 std::optional<Pair> loadPair(const Url& url, const fs::path& folder) {
-    const auto key = cacheKey(url);
-    if (!key) return std::nullopt;
-    const auto bytes = readEntry(folder / *key);
-    return bytes ? deserialize(*bytes) : std::nullopt;
+    const auto text = keyText(url);
+    if (!text) return std::nullopt;
+    const auto path = folder / keyOf(*text);
+    const auto bytes = readEntry(path);
+    auto pair = bytes ? deserialize(*bytes, *text) : std::nullopt;
+    if (pair) markUsed(path);
+    return pair;
 }
 
-bool savePair(const Url& url, std::span<const float> preview, std::span<const float> envelope,
-              const fs::path& folder) {
-    const auto key = cacheKey(url);
-    if (!key) return false;
-    const auto bytes = serialize(preview, envelope);
-    return bytes && writeEntry(folder, *key, *bytes);
+bool savePair(const Url& url, const Pair& pair, const fs::path& folder) {
+    const auto text = keyText(url);
+    if (!text) return false;
+    const auto bytes = serialize(*text, pair);
+    return bytes && writeEntry(folder, keyOf(*text), *bytes);
 }
 
 std::optional<SpectralBands::Feature> loadBands(const Url& url, const fs::path& folder) {
-    const auto name = bandsName(url);
-    if (!name) return std::nullopt;
-    const auto bytes = readEntry(folder / *name);
-    return bytes ? deserializeBands(*bytes) : std::nullopt;
+    const auto text = keyText(url);
+    if (!text) return std::nullopt;
+    const auto path = folder / (keyOf(*text) + kBandsSuffix);
+    const auto bytes = readEntry(path);
+    auto feature = bytes ? deserializeBands(*bytes, *text) : std::nullopt;
+    if (feature) markUsed(path);
+    return feature;
 }
 
 bool saveBands(const Url& url, const SpectralBands::Feature& feature, const fs::path& folder) {
-    const auto name = bandsName(url);
-    if (!name) return false;
-    const auto bytes = serializeBands(feature);
-    return bytes && writeEntry(folder, *name, *bytes);
+    const auto text = keyText(url);
+    if (!text) return false;
+    const auto bytes = serializeBands(*text, feature);
+    return bytes && writeEntry(folder, keyOf(*text) + kBandsSuffix, *bytes);
 }
 
-PruneResult prune(Date now, const fs::path& folder) {
+PruneResult prune(Date now, const fs::path& folder, std::int64_t ceiling) {
+    ceiling = std::max<std::int64_t>(ceiling, 0);
     PruneResult result;
     const auto take = [&](const Entry& e) {
         const auto outcome = removeEntry(e);
@@ -331,11 +429,11 @@ PruneResult prune(Date now, const fs::path& folder) {
         total += e.size;
     }
 
-    if (total > kCeilingBytes) {
+    if (total > ceiling) {
         std::stable_sort(kept.begin(), kept.end(),
                          [](const Entry& a, const Entry& b) { return a.touched < b.touched; });
         for (const auto& e : kept) {
-            if (total <= kCeilingBytes) break;
+            if (total <= ceiling) break;
             if (take(e) != Removal::failed) total -= e.size;
         }
     }
@@ -345,7 +443,7 @@ PruneResult prune(Date now, const fs::path& folder) {
             "[Cache] pruned %d entr%s (%.0f MB) — older than %.0f days or over the %.0f GB ceiling",
             result.removed, result.removed == 1 ? "y" : "ies",
             static_cast<double>(result.bytesFreed) / 1048576.0, static_cast<double>(kMaxAgeSeconds) / 86400.0,
-            static_cast<double>(kCeilingBytes) / 1073741824.0);
+            static_cast<double>(ceiling) / 1073741824.0);
     return result;
 }
 

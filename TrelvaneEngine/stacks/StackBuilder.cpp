@@ -415,6 +415,7 @@ Result build(const std::vector<TrackSource>& sources, const std::function<void(d
                 track.clips.push_back(std::move(clip));
             }
             track.type = IngestEngine::inferredType(track.clips);
+            track.id = IngestEngine::newTrackId("stack", track.clips, result.tracks);
             track.name = IngestEngine::uniqueName(prefix + std::to_string(number), track.type, names);
             names.push_back(track.name);
             track.session = session;

@@ -106,7 +106,7 @@ std::optional<Comparison> compare(const ClipItem& a, const ClipItem& b);
 
 // The pair comparisons run on worker threads, at most this many at a time.
 inline int defaultWorkers() {
-    return std::max(WorkerWindow::processorCount(), 2);
+    return WorkerWindow::requestedWorkers().value_or(std::max(WorkerWindow::processorCount(), 2));
 }
 
 // Stacks the clips of `sources` (features extracted). `onProgress` (optional) hears fractions

@@ -24,6 +24,32 @@ Uuid Uuid::random() {
     return u;
 }
 
+Uuid Uuid::named(std::string_view text) {
+    // Two FNV-1a passes from different bases, each finished by the SplitMix64 mixer so that a
+    // change of one byte spreads over every bit. Not cryptographic: the texts are the session's own.
+    const auto hash = [text](std::uint64_t h) {
+        for (const char c : text) {
+            h ^= static_cast<unsigned char>(c);
+            h *= 0x100000001b3ULL;
+        }
+        h ^= h >> 30;
+        h *= 0xbf58476d1ce4e5b9ULL;
+        h ^= h >> 27;
+        h *= 0x94d049bb133111ebULL;
+        return h ^ (h >> 31);
+    };
+    const std::uint64_t a = hash(0xcbf29ce484222325ULL);
+    const std::uint64_t b = hash(0x84222325cbf29ce4ULL ^ text.size());
+    Uuid u;
+    for (int i = 0; i < 8; ++i) {
+        u.bytes[static_cast<std::size_t>(i)] = static_cast<std::uint8_t>(a >> (56 - 8 * i));
+        u.bytes[static_cast<std::size_t>(8 + i)] = static_cast<std::uint8_t>(b >> (56 - 8 * i));
+    }
+    u.bytes[6] = static_cast<std::uint8_t>((u.bytes[6] & 0x0F) | 0x80); // version 8
+    u.bytes[8] = static_cast<std::uint8_t>((u.bytes[8] & 0x3F) | 0x80); // RFC 4122 variant
+    return u;
+}
+
 std::optional<Uuid> Uuid::parse(std::string_view text) {
     if (text.size() != 36) return std::nullopt;
     Uuid u;

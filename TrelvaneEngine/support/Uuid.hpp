@@ -17,6 +17,10 @@ struct Uuid {
     std::array<std::uint8_t, 16> bytes{};
 
     static Uuid random();
+    // The same UUID for the same text, every run (version 8, from a 128-bit hash of the bytes): for
+    // what is identified by something stable, such as a clip by its file, so that two runs over
+    // the same media describe it with the same identifiers.
+    static Uuid named(std::string_view text);
     // Parses the canonical 8-4-4-4-12 hexadecimal form, either case. Anything else gives nothing.
     static std::optional<Uuid> parse(std::string_view text);
 

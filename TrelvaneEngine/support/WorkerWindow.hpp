@@ -8,8 +8,11 @@
 // own failures into its result.
 
 #include <algorithm>
+#include <charconv>
 #include <condition_variable>
 #include <cstddef>
+#include <cstdlib>
+#include <cstring>
 #include <deque>
 #include <functional>
 #include <map>
@@ -25,6 +28,20 @@ namespace trelvane::WorkerWindow {
 // The processors the platform reports, at least 1.
 inline int processorCount() {
     return std::max(1u, std::thread::hardware_concurrency());
+}
+
+inline constexpr int kMostWorkers = 256;
+
+// The worker count the user asked for with the environment variable TRELVANE_WORKERS (a whole
+// number from 1 to 256), or nothing when it is unset or holds anything else. Results never depend
+// on it; only the time and memory of a run do.
+inline std::optional<int> requestedWorkers() {
+    const char* text = std::getenv("TRELVANE_WORKERS");
+    if (!text || !*text) return std::nullopt;
+    int value = 0;
+    const auto [end, error] = std::from_chars(text, text + std::strlen(text), value);
+    if (error != std::errc() || *end != '\0' || value < 1 || value > kMostWorkers) return std::nullopt;
+    return value;
 }
 
 template <typename Result>

@@ -1,7 +1,8 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 // The bundled demo shoot, built from real recordings with its truth, synchronised by the command
 // as a user would run it: every clip that can be matched must land within one frame of where it
-// was really recorded, and no decoy may come out as synced.
+// was really recorded, no decoy may come out as synced, and the answer is the same whatever the
+// feature cache holds and however many workers run.
 #include "e2e/CliRunner.hpp"
 
 #include <algorithm>
@@ -10,11 +11,39 @@
 #include <gtest/gtest.h>
 #include <map>
 #include <nlohmann/json.hpp>
+#include <unistd.h>
 
 namespace trelvane::test {
 namespace {
 
 constexpr double kFrame = 0.04; // one frame at 25 fps
+
+// Builds the demo once; an up-to-date demo is left as it is.
+std::string demoRoot() {
+    const std::string root = TRELVANE_SOURCE_DIR;
+    EXPECT_EQ(std::system(("bash " + quoted(root + "/scripts/make-demo.sh") + " >/dev/null").c_str()), 0);
+    return root;
+}
+
+std::string contentsOf(const std::filesystem::path& p) {
+    std::ifstream in(p, std::ios::binary);
+    return std::string(std::istreambuf_iterator<char>(in), {});
+}
+
+// Runs with the working folder changed for as long as the object lives: exports without `-o` land
+// there.
+class WorkingFolder {
+  public:
+    explicit WorkingFolder(const std::filesystem::path& p) : old_(std::filesystem::current_path()) {
+        std::filesystem::current_path(p);
+    }
+    ~WorkingFolder() { std::filesystem::current_path(old_); }
+    WorkingFolder(const WorkingFolder&) = delete;
+    WorkingFolder& operator=(const WorkingFolder&) = delete;
+
+  private:
+    std::filesystem::path old_;
+};
 
 struct Placed {
     double start = 0;
@@ -23,9 +52,8 @@ struct Placed {
 };
 
 TEST(DemoSync, EveryMatchableClipLandsWithinOneFrameAndNoDecoyIsSynced) {
-    const std::string root = TRELVANE_SOURCE_DIR;
-    // Builds the demo once; an up-to-date demo is left as it is.
-    ASSERT_EQ(std::system(("bash " + quoted(root + "/scripts/make-demo.sh") + " >/dev/null").c_str()), 0);
+    const std::string root = demoRoot();
+    ASSERT_FALSE(HasFailure());
 
     TempDir home;
     const auto report = home / "report.json";
@@ -73,6 +101,59 @@ TEST(DemoSync, EveryMatchableClipLandsWithinOneFrameAndNoDecoyIsSynced) {
         }
     }
     EXPECT_GE(matchable, 10);
+}
+
+// A first run computes what later runs read back from the cache; both, a run whose cache was cut
+// off half-way, and runs with one or eight workers must write the same report and the same four
+// documents, byte for byte.
+TEST(DemoSync, CacheStateAndWorkerCountNeverChangeTheAnswer) {
+    const std::string root = demoRoot();
+    ASSERT_FALSE(HasFailure());
+    const std::vector<std::string> outputs{"report.json", "shoot_tv_premiere.xml", "shoot_tv_fcp7.xml",
+                                           "shoot_tv_fcp.fcpxml", "shoot_tv_otio.otio"};
+    TempDir shared, alone, out;
+    const auto sync = [&](const TempDir& home, const std::string& name, std::optional<std::string> workers) {
+        const ScopedEnv env("TRELVANE_WORKERS", workers);
+        const auto folder = out.dir(name);
+        const WorkingFolder here(folder);
+        const auto run = runCli(home, "sync " + quoted(root + "/demo/shoot") +
+                                          " --report report.json --export premiere --export resolve"
+                                          " --export fcpxml --export otio",
+                                true);
+        EXPECT_EQ(run.status, 0) << name << ": " << run.out;
+        std::vector<std::string> bytes;
+        for (const auto& o : outputs)
+            bytes.push_back(contentsOf(folder / o));
+        return bytes;
+    };
+    const auto same = [&](const std::vector<std::string>& a, const std::vector<std::string>& b,
+                          const std::string& what) {
+        for (std::size_t i = 0; i < outputs.size(); ++i) {
+            EXPECT_FALSE(a[i].empty()) << what << ": " << outputs[i] << " is missing";
+            EXPECT_TRUE(a[i] == b[i]) << what << ": " << outputs[i] << " differs from the first run's";
+        }
+    };
+
+    const auto cold = sync(shared, "cold", std::nullopt);
+    const auto cache = shared / "cache/Trelvane";
+    std::vector<std::string> keys;
+    for (const auto& e : std::filesystem::directory_iterator(cache))
+        if (e.path().extension().empty()) keys.push_back(e.path().filename().string());
+    std::sort(keys.begin(), keys.end());
+    ASSERT_GE(keys.size(), 10u) << "the first run cached too little to cut";
+    same(sync(shared, "warm", std::nullopt), cold, "warm");
+
+    // Half the entries gone, one left with its pair only and one with its bands only.
+    for (std::size_t k = 0; k < keys.size(); k += 2) {
+        std::filesystem::remove(cache / keys[k]);
+        std::filesystem::remove(cache / (keys[k] + ".bands"));
+    }
+    std::filesystem::remove(cache / (keys[1] + ".bands"));
+    std::filesystem::remove(cache / keys[3]);
+    same(sync(shared, "partial", std::nullopt), cold, "half a cache");
+
+    same(sync(alone, "one-worker", "1"), cold, "empty cache, one worker");
+    same(sync(alone, "eight-workers", "8"), cold, "full cache, eight workers");
 }
 
 } // namespace

@@ -186,6 +186,38 @@ TEST(Settings, WrongTypesAndUnknownModesReadAsDefaults) {
     EXPECT_TRUE(log.lines().empty());
 }
 
+TEST(Settings, TheCacheCeilingComesFromTheEnvironmentThenTheFileThenTwoGB) {
+    TempDir dir;
+    const auto file = dir.path() / "settings.json";
+    constexpr std::int64_t kGB = std::int64_t{1} << 30;
+    struct Case {
+        std::optional<std::string> env;
+        const char* json;
+        std::int64_t bytes;
+    };
+    const std::vector<Case> cases{
+        {std::nullopt, "{}", 2 * kGB},
+        {std::nullopt, R"({"tvCacheMaxGB": 10})", 10 * kGB},
+        {std::nullopt, R"({"tvCacheMaxGB": 0.5})", kGB / 2},
+        {std::nullopt, R"({"tvCacheMaxGB": 0})", 0},
+        {std::nullopt, R"({"tvCacheMaxGB": -1})", 2 * kGB},
+        {std::nullopt, R"({"tvCacheMaxGB": "10"})", 2 * kGB},
+        {std::nullopt, R"({"tvCacheMaxGB": 1e300})", 2 * kGB},
+        {"4", R"({"tvCacheMaxGB": 10})", 4 * kGB},
+        {"0.25", "{}", kGB / 4},
+        {"4GB", R"({"tvCacheMaxGB": 10})", 10 * kGB},
+        {"nan", "{}", 2 * kGB},
+        {"-3", "{}", 2 * kGB},
+        {"", R"({"tvCacheMaxGB": 1})", kGB},
+    };
+    for (const auto& c : cases) {
+        const ScopedEnv env("TRELVANE_CACHE_MAX_GB", c.env);
+        writeBytes(file, c.json);
+        const Settings s(file);
+        EXPECT_EQ(s.cacheCeilingBytes(), c.bytes) << c.env.value_or("(unset)") << " " << c.json;
+    }
+}
+
 TEST(Settings, UnknownKeysSurviveAWrite) {
     TempDir dir;
     const auto file = dir.path() / "settings.json";

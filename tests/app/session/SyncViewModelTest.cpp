@@ -52,6 +52,9 @@ struct Doubles {
     std::atomic<int> metadataCalls{0};
     std::atomic<int> extractCalls{0};
     std::atomic<int> extractEntered{0};
+    std::atomic<int> pruneCalls{0};
+    std::atomic<int> extractCallsAtPrune{-1};
+    std::atomic<std::int64_t> pruneCeiling{-1};
     std::shared_ptr<Gate> extractGate;
     std::vector<std::string> calls; // main-thread stages, in order
     std::vector<CameraGroupProposal> cameraProposals;
@@ -119,6 +122,11 @@ struct Doubles {
                 return ExtractOutcome(
                     NoUsableAudio{AudioUsability::undecodable, "container not decodable (" + ext + ")", ext});
             return ExtractOutcome(payloadOf(expected > 0 ? expected : 10));
+        };
+        s.pruneCache = [this](std::int64_t ceiling) {
+            ++pruneCalls;
+            extractCallsAtPrune = extractCalls.load();
+            pruneCeiling = ceiling;
         };
         s.synchronise = [this](Sources src, SessionStages::SyncProgress p, SessionStages::SyncPlace place,
                                std::stop_token stop) { return sync(std::move(src), p, place, stop); };
@@ -204,6 +212,7 @@ class SessionTest : public ::testing::Test {
 } // namespace
 
 TEST_F(SessionTest, AnAddRunsEveryStageInOrderAndEndsReady) {
+    const trelvane::test::ScopedEnv noCeiling("TRELVANE_CACHE_MAX_GB", std::nullopt);
     std::vector<AppState::Kind> states;
     auto token = vm->observe([&](Published p) {
         if (p == Published::state) states.push_back(vm->state().kind);
@@ -216,6 +225,10 @@ TEST_F(SessionTest, AnAddRunsEveryStageInOrderAndEndsReady) {
     EXPECT_TRUE(vm->state().is(AppState::Kind::ready));
     EXPECT_TRUE(vm->allExtracted());
     EXPECT_EQ(doubles.extractCalls.load(), 4);
+    // The cache is pruned once, after every clip was analysed, to the user's ceiling.
+    EXPECT_EQ(doubles.pruneCalls.load(), 1);
+    EXPECT_EQ(doubles.extractCallsAtPrune.load(), 4);
+    EXPECT_EQ(doubles.pruneCeiling.load(), std::int64_t{1} << 31);
     EXPECT_THAT(states, ::testing::Contains(AppState::Kind::extracting));
     EXPECT_EQ(states.back(), AppState::Kind::ready);
     // Sorted for display and laid end to end.

@@ -5,6 +5,7 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <set>
 #include <sys/stat.h>
 
 using namespace trelvane;
@@ -128,6 +129,34 @@ TEST(Scan, FilesAlreadyInTheSessionAreNotAddedAgainExceptWithinOneDrop) {
 
     tracks = engine.ingest({url(file)}, tracks);
     EXPECT_EQ(tracks.size(), 2u) << "a file already present makes no new track";
+}
+
+// Two runs over the same media must describe it alike, so identifiers come from the files.
+TEST(Scan, IdentifiersAreTheSameEveryRunDistinctAndNeverTaken) {
+    TempDir tmp;
+    tmp.file("shoot/camA/C0001.MP4");
+    tmp.file("shoot/camA/C0002.MP4");
+    tmp.file("shoot/zoom/ZOOM0001.WAV");
+    const auto first = IngestEngine().ingest({url(tmp / "shoot")}, {});
+    const auto second = IngestEngine().ingest({url(tmp / "shoot")}, {});
+    ASSERT_EQ(first.size(), 2u);
+    ASSERT_EQ(second.size(), 2u);
+    std::set<Uuid> ids;
+    for (std::size_t t = 0; t < first.size(); ++t) {
+        EXPECT_EQ(first[t].id, second[t].id) << first[t].name;
+        ids.insert(first[t].id);
+        for (std::size_t c = 0; c < first[t].clips.size(); ++c) {
+            EXPECT_EQ(first[t].clips[c].id, second[t].clips[c].id) << first[t].clips[c].url.path();
+            ids.insert(first[t].clips[c].id);
+        }
+    }
+    EXPECT_EQ(ids.size(), 5u);
+
+    // A track made again of the files of a track that is still there gets an identifier of its own,
+    // the same every time.
+    const auto again = IngestEngine::newTrackId("folder", first[0].clips, first);
+    EXPECT_FALSE(ids.contains(again));
+    EXPECT_EQ(IngestEngine::newTrackId("folder", first[0].clips, first), again);
 }
 
 TEST(Scan, TrackNamesClimbOverGenericFolders) {

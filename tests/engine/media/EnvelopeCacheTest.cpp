@@ -56,7 +56,7 @@ std::vector<std::uint32_t> bitsOf(const std::vector<float>& values) {
     return out;
 }
 
-// Floats whose bits a careless copy would change: NaNs with payloads, negative zero, denormals.
+// Floats whose bits a careless copy would change: negative zero, denormals, the extremes.
 std::vector<float> awkwardFloats() {
     return {0.0f,
             -0.0f,
@@ -64,9 +64,8 @@ std::vector<float> awkwardFloats() {
             -2.5f,
             std::numeric_limits<float>::denorm_min(),
             std::numeric_limits<float>::max(),
-            -std::numeric_limits<float>::infinity(),
-            std::bit_cast<float>(std::uint32_t{0x7fc00123}),
-            std::bit_cast<float>(std::uint32_t{0xff800001}),
+            -std::numeric_limits<float>::max(),
+            std::numeric_limits<float>::min(),
             0.1f};
 }
 
@@ -87,6 +86,26 @@ Bytes le32(std::initializer_list<std::uint32_t> words) {
     for (const auto w : words)
         for (int i = 0; i < 4; ++i)
             out.push_back(static_cast<std::uint8_t>(w >> (8 * i)));
+    return out;
+}
+
+void putLe(Bytes& out, std::uint64_t v, int size) {
+    for (int i = 0; i < size; ++i)
+        out.push_back(static_cast<std::uint8_t>(v >> (8 * i)));
+}
+
+// An entry made by hand: the version, the key text, the given 32-bit words and a valid checksum,
+// so that only what the words say is on trial.
+Bytes sealed(std::uint32_t version, const std::string& key, std::initializer_list<std::uint32_t> words,
+             std::optional<double> duration = std::nullopt) {
+    Bytes out;
+    putLe(out, version, 4);
+    putLe(out, key.size(), 4);
+    out.insert(out.end(), key.begin(), key.end());
+    if (duration) putLe(out, std::bit_cast<std::uint64_t>(*duration), 8);
+    for (const auto w : words)
+        putLe(out, w, 4);
+    putLe(out, EC::crc32(out), 4);
     return out;
 }
 
@@ -146,6 +165,12 @@ constexpr bool kAddressSanitizer = false;
 constexpr bool kAddressSanitizer = false;
 #endif
 
+const std::string kKey = "/shoot/clip.wav|1234|1700000000";
+
+EC::Pair pairOf(std::vector<float> preview, std::vector<float> envelope, double duration = 12.5) {
+    return EC::Pair{std::move(preview), std::move(envelope), duration};
+}
+
 const Date kNow = dateFromUnixSeconds(1'800'000'000);
 constexpr long long kNowSeconds = 1'800'000'000;
 constexpr long long kDay = 86'400;
@@ -154,32 +179,44 @@ constexpr long long kDay = 86'400;
 
 // ---- formats ----------------------------------------------------------------------------------
 
-TEST(EnvelopeCache, PairBytesAreVersionThenCountedLittleEndianFloats) {
-    const std::vector<float> preview{1.0f, -2.5f};
-    const std::vector<float> envelope{0.5f};
-    const auto bytes = EC::serialize(preview, envelope);
-    ASSERT_TRUE(bytes);
-    EXPECT_EQ(*bytes, (Bytes{4,    0,    0,    0,    2, 0, 0, 0, 0x00, 0x00, 0x80, 0x3f,
-                             0x00, 0x00, 0x20, 0xc0, 1, 0, 0, 0, 0x00, 0x00, 0x00, 0x3f}));
+TEST(EnvelopeCache, EntriesAreVersionKeyTextCountedValuesAndCrc32) {
+    // The checksum is the CRC-32 of zlib and PNG: its published check value.
+    const std::string check = "123456789";
+    EXPECT_EQ(EC::crc32(Bytes(check.begin(), check.end())), 0xcbf43926u);
+    EXPECT_EQ(EC::crc32({}), 0u);
 
-    const auto bands = EC::serializeBands(featureOf(2, 1, 1.0f)); // bands {1.0}, {2.0}
-    ASSERT_TRUE(bands);
-    EXPECT_EQ(*bands,
-              (Bytes{6, 0, 0, 0, 2, 0, 0, 0, 1, 0, 0, 0, 0x00, 0x00, 0x80, 0x3f, 0x00, 0x00, 0x00, 0x40}));
+    Bytes pair = le32({5, 1});
+    pair.push_back('k');
+    pair.insert(pair.end(), {0, 0, 0, 0, 0, 0, 0x04, 0x40}); // 2.5 as a double
+    for (const std::uint8_t b : {2, 0, 0, 0, 0x00, 0x00, 0x80, 0x3f, 0x00, 0x00, 0x20, 0xc0, 1, 0, 0, 0, 0x00, 0x00,
+                                 0x00, 0x3f})
+        pair.push_back(b);
+    putLe(pair, EC::crc32(pair), 4);
+    EXPECT_EQ(EC::serialize("k", pairOf({1.0f, -2.5f}, {0.5f}, 2.5)), pair);
+
+    Bytes bands = le32({7, 1});
+    bands.push_back('k');
+    for (const std::uint8_t b : {2, 0, 0, 0, 1, 0, 0, 0, 0x00, 0x00, 0x80, 0x3f, 0x00, 0x00, 0x00, 0x40})
+        bands.push_back(b); // bands {1.0}, {2.0}
+    putLe(bands, EC::crc32(bands), 4);
+    EXPECT_EQ(EC::serializeBands("k", featureOf(2, 1, 1.0f)), bands);
 }
 
 TEST(EnvelopeCache, BothFormatsRoundTripBitExact) {
     const auto floats = awkwardFloats();
     std::vector<float> envelope(floats.rbegin(), floats.rend());
     envelope.push_back(3.0f);
-    const auto pair = EC::deserialize(*EC::serialize(floats, envelope));
+    // The decoder's lengths are sample counts over the rate: not short decimals.
+    const double duration = 1234567.0 / 16000.0;
+    const auto pair = EC::deserialize(*EC::serialize(kKey, pairOf(floats, envelope, duration)), kKey);
     ASSERT_TRUE(pair);
     EXPECT_EQ(bitsOf(pair->preview), bitsOf(floats));
     EXPECT_EQ(bitsOf(pair->envelope), bitsOf(envelope));
+    EXPECT_EQ(std::bit_cast<std::uint64_t>(pair->duration), std::bit_cast<std::uint64_t>(duration));
 
     SpectralBands::Feature feature = featureOf(8, static_cast<int>(floats.size()), 0.25f);
     feature.bands[3] = floats;
-    const auto back = EC::deserializeBands(*EC::serializeBands(feature));
+    const auto back = EC::deserializeBands(*EC::serializeBands(kKey, feature), kKey);
     ASSERT_TRUE(back);
     EXPECT_EQ(back->frames, feature.frames);
     ASSERT_EQ(back->bands.size(), 8u);
@@ -187,72 +224,69 @@ TEST(EnvelopeCache, BothFormatsRoundTripBitExact) {
         EXPECT_EQ(bitsOf(back->bands[b]), bitsOf(feature.bands[b])) << "band " << b;
 
     // Empty values are entries too: a clip too short for a feature caches the empty one.
-    EXPECT_EQ(EC::deserialize(*EC::serialize({}, {})), EC::Pair{});
-    EXPECT_EQ(EC::deserializeBands(*EC::serializeBands({})), SpectralBands::Feature{});
+    EXPECT_EQ(EC::deserialize(*EC::serialize(kKey, {}), kKey), EC::Pair{});
+    EXPECT_EQ(EC::deserializeBands(*EC::serializeBands(kKey, {}), kKey), SpectralBands::Feature{});
 }
 
 TEST(EnvelopeCache, SavedEntriesLoadBackThroughTheFiles) {
     TempDir tmp;
     const auto media = Url::fromPath(tmp.file("shoot/clip.wav", "RIFF not really"));
     const auto folder = tmp / "cache/nested/Trelvane";
-    const auto floats = awkwardFloats();
+    const auto stored = pairOf(awkwardFloats(), {2.0f, 4.0f}, 601.25);
     const auto feature = featureOf(8, 40, 1.5f);
 
     EXPECT_FALSE(EC::loadPair(media, folder));
     EXPECT_FALSE(EC::loadBands(media, folder));
-    ASSERT_TRUE(EC::savePair(media, floats, std::vector<float>{2.0f, 4.0f}, folder));
+    ASSERT_TRUE(EC::savePair(media, stored, folder));
     ASSERT_TRUE(EC::saveBands(media, feature, folder));
 
     const auto pair = EC::loadPair(media, folder);
     ASSERT_TRUE(pair);
-    EXPECT_EQ(bitsOf(pair->preview), bitsOf(floats));
-    EXPECT_EQ(pair->envelope, (std::vector<float>{2.0f, 4.0f}));
+    EXPECT_EQ(bitsOf(pair->preview), bitsOf(stored.preview));
+    EXPECT_EQ(pair->envelope, stored.envelope);
+    EXPECT_EQ(pair->duration, 601.25);
     EXPECT_EQ(EC::loadBands(media, folder), feature);
 
+    const auto text = *EC::keyText(media);
+    EXPECT_EQ(text, media.path() + "|15|" + std::to_string(modificationTime(media.path()).tv_sec));
     const auto key = *EC::cacheKey(media);
+    EXPECT_EQ(key, djb2Key(text));
     EXPECT_EQ(namesIn(folder), (std::vector<std::string>{key, key + ".bands"}));
-    EXPECT_EQ(readBytes(folder / key), *EC::serialize(floats, std::vector<float>{2.0f, 4.0f}));
+    EXPECT_EQ(readBytes(folder / key), *EC::serialize(text, stored));
+    EXPECT_EQ(readBytes(folder / (key + ".bands")), *EC::serializeBands(text, feature));
 }
 
 TEST(EnvelopeCache, OtherVersionsAreMisses) {
-    auto pair = *EC::serialize(std::vector<float>{1.0f}, std::vector<float>{2.0f});
-    for (const std::uint8_t version : {0, 3, 5, 6}) {
-        pair[0] = version;
-        EXPECT_FALSE(EC::deserialize(pair)) << int{version};
-    }
-    pair[0] = 4;
-    pair[3] = 1; // 0x01000004: the version is read little-endian
-    EXPECT_FALSE(EC::deserialize(pair));
-
-    auto bands = *EC::serializeBands(featureOf(8, 5, 1.0f));
-    for (const std::uint8_t version : {0, 4, 5, 7}) {
-        bands[0] = version;
-        EXPECT_FALSE(EC::deserializeBands(bands)) << int{version};
-    }
+    for (const std::uint32_t version : {0u, 3u, 4u, 6u, 7u, 0x01000005u})
+        EXPECT_FALSE(EC::deserialize(sealed(version, kKey, {0, 0}, 1.0), kKey)) << version;
+    EXPECT_TRUE(EC::deserialize(sealed(5, kKey, {0, 0}, 1.0), kKey));
+    for (const std::uint32_t version : {0u, 5u, 6u, 8u, 0x01000007u})
+        EXPECT_FALSE(EC::deserializeBands(sealed(version, kKey, {0, 0}), kKey)) << version;
+    EXPECT_TRUE(EC::deserializeBands(sealed(7, kKey, {0, 0}), kKey));
 }
 
 TEST(EnvelopeCache, TruncatedOrPaddedFilesAreMisses) {
-    const auto pair = *EC::serialize(std::vector<float>{1.0f, 2.0f, 3.0f}, std::vector<float>{4.0f, 5.0f});
-    const auto bands = *EC::serializeBands(featureOf(8, 6, 1.0f));
-    ASSERT_TRUE(EC::deserialize(pair));
-    ASSERT_TRUE(EC::deserializeBands(bands));
+    const auto pair = *EC::serialize(kKey, pairOf({1.0f, 2.0f, 3.0f}, {4.0f, 5.0f}));
+    const auto bands = *EC::serializeBands(kKey, featureOf(8, 6, 1.0f));
+    ASSERT_TRUE(EC::deserialize(pair, kKey));
+    ASSERT_TRUE(EC::deserializeBands(bands, kKey));
     for (std::size_t n = 0; n < pair.size(); ++n)
-        EXPECT_FALSE(EC::deserialize(std::span(pair).first(n))) << n << " bytes";
+        EXPECT_FALSE(EC::deserialize(std::span(pair).first(n), kKey)) << n << " bytes";
     for (std::size_t n = 0; n < bands.size(); ++n)
-        EXPECT_FALSE(EC::deserializeBands(std::span(bands).first(n))) << n << " bytes";
+        EXPECT_FALSE(EC::deserializeBands(std::span(bands).first(n), kKey)) << n << " bytes";
 
     auto padded = pair;
     padded.push_back(0);
-    EXPECT_FALSE(EC::deserialize(padded));
+    EXPECT_FALSE(EC::deserialize(padded, kKey));
     padded = bands;
     padded.insert(padded.end(), {0, 0, 0, 0});
-    EXPECT_FALSE(EC::deserializeBands(padded));
+    EXPECT_FALSE(EC::deserializeBands(padded, kKey));
 
     // The same through a file on disk, as a crash or a full disk would leave it.
     TempDir tmp;
     const auto media = Url::fromPath(tmp.file("clip.mov", "movie"));
     const auto folder = tmp / "cache";
-    ASSERT_TRUE(EC::savePair(media, std::vector<float>{1.0f, 2.0f}, std::vector<float>{3.0f}, folder));
+    ASSERT_TRUE(EC::savePair(media, pairOf({1.0f, 2.0f}, {3.0f}), folder));
     ASSERT_TRUE(EC::saveBands(media, featureOf(8, 5, 1.0f), folder));
     const auto key = *EC::cacheKey(media);
     fs::resize_file(folder / key, fs::file_size(folder / key) - 1);
@@ -261,15 +295,101 @@ TEST(EnvelopeCache, TruncatedOrPaddedFilesAreMisses) {
     EXPECT_FALSE(EC::loadBands(media, folder));
 }
 
+// Whatever in an entry was damaged, the entry is a miss: a flipped bit anywhere (the checksum), the
+// key text of another file (a swapped or copied entry, a key collision), a value that is not a
+// number, each with the rest of the entry intact and sealed.
+TEST(EnvelopeCache, DamagedOrForeignEntriesAreMisses) {
+    const auto pair = *EC::serialize(kKey, pairOf({0.25f, 1.0f}, {0.5f}, 3.0));
+    const auto bands = *EC::serializeBands(kKey, featureOf(2, 2, 1.0f));
+    for (const Bytes* entry : {&pair, &bands})
+        for (std::size_t bit = 0; bit < 8 * entry->size(); ++bit) {
+            Bytes flipped = *entry;
+            flipped[bit / 8] ^= static_cast<std::uint8_t>(1u << (bit % 8));
+            EXPECT_FALSE(EC::deserialize(flipped, kKey)) << "bit " << bit;
+            EXPECT_FALSE(EC::deserializeBands(flipped, kKey)) << "bit " << bit;
+        }
+
+    for (const std::string other : {"/shoot/clip.wav|1234|1700000001", "/shoot/clip.wav|1234|170000000",
+                                    "/shoot/clip.WAV|1234|1700000000", ""}) {
+        EXPECT_FALSE(EC::deserialize(pair, other)) << other;
+        EXPECT_FALSE(EC::deserializeBands(bands, other)) << other;
+    }
+
+    const auto nan = std::bit_cast<std::uint32_t>(std::numeric_limits<float>::quiet_NaN());
+    const auto inf = std::bit_cast<std::uint32_t>(std::numeric_limits<float>::infinity());
+    const auto one = std::bit_cast<std::uint32_t>(1.0f);
+    const double nanD = std::numeric_limits<double>::quiet_NaN();
+    const double infD = std::numeric_limits<double>::infinity();
+    struct Case {
+        const char* what;
+        Bytes bytes;
+    };
+    const std::vector<Case> cases{
+        {"NaN in the preview", sealed(5, kKey, {2, one, nan, 1, one}, 1.0)},
+        {"negative infinity in the envelope", sealed(5, kKey, {1, one, 1, inf | 0x8000'0000u}, 1.0)},
+        {"NaN length", sealed(5, kKey, {1, one, 1, one}, nanD)},
+        {"infinite length", sealed(5, kKey, {1, one, 1, one}, infD)},
+        {"negative length", sealed(5, kKey, {1, one, 1, one}, -1.0)},
+        {"NaN in a band", sealed(7, kKey, {2, 1, one, nan})},
+        {"infinity in a band", sealed(7, kKey, {1, 2, inf, one})},
+    };
+    for (const auto& c : cases) {
+        EXPECT_FALSE(EC::deserialize(c.bytes, kKey)) << c.what;
+        EXPECT_FALSE(EC::deserializeBands(c.bytes, kKey)) << c.what;
+    }
+    // The same cases, finite, are entries: only the value is on trial above.
+    EXPECT_TRUE(EC::deserialize(sealed(5, kKey, {2, one, one, 1, one}, 1.0), kKey));
+    EXPECT_TRUE(EC::deserializeBands(sealed(7, kKey, {2, 1, one, one}), kKey));
+
+    // Values that can't be read back are never written.
+    const float nanF = std::numeric_limits<float>::quiet_NaN();
+    EXPECT_FALSE(EC::serialize(kKey, pairOf({nanF}, {})));
+    EXPECT_FALSE(EC::serialize(kKey, pairOf({}, {std::numeric_limits<float>::infinity()})));
+    EXPECT_FALSE(EC::serialize(kKey, pairOf({}, {}, nanD)));
+    EXPECT_FALSE(EC::serialize(kKey, pairOf({}, {}, -0.5)));
+    auto feature = featureOf(2, 3, 1.0f);
+    feature.bands[1][2] = nanF;
+    EXPECT_FALSE(EC::serializeBands(kKey, feature));
+}
+
+// Valid entries of one file under the name of another (copied from another machine, or swapped by
+// hand) are misses for both files; saving over them puts each file's own entry back.
+TEST(EnvelopeCache, SwappedEntriesAreMissesAndSavesReplaceThem) {
+    TempDir tmp;
+    const auto folder = tmp / "cache";
+    const auto a = Url::fromPath(tmp.file("a.wav", "aaaa"));
+    const auto b = Url::fromPath(tmp.file("b.wav", "bbbb"));
+    ASSERT_TRUE(EC::savePair(a, pairOf({1.0f}, {1.0f}, 1.0), folder));
+    ASSERT_TRUE(EC::saveBands(a, featureOf(8, 5, 1.0f), folder));
+    ASSERT_TRUE(EC::savePair(b, pairOf({2.0f}, {2.0f}, 2.0), folder));
+    ASSERT_TRUE(EC::saveBands(b, featureOf(8, 5, 2.0f), folder));
+    const auto ka = *EC::cacheKey(a), kb = *EC::cacheKey(b);
+    for (const std::string suffix : {"", ".bands"}) {
+        fs::rename(folder / (ka + suffix), folder / "swap");
+        fs::rename(folder / (kb + suffix), folder / (ka + suffix));
+        fs::rename(folder / "swap", folder / (kb + suffix));
+    }
+    for (const auto& url : {a, b}) {
+        EXPECT_FALSE(EC::loadPair(url, folder)) << url.path();
+        EXPECT_FALSE(EC::loadBands(url, folder)) << url.path();
+    }
+    ASSERT_TRUE(EC::savePair(a, pairOf({1.0f}, {1.0f}, 1.0), folder));
+    ASSERT_TRUE(EC::saveBands(a, featureOf(8, 5, 1.0f), folder));
+    EXPECT_EQ(EC::loadPair(a, folder), pairOf({1.0f}, {1.0f}, 1.0));
+    EXPECT_EQ(EC::loadBands(a, folder), featureOf(8, 5, 1.0f));
+    EXPECT_FALSE(EC::loadPair(b, folder));
+}
+
 TEST(EnvelopeCache, HugeCountsInSmallFilesAreMissesWithoutAllocating) {
-    Bytes hugePreview = le32({4, 0x8000'0000u});
-    hugePreview.resize(100, 0x41);
-    Bytes hugeEnvelope = le32({4, 2, 0, 0, 0xffff'ffffu});
-    hugeEnvelope.resize(100, 0x41);
-    Bytes hugeFrames = le32({6, 8, 0x1000'0000u});
-    hugeFrames.resize(100, 0x41);
-    Bytes hugeBoth = le32({6, 0xffff'ffffu, 0x7fff'ffffu});
-    hugeBoth.resize(100, 0x41);
+    const auto padded = [](Bytes bytes) {
+        bytes.resize(100, 0x41);
+        return bytes;
+    };
+    const Bytes hugePreview = padded(sealed(5, kKey, {0x8000'0000u}, 1.0));
+    const Bytes hugeEnvelope = padded(sealed(5, kKey, {0, 0xffff'ffffu}, 1.0));
+    const Bytes hugeFrames = padded(sealed(7, kKey, {8, 0x1000'0000u}));
+    const Bytes hugeBoth = padded(sealed(7, kKey, {0xffff'ffffu, 0x7fff'ffffu}));
+    const Bytes hugeKey = padded(le32({5, 0xffff'fff0u}));
 
     {
         DataLimit limit(64u << 20);
@@ -283,42 +403,44 @@ TEST(EnvelopeCache, HugeCountsInSmallFilesAreMissesWithoutAllocating) {
                 },
                 std::bad_alloc);
         }
-        EXPECT_FALSE(EC::deserialize(hugePreview));
-        EXPECT_FALSE(EC::deserialize(hugeEnvelope));
-        EXPECT_FALSE(EC::deserializeBands(hugeFrames));
-        EXPECT_FALSE(EC::deserializeBands(hugeBoth));
+        EXPECT_FALSE(EC::deserialize(hugePreview, kKey));
+        EXPECT_FALSE(EC::deserialize(hugeEnvelope, kKey));
+        EXPECT_FALSE(EC::deserialize(hugeKey, kKey));
+        EXPECT_FALSE(EC::deserializeBands(hugeFrames, kKey));
+        EXPECT_FALSE(EC::deserializeBands(hugeBoth, kKey));
     }
 
     TempDir tmp;
     const auto media = Url::fromPath(tmp.file("clip.wav", "wave"));
     const auto key = *EC::cacheKey(media);
+    const auto text = *EC::keyText(media);
     tmp.dir("cache");
-    writeBytes(tmp / "cache" / key, hugePreview);
-    writeBytes(tmp / "cache" / (key + ".bands"), hugeFrames);
+    writeBytes(tmp / "cache" / key, padded(sealed(5, text, {0x8000'0000u}, 1.0)));
+    writeBytes(tmp / "cache" / (key + ".bands"), padded(sealed(7, text, {8, 0x1000'0000u})));
     DataLimit limit(64u << 20);
     EXPECT_FALSE(EC::loadPair(media, tmp / "cache"));
     EXPECT_FALSE(EC::loadBands(media, tmp / "cache"));
 }
 
 TEST(EnvelopeCache, BandCountsMustDescribeAFeature) {
-    EXPECT_FALSE(EC::deserializeBands(le32({6, 0, 5}))) << "frames without bands";
-    EXPECT_FALSE(EC::deserializeBands(le32({6, 8, 0}))) << "bands without frames";
+    EXPECT_FALSE(EC::deserializeBands(sealed(7, kKey, {0, 5}), kKey)) << "frames without bands";
+    EXPECT_FALSE(EC::deserializeBands(sealed(7, kKey, {8, 0}), kKey)) << "bands without frames";
     // More frames than an int holds, in a file that claims no more than it has.
-    EXPECT_FALSE(EC::deserializeBands(le32({6, 1, 0x8000'0000u})));
-    EXPECT_EQ(EC::deserializeBands(le32({6, 0, 0})), SpectralBands::Feature{});
-    const auto odd = EC::deserializeBands(le32({6, 3, 1, 0, 0, 0}));
+    EXPECT_FALSE(EC::deserializeBands(sealed(7, kKey, {1, 0x8000'0000u}), kKey));
+    EXPECT_EQ(EC::deserializeBands(sealed(7, kKey, {0, 0}), kKey), SpectralBands::Feature{});
+    const auto odd = EC::deserializeBands(sealed(7, kKey, {3, 1, 0, 0, 0}), kKey);
     ASSERT_TRUE(odd);
     EXPECT_EQ(odd->bands.size(), 3u);
     EXPECT_EQ(odd->frames, 1);
 
     auto ragged = featureOf(8, 10, 1.0f);
     ragged.bands[7].pop_back();
-    EXPECT_FALSE(EC::serializeBands(ragged));
+    EXPECT_FALSE(EC::serializeBands(kKey, ragged));
     auto miscounted = featureOf(8, 10, 1.0f);
     miscounted.frames = 9;
-    EXPECT_FALSE(EC::serializeBands(miscounted));
-    EXPECT_FALSE(EC::serializeBands(SpectralBands::Feature{{}, 5}));
-    EXPECT_FALSE(EC::serializeBands(SpectralBands::Feature{{{}, {}}, 0}));
+    EXPECT_FALSE(EC::serializeBands(kKey, miscounted));
+    EXPECT_FALSE(EC::serializeBands(kKey, SpectralBands::Feature{{}, 5}));
+    EXPECT_FALSE(EC::serializeBands(kKey, SpectralBands::Feature{{{}, {}}, 0}));
 }
 
 // ---- keys -------------------------------------------------------------------------------------
@@ -388,7 +510,7 @@ TEST(EnvelopeCache, FilesThatCantBeReadHaveNoKeyAndAreNeverCached) {
     for (const auto& p : {tmp / "missing.wav", tmp.dir("folder.wav"), fs::path()}) {
         const auto url = p.empty() ? Url() : Url::fromPath(p);
         EXPECT_FALSE(EC::cacheKey(url)) << p;
-        EXPECT_FALSE(EC::savePair(url, one, one, folder)) << p;
+        EXPECT_FALSE(EC::savePair(url, pairOf(one, one), folder)) << p;
         EXPECT_FALSE(EC::saveBands(url, featureOf(8, 5, 1.0f), folder)) << p;
         EXPECT_FALSE(EC::loadPair(url, folder)) << p;
     }
@@ -401,7 +523,7 @@ TEST(EnvelopeCache, FilesThatCantBeReadHaveNoKeyAndAreNeverCached) {
         const auto locked = tmp.file("locked.wav", "data");
         fs::permissions(locked, fs::perms::none);
         EXPECT_FALSE(EC::cacheKey(Url::fromPath(locked)));
-        EXPECT_FALSE(EC::savePair(Url::fromPath(locked), one, one, folder));
+        EXPECT_FALSE(EC::savePair(Url::fromPath(locked), pairOf(one, one), folder));
         EXPECT_FALSE(fs::exists(folder));
     }
 }
@@ -411,7 +533,7 @@ TEST(EnvelopeCache, CachedClipOpensWithoutOpeningTheMedia) {
     const auto media = tmp.file("clip.wav", std::string(4096, 'w'));
     const auto url = Url::fromPath(media);
     const auto folder = tmp / "cache";
-    ASSERT_TRUE(EC::savePair(url, std::vector<float>{0.1f, 0.2f}, std::vector<float>{0.3f}, folder));
+    ASSERT_TRUE(EC::savePair(url, pairOf({0.1f, 0.2f}, {0.3f}), folder));
     ASSERT_TRUE(EC::saveBands(url, featureOf(8, 5, 1.0f), folder));
 
     const int watcher = ::inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
@@ -436,7 +558,7 @@ TEST(EnvelopeCache, ChangedMediaMissesItsOldEntries) {
     setModificationTime(media, 1'700'000'000);
     const auto url = Url::fromPath(media);
     const auto folder = tmp / "cache";
-    ASSERT_TRUE(EC::savePair(url, std::vector<float>{1.0f}, std::vector<float>{2.0f}, folder));
+    ASSERT_TRUE(EC::savePair(url, pairOf({1.0f}, {2.0f}), folder));
     ASSERT_TRUE(EC::saveBands(url, featureOf(8, 5, 1.0f), folder));
 
     setModificationTime(media, 1'700'000'060);
@@ -463,9 +585,8 @@ TEST(EnvelopeCache, HostileEntriesAreMissesWithoutHanging) {
     fs::create_symlink("/dev/zero", folder / (*EC::cacheKey(zero) + ".bands"));
     // A valid head on a file beyond the largest entry: refused before it is read.
     const auto bigEntry = folder / *EC::cacheKey(big);
-    const std::uint32_t floats = (EC::kMaxEntryBytes - 12) / 4 + 1;
-    writeBytes(bigEntry, le32({4, floats}));
-    fs::resize_file(bigEntry, 8 + 4 * std::uintmax_t{floats} + 4);
+    writeBytes(bigEntry, sealed(5, *EC::keyText(big), {0, 0}, 1.0));
+    fs::resize_file(bigEntry, EC::kMaxEntryBytes + 1);
 
     for (const auto& url : {fifo, dir, zero, big}) {
         EXPECT_FALSE(EC::loadPair(url, folder)) << url.path();
@@ -480,14 +601,14 @@ TEST(EnvelopeCache, SavesReplaceEntriesWholeAndLeaveNoTemporaries) {
     const auto url = Url::fromPath(tmp.file("clip.wav", "wave"));
     const auto folder = tmp / "cache";
     const auto key = *EC::cacheKey(url);
-    ASSERT_TRUE(EC::savePair(url, std::vector<float>(1000, 1.0f), std::vector<float>(100, 2.0f), folder));
-    ASSERT_TRUE(EC::savePair(url, std::vector<float>{3.0f}, std::vector<float>{}, folder));
-    EXPECT_EQ(EC::loadPair(url, folder), (EC::Pair{{3.0f}, {}}));
+    ASSERT_TRUE(EC::savePair(url, pairOf(std::vector<float>(1000, 1.0f), std::vector<float>(100, 2.0f)), folder));
+    ASSERT_TRUE(EC::savePair(url, pairOf({3.0f}, {}, 0.5), folder));
+    EXPECT_EQ(EC::loadPair(url, folder), pairOf({3.0f}, {}, 0.5));
     ASSERT_TRUE(EC::saveBands(url, featureOf(8, 50, 1.0f), folder));
     ASSERT_TRUE(EC::saveBands(url, {}, folder));
     EXPECT_EQ(EC::loadBands(url, folder), SpectralBands::Feature{});
     EXPECT_EQ(namesIn(folder), (std::vector<std::string>{key, key + ".bands"}));
-    EXPECT_EQ(fs::file_size(folder / key), 16u);
+    EXPECT_EQ(fs::file_size(folder / key), EC::serialize(*EC::keyText(url), pairOf({3.0f}, {}, 0.5))->size());
 
     // A feature that is not one is not written, and what was there stays.
     auto ragged = featureOf(8, 5, 1.0f);
@@ -502,7 +623,7 @@ TEST(EnvelopeCache, UnwritableFolderMakesSavesFailQuietly) {
     const std::vector<float> one{1.0f};
     const auto notAFolder = tmp.file("plain-file", "x");
     for (const auto& folder : {notAFolder, notAFolder / "Trelvane", fs::path("/proc/self/Trelvane")}) {
-        EXPECT_FALSE(EC::savePair(url, one, one, folder)) << folder;
+        EXPECT_FALSE(EC::savePair(url, pairOf(one, one), folder)) << folder;
         EXPECT_FALSE(EC::saveBands(url, featureOf(8, 5, 1.0f), folder)) << folder;
         EXPECT_FALSE(EC::loadPair(url, folder)) << folder;
         EXPECT_EQ(EC::cacheSize(folder), 0) << folder;
@@ -513,7 +634,7 @@ TEST(EnvelopeCache, UnwritableFolderMakesSavesFailQuietly) {
     if (::geteuid() != 0) {
         const auto locked = tmp.dir("locked");
         fs::permissions(locked, fs::perms::owner_read | fs::perms::owner_exec);
-        EXPECT_FALSE(EC::savePair(url, one, one, locked));
+        EXPECT_FALSE(EC::savePair(url, pairOf(one, one), locked));
         EXPECT_FALSE(EC::saveBands(url, featureOf(8, 5, 1.0f), locked));
         EXPECT_TRUE(namesIn(locked).empty());
     }
@@ -524,7 +645,7 @@ TEST(EnvelopeCache, PlainCallsUseTheUserCacheFolder) {
     ScopedEnv cacheHome("XDG_CACHE_HOME", tmp.path().string());
     EXPECT_EQ(EC::cacheDir(), tmp / "Trelvane");
     const auto url = Url::fromPath(tmp.file("media/clip.wav", "wave"));
-    ASSERT_TRUE(EC::savePair(url, std::vector<float>{1.0f}, std::vector<float>{2.0f}));
+    ASSERT_TRUE(EC::savePair(url, pairOf({1.0f}, {2.0f})));
     ASSERT_TRUE(EC::saveBands(url, featureOf(8, 5, 1.0f)));
     const auto key = *EC::cacheKey(url);
     EXPECT_TRUE(fs::is_regular_file(tmp / "Trelvane" / key));
@@ -617,6 +738,40 @@ TEST(EnvelopeCache, PruneTrimsTheOldestWhileOverTheCeiling) {
     EXPECT_EQ(result.bytesFreed, 2 * quarter - 100);
     EXPECT_EQ(namesIn(folder), (std::vector<std::string>{"a-newest", "e-small", "f-huge", "not-an-entry"}));
     EXPECT_EQ(EC::cacheSize(folder), 3 * quarter + 1 + 101);
+
+    // A ceiling of the user's: the same rule, and the log names it.
+    EXPECT_EQ(EC::prune(kNow, folder, 4 * EC::kCeilingBytes).removed, 0);
+    result = EC::prune(kNow, folder, 2 * quarter + 1);
+    EXPECT_EQ(result.removed, 2);
+    EXPECT_EQ(namesIn(folder), (std::vector<std::string>{"f-huge", "not-an-entry"}));
+    EXPECT_EQ(log.lines().back(),
+              "[Cache] pruned 2 entries (512 MB) — older than 7 days or over the 1 GB ceiling");
+    EXPECT_EQ(EC::prune(kNow, folder, 0).removed, 1);
+    EXPECT_EQ(EC::cacheSize(folder), 0);
+}
+
+// An entry read is an entry in use: reading it makes it new again, so that age and the ceiling take
+// the entries that went unused longest, not the ones written longest ago.
+TEST(EnvelopeCache, EntriesReadAreKeptByPrune) {
+    TempDir tmp;
+    const auto folder = tmp / "cache";
+    const auto used = Url::fromPath(tmp.file("used.wav", "u"));
+    const auto unused = Url::fromPath(tmp.file("unused.wav", "n"));
+    for (const auto& url : {used, unused}) {
+        ASSERT_TRUE(EC::savePair(url, pairOf({1.0f}, {1.0f}), folder));
+        ASSERT_TRUE(EC::saveBands(url, featureOf(8, 5, 1.0f), folder));
+    }
+    const long long now = std::chrono::duration_cast<std::chrono::seconds>(
+                              std::chrono::system_clock::now().time_since_epoch())
+                              .count();
+    for (const auto& name : namesIn(folder))
+        setModificationTime(folder / name, now - 8 * kDay);
+    ASSERT_TRUE(EC::loadPair(used, folder));
+    ASSERT_TRUE(EC::loadBands(used, folder));
+    EXPECT_EQ(EC::prune(dateNow(), folder).removed, 2);
+    EXPECT_TRUE(EC::loadPair(used, folder));
+    EXPECT_TRUE(EC::loadBands(used, folder));
+    EXPECT_FALSE(EC::loadPair(unused, folder));
 }
 
 TEST(EnvelopeCache, CacheSizeAddsEntriesAndClearAllRemovesThem) {
@@ -628,12 +783,17 @@ TEST(EnvelopeCache, CacheSizeAddsEntriesAndClearAllRemovesThem) {
 
     const auto a = Url::fromPath(tmp.file("a.wav", "a"));
     const auto b = Url::fromPath(tmp.file("b.wav", "b"));
-    ASSERT_TRUE(EC::savePair(a, std::vector<float>(10, 1.0f), std::vector<float>(5, 1.0f), folder));
+    const auto pairA = pairOf(std::vector<float>(10, 1.0f), std::vector<float>(5, 1.0f));
+    ASSERT_TRUE(EC::savePair(a, pairA, folder));
     ASSERT_TRUE(EC::saveBands(a, featureOf(8, 5, 1.0f), folder));
-    ASSERT_TRUE(EC::savePair(b, std::vector<float>(1, 1.0f), std::vector<float>(), folder));
+    ASSERT_TRUE(EC::savePair(b, pairOf({1.0f}, {}), folder));
     tmp.file("cache/sub/inside", "not counted");
     fs::create_symlink(tmp / "a.wav", folder / "link");
-    EXPECT_EQ(EC::cacheSize(folder), (12 + 60) + (12 + 160) + (12 + 4));
+    const auto textA = *EC::keyText(a), textB = *EC::keyText(b);
+    EXPECT_EQ(EC::cacheSize(folder),
+              static_cast<std::int64_t>(EC::serialize(textA, pairA)->size() +
+                                        EC::serializeBands(textA, featureOf(8, 5, 1.0f))->size() +
+                                        EC::serialize(textB, pairOf({1.0f}, {}))->size()));
 
     EC::clearAll(folder);
     EXPECT_EQ(EC::cacheSize(folder), 0);

@@ -4,6 +4,7 @@
 #include "TrelvaneEngine/support/Url.hpp"
 #include "TrelvaneEngine/support/Uuid.hpp"
 #include "TrelvaneEngine/support/WorkerWindow.hpp"
+#include "TestSupport.hpp"
 
 #include <atomic>
 #include <gtest/gtest.h>
@@ -55,6 +56,42 @@ TEST(Support, UuidsAreRandomVersion4AndRoundTrip) {
     EXPECT_EQ(seen.size(), 1000u);
     EXPECT_EQ(Uuid::parse("not-a-uuid"), std::nullopt);
     EXPECT_TRUE(Uuid().isNil());
+}
+
+TEST(Support, NamedUuidsAreVersion8AndTheSameForTheSameTextOnly) {
+    const std::regex canonical("^[0-9A-F]{8}-[0-9A-F]{4}-8[0-9A-F]{3}-[89AB][0-9A-F]{3}-[0-9A-F]{12}$");
+    std::set<Uuid> seen;
+    // Texts a byte apart, of equal and different lengths, the empty one included.
+    for (const std::string text : {"", "a", "b", "ab", "ba", "clip|/shoot/C0001.MP4", "clip|/shoot/C0002.MP4",
+                                   "clip|/shoot/C0001.MP4 ", "track|/shoot/C0001.MP4"}) {
+        const Uuid u = Uuid::named(text);
+        EXPECT_TRUE(std::regex_match(u.string(), canonical)) << u.string();
+        EXPECT_EQ(Uuid::named(text), u) << text;
+        seen.insert(u);
+    }
+    EXPECT_EQ(seen.size(), 9u);
+}
+
+// The variable sets the worker count only when it holds a usable whole number.
+TEST(Support, RequestedWorkersAreAWholeNumberFromOneTo256) {
+    struct Case {
+        std::optional<std::string> text;
+        std::optional<int> workers;
+    };
+    for (const auto& c : std::vector<Case>{{std::nullopt, std::nullopt},
+                                           {"", std::nullopt},
+                                           {"1", 1},
+                                           {"8", 8},
+                                           {"256", 256},
+                                           {"0", std::nullopt},
+                                           {"257", std::nullopt},
+                                           {"-2", std::nullopt},
+                                           {"4x", std::nullopt},
+                                           {" 4", std::nullopt},
+                                           {"99999999999", std::nullopt}}) {
+        const trelvane::test::ScopedEnv env("TRELVANE_WORKERS", c.text);
+        EXPECT_EQ(WorkerWindow::requestedWorkers(), c.workers) << c.text.value_or("(unset)");
+    }
 }
 
 TEST(Support, DatesKeepMillisecondsAndPrintTheirOffset) {
