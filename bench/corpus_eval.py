@@ -1,0 +1,219 @@
+#!/usr/bin/env python3
+# SPDX-License-Identifier: GPL-3.0-or-later
+"""Sync accuracy and repeatability over a corpus of generated shoots.
+
+For every shoot folder (a folder holding truth.json, or truth-day1.json, truth-day2.json, ... for a
+folder of several shoot days; a folder of such folders is searched one level down):
+  1. `trelvane sync SHOOT --no-close-gaps --report cold.json` with an empty feature cache
+     (XDG_CACHE_HOME, XDG_DATA_HOME and XDG_CONFIG_HOME point at fresh temporary folders),
+  2. the same command again with the cache the first run left (warm.json),
+  3. both reports scored with score.py --false-after 0.08 --json, once per truth file,
+  4. the two reports compared byte for byte.
+One row per shoot (and per day) gives, cold / warm: matchable clips, clips within one frame (40 ms),
+the worst error among clips reported `synced`, clips reported `synced` more than 80 ms off, decoys
+reported `synced`; whether the reports are identical; the wall time of each run. Totals follow, then
+the clips behind every bad figure. Prints figures only: the exit status is 0 whatever they are.
+
+  bench/corpus_eval.py [--reports DIR] [--nice N] SHOOT_OR_FOLDER_OF_SHOOTS...
+
+  TRELVANE        the binary (default: build/release/trelvane in this repository)
+  CORPUS_TOOLS    folder holding score.py (default: ../shared/corpus beside this repository)
+
+--reports DIR keeps the cold and warm session reports (DIR/NAME.cold.json, DIR/NAME.warm.json)
+and the sync logs; otherwise they go to a temporary folder that is removed at the end.
+"""
+import argparse, glob, importlib.util, json, os, shutil, statistics, subprocess, sys, tempfile, time
+
+REPO = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
+FRAME, FALSE_AFTER = 0.04, 0.08
+
+
+def load_score(tools):
+    spec = importlib.util.spec_from_file_location("corpus_score", os.path.join(tools, "score.py"))
+    mod = importlib.util.module_from_spec(spec)
+    spec.loader.exec_module(mod)
+    return mod
+
+
+def truth_files(shoot):
+    days = sorted(glob.glob(os.path.join(shoot, "truth-day*.json")),
+                  key=lambda p: int("".join(ch for ch in os.path.basename(p) if ch.isdigit()) or 0))
+    if days:
+        return days
+    single = os.path.join(shoot, "truth.json")
+    return [single] if os.path.exists(single) else []
+
+
+def find_shoots(paths):
+    shoots = []
+    for p in paths:
+        p = os.path.abspath(p)
+        if truth_files(p):
+            shoots.append(p)
+        elif os.path.isdir(p):
+            shoots += [os.path.join(p, n) for n in sorted(os.listdir(p)) if truth_files(os.path.join(p, n))]
+        else:
+            print(f"{p}: no truth file, skipped", file=sys.stderr)
+    return shoots
+
+
+def run_sync(trelvane, shoot, report, log, env, nice):
+    cmd = ([ "nice", "-n", str(nice)] if nice else []) + [trelvane, "sync", shoot, "--no-close-gaps", "--report", report]
+    t = time.monotonic()
+    with open(log, "w") as fh:
+        rc = subprocess.run(cmd, stdout=fh, stderr=subprocess.STDOUT, env=env).returncode
+    return rc, time.monotonic() - t
+
+
+def score(tools, truth, report):
+    """score.py's summary, or None when it could not score (no report, nothing placed)."""
+    if not os.path.exists(report):
+        return None
+    p = subprocess.run([sys.executable, os.path.join(tools, "score.py"), truth, report,
+                        "--false-after", str(FALSE_AFTER), "--json"], stdout=subprocess.PIPE, text=True)
+    try:
+        return json.loads(p.stdout)
+    except ValueError:
+        return None
+
+
+def synced_errors(score_mod, truth_path, report):
+    """(error s, path, kind) of every clip of this truth the report calls `synced`, with the shift
+    score.py fits (median over matchable synced clips)."""
+    base = os.path.dirname(os.path.abspath(truth_path))
+    truth = json.load(open(truth_path))["files"]
+    res = score_mod.load_result(report)
+    rows = [(f, res.get(os.path.realpath(os.path.join(base, f["path"])))) for f in truth]
+    matched = [(f, pl) for f, pl in rows if f["matchable"] and pl and pl[1] in (None, "synced")]
+    if not matched:
+        return []
+    shift = statistics.median(pl[0] - f["start"] for f, pl in matched)
+    return [(pl[0] - f["start"] - shift, f["path"], f["kind"]) for f, pl in matched]
+
+
+def report_diff(cold, warm):
+    """How the two reports differ: clips whose start or status differ, and the largest start change."""
+    try:
+        a, b = (json.load(open(p)) for p in (cold, warm))
+    except (OSError, ValueError):
+        return "unreadable"
+    def clips(d):
+        return {c["url"]: c for t in d.get("tracks", []) for c in t.get("clips", [])}
+    ca, cb = clips(a), clips(b)
+    moved, status, worst = 0, 0, (0.0, "")
+    for url in set(ca) | set(cb):
+        x, y = ca.get(url), cb.get(url)
+        if x is None or y is None:
+            status += 1
+            continue
+        d = abs(float(x.get("startOffset", 0)) - float(y.get("startOffset", 0)))
+        if d > 1e-9:
+            moved += 1
+            worst = max(worst, (d, os.path.basename(url)))
+        if x.get("syncStatus") != y.get("syncStatus"):
+            status += 1
+    other = sorted(k for k in set(a) | set(b) if k != "tracks" and a.get(k) != b.get(k))
+    text = f"{moved} clip(s) start elsewhere (largest {worst[0] * 1000:.1f} ms, {worst[1]}), {status} status change(s)"
+    return text + (f"; other fields differ: {', '.join(other)}" if other else "")
+
+
+def main():
+    ap = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
+    ap.add_argument("paths", nargs="+")
+    ap.add_argument("--reports", help="keep the session reports and logs here")
+    ap.add_argument("--nice", type=int, default=0, help="run trelvane under nice -n N")
+    a = ap.parse_args()
+    trelvane = os.path.abspath(os.environ.get("TRELVANE", os.path.join(REPO, "build", "release", "trelvane")))
+    tools = os.path.abspath(os.environ.get("CORPUS_TOOLS", os.path.join(REPO, "..", "shared", "corpus")))
+    if not os.access(trelvane, os.X_OK):
+        print(f"no trelvane binary at {trelvane} (set TRELVANE)")
+        return 0
+    score_mod = load_score(tools)
+    shoots = find_shoots(a.paths)
+    scratch = tempfile.mkdtemp(prefix="corpus-eval-")
+    keep = os.path.abspath(a.reports) if a.reports else os.path.join(scratch, "reports")
+    os.makedirs(keep, exist_ok=True)
+    print(f"trelvane: {trelvane} ({time.ctime(os.path.getmtime(trelvane))})")
+    print(f"{len(shoots)} shoot folder(s); frame {FRAME * 1000:.0f} ms, false after {FALSE_AFTER * 1000:.0f} ms\n")
+    head = (f"{'shoot':<22} {'day':>3} {'match':>5} {'in frame c/w':>13} {'worst synced ms c/w':>20} "
+            f"{'>80ms c/w':>9} {'decoys c/w':>10} {'same':>4} {'cold s':>7} {'warm s':>7}")
+    print(head)
+    print("-" * len(head))
+    totals = dict(match=0, cold=0, warm=0, false_c=0, false_w=0, dec_c=0, dec_w=0, same=0, runs=0)
+    notes = []
+    try:
+        for shoot in shoots:
+            name = os.path.basename(shoot.rstrip("/"))
+            env = dict(os.environ)
+            home = tempfile.mkdtemp(prefix="xdg-", dir=scratch)
+            for var in ("XDG_CACHE_HOME", "XDG_DATA_HOME", "XDG_CONFIG_HOME"):
+                env[var] = os.path.join(home, var.lower())
+                os.makedirs(env[var])
+            rep = {k: os.path.join(keep, f"{name}.{k}.json") for k in ("cold", "warm")}
+            runs = {}
+            for k in ("cold", "warm"):
+                if os.path.exists(rep[k]):
+                    os.remove(rep[k])
+                runs[k] = run_sync(trelvane, shoot, rep[k], os.path.join(keep, f"{name}.{k}.log"), env, a.nice)
+            shutil.rmtree(home, ignore_errors=True)
+            same = (os.path.exists(rep["cold"]) and os.path.exists(rep["warm"]) and
+                    subprocess.run(["cmp", "-s", rep["cold"], rep["warm"]]).returncode == 0)
+            totals["runs"] += 1
+            totals["same"] += same
+            for k in ("cold", "warm"):
+                if runs[k][0] != 0:
+                    notes.append(f"{name}: {k} run exited with {runs[k][0]} (log {keep}/{name}.{k}.log)")
+            if not same and os.path.exists(rep["cold"]) and os.path.exists(rep["warm"]):
+                notes.append(f"{name}: cold and warm reports differ: {report_diff(rep['cold'], rep['warm'])}")
+            truths = truth_files(shoot)
+            for i, truth in enumerate(truths):
+                day = str(i + 1) if len(truths) > 1 else "-"
+                s = {k: score(tools, truth, rep[k]) for k in ("cold", "warm")}
+                n = json.load(open(truth))["files"]
+                n = sum(1 for f in n if f["matchable"])
+                errs = {k: synced_errors(score_mod, truth, rep[k]) if s[k] else [] for k in ("cold", "warm")}
+                def cw(fn):
+                    return "/".join(fn(k) if s[k] else "n/a" for k in ("cold", "warm"))
+                worst = cw(lambda k: f"{max((abs(e) for e, _, _ in errs[k]), default=0) * 1000:.1f}")
+                print(f"{name:<22} {day:>3} {n:>5} {cw(lambda k: str(s[k]['within_frame'])):>13} {worst:>20} "
+                      f"{cw(lambda k: str(len(s[k]['false_placements']))):>9} "
+                      f"{cw(lambda k: str(len(s[k]['decoys_synced']))):>10} {'yes' if same else 'no':>4} "
+                      f"{runs['cold'][1]:>7.1f} {runs['warm'][1]:>7.1f}")
+                totals["match"] += n
+                for k, c in (("cold", "c"), ("warm", "w")):
+                    if not s[k]:
+                        notes.append(f"{name} day {day}: {k} report could not be scored")
+                        continue
+                    totals[k] += s[k]["within_frame"]
+                    totals["false_" + c] += len(s[k]["false_placements"])
+                    totals["dec_" + c] += len(s[k]["decoys_synced"])
+                    for e, path, kind in sorted(errs[k], key=lambda x: -abs(x[0])):
+                        if abs(e) > FRAME:
+                            notes.append(f"{name} day {day} {k}: synced {e * 1000:+.1f} ms off  {path}")
+                    for path in s[k]["decoys_synced"]:
+                        notes.append(f"{name} day {day} {k}: decoy synced  {path}")
+                    if s[k]["missing"]:
+                        notes.append(f"{name} day {day} {k}: {len(s[k]['missing'])} matchable clip(s) missing "
+                                     f"from the report")
+                    if s[k]["within_frame"] < n:
+                        notes.append(f"{name} day {day} {k}: {n - s[k]['within_frame']} matchable clip(s) outside "
+                                     f"a frame (weak/unsynced included)")
+            sys.stdout.flush()
+        print("-" * len(head))
+        m = max(totals["match"], 1)
+        print(f"within one frame: cold {totals['cold']}/{totals['match']} ({100 * totals['cold'] / m:.2f} %), "
+              f"warm {totals['warm']}/{totals['match']} ({100 * totals['warm'] / m:.2f} %)")
+        print(f"synced more than {FALSE_AFTER * 1000:.0f} ms off: cold {totals['false_c']}, warm {totals['false_w']}")
+        print(f"decoys synced: cold {totals['dec_c']}, warm {totals['dec_w']}")
+        print(f"cold and warm reports identical: {totals['same']} of {totals['runs']} shoot folder(s)")
+        if notes:
+            print("\nclips behind the figures:")
+            for line in notes:
+                print("  " + line)
+    finally:
+        shutil.rmtree(scratch, ignore_errors=True)
+    return 0
+
+
+if __name__ == "__main__":
+    sys.exit(main())
