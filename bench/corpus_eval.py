@@ -16,13 +16,14 @@ once the ids drawn afresh on every run are set aside ("same-ids"); the wall time
 Totals follow, then the clips behind every bad figure, and which report fields differ between the
 cold and the warm run. Prints figures only: the exit status is 0 whatever they are.
 
-  bench/corpus_eval.py [--reports DIR] [--nice N] SHOOT_OR_FOLDER_OF_SHOOTS...
+  bench/corpus_eval.py [--reports DIR [--rescore]] [--nice N] SHOOT_OR_FOLDER_OF_SHOOTS...
 
   TRELVANE        the binary (default: build/release/trelvane in this repository)
   CORPUS_TOOLS    folder holding score.py (default: ../shared/corpus beside this repository)
 
 --reports DIR keeps the cold and warm session reports (DIR/NAME.cold.json, DIR/NAME.warm.json)
-and the sync logs; otherwise they go to a temporary folder that is removed at the end.
+and the sync logs; otherwise they go to a temporary folder that is removed at the end. --rescore
+scores the reports kept there again without running trelvane (run times then read 0).
 """
 import argparse, glob, importlib.util, json, os, shutil, statistics, subprocess, sys, tempfile, time
 
@@ -79,18 +80,45 @@ def score(tools, truth, report):
         return None
 
 
-def synced_errors(score_mod, truth_path, report):
-    """(error s, path, kind) of every clip of this truth the report calls `synced`, with the shift
-    score.py fits (median over matchable synced clips)."""
+def unscored(score_mod, truth_path, report):
+    """The figures of a day score.py cannot score because none of its matchable clips is reported
+    `synced`: nothing within a frame, the decoys reported `synced`, and a note on what was placed
+    (statuses, and how many lie within a frame with a shift fitted over every placed clip)."""
+    if not os.path.exists(report):
+        return None, "no report"
     base = os.path.dirname(os.path.abspath(truth_path))
     truth = json.load(open(truth_path))["files"]
     res = score_mod.load_result(report)
     rows = [(f, res.get(os.path.realpath(os.path.join(base, f["path"])))) for f in truth]
-    matched = [(f, pl) for f, pl in rows if f["matchable"] and pl and pl[1] in (None, "synced")]
+    decoys = [f["path"] for f, pl in rows if not f["matchable"] and pl and pl[1] == "synced" and f["kind"] != "decoy-short"]
+    statuses = {}
+    for f, pl in rows:
+        if f["matchable"]:
+            st = pl[1] if pl else "missing"
+            statuses[st] = statuses.get(st, 0) + 1
+    placed = [(f, pl) for f, pl in rows if f["matchable"] and pl]
+    near = 0
+    if placed:
+        shift = statistics.median(pl[0] - f["start"] for f, pl in placed)
+        near = sum(1 for f, pl in placed if abs(pl[0] - f["start"] - shift) <= FRAME)
+    text = ("no matchable clip reported synced (" + ", ".join(f"{v} {k}" for k, v in sorted(statuses.items())) +
+            f"); with a shift fitted over all placed clips, {near} of {len(placed)} lie within a frame")
+    return dict(within_frame=0, false_placements=[], decoys_synced=decoys, missing=[]), text
+
+
+def placed_errors(score_mod, truth_path, report):
+    """(error s, path, status) of every matchable clip of this truth the report places, with the
+    shift score.py fits (median over matchable clips reported `synced`)."""
+    base = os.path.dirname(os.path.abspath(truth_path))
+    truth = json.load(open(truth_path))["files"]
+    res = score_mod.load_result(report)
+    rows = [(f, res.get(os.path.realpath(os.path.join(base, f["path"])))) for f in truth if f["matchable"]]
+    rows = [(f, pl) for f, pl in rows if pl]
+    matched = [pl[0] - f["start"] for f, pl in rows if pl[1] in (None, "synced")]
     if not matched:
         return []
-    shift = statistics.median(pl[0] - f["start"] for f, pl in matched)
-    return [(pl[0] - f["start"] - shift, f["path"], f["kind"]) for f, pl in matched]
+    shift = statistics.median(matched)
+    return [(pl[0] - f["start"] - shift, f["path"], pl[1] or "synced") for f, pl in rows]
 
 
 def report_diff(cold, warm):
@@ -159,7 +187,10 @@ def main():
     ap.add_argument("paths", nargs="+")
     ap.add_argument("--reports", help="keep the session reports and logs here")
     ap.add_argument("--nice", type=int, default=0, help="run trelvane under nice -n N")
+    ap.add_argument("--rescore", action="store_true", help="score the reports kept in --reports without running")
     a = ap.parse_args()
+    if a.rescore and not a.reports:
+        ap.error("--rescore needs --reports")
     trelvane = os.path.abspath(os.environ.get("TRELVANE", os.path.join(REPO, "build", "release", "trelvane")))
     tools = os.path.abspath(os.environ.get("CORPUS_TOOLS", os.path.join(REPO, "..", "shared", "corpus")))
     if not os.access(trelvane, os.X_OK):
@@ -189,6 +220,9 @@ def main():
             rep = {k: os.path.join(keep, f"{name}.{k}.json") for k in ("cold", "warm")}
             runs = {}
             for k in ("cold", "warm"):
+                if a.rescore:
+                    runs[k] = (0, 0.0)
+                    continue
                 if os.path.exists(rep[k]):
                     os.remove(rep[k])
                 runs[k] = run_sync(trelvane, shoot, rep[k], os.path.join(keep, f"{name}.{k}.log"), env, a.nice)
@@ -209,12 +243,17 @@ def main():
             for i, truth in enumerate(truths):
                 day = str(i + 1) if len(truths) > 1 else "-"
                 s = {k: score(tools, truth, rep[k]) for k in ("cold", "warm")}
+                for k in ("cold", "warm"):
+                    if s[k] is None:
+                        s[k], why = unscored(score_mod, truth, rep[k])
+                        notes.append(f"{name} day {day} {k}: {why}")
                 n = json.load(open(truth))["files"]
                 n = sum(1 for f in n if f["matchable"])
-                errs = {k: synced_errors(score_mod, truth, rep[k]) if s[k] else [] for k in ("cold", "warm")}
+                placed = {k: placed_errors(score_mod, truth, rep[k]) if s[k] else [] for k in ("cold", "warm")}
+                errs = {k: [x for x in placed[k] if x[2] == "synced"] for k in ("cold", "warm")}
                 def cw(fn):
                     return "/".join(fn(k) if s[k] else "n/a" for k in ("cold", "warm"))
-                worst = cw(lambda k: f"{max((abs(e) for e, _, _ in errs[k]), default=0) * 1000:.1f}")
+                worst = cw(lambda k: f"{max(abs(e) for e, _, _ in errs[k]) * 1000:.1f}" if errs[k] else "-")
                 print(f"{name:<22} {day:>3} {n:>5} {cw(lambda k: str(s[k]['within_frame'])):>13} {worst:>20} "
                       f"{cw(lambda k: str(len(s[k]['false_placements']))):>9} "
                       f"{cw(lambda k: str(len(s[k]['decoys_synced']))):>10} {'yes' if same else 'no':>4} "
@@ -236,9 +275,13 @@ def main():
                     if s[k]["missing"]:
                         notes.append(f"{name} day {day} {k}: {len(s[k]['missing'])} matchable clip(s) missing "
                                      f"from the report")
-                    if s[k]["within_frame"] < n:
-                        notes.append(f"{name} day {day} {k}: {n - s[k]['within_frame']} matchable clip(s) outside "
-                                     f"a frame (weak/unsynced included)")
+                    outside = {}
+                    for e, _, st in placed[k]:
+                        if abs(e) > FRAME:
+                            outside[st] = outside.get(st, 0) + 1
+                    if outside:
+                        notes.append(f"{name} day {day} {k}: placed outside a frame: " +
+                                     ", ".join(f"{v} {st}" for st, v in sorted(outside.items())))
             sys.stdout.flush()
         print("-" * len(head))
         m = max(totals["match"], 1)
