@@ -152,6 +152,15 @@ def report_diff(cold, warm):
                 out.append(f"{what} {f} on {n} (largest {worst[0] * 1000:.3f} ms, {worst[1]})")
             else:
                 out.append(f"{what} {f} on {n}" + (f" (largest {worst[0]:.4g}, {worst[1]})" if worst[0] else ""))
+    ca, cb = clips(a), clips(b)
+    moves = [(float(cb[u]["startOffset"]) - float(ca[u]["startOffset"]), os.path.basename(u))
+             for u in set(ca) & set(cb) if ca[u].get("startOffset") is not None and cb[u].get("startOffset") is not None]
+    if moves and any(d for d, _ in moves):
+        # A shift of the whole timeline is harmless to an editor; what moves clips apart is not.
+        shift = statistics.median(d for d, _ in moves)
+        apart = max((abs(d - shift), u) for d, u in moves)
+        out.append(f"warm timeline shifted {shift * 1000:+.3f} ms, clips apart from that by up to "
+                   f"{apart[0] * 1000:.3f} ms ({apart[1]})")
     other = sorted(k for k in set(a) | set(b) if k != "tracks" and a.get(k) != b.get(k))
     if other:
         out.append("top-level " + ", ".join(other))
