@@ -14,6 +14,7 @@
 #include <map>
 #include <memory>
 #include <set>
+#include <tuple>
 
 using namespace trelvane;
 using trelvane::test::exportSession;
@@ -417,4 +418,132 @@ TEST(OTIOExporter, TimelineRoundTripsAndOverlapsGoToExtraTracks) {
     }
     EXPECT_EQ(audioTracks, 4); // RED sidecars, recorder, its overflow, sibling
     expectAllRecovered(sources, found, 29.97);
+}
+
+namespace {
+
+// Where a document puts each clip: the file it names, the kind of track ("video", "audio"; an
+// FCPXML asset-clip with a role is sound) and the first frame on the timeline.
+using Placement = std::tuple<std::string, std::string, long long>;
+using Placements = std::set<Placement>;
+
+Placements fcp7Placements(const std::string& xml) {
+    const Doc doc = parse(xml);
+    Placements found;
+    if (!doc) return found;
+    std::map<std::string, std::string> pathOfFile;
+    xmlNode* sequence = nullptr;
+    walk(xmlDocGetRootElement(doc.get()), [&](xmlNode* n) {
+        if (is(n, "file") && child(n, "pathurl"))
+            pathOfFile[prop(n, "id")] = percentDecode(text(child(n, "pathurl")).substr(16));
+        if (is(n, "sequence")) sequence = n;
+    });
+    if (sequence == nullptr) return found;
+    for (const char* kind : {"video", "audio"})
+        for (xmlNode* track = child(child(child(sequence, "media"), kind), "track"); track;
+             track = track->next)
+            for (xmlNode* item = track->children; item; item = item->next)
+                if (is(item, "clipitem"))
+                    found.emplace(pathOfFile[prop(child(item, "file"), "id")], kind,
+                                  std::atoll(text(child(item, "start")).c_str()));
+    return found;
+}
+
+Placements fcpxmlPlacements(const std::string& xml, double rate) {
+    const Doc doc = parse(xml);
+    Placements found;
+    if (!doc) return found;
+    std::map<std::string, std::string> assets;
+    walk(xmlDocGetRootElement(doc.get()), [&](xmlNode* n) {
+        if (is(n, "asset"))
+            assets[prop(n, "id")] = percentDecode(prop(child(n, "media-rep"), "src").substr(7));
+        if (!is(n, "asset-clip")) return;
+        long long den = 1;
+        const long long num = rationalNumerator(prop(n, "offset"), den);
+        found.emplace(assets[prop(n, "ref")], prop(n, "audioRole").empty() ? "video" : "audio",
+                      std::llround(static_cast<double>(num) / den * rate));
+    });
+    return found;
+}
+
+Placements otioPlacements(const std::string& text) {
+    Placements found;
+    const auto doc = nlohmann::json::parse(text);
+    for (const auto& track : doc["tracks"]["children"]) {
+        long long at = 0;
+        for (const auto& item : track["children"]) {
+            if (item["OTIO_SCHEMA"] == "Clip.2")
+                found.emplace(
+                    percentDecode(
+                        item["media_references"]["DEFAULT_MEDIA"]["target_url"].get<std::string>().substr(7)),
+                    track["kind"] == "Video" ? "video" : "audio", at);
+            at += std::llround(item["source_range"]["duration"]["value"].get<double>());
+        }
+    }
+    return found;
+}
+
+// The same placements without the kind of track.
+std::set<std::pair<std::string, long long>> positions(const Placements& placements) {
+    std::set<std::pair<std::string, long long>> out;
+    for (const auto& [path, kind, frame] : placements)
+        out.emplace(path, frame);
+    return out;
+}
+
+} // namespace
+
+TEST(Exporters, EveryDocumentPutsEveryClipOnTheSameFrame) {
+    // Clip positions in frames of the sequence, either side of the middle of a frame, and the
+    // frame every document must put them on.
+    struct Row {
+        double fps;
+        double at;
+        long long frame;
+    };
+    const Row rows[] = {{25, 0.3, 0},
+                        {25, 0.7, 1},
+                        {25, 250.49, 250},
+                        {25, 250.51, 251},
+                        {25, 501.0, 501},
+                        {29.97, 0.49, 0},
+                        {29.97, 0.51, 1},
+                        {29.97, 17981.49, 17981},
+                        {29.97, 17981.51, 17982},
+                        {29.97, 600.0, 600}};
+    for (const double fps : {25.0, 29.97}) {
+        const double rate = FCP7Exporter::rateInfo(fps).effectiveRate();
+        auto sources = exportSession();
+        TrackSource cam, rec;
+        cam.name = "Cam C";
+        cam.type = SourceType::video;
+        rec.name = "Rec C";
+        rec.type = SourceType::audio;
+        Placements expected;
+        for (const Row& row : rows) {
+            if (row.fps != fps) continue;
+            const std::string name = "/shoot/Card02/at " + std::to_string(row.at);
+            cam.clips.push_back(test::exportClip(name + ".MOV", row.at / rate, 2.0));
+            rec.clips.push_back(test::exportClip(name + ".WAV", row.at / rate, 2.0));
+            expected.emplace(name + ".MOV", "video", row.frame);
+            expected.emplace(name + ".MOV", "audio", row.frame);
+            expected.emplace(name + ".WAV", "audio", row.frame);
+        }
+        sources.insert(sources.begin() + 1, cam);
+        sources.push_back(rec);
+        for (const auto layout : {ChannelLayout::perChannel, ChannelLayout::mixed}) {
+            SCOPED_TRACE(fps + static_cast<int>(layout) * 1000);
+            const Placements premiere =
+                fcp7Placements(FCP7Exporter::buildXML(sources, fps, ExportStyle::premiere, layout));
+            const Placements resolve =
+                fcp7Placements(FCP7Exporter::buildXML(sources, fps, ExportStyle::resolve, layout));
+            const Placements fcpxml = fcpxmlPlacements(FCPXMLExporter::build(sources, fps, layout), rate);
+            const Placements otio = otioPlacements(OTIOExporter::build(sources, fps, layout));
+            for (const auto& placement : expected)
+                EXPECT_TRUE(premiere.count(placement)) << std::get<0>(placement);
+            EXPECT_EQ(premiere, resolve);
+            EXPECT_EQ(positions(premiere), positions(fcpxml));
+            EXPECT_EQ(positions(premiere), positions(otio));
+        }
+    }
 }
