@@ -111,14 +111,8 @@ struct Builder {
     }
 
     double pictureRate(const ClipItem& clip, double fallback) const {
-        std::optional<float> rate;
-        if (clip.pictureURL && *clip.pictureURL != clip.url)
-            rate = clip.conformFrameRate ? clip.conformFrameRate
-                                         : (clip.recordFrameRate ? clip.recordFrameRate : clip.frameRate);
-        else
-            rate = clip.frameRate;
-        if (!rate || !(*rate > 0)) return fallback;
-        return FCP7Exporter::normalise(*rate);
+        const auto rate = FCP7Exporter::pictureFrameRate(clip);
+        return rate ? FCP7Exporter::normalise(*rate) : fallback;
     }
 
     // The source side start of the picture, mapped to the clip's time by the speed ratio; whole

@@ -274,6 +274,81 @@ TEST(FCP7Exporter, NoTimeRemapForPictureAtItsOwnSpeed) {
     EXPECT_TRUE(parse(xml));
 }
 
+TEST(FCP7Exporter, FilesKeepTheirOwnRateWhileClipItemsCountInTheSequences) {
+    // A mixed-rate shoot in a 25 fps sequence. Each file is described at its own rate (its rate,
+    // frame count, timecode and picture samples) as the editors' own exports do; sound files have
+    // no frames of their own and take the sequence's.
+    struct Row {
+        const char* file;
+        float rate; // 0: sound; negative: a separate picture conformed to -rate
+        double seconds;
+        double timecode;
+        int timebase;
+        bool ntsc;
+        int frames;
+        int timecodeFrame;
+        const char* display;
+    };
+    const Row rows[] = {
+        {"/mixed/A24.MOV", 24, 10.0, 3600.5, 24, false, 240, 86412, "NDF"},
+        {"/mixed/B2997.MOV", 29.97f, 10.01, 3600, 30, true, 300, 107892, "DF"},
+        {"/mixed/C25.MOV", 25, 10.0, 0, 25, false, 250, 0, "NDF"},
+        {"/mixed/D2398.MOV", 23.976f, 10.01, 60, 24, true, 240, 1440, "NDF"},
+        {"/mixed/E.R3D", -24, 10.0, 7200, 24, false, 240, 172800, "NDF"},
+        {"/mixed/F.WAV", 0, 10.0, 0, 25, false, 250, 0, "NDF"},
+    };
+    TrackSource cams, sound;
+    cams.type = SourceType::video;
+    sound.type = SourceType::audio;
+    for (const Row& row : rows) {
+        auto clip = test::exportClip(row.file, 12.0 * static_cast<double>(cams.clips.size()), row.seconds);
+        if (row.rate > 0) clip.frameRate = row.rate;
+        if (row.rate > 0) clip.startTimecode = row.timecode;
+        if (row.rate < 0) {
+            clip.url = Url::fromPath("/mixed/E.WAV");
+            clip.pictureURL = Url::fromPath(row.file);
+            clip.conformFrameRate = clip.recordFrameRate = -row.rate;
+            clip.pictureFrames = row.frames;
+            clip.pictureTimecode = row.timecode;
+        }
+        (row.rate == 0 ? sound : cams).clips.push_back(clip);
+    }
+    for (const auto style : {ExportStyle::premiere, ExportStyle::resolve}) {
+        SCOPED_TRACE(static_cast<int>(style));
+        const Doc doc = parse(FCP7Exporter::buildXML({cams, sound}, 25, style, ChannelLayout::perChannel));
+        ASSERT_TRUE(doc);
+        const auto rateOf = [](xmlNode* n) {
+            xmlNode* rate = child(n, "rate");
+            return rate ? text(child(rate, "timebase")) + text(child(rate, "ntsc")) : "";
+        };
+        std::set<std::string> described;
+        walk(xmlDocGetRootElement(doc.get()), [&](xmlNode* n) {
+            // Clips, master or on the timeline, count in the sequence's frames.
+            if (is(n, "clipitem") || is(n, "clip") || is(n, "sequence")) {
+                EXPECT_EQ(rateOf(n), "25FALSE") << prop(n, "id");
+            }
+            if (!is(n, "file") || !child(n, "pathurl")) return;
+            const std::string path = percentDecode(text(child(n, "pathurl")).substr(16));
+            for (const Row& row : rows) {
+                if (path != row.file) continue;
+                SCOPED_TRACE(path);
+                described.insert(path);
+                const std::string rate = std::to_string(row.timebase) + (row.ntsc ? "TRUE" : "FALSE");
+                xmlNode* timecode = child(n, "timecode");
+                EXPECT_EQ(rateOf(n), rate);
+                EXPECT_EQ(rateOf(timecode), rate);
+                EXPECT_EQ(std::atoi(text(child(n, "duration")).c_str()), row.frames);
+                EXPECT_EQ(std::atoi(text(child(timecode, "frame")).c_str()), row.timecodeFrame);
+                EXPECT_EQ(text(child(timecode, "displayformat")), row.display);
+                if (xmlNode* video = child(child(n, "media"), "video")) {
+                    EXPECT_EQ(rateOf(child(video, "samplecharacteristics")), rate);
+                }
+            }
+        });
+        EXPECT_EQ(described.size(), std::size(rows));
+    }
+}
+
 TEST(FCP7Exporter, EmptySessionStillParses) {
     const std::string xml =
         FCP7Exporter::buildXML({}, 23.976, ExportStyle::premiere, ChannelLayout::perChannel);
