@@ -58,6 +58,15 @@ float normalise(float fps) {
 
 // ---- plans ----------------------------------------------------------------------------------
 
+std::optional<float> pictureFrameRate(const ClipItem& clip) {
+    std::optional<float> rate = clip.frameRate;
+    if (clip.pictureURL && *clip.pictureURL != clip.url)
+        rate = clip.conformFrameRate ? clip.conformFrameRate
+                                     : (clip.recordFrameRate ? clip.recordFrameRate : clip.frameRate);
+    if (!rate || !(*rate > 0) || !std::isfinite(*rate)) return std::nullopt;
+    return rate;
+}
+
 bool ClipPlan::hasCompanionPicture() const {
     return clip.pictureURL && *clip.pictureURL != clip.url;
 }
@@ -254,33 +263,45 @@ struct Writer {
         return writtenInBins.insert(fileID).second;
     }
 
-    void rateXML(int indent) {
+    void rateXML(int indent) { rateXML(indent, ri); }
+    void rateXML(int indent, const RateInfo& rate) {
         add(indent, "<rate>");
-        add(indent + 2, fmt::sprintf("<timebase>%d</timebase>", ri.timebase));
-        add(indent + 2, fmt::sprintf("<ntsc>%s</ntsc>", ri.ntsc ? "TRUE" : "FALSE"));
+        add(indent + 2, fmt::sprintf("<timebase>%d</timebase>", rate.timebase));
+        add(indent + 2, fmt::sprintf("<ntsc>%s</ntsc>", rate.ntsc ? "TRUE" : "FALSE"));
         add(indent, "</rate>");
     }
 
-    void fileTimecodeXML(const ClipItem& clip, int indent, std::optional<double> seconds, bool dropFrame) {
+    // The rate a file's own frames run at. The editors describe a picture file at its own rate
+    // (its frame count, timecode and samples) even in a sequence of another rate, and only the
+    // clip items count in the sequence's frames; a 24 fps take described at 25 would claim a
+    // length and a timecode it doesn't have. Sound files have no frames of their own and take the
+    // sequence's rate.
+    RateInfo fileRate(const ClipItem& clip) const {
+        const auto rate = pictureFrameRate(clip);
+        return rate ? rateInfo(normalise(*rate)) : ri;
+    }
+
+    void fileTimecodeXML(const ClipItem& clip, const RateInfo& rate, int indent,
+                         std::optional<double> seconds, bool dropFrame) {
         double at = seconds ? *seconds : clip.startTimecode.value_or(0.0);
         if (!(at > 0)) at = 0;
         int frame = 0;
         std::string text;
         std::string display;
-        if (dropFrame && ri.ntsc && ri.timebase == 30) {
-            frame = ri.frames(at);
+        if (dropFrame && rate.ntsc && rate.timebase == 30) {
+            frame = rate.frames(at);
             const Timecode tc = framesToDropFrame30(frame);
             text = fmt::sprintf("%02d;%02d;%02d;%02d", tc.hours, tc.minutes, tc.seconds, tc.frames);
             display = "DF";
         } else {
-            const int base = std::max(ri.timebase, 1);
+            const int base = std::max(rate.timebase, 1);
             frame = std::max(clampedRound(at * base), 0);
             text = fmt::sprintf("%02d:%02d:%02d:%02d", frame / (3600 * base), (frame / (60 * base)) % 60,
                                 (frame / base) % 60, frame % base);
             display = "NDF";
         }
         add(indent, "<timecode>");
-        rateXML(indent + 2);
+        rateXML(indent + 2, rate);
         add(indent + 2, "<string>" + text + "</string>");
         add(indent + 2, fmt::sprintf("<frame>%d</frame>", frame));
         add(indent + 2, "<displayformat>" + display + "</displayformat>");
@@ -292,9 +313,9 @@ struct Writer {
         add(indent, "</timecode>");
     }
 
-    void videoSampleCharacteristics(int indent, int w, int h) {
+    void videoSampleCharacteristics(int indent, const RateInfo& rate, int w, int h) {
         add(indent, "<samplecharacteristics>");
-        rateXML(indent + 2);
+        rateXML(indent + 2, rate);
         add(indent + 2, fmt::sprintf("<width>%d</width>", w));
         add(indent + 2, fmt::sprintf("<height>%d</height>", h));
         add(indent + 2, "<anamorphic>FALSE</anamorphic>");
@@ -319,14 +340,16 @@ struct Writer {
         add(indent, fmt::sprintf("<file id=\"file-%d\">", plan.fileID));
         add(indent + 2, "<name>" + escape(clip.url.lastPathComponent()) + "</name>");
         add(indent + 2, "<pathurl>" + escape(localFileURL(clip.url)) + "</pathurl>");
-        rateXML(indent + 2);
-        add(indent + 2, fmt::sprintf("<duration>%d</duration>", ri.frames(clip.duration)));
+        const bool picture = plan.isVideo && !plan.hasCompanionPicture();
+        const RateInfo rate = picture ? fileRate(clip) : ri;
+        rateXML(indent + 2, rate);
+        add(indent + 2, fmt::sprintf("<duration>%d</duration>", rate.frames(clip.duration)));
         // Camera files carry drop-frame timecode at 29.97; sound files count plain frames.
-        fileTimecodeXML(clip, indent + 2, std::nullopt, plan.isVideo && !plan.hasCompanionPicture());
+        fileTimecodeXML(clip, rate, indent + 2, std::nullopt, picture);
         add(indent + 2, "<media>");
-        if (plan.isVideo && !plan.hasCompanionPicture()) {
+        if (picture) {
             add(indent + 4, "<video>");
-            videoSampleCharacteristics(indent + 6, clip.pixelWidth.value_or(width),
+            videoSampleCharacteristics(indent + 6, rate, clip.pixelWidth.value_or(width),
                                        clip.pixelHeight.value_or(height));
             add(indent + 4, "</video>");
         }
@@ -370,12 +393,16 @@ struct Writer {
         add(indent, fmt::sprintf("<file id=\"file-%d\">", id));
         add(indent + 2, "<name>" + escape(picture.lastPathComponent()) + "</name>");
         add(indent + 2, "<pathurl>" + escape(localFileURL(picture)) + "</pathurl>");
-        rateXML(indent + 2);
-        add(indent + 2, fmt::sprintf("<duration>%d</duration>", timing.sourceFrames));
-        fileTimecodeXML(clip, indent + 2, clip.pictureTimecode.value_or(0.0), true);
+        const RateInfo rate = fileRate(clip);
+        rateXML(indent + 2, rate);
+        // A picture whose frame count is unknown is as long as it plays, counted at its own rate.
+        const bool counted = clip.pictureFrames && *clip.pictureFrames >= 1;
+        add(indent + 2, fmt::sprintf("<duration>%d</duration>",
+                                     counted ? timing.sourceFrames : rate.frames(clip.pictureDuration())));
+        fileTimecodeXML(clip, rate, indent + 2, clip.pictureTimecode.value_or(0.0), true);
         add(indent + 2, "<media>");
         add(indent + 4, "<video>");
-        videoSampleCharacteristics(indent + 6, clip.pixelWidth.value_or(width),
+        videoSampleCharacteristics(indent + 6, rate, clip.pixelWidth.value_or(width),
                                    clip.pixelHeight.value_or(height));
         add(indent + 4, "</video>");
         add(indent + 2, "</media>");

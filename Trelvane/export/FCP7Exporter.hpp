@@ -36,6 +36,10 @@ RateInfo rateInfo(double fps);
 // The nearest of 23.976, 24, 25, 29.97, 30, 50, 59.94, 60; a tie keeps the lower rate.
 float normalise(float fps);
 
+// The rate a clip's picture file plays at: a separate picture's conform rate (else its record
+// rate, else the clip's), or the camera file's own rate; nothing when unknown or not above 0.
+std::optional<float> pictureFrameRate(const ClipItem& clip);
+
 // One clip on the timeline and all the numbers the document gives it. Numbers start at 1 and are
 // unique per kind (files, master clips, clip items); track numbers are 1-based.
 struct ClipPlan {

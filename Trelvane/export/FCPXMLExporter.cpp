@@ -63,11 +63,17 @@ struct Builder {
     std::vector<std::string> formatLines;
     std::vector<std::string> assetLines;
     std::vector<std::string> clipLines;
+    // The furthest clip end, in units of 1/den s: rounded offsets and durations can reach a frame
+    // past the rounded timeline length, and the gap must hold every clip.
+    long long end = 0;
 
-    // Whole frames (truncated) of `seconds`, in units of 1/den s.
+    // `seconds` in whole frames, in units of 1/den s. Rounded to the nearest frame (half away from
+    // zero), as the FCP7 and OTIO documents round: truncating would put a clip that sits past the
+    // middle of a frame one frame earlier in Final Cut Pro than in the other editors, and every
+    // document of one timeline must put each clip on the same frame.
     long long num(double seconds) const {
         if (!(seconds > 0)) return 0;
-        const double frames = std::trunc(std::min(seconds * ri.effectiveRate(), kFrameLimit));
+        const double frames = std::round(std::min(seconds * ri.effectiveRate(), kFrameLimit));
         return static_cast<long long>(frames) * fd.num;
     }
     std::string rational(long long n) const { return n == 0 ? "0s" : fmt::format("{}/{}s", n, fd.den); }
@@ -105,14 +111,8 @@ struct Builder {
     }
 
     double pictureRate(const ClipItem& clip, double fallback) const {
-        std::optional<float> rate;
-        if (clip.pictureURL && *clip.pictureURL != clip.url)
-            rate = clip.conformFrameRate ? clip.conformFrameRate
-                                         : (clip.recordFrameRate ? clip.recordFrameRate : clip.frameRate);
-        else
-            rate = clip.frameRate;
-        if (!rate || !(*rate > 0)) return fallback;
-        return FCP7Exporter::normalise(*rate);
+        const auto rate = FCP7Exporter::pictureFrameRate(clip);
+        return rate ? FCP7Exporter::normalise(*rate) : fallback;
     }
 
     // The source side start of the picture, mapped to the clip's time by the speed ratio; whole
@@ -121,15 +121,17 @@ struct Builder {
         const long long n = num(clip.pictureTimecode.value_or(0.0));
         const double ratio = speedRatio(clip);
         if (ratio == 0) return n;
-        return static_cast<long long>(std::trunc(static_cast<double>(n / fd.num) / ratio)) * fd.num;
+        return static_cast<long long>(std::round(static_cast<double>(n / fd.num) / ratio)) * fd.num;
     }
 
     std::string clipLine(const std::string& ref, int lane, const ClipItem& clip, const std::string& name,
-                         const std::string& duration, const std::string& start,
-                         const std::optional<int>& role, const std::vector<std::string>& children) {
+                         long long duration, const std::string& start, const std::optional<int>& role,
+                         const std::vector<std::string>& children) {
+        const long long offset = num(clip.startOffset);
+        end = std::max(end, offset + duration);
         std::string line = "        <asset-clip ref=\"" + ref + "\" lane=\"" + std::to_string(lane) +
-                           "\" offset=\"" + time(clip.startOffset) + "\" name=\"" + XmlText::escape(name) +
-                           "\" duration=\"" + duration + "\" start=\"" + start;
+                           "\" offset=\"" + rational(offset) + "\" name=\"" + XmlText::escape(name) +
+                           "\" duration=\"" + rational(duration) + "\" start=\"" + start;
         if (role) line += "\" audioRole=\"dialogue.dialogue-" + std::to_string(*role);
         if (children.empty()) return line + "\"/>";
         line += "\">";
@@ -167,10 +169,10 @@ std::string build(const std::vector<TrackSource>& sources, double fps, ChannelLa
     b.ri = FCP7Exporter::rateInfo(fps);
     b.fd = frameDuration(b.ri);
 
-    double length = 0;
+    double end = 0;
     for (const auto& track : sources)
         for (const auto& clip : track.clips)
-            length = std::max(length, clip.startOffset + clip.duration);
+            end = std::max(end, clip.startOffset + clip.duration);
 
     // The sequence takes the commonest picture size of the video clips; the first met wins a tie.
     std::vector<std::pair<std::pair<int, int>, int>> sizes;
@@ -230,7 +232,7 @@ std::string build(const std::vector<TrackSource>& sources, double fps, ChannelLa
             const std::string ref = b.assetID(file, assetStart, assetDuration, attributes);
 
             std::vector<std::string> children;
-            std::string duration = b.time(clip.pictureDuration());
+            long long duration = b.num(clip.pictureDuration());
             const long long start = b.pictureStartNum(clip);
             if (ratio != 0) {
                 const double startSeconds = clip.pictureTimecode.value_or(0.0);
@@ -242,7 +244,7 @@ std::string build(const std::vector<TrackSource>& sources, double fps, ChannelLa
                 children.push_back("              <timept time=\"" + b.rational(t1) + "\" value=\"" +
                                    b.rational(v1) + "\" interp=\"smooth2\"/>");
                 children.push_back("            </timeMap>");
-                duration = b.rational(std::max(t1 - t0, 0LL));
+                duration = std::max(t1 - t0, 0LL);
             }
             b.clipLines.push_back(b.clipLine(ref, pictureLane, clip, file.lastPathComponent(), duration,
                                              b.rational(start), std::nullopt, children));
@@ -255,7 +257,7 @@ std::string build(const std::vector<TrackSource>& sources, double fps, ChannelLa
                 const std::string soundRef = b.assetID(clip.url, "0s", b.time(clip.duration),
                                                        soundAttributes(std::max(clip.channelCount, 1)));
                 b.clipLines.push_back(b.clipLine(soundRef, *sidecarLane, clip, clip.url.lastPathComponent(),
-                                                 b.time(clip.duration), "0s", sidecarRole, {}));
+                                                 b.num(clip.duration), "0s", sidecarRole, {}));
             }
         }
     }
@@ -271,7 +273,7 @@ std::string build(const std::vector<TrackSource>& sources, double fps, ChannelLa
             const std::string ref = b.assetID(clip.url, "0s", b.time(clip.duration), soundAttributes(count));
             if (n == 1) {
                 b.clipLines.push_back(b.clipLine(ref, firstLane, clip, clip.url.lastPathComponent(),
-                                                 b.time(clip.duration), "0s", firstRole, {}));
+                                                 b.num(clip.duration), "0s", firstRole, {}));
                 continue;
             }
             // One lane per channel; a clip with fewer channels than its track leaves the rest empty.
@@ -280,11 +282,12 @@ std::string build(const std::vector<TrackSource>& sources, double fps, ChannelLa
                     "            <audio-channel-source srcCh=\"{}\" role=\"dialogue.dialogue-{}\"/>", c + 1,
                     firstRole + c);
                 b.clipLines.push_back(b.clipLine(ref, firstLane + c, clip, clip.url.lastPathComponent(),
-                                                 b.time(clip.duration), "0s", firstRole + c, {child}));
+                                                 b.num(clip.duration), "0s", firstRole + c, {child}));
             }
         }
     }
 
+    const std::string length = b.rational(std::max(b.num(end), b.end));
     std::vector<std::string> lines;
     lines.emplace_back("<?xml version=\"1.0\" encoding=\"UTF-8\"?>");
     lines.emplace_back("<!DOCTYPE fcpxml>");
@@ -296,11 +299,10 @@ std::string build(const std::vector<TrackSource>& sources, double fps, ChannelLa
     lines.emplace_back("  <library>");
     lines.emplace_back("    <event name=\"Trelvane\">");
     lines.emplace_back("      <project name=\"Trelvane Timeline\">");
-    lines.push_back("        <sequence format=\"" + sequenceFormat + "\" duration=\"" + b.time(length) +
+    lines.push_back("        <sequence format=\"" + sequenceFormat + "\" duration=\"" + length +
                     "\" tcStart=\"0s\" tcFormat=\"NDF\" audioLayout=\"stereo\" audioRate=\"48k\">");
     lines.emplace_back("          <spine>");
-    lines.push_back("            <gap name=\"Gap\" offset=\"0s\" start=\"0s\" duration=\"" + b.time(length) +
-                    "\">");
+    lines.push_back("            <gap name=\"Gap\" offset=\"0s\" start=\"0s\" duration=\"" + length + "\">");
     lines.insert(lines.end(), b.clipLines.begin(), b.clipLines.end());
     lines.emplace_back("            </gap>");
     lines.emplace_back("          </spine>");

@@ -160,18 +160,19 @@ json document(const std::vector<TrackSource>& sources, double fps, ChannelLayout
     // Pictures first, then sound, as the editors list their tracks.
     for (const auto& track : sources) {
         if (track.type != SourceType::video) continue;
-        std::vector<Entry> pictures, sidecars;
+        // A camera's own sound and a take's sidecar sound go on audio tracks beside the pictures,
+        // as the FCP7 and FCPXML documents carry them: without them the editor gets picture only.
+        std::vector<Entry> pictures, sounds;
         for (const auto& clip : track.clips) {
-            if (clip.pictureURL && *clip.pictureURL != clip.url) {
+            if (clip.pictureURL && *clip.pictureURL != clip.url)
                 pictures.push_back(entry(clip, *clip.pictureURL, clip.pictureDuration()));
-                if (clip.audioUsability != AudioUsability::none)
-                    sidecars.push_back(entry(clip, clip.url, clip.duration));
-            } else {
+            else
                 pictures.push_back(entry(clip, clip.url, clip.duration));
-            }
+            if (clip.audioUsability != AudioUsability::none)
+                sounds.push_back(entry(clip, clip.url, clip.duration));
         }
         layout.addSource(track.name, "Video", std::move(pictures));
-        if (!sidecars.empty()) layout.addSource(track.name + " sound", "Audio", std::move(sidecars));
+        if (!sounds.empty()) layout.addSource(track.name + " sound", "Audio", std::move(sounds));
     }
     for (const auto& track : sources) {
         if (track.type != SourceType::audio) continue;

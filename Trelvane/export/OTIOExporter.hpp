@@ -7,9 +7,10 @@
 // OTIO tracks can't hold overlapping clips, so a clip that starts before the previous clip of its
 // track ends goes on an overflow track of the same kind ("<name> 2", ...). A clip placed before
 // the timeline's start loses the part before 0. Every clip's media is an ExternalReference.1 to
-// its file (the picture file where it has one of its own; the sidecar sound then goes on an audio
-// track of its own). `channels` only decides whether each clip's metadata asks for channels on
-// separate tracks; OTIO has no channel routing of its own.
+// its file (the picture file where it has one of its own). The sound of a video track's clips (the
+// camera file's own, or a take's sidecar) goes on an audio track "<name> sound" at the same
+// frames; a clip without an audio stream has none. `channels` only decides whether each clip's
+// metadata asks for channels on separate tracks; OTIO has no channel routing of its own.
 //
 // Pure and stateless: safe from any thread; nothing fails or throws.
 

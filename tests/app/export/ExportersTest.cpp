@@ -14,6 +14,7 @@
 #include <map>
 #include <memory>
 #include <set>
+#include <tuple>
 
 using namespace trelvane;
 using trelvane::test::exportSession;
@@ -273,6 +274,81 @@ TEST(FCP7Exporter, NoTimeRemapForPictureAtItsOwnSpeed) {
     EXPECT_TRUE(parse(xml));
 }
 
+TEST(FCP7Exporter, FilesKeepTheirOwnRateWhileClipItemsCountInTheSequences) {
+    // A mixed-rate shoot in a 25 fps sequence. Each file is described at its own rate (its rate,
+    // frame count, timecode and picture samples) as the editors' own exports do; sound files have
+    // no frames of their own and take the sequence's.
+    struct Row {
+        const char* file;
+        float rate; // 0: sound; negative: a separate picture conformed to -rate
+        double seconds;
+        double timecode;
+        int timebase;
+        bool ntsc;
+        int frames;
+        int timecodeFrame;
+        const char* display;
+    };
+    const Row rows[] = {
+        {"/mixed/A24.MOV", 24, 10.0, 3600.5, 24, false, 240, 86412, "NDF"},
+        {"/mixed/B2997.MOV", 29.97f, 10.01, 3600, 30, true, 300, 107892, "DF"},
+        {"/mixed/C25.MOV", 25, 10.0, 0, 25, false, 250, 0, "NDF"},
+        {"/mixed/D2398.MOV", 23.976f, 10.01, 60, 24, true, 240, 1440, "NDF"},
+        {"/mixed/E.R3D", -24, 10.0, 7200, 24, false, 240, 172800, "NDF"},
+        {"/mixed/F.WAV", 0, 10.0, 0, 25, false, 250, 0, "NDF"},
+    };
+    TrackSource cams, sound;
+    cams.type = SourceType::video;
+    sound.type = SourceType::audio;
+    for (const Row& row : rows) {
+        auto clip = test::exportClip(row.file, 12.0 * static_cast<double>(cams.clips.size()), row.seconds);
+        if (row.rate > 0) clip.frameRate = row.rate;
+        if (row.rate > 0) clip.startTimecode = row.timecode;
+        if (row.rate < 0) {
+            clip.url = Url::fromPath("/mixed/E.WAV");
+            clip.pictureURL = Url::fromPath(row.file);
+            clip.conformFrameRate = clip.recordFrameRate = -row.rate;
+            clip.pictureFrames = row.frames;
+            clip.pictureTimecode = row.timecode;
+        }
+        (row.rate == 0 ? sound : cams).clips.push_back(clip);
+    }
+    for (const auto style : {ExportStyle::premiere, ExportStyle::resolve}) {
+        SCOPED_TRACE(static_cast<int>(style));
+        const Doc doc = parse(FCP7Exporter::buildXML({cams, sound}, 25, style, ChannelLayout::perChannel));
+        ASSERT_TRUE(doc);
+        const auto rateOf = [](xmlNode* n) {
+            xmlNode* rate = child(n, "rate");
+            return rate ? text(child(rate, "timebase")) + text(child(rate, "ntsc")) : "";
+        };
+        std::set<std::string> described;
+        walk(xmlDocGetRootElement(doc.get()), [&](xmlNode* n) {
+            // Clips, master or on the timeline, count in the sequence's frames.
+            if (is(n, "clipitem") || is(n, "clip") || is(n, "sequence")) {
+                EXPECT_EQ(rateOf(n), "25FALSE") << prop(n, "id");
+            }
+            if (!is(n, "file") || !child(n, "pathurl")) return;
+            const std::string path = percentDecode(text(child(n, "pathurl")).substr(16));
+            for (const Row& row : rows) {
+                if (path != row.file) continue;
+                SCOPED_TRACE(path);
+                described.insert(path);
+                const std::string rate = std::to_string(row.timebase) + (row.ntsc ? "TRUE" : "FALSE");
+                xmlNode* timecode = child(n, "timecode");
+                EXPECT_EQ(rateOf(n), rate);
+                EXPECT_EQ(rateOf(timecode), rate);
+                EXPECT_EQ(std::atoi(text(child(n, "duration")).c_str()), row.frames);
+                EXPECT_EQ(std::atoi(text(child(timecode, "frame")).c_str()), row.timecodeFrame);
+                EXPECT_EQ(text(child(timecode, "displayformat")), row.display);
+                if (xmlNode* video = child(child(n, "media"), "video")) {
+                    EXPECT_EQ(rateOf(child(video, "samplecharacteristics")), rate);
+                }
+            }
+        });
+        EXPECT_EQ(described.size(), std::size(rows));
+    }
+}
+
 TEST(FCP7Exporter, EmptySessionStillParses) {
     const std::string xml =
         FCP7Exporter::buildXML({}, 23.976, ExportStyle::premiere, ChannelLayout::perChannel);
@@ -415,6 +491,135 @@ TEST(OTIOExporter, TimelineRoundTripsAndOverlapsGoToExtraTracks) {
             at += range["duration"]["value"].get<double>() / rate;
         }
     }
-    EXPECT_EQ(audioTracks, 4); // RED sidecars, recorder, its overflow, sibling
+    EXPECT_EQ(audioTracks, 5); // camera sound, RED sidecars, recorder, its overflow, sibling
     expectAllRecovered(sources, found, 29.97);
+}
+
+namespace {
+
+// Where a document puts each clip: the file it names, the kind of track ("video", "audio"; an
+// FCPXML asset-clip with a role is sound) and the first frame on the timeline.
+using Placement = std::tuple<std::string, std::string, long long>;
+using Placements = std::set<Placement>;
+
+Placements fcp7Placements(const std::string& xml) {
+    const Doc doc = parse(xml);
+    Placements found;
+    if (!doc) return found;
+    std::map<std::string, std::string> pathOfFile;
+    xmlNode* sequence = nullptr;
+    walk(xmlDocGetRootElement(doc.get()), [&](xmlNode* n) {
+        if (is(n, "file") && child(n, "pathurl"))
+            pathOfFile[prop(n, "id")] = percentDecode(text(child(n, "pathurl")).substr(16));
+        if (is(n, "sequence")) sequence = n;
+    });
+    if (sequence == nullptr) return found;
+    for (const char* kind : {"video", "audio"})
+        for (xmlNode* track = child(child(child(sequence, "media"), kind), "track"); track;
+             track = track->next)
+            for (xmlNode* item = track->children; item; item = item->next)
+                if (is(item, "clipitem"))
+                    found.emplace(pathOfFile[prop(child(item, "file"), "id")], kind,
+                                  std::atoll(text(child(item, "start")).c_str()));
+    return found;
+}
+
+Placements fcpxmlPlacements(const std::string& xml, double rate) {
+    const Doc doc = parse(xml);
+    Placements found;
+    if (!doc) return found;
+    std::map<std::string, std::string> assets;
+    walk(xmlDocGetRootElement(doc.get()), [&](xmlNode* n) {
+        if (is(n, "asset"))
+            assets[prop(n, "id")] = percentDecode(prop(child(n, "media-rep"), "src").substr(7));
+        if (!is(n, "asset-clip")) return;
+        long long den = 1;
+        const long long num = rationalNumerator(prop(n, "offset"), den);
+        found.emplace(assets[prop(n, "ref")], prop(n, "audioRole").empty() ? "video" : "audio",
+                      std::llround(static_cast<double>(num) / den * rate));
+    });
+    return found;
+}
+
+Placements otioPlacements(const std::string& text) {
+    Placements found;
+    const auto doc = nlohmann::json::parse(text);
+    for (const auto& track : doc["tracks"]["children"]) {
+        long long at = 0;
+        for (const auto& item : track["children"]) {
+            if (item["OTIO_SCHEMA"] == "Clip.2")
+                found.emplace(
+                    percentDecode(
+                        item["media_references"]["DEFAULT_MEDIA"]["target_url"].get<std::string>().substr(7)),
+                    track["kind"] == "Video" ? "video" : "audio", at);
+            at += std::llround(item["source_range"]["duration"]["value"].get<double>());
+        }
+    }
+    return found;
+}
+
+// The same placements without the kind of track.
+std::set<std::pair<std::string, long long>> positions(const Placements& placements) {
+    std::set<std::pair<std::string, long long>> out;
+    for (const auto& [path, kind, frame] : placements)
+        out.emplace(path, frame);
+    return out;
+}
+
+} // namespace
+
+TEST(Exporters, EveryDocumentPutsEveryClipOnTheSameFrame) {
+    // Clip positions in frames of the sequence, either side of the middle of a frame, and the
+    // frame every document must put them on.
+    struct Row {
+        double fps;
+        double at;
+        long long frame;
+    };
+    const Row rows[] = {{25, 0.3, 0},
+                        {25, 0.7, 1},
+                        {25, 250.49, 250},
+                        {25, 250.51, 251},
+                        {25, 501.0, 501},
+                        {29.97, 0.49, 0},
+                        {29.97, 0.51, 1},
+                        {29.97, 17981.49, 17981},
+                        {29.97, 17981.51, 17982},
+                        {29.97, 600.0, 600}};
+    for (const double fps : {25.0, 29.97}) {
+        const double rate = FCP7Exporter::rateInfo(fps).effectiveRate();
+        auto sources = exportSession();
+        TrackSource cam, rec;
+        cam.name = "Cam C";
+        cam.type = SourceType::video;
+        rec.name = "Rec C";
+        rec.type = SourceType::audio;
+        Placements expected;
+        for (const Row& row : rows) {
+            if (row.fps != fps) continue;
+            const std::string name = "/shoot/Card02/at " + std::to_string(row.at);
+            cam.clips.push_back(test::exportClip(name + ".MOV", row.at / rate, 2.0));
+            rec.clips.push_back(test::exportClip(name + ".WAV", row.at / rate, 2.0));
+            expected.emplace(name + ".MOV", "video", row.frame);
+            expected.emplace(name + ".MOV", "audio", row.frame);
+            expected.emplace(name + ".WAV", "audio", row.frame);
+        }
+        sources.insert(sources.begin() + 1, cam);
+        sources.push_back(rec);
+        for (const auto layout : {ChannelLayout::perChannel, ChannelLayout::mixed}) {
+            SCOPED_TRACE(fps + static_cast<int>(layout) * 1000);
+            const Placements premiere =
+                fcp7Placements(FCP7Exporter::buildXML(sources, fps, ExportStyle::premiere, layout));
+            const Placements resolve =
+                fcp7Placements(FCP7Exporter::buildXML(sources, fps, ExportStyle::resolve, layout));
+            const Placements fcpxml = fcpxmlPlacements(FCPXMLExporter::build(sources, fps, layout), rate);
+            const Placements otio = otioPlacements(OTIOExporter::build(sources, fps, layout));
+            for (const auto& placement : expected)
+                EXPECT_TRUE(premiere.count(placement)) << std::get<0>(placement);
+            EXPECT_EQ(premiere, resolve);
+            EXPECT_EQ(positions(premiere), positions(fcpxml));
+            // OTIO has tracks of each kind as the FCP7 documents do: a camera's sound on an audio track.
+            EXPECT_EQ(premiere, otio);
+        }
+    }
 }
