@@ -15,6 +15,7 @@
 #include <filesystem>
 #include <fstream>
 #include <mutex>
+#include <sstream>
 #include <optional>
 #include <stdexcept>
 #include <string>
@@ -106,6 +107,14 @@ inline Date localDate(int y, int mo, int d, int h, int mi, int s) {
 }
 
 // Quoted for the shell.
+// The whole content of a file, as bytes; empty when it can't be read.
+inline std::string slurp(const std::filesystem::path& p) {
+    std::ifstream in(p, std::ios::binary);
+    std::stringstream ss;
+    ss << in.rdbuf();
+    return ss.str();
+}
+
 inline std::string quoted(const std::string& s) {
     std::string q = "'";
     for (char c : s)

@@ -13,12 +13,7 @@ namespace fs = std::filesystem;
 
 namespace {
 
-std::string slurp(const fs::path& p) {
-    std::ifstream in(p, std::ios::binary);
-    std::stringstream ss;
-    ss << in.rdbuf();
-    return ss.str();
-}
+using trelvane::test::slurp;
 
 std::vector<TrackSource> sessionIn(const test::TempDir& dir) {
     TrackSource t;

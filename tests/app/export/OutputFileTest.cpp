@@ -16,12 +16,7 @@ namespace fs = std::filesystem;
 
 namespace {
 
-std::string slurp(const fs::path& p) {
-    std::ifstream in(p, std::ios::binary);
-    std::stringstream ss;
-    ss << in.rdbuf();
-    return ss.str();
-}
+using trelvane::test::slurp;
 
 bool isCharDevice(const fs::path& p) {
     struct stat st {};
