@@ -265,6 +265,8 @@ void checkTimeline(Run& run) {
         for (std::size_t k = 0; k < component.size(); ++k) shift[component[k]] = solved[k] - solved[bestAt];
     }
 
+    std::map<ClipKey, double> placedAt;
+    for (const auto& key : run.region) placedAt[key] = run.tracks[key.first].clips[key.second].startOffset;
     int confirmed = 0, demoted = 0;
     auto demote = [&](ClipItem& clip, std::string note) {
         if (clip.syncStatus != SyncStatus::synced) return;
@@ -322,6 +324,24 @@ void checkTimeline(Run& run) {
         }
         ++confirmed;
         if (run.onPlace) run.onPlace(clip.id, clip.startOffset, clip.syncStatus);
+    }
+    // A clip laid by its clock was laid from the audio anchor after it in its track, or before it
+    // when there is none: where the check moved that anchor, the clock puts the clip along with it.
+    for (int si : run.regionTracks) {
+        const auto clips = run.regionClips(si);
+        auto movedBy = [&](int ci) { return run.tracks[si].clips[ci].startOffset - placedAt[{si, ci}]; };
+        for (std::size_t k = 0; k < clips.size(); ++k) {
+            ClipItem& clip = run.tracks[si].clips[clips[k]];
+            if (clip.placementPass != "clock" || movedBy(clips[k]) != 0) continue;
+            std::optional<int> anchor;
+            for (std::size_t l = k + 1; l < clips.size() && !anchor; ++l)
+                if (!placedWithoutAudio(run.tracks[si].clips[clips[l]])) anchor = clips[l];
+            for (std::size_t l = k; l-- > 0 && !anchor;)
+                if (!placedWithoutAudio(run.tracks[si].clips[clips[l]])) anchor = clips[l];
+            if (!anchor || movedBy(*anchor) == 0) continue;
+            clip.startOffset += movedBy(*anchor);
+            if (run.onPlace) run.onPlace(clip.id, clip.startOffset, clip.syncStatus);
+        }
     }
     // A clip whose own sound could not be compared at all proves nothing either.
     std::set<ClipKey> measurable;
