@@ -123,6 +123,16 @@ TEST(Cli, AnalyzeDecodesOnceThenServesTheCache) {
     EXPECT_NE(second.out.find("ok      cache"), std::string::npos) << second.out;
     EXPECT_EQ(second.out.find("decoded"), std::string::npos) << second.out;
 
+    // A file whose sound can't be read is failed in both columns, named, and fails the scan.
+    home.file("shoot/rec/R0003.WAV", "");
+    const auto broken = runCli(home, args, true);
+    EXPECT_EQ(broken.status, 1) << broken.out;
+    EXPECT_NE(broken.out.find("R0003.WAV  0.00     -            -         undecodable  failed"), std::string::npos)
+        << broken.out;
+    EXPECT_NE(broken.out.find("can't read " + (rec / "R0003.WAV").string() + ": an empty file"), std::string::npos)
+        << broken.out;
+    std::filesystem::remove(rec / "R0003.WAV");
+
     EXPECT_EQ(runCli(home, "scan --camera-groups maybe " + quoted((home / "shoot").string())).status, 2);
     EXPECT_EQ(
         runCli(home, "scan --day-regions reject --camera-groups REJECT " + quoted((home / "shoot").string()))
