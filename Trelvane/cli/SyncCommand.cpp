@@ -197,7 +197,8 @@ int runSync(const SyncOptions& options, const CommonOptions& common) {
     if ((refusal = outputProblem(options, vm->sources(), true))) return refuse(*refusal);
 
     const int leftOut = leaveOutUnreadable(*vm);
-    if (const auto few = tooFewDevices(vm->sources())) {
+    // Takes of one device can be stacked; only the tracks need a second device.
+    if (const auto few = options.mode == "stacks" ? std::nullopt : tooFewDevices(vm->sources())) {
         std::cerr << "trelvane: nothing synced — " << terminalSafe(*few) << '\n';
         return kExitTooFewDevices;
     }
