@@ -17,6 +17,7 @@ inline constexpr int kExitOK = 0;
 inline constexpr int kExitFailure =
     1; // a path that doesn't exist, a file that can't be written, a failed run
 inline constexpr int kExitUsage = 2;
+inline constexpr int kExitTooFewDevices = 3; // fewer than two devices with sound that can be matched
 inline constexpr int kExitInterrupted = 130; // Ctrl-C: the run stopped where it stood, nothing written
 
 struct ExitStatus {
@@ -27,6 +28,7 @@ inline constexpr ExitStatus kExitStatuses[] = {
     {kExitOK, "success"},
     {kExitFailure, "a path does not exist, a file cannot be read or written, or the run failed"},
     {kExitUsage, "the command line is wrong (unknown option, bad value, missing path)"},
+    {kExitTooFewDevices, "fewer than two devices have sound that can be read, so nothing can be synced"},
     {kExitInterrupted, "interrupted by Ctrl-C; nothing was written"},
 };
 

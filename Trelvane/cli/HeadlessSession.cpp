@@ -201,6 +201,10 @@ bool ingest(HeadlessSession& session, const std::vector<Url>& urls, PromptAnswer
     poll.reset();
     stopped = stopped || refused || Interruption::requested();
     if (!stopped) progress.finish(true);
+    if (const auto skipped = vm->ingestEngine().skippedFolders.size(); skipped > 0 && !stopped)
+        std::cerr << fmt::format("trelvane: {} folder{} not searched — can't be read, too deep or with too long "
+                                 "a path (the log names {})\n",
+                                 skipped, skipped == 1 ? "" : "s", skipped == 1 ? "it" : "them");
     return !stopped;
 }
 

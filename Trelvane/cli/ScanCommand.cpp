@@ -127,19 +127,30 @@ int runScan(const ScanOptions& options, const CommonOptions& common) {
     std::cout << '\n';
     std::vector<std::vector<std::string>> clips{
         {"TRACK", "CLIP", "SECONDS", "BAND FRAMES", "ENVELOPE", "AUDIO", "SOURCE"}};
+    int unreadable = 0;
     for (const auto& t : vm->sources())
         for (const auto& c : t.clips) {
             const bool analysed = c.cachedEnvelope.has_value();
+            // A clip whose sound was neither analysed nor found wanting (silent, no track) failed,
+            // whatever its mark says.
+            const bool failed = c.audioProblem || (!analysed && c.audioUsability == AudioUsability::ok);
+            if (failed) {
+                ++unreadable;
+                std::cerr << "trelvane: can't read " << terminalSafe(c.url.path()) << ": "
+                          << terminalSafe(c.audioProblem.value_or("its sound was not analysed")) << '\n';
+            }
             clips.push_back({terminalSafe(t.name), terminalSafe(c.url.lastPathComponent()),
                              fmt::format("{:.2f}", c.duration),
                              c.bandFeature ? std::to_string(c.bandFeature->frames) : std::string("-"),
                              analysed ? std::to_string(c.cachedEnvelope->size()) : std::string("-"),
-                             std::string(rawValue(c.audioUsability)),
+                             failed ? "undecodable" : std::string(rawValue(c.audioUsability)),
                              analysed ? (vm->wasServedFromCache(c.id) ? "cache" : "decoded")
-                                      : (c.audioUsability == AudioUsability::ok ? "failed" : "-")});
+                                      : (failed ? "failed" : "-")});
+            if (c.audioCutShort) clips.back()[5] += " (cut short)";
         }
     printTable(clips, std::cout);
-    return kExitOK;
+    // As `probe` does: every clip is shown, and one whose sound can't be read fails the run.
+    return unreadable > 0 ? kExitFailure : kExitOK;
 }
 
 } // namespace trelvane::cli

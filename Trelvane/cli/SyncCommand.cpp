@@ -89,6 +89,50 @@ std::optional<std::string> outputProblem(const SyncOptions& options, const std::
     return std::nullopt;
 }
 
+// Names every file whose sound can't be read, with the reason, and takes it out of the session
+// as a user would in the window; the rest goes on. Gives how many were left out.
+int leaveOutUnreadable(SyncViewModel& vm) {
+    std::vector<Uuid> unreadable;
+    for (const auto& t : vm.sources())
+        for (const auto& c : t.clips)
+            if (c.audioProblem) {
+                std::cerr << "trelvane: can't read " << terminalSafe(c.url.path()) << ": "
+                          << terminalSafe(*c.audioProblem) << " — left out\n";
+                unreadable.push_back(c.id);
+            }
+    if (unreadable.empty()) return 0;
+    vm.clearSelection();
+    for (const auto& id : unreadable) vm.toggleClipSelection(id);
+    vm.deleteSelected();
+    return static_cast<int>(unreadable.size());
+}
+
+// The devices (a recorder's channel tracks count once) with at least one clip whose sound was
+// analysed, and the others; nothing when there are enough to sync.
+std::optional<std::string> tooFewDevices(const Sources& sources) {
+    std::vector<std::string> heard, deaf;
+    std::set<Uuid> devices;
+    for (const auto& t : sources) {
+        const auto withSound = std::count_if(t.clips.begin(), t.clips.end(), [](const ClipItem& c) {
+            return c.audioUsability == AudioUsability::ok && c.cachedEnvelope;
+        });
+        const auto clips = static_cast<int>(t.clips.size());
+        if (withSound > 0) {
+            devices.insert(t.siblingOf.value_or(t.id));
+            heard.push_back(fmt::format("{} ({} of {} clip{} with sound)", t.name, withSound, clips,
+                                        clips == 1 ? "" : "s"));
+        } else {
+            deaf.push_back(fmt::format("{} ({} clip{}, none with sound)", t.name, clips, clips == 1 ? "" : "s"));
+        }
+    }
+    if (devices.size() >= 2) return std::nullopt;
+    std::string text = devices.empty()
+                           ? std::string("no device has sound that can be read")
+                           : "only one device has sound that can be read: " + joined(heard, ", ");
+    if (!deaf.empty()) text += "; also found " + joined(deaf, ", ");
+    return text + ". Syncing by sound needs at least two devices.";
+}
+
 int refuse(const std::string& reason) {
     std::cerr << "trelvane: " << terminalSafe(reason) << '\n';
     return kExitFailure;
@@ -152,6 +196,13 @@ int runSync(const SyncOptions& options, const CommonOptions& common) {
     if (!ingested) return Interruption::report(progress);
     if ((refusal = outputProblem(options, vm->sources(), true))) return refuse(*refusal);
 
+    const int leftOut = leaveOutUnreadable(*vm);
+    // Takes of one device can be stacked; only the tracks need a second device.
+    if (const auto few = options.mode == "stacks" ? std::nullopt : tooFewDevices(vm->sources())) {
+        std::cerr << "trelvane: nothing synced — " << terminalSafe(*few) << '\n';
+        return kExitTooFewDevices;
+    }
+
     std::optional<std::pair<std::string, std::string>> notice;
     Notifier::setPresenter([&notice](const std::string& title, const std::string& body) {
         notice = std::make_pair(title, body);
@@ -203,6 +254,14 @@ int runSync(const SyncOptions& options, const CommonOptions& common) {
     }
     if (notice) out << terminalSafe(notice->first) << ": " << terminalSafe(notice->second) << '\n';
     if (const auto& failures = vm->failureSummary()) out << terminalSafe(*failures) << '\n';
+    if (leftOut > 0)
+        out << fmt::format("left out: {} file{} whose sound can't be read (listed above)\n", leftOut,
+                           leftOut == 1 ? "" : "s");
+    for (const auto& t : vm->sources())
+        for (const auto& c : t.clips)
+            if (c.audioCutShort)
+                out << "cut short: " << terminalSafe(c.url.lastPathComponent())
+                    << fmt::format(" — the file breaks off; its sound ends after {:.1f} s\n", c.duration);
     // A Ctrl-C after the synchronisation still leaves nothing written, and so does a file that
     // can no longer be written: every output is checked before the first is written.
     if (Interruption::requested()) return Interruption::report(progress);

@@ -26,6 +26,8 @@ struct ExtractPayload {
     std::optional<double> duration;
     // Served from the cache without touching the media.
     bool fromCache = false;
+    // The file breaks off before its promised end; the payload is what decoded.
+    bool cutShort = false;
     std::vector<float> preview;
     std::vector<float> envelope;
     SpectralBands::Feature bands;
@@ -37,7 +39,10 @@ struct NoUsableAudio {
     std::optional<std::string> formatExt;
 };
 
-struct ExtractFailed {};
+// The file could not be read as media at all: the clip is left out of the matching.
+struct ExtractFailed {
+    std::string reason; // in the user's words: "an empty file", "Permission denied"…
+};
 
 using ExtractOutcome = std::variant<ExtractPayload, NoUsableAudio, ExtractFailed>;
 

@@ -11,9 +11,30 @@
 #include "TrelvaneEngine/support/Files.hpp"
 
 #include <algorithm>
+#include <cerrno>
 #include <cmath>
+#include <cstring>
+#include <sys/stat.h>
+#include <unistd.h>
 
 namespace trelvane {
+
+namespace {
+
+// Why a file that the reader could not open is no media, as a user would put it: what the file
+// itself is, else what the reader said.
+std::string unreadableReason(const Url& url, const TrelvaneError& error) {
+    struct stat st {};
+    if (::lstat(url.fsPath().c_str(), &st) == 0 && S_ISLNK(st.st_mode) && ::stat(url.fsPath().c_str(), &st) != 0)
+        return "a link to a file that does not exist";
+    if (::stat(url.fsPath().c_str(), &st) != 0) return std::strerror(errno);
+    if (!S_ISREG(st.st_mode)) return "not a regular file";
+    if (::access(url.fsPath().c_str(), R_OK) != 0) return std::strerror(errno);
+    if (st.st_size == 0) return "an empty file";
+    return "not readable as media: " + error.detail();
+}
+
+} // namespace
 
 std::vector<float> SyncViewModel::buildWaveform(std::span<const float> samples, double duration) {
     if (samples.empty() || !(duration > 0)) return {};
@@ -67,12 +88,15 @@ ExtractOutcome SyncViewModel::extractClip(const Url& url, int factor, double exp
         if (FormatAdvisory::catalog().contains(ext))
             return NoUsableAudio{AudioUsability::undecodable, "container not decodable (" + ext + ")", ext};
         EngineLog::log("Extraction failed for " + url.lastPathComponent() + ": " + e.description());
-        return ExtractFailed{};
+        return ExtractFailed{e.kind() == K::readerStartFailed ? unreadableReason(url, e) : e.description()};
     } catch (const std::exception& e) {
         // Nothing but TrelvaneError is expected; anything else still only fails this clip.
         EngineLog::log("Extraction failed for " + url.lastPathComponent() + ": " + e.what());
-        return ExtractFailed{};
+        return ExtractFailed{e.what()};
     }
+    if (audio.cutShort)
+        EngineLog::logf("[Extract] '%s' breaks off: its sound ends after %.1f s", url.lastPathComponent(),
+                        audio.duration);
 
     // What is installed here is what a later run reads back from the cache, bit for bit: the entry
     // holds the floats and the length as they are (a value that can't be stored is not, and is then
@@ -80,6 +104,7 @@ ExtractOutcome SyncViewModel::extractClip(const Url& url, int factor, double exp
     // what later runs will read.
     ExtractPayload payload;
     payload.duration = audio.duration;
+    payload.cutShort = audio.cutShort;
     bool storePair = false, storeBands = false;
     if (pair) {
         payload.duration = pair->duration;
@@ -97,7 +122,9 @@ ExtractOutcome SyncViewModel::extractClip(const Url& url, int factor, double exp
         payload.bands = SpectralBands::compute(audio.samples);
         storeBands = true;
     }
-    // A cache that can't be written only costs a decode next time.
+    // A cache that can't be written only costs a decode next time. A file that breaks off is not
+    // stored: read again, it is told as cut short on every run.
+    if (audio.cutShort) storePair = storeBands = false;
     if (storePair) EnvelopeCache::savePair(url, {payload.preview, payload.envelope, audio.duration});
     if (storeBands) EnvelopeCache::saveBands(url, payload.bands);
     report(1.0);

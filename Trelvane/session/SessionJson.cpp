@@ -43,6 +43,8 @@ json encodeClip(const ClipItem& c) {
         {"clockQuality", rawName(c.clockQuality)},
         {"dayRegion", opt(c.dayRegion)},
         {"audioUsability", rawValue(c.audioUsability)},
+        {"audioProblem", opt(c.audioProblem)},
+        {"audioCutShort", c.audioCutShort},
         {"siblingLeaderID", opt(c.siblingLeaderID)},
         {"placementExplanation", c.placementExplanation()},
         {"failureBucket", opt(c.failureBucket())},

@@ -474,6 +474,13 @@ void SyncViewModel::extractWaveforms(std::uint64_t generation, Step done) {
                         vm.clipReadyAt_[job.id] = vm.queue_.now();
                         EngineLog::logf("[Extract] '%s': %s — will place by clock/interpolation", job.name,
                                         none->reason.empty() ? std::string("no usable audio") : none->reason);
+                    } else if (const auto* failed = std::get_if<ExtractFailed>(&outcome)) {
+                        // A file that can't be read ends its job like any other: marked, so the
+                        // analysis counts as finished without it.
+                        vm.markUnreadable(job.url, failed->reason);
+                        vm.clipReadyAt_[job.id] = vm.queue_.now();
+                        EngineLog::logf("[Extract] '%s' can't be read: %s — left out of the matching",
+                                        job.url.lastPathComponent(), failed->reason);
                     }
                 });
             },
@@ -517,6 +524,7 @@ void SyncViewModel::updateClip(const Url& url, std::optional<double> duration,
                 c.waveformPreview = payload.preview;
                 c.cachedEnvelope = payload.envelope;
                 c.bandFeature = payload.bands;
+                c.audioCutShort = payload.cutShort;
                 // A corrected duration moves the clips after it.
                 recomputeOffsets(si);
                 return;
@@ -530,6 +538,17 @@ void SyncViewModel::markNoUsableAudio(const Url& url, AudioUsability usability,
             if (c.url == url) {
                 c.audioUsability = usability;
                 if (formatExt) ++formatAdvisoryCounts_[*formatExt];
+                notify(Published::sources);
+                return;
+            }
+}
+
+void SyncViewModel::markUnreadable(const Url& url, const std::string& reason) {
+    for (auto& t : sources_)
+        for (auto& c : t.clips)
+            if (c.url == url) {
+                c.audioUsability = AudioUsability::undecodable;
+                c.audioProblem = reason;
                 notify(Published::sources);
                 return;
             }

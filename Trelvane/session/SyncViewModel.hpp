@@ -247,6 +247,7 @@ class SyncViewModel : public std::enable_shared_from_this<SyncViewModel> {
     void updateClip(const Url& url, std::optional<double> duration, const ExtractPayload& payload);
     void markNoUsableAudio(const Url& url, AudioUsability usability,
                            const std::optional<std::string>& formatExt);
+    void markUnreadable(const Url& url, const std::string& reason);
     void maybeSuggestStackMode();
     void presentStackModeSuggestion(const StackBuilder::Advice& advice);
 

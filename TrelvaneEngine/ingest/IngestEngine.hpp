@@ -24,6 +24,9 @@ struct IngestEngine {
     // Paths of dropped folders found to hold both video and audio. Only grows, even when the
     // session is cleaned: a shoot stays a shoot for the life of the program.
     std::set<std::string> completeShootSessions;
+    // Folders under the dropped ones that were not searched: they can't be listed (no permission,
+    // a path too long for the system) or lie deeper than the walk goes. Only grows.
+    std::set<std::string> skippedFolders;
 
     // Folder names (lower-cased) that are never searched for media.
     static inline const std::set<std::string> proxyDirNames{"sub", "proxy", "proxies", "lrv",
@@ -43,9 +46,10 @@ struct IngestEngine {
 
     // Folders under `folder` (itself included) that directly hold media, depth first, parent
     // before children. Proxy folders and take folders end the walk with nothing beneath them seen.
-    static std::vector<Url> leafMediaFolders(const Url& folder);
+    // Folders that can't be searched are added to `skipped`, when given.
+    static std::vector<Url> leafMediaFolders(const Url& folder, std::set<std::string>* skipped = nullptr);
     // Every media file of the subtree, by path; take folders are not entered, proxy folders are.
-    static std::vector<Url> mediaFiles(const Url& folder);
+    static std::vector<Url> mediaFiles(const Url& folder, std::set<std::string>* skipped = nullptr);
     // The media files directly inside the folder, in listing order; empty for a take folder.
     static std::vector<Url> directMedia(const Url& folder);
 

@@ -209,7 +209,10 @@ std::vector<Url> IngestEngine::directMedia(const Url& folder) {
     return out;
 }
 
-std::vector<Url> IngestEngine::mediaFiles(const Url& folder) {
+std::vector<Url> IngestEngine::mediaFiles(const Url& folder, std::set<std::string>* skipped) {
+    const auto skip = [skipped](const std::filesystem::path& path) {
+        if (skipped) skipped->insert(path.string());
+    };
     std::vector<Url> out;
     std::unordered_set<FolderId, FolderIdHash> seen;
     struct Item {
@@ -220,15 +223,23 @@ std::vector<Url> IngestEngine::mediaFiles(const Url& folder) {
     while (!stack.empty()) {
         const Item item = std::move(stack.back());
         stack.pop_back();
-        if (const auto id = folderId(item.path); !id || !seen.insert(*id).second) continue;
+        const auto id = folderId(item.path);
+        if (!id) skip(item.path);
+        if (!id || !seen.insert(*id).second) continue;
         const auto entries = Files::listDirectory(item.path);
-        if (!entries) continue;
+        if (!entries) {
+            skip(item.path);
+            continue;
+        }
         // Children are pushed in reverse so that the walk visits them in listing order.
         for (auto it = entries->rbegin(); it != entries->rend(); ++it) {
             const Url url = Url::fromPath(it->path);
             if (it->isDirectory) {
-                if (!REDCard::isTakeFolder(url) && item.depth + 1 <= kMaxFolderDepth)
+                if (REDCard::isTakeFolder(url)) continue;
+                if (item.depth + 1 <= kMaxFolderDepth)
                     stack.push_back({it->path, item.depth + 1});
+                else
+                    skip(it->path);
             } else if (isAcceptedExtension(url.pathExtension())) {
                 out.push_back(url);
             }
@@ -239,17 +250,22 @@ std::vector<Url> IngestEngine::mediaFiles(const Url& folder) {
     return out;
 }
 
-std::vector<Url> IngestEngine::leafMediaFolders(const Url& folder) {
+std::vector<Url> IngestEngine::leafMediaFolders(const Url& folder, std::set<std::string>* skipped) {
     std::vector<Url> leaves;
     std::unordered_set<FolderId, FolderIdHash> seen;
+    const auto skip = [skipped](const Url& url) {
+        if (skipped) skipped->insert(url.fsPath().string());
+    };
     auto walk = [&](auto&& self, const Url& current, int depth) -> void {
-        if (depth > kMaxFolderDepth) return;
         if (proxyDirNames.contains(Files::lowercased(current.lastPathComponent()))) return;
         if (REDCard::isTakeFolder(current)) return;
-        if (const auto id = folderId(current.fsPath()); !id || !seen.insert(*id).second) return;
+        if (depth > kMaxFolderDepth) return skip(current);
+        const auto id = folderId(current.fsPath());
+        if (!id) return skip(current);
+        if (!seen.insert(*id).second) return;
         if (!directMedia(current).empty()) leaves.push_back(current);
         const auto entries = Files::listDirectory(current.fsPath());
-        if (!entries) return;
+        if (!entries) return skip(current);
         for (const auto& e : *entries)
             if (e.isDirectory) self(self, Url::fromPath(e.path), depth + 1);
     };
@@ -379,10 +395,13 @@ std::vector<TrackSource> IngestEngine::ingest(const std::vector<Url>& urls, std:
         cardsByPath[url.path()] = std::move(cards);
     }
 
+    // Folders the walks could not search, told once for the whole drop.
+    std::set<std::string> skipped;
+
     // 2. A dropped item holding both video and audio is a complete shoot, its own session.
     for (const auto& url : urls) {
         const auto kind = Files::kindOf(url.fsPath());
-        const std::vector<Url> files = kind.isDirectory ? mediaFiles(url) : std::vector<Url>{url};
+        const std::vector<Url> files = kind.isDirectory ? mediaFiles(url, &skipped) : std::vector<Url>{url};
         bool v = cardsByPath.contains(url.path()), a = false;
         for (const auto& f : files) {
             const std::string ext = f.pathExtension();
@@ -422,7 +441,7 @@ std::vector<TrackSource> IngestEngine::ingest(const std::vector<Url>& urls, std:
                 queuedCards.push_back({card, session});
 
         if (kind.isDirectory) {
-            const auto leaves = leafMediaFolders(url);
+            const auto leaves = leafMediaFolders(url, &skipped);
             std::vector<std::string> leafNames;
             for (const auto& leaf : leaves)
                 leafNames.push_back(leaf.lastPathComponent());
@@ -441,6 +460,14 @@ std::vector<TrackSource> IngestEngine::ingest(const std::vector<Url>& urls, std:
         } else if (isAcceptedExtension(url.pathExtension())) {
             unlockedGroups.push_back({url.baseName(), {url}, false, session});
         }
+    }
+
+    if (!skipped.empty()) {
+        EngineLog::logf("[Drop] %d folder(s) not searched — they can't be read, lie deeper than %d folders "
+                        "or have a path too long: %s",
+                        static_cast<int>(skipped.size()), kMaxFolderDepth,
+                        printedList(std::vector<std::string>(skipped.begin(), skipped.end())));
+        skippedFolders.insert(skipped.begin(), skipped.end());
     }
 
     // 6. Files already in the session. Deliberately not updated while groups are added: a file

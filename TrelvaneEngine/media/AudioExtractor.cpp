@@ -193,11 +193,15 @@ class Reader {
         try {
             decodeAll();
         } catch (const ReadFailure&) {
-            throw TrelvaneError::emptySamples(name_);
+            // What decoded before the break is the clip's sound as far as it goes.
+            cutShort_ = true;
         }
         if (mix_.samples().empty()) throw TrelvaneError::emptySamples(name_);
         return std::move(mix_.samples());
     }
+
+    // Whether the read stopped before the end of the sound the file promises.
+    bool cutShort() const { return cutShort_; }
 
   private:
     void open() {
@@ -309,13 +313,16 @@ class Reader {
         while (true) {
             const int got = av_read_frame(format_.get(), packet.get());
             if (got == AVERROR_EOF) break;
-            if (got < 0) throw ReadFailure{};
+            if (got < 0) {
+                cutShort_ = true;
+                break;
+            }
             const auto index = static_cast<std::size_t>(packet->stream_index);
             StreamReader* reader = index < streamsByIndex_.size() ? streamsByIndex_[index] : nullptr;
             if (reader) decode(*reader, packet.get());
             av_packet_unref(packet.get());
         }
-        if (brokeOff()) throw ReadFailure{};
+        if (brokeOff()) cutShort_ = true;
         for (auto& reader : streams_) {
             decode(*reader, nullptr);
             drainResampler(*reader);
@@ -421,6 +428,7 @@ class Reader {
     std::optional<double> zero_;
     AVFrame* frame_ = nullptr;
     std::vector<float> buffer_;
+    bool cutShort_ = false;
 };
 
 float peakMagnitude(std::span<const float> samples) {
@@ -460,7 +468,9 @@ Extraction finish(std::vector<float> samples, const std::string& name) {
 Extraction extract(const Url& url, double expectedSeconds, const Progress& onProgress) {
     if (Files::lowercased(url.pathExtension()) == "braw") return detail::extractBRAW(url, onProgress);
     Reader reader(url, expectedSeconds, onProgress);
-    return finish(reader.run(), url.lastPathComponent());
+    Extraction result = finish(reader.run(), url.lastPathComponent());
+    result.cutShort = reader.cutShort();
+    return result;
 }
 
 namespace detail {

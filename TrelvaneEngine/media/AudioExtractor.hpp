@@ -29,6 +29,9 @@ inline constexpr double kLongestExtraction = 12 * 3600.0;
 struct Extraction {
     std::vector<float> samples; // mono, 16 kHz, peak 0.5 after a normal extraction
     double duration = 0;        // seconds, always samples.size() / 16000
+    // The file ends, or stops decoding, before the sound its index promises (a recording cut
+    // off by a full card or a pulled cable): the samples are what decoded up to there.
+    bool cutShort = false;
 };
 
 // A fraction from 0 to 1; may be called on any thread (the one that runs `extract`).
@@ -51,7 +54,8 @@ using Progress = std::function<void(double)>;
 //   readerStartFailed  the file can't be opened as media (FFmpeg's message), or none of its
 //                      audio streams has a decoder;
 //   noAudioTrack       no audio stream (carries the last path component, as the next two do);
-//   emptySamples       nothing decoded, or the read failed half way (no partial audio, ever);
+//   emptySamples       nothing decoded (a read that fails half way keeps what decoded before,
+//                      with `cutShort` set);
 //   silentAudio        the peak of the mix is 0.001 or less;
 //   readFailed         longer than kLongestExtraction, a resampler that can't be built, or a
 //                      .braw clip that can't be read (with the SDK's or availability message).

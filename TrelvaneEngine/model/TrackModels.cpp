@@ -105,6 +105,7 @@ std::string ClipItem::placementExplanation() const {
     case AudioUsability::silent:
         return "Audio track is silent — placed by clock or between neighbours";
     case AudioUsability::undecodable:
+        if (audioProblem) return "Sound can't be read (" + *audioProblem + ") — placed by clock or between neighbours";
         return "Format not decodable on this Mac — placed by clock or between neighbours";
     case AudioUsability::ok:
         break;
@@ -161,6 +162,7 @@ std::string ClipItem::placementExplanation() const {
         line += fmt::sprintf(" · score %.1f", *matchScore);
     if (placementNote && !placementNote->empty()) line += " · " + *placementNote;
     if (tcDisagrees) line += " · timecode disagrees with the audio position";
+    if (audioCutShort) line += fmt::sprintf(" · file cut short — its sound ends after %.1f s", duration);
     return line;
 }
 

@@ -81,6 +81,10 @@ struct ClipItem {
     std::optional<std::vector<float>> bassOnsets;
     std::optional<SpectralBands::Feature> bandFeature;
     AudioUsability audioUsability = AudioUsability::ok;
+    // Why the file's sound could not be read at all (with `undecodable`), in the user's words.
+    std::optional<std::string> audioProblem;
+    // The file ends before the sound its index promises: `duration` is what decoded.
+    bool audioCutShort = false;
     std::optional<Uuid> siblingLeaderID;
 
     // The length of the picture: the sidecar audio of a take runs 0.512 s longer than its picture.

@@ -103,6 +103,31 @@ TEST(Cli, ScanJsonHasTheSessionShape) {
     EXPECT_FALSE(track.contains("sessionBytes"));
 }
 
+TEST(Cli, FoldersThatCantBeSearchedAreCountedAndToldOnce) {
+    TempDir home;
+    const auto rec = home.dir("shoot/rec");
+    home.file("shoot/rec/R0001.WAV", "");
+    // One folder 70 levels down, one whose path runs past what the system takes: each is one
+    // folder not searched (the deeper folders under the first are never reached).
+    const std::string deep = "cd " + quoted(rec.string()) + " && for i in $(seq 70); do mkdir d && cd d; done";
+    const std::string name(200, 'n');
+    const std::string longPath =
+        "cd " + quoted((home / "shoot").string()) + " && for i in $(seq 25); do mkdir " + name + " && cd " + name +
+        "; done";
+    // bash: dash's cd refuses a path past the system's limit.
+    ASSERT_EQ(std::system(("bash -c " + quoted("(" + deep + ") && (" + longPath + ")")).c_str()), 0);
+    const auto r = runCli(home, "scan " + quoted((home / "shoot").string()), true);
+    EXPECT_EQ(r.status, 0) << r.out;
+    const std::string told = "trelvane: 2 folders not searched — can't be read, too deep or with too long a path";
+    EXPECT_NE(r.out.find(told), std::string::npos) << r.out;
+    EXPECT_EQ(r.out.find(told, r.out.find(told) + 1), std::string::npos) << "told more than once:\n" << r.out;
+    std::ifstream log(home / "data/Trelvane/Trelvane.log");
+    const std::string text((std::istreambuf_iterator<char>(log)), std::istreambuf_iterator<char>());
+    EXPECT_NE(text.find("[Drop] 2 folder(s) not searched"), std::string::npos) << text;
+    // rm walks by descriptor, past the path length the library's removal is held to.
+    std::system(("rm -rf " + quoted((home / "shoot" / name).string())).c_str());
+}
+
 TEST(Cli, AnalyzeDecodesOnceThenServesTheCache) {
     TempDir home;
     const auto rec = home.dir("shoot/rec");
@@ -122,6 +147,16 @@ TEST(Cli, AnalyzeDecodesOnceThenServesTheCache) {
     ASSERT_EQ(second.status, 0) << second.out;
     EXPECT_NE(second.out.find("ok      cache"), std::string::npos) << second.out;
     EXPECT_EQ(second.out.find("decoded"), std::string::npos) << second.out;
+
+    // A file whose sound can't be read is failed in both columns, named, and fails the scan.
+    home.file("shoot/rec/R0003.WAV", "");
+    const auto broken = runCli(home, args, true);
+    EXPECT_EQ(broken.status, 1) << broken.out;
+    EXPECT_NE(broken.out.find("R0003.WAV  0.00     -            -         undecodable  failed"), std::string::npos)
+        << broken.out;
+    EXPECT_NE(broken.out.find("can't read " + (rec / "R0003.WAV").string() + ": an empty file"), std::string::npos)
+        << broken.out;
+    std::filesystem::remove(rec / "R0003.WAV");
 
     EXPECT_EQ(runCli(home, "scan --camera-groups maybe " + quoted((home / "shoot").string())).status, 2);
     EXPECT_EQ(
