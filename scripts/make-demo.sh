@@ -35,6 +35,10 @@ done
 SCRIPT="$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)/$(basename "${BASH_SOURCE[0]}")"
 ROOT="$(dirname "$(dirname "$SCRIPT")")"
 DEMO="$ROOT/demo"
+# One build at a time: tests running side by side each ask for the demo, and a second builder
+# would write over files the first is still making. The later one waits, then finds it complete.
+exec 9<"$SCRIPT"
+flock 9
 MUSIC_DIR=/usr/share/games/wesnoth/1.16/data/core/music
 SPEECH_DIR=/usr/share/asterisk/sounds/en_US_f_Allison
 
