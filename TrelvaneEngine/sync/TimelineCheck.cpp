@@ -2,8 +2,8 @@
 // The last look at a region once every pass is done. Each pair of overlapping clips of different
 // tracks is measured at the offset the timeline gives them, and the measurements are solved
 // together by least squares. A clip stays `synced` only where that consensus ties its own sound,
-// through clips of other tracks, to the reference; what disagrees with it by more than a frame is
-// moved when several clips agree on where it belongs, and left `weak` otherwise.
+// through clips of other tracks, to the reference; what disagrees with it is moved when several
+// clips agree on where it belongs, and left `weak` where it is more than a frame out otherwise.
 //
 // The passes judge one clip against a pool at a time, and a hit that is wrong but self-consistent
 // (a repeated passage, a reference clip its clock put a second off, the clips matched to that clip)
@@ -29,6 +29,14 @@ constexpr double kMeasureTolerance = 0.06;
 // Clips that must agree before a placed clip is moved: one measurement against another is a
 // disagreement, not a verdict.
 constexpr int kLeastWitnesses = 2;
+// A measurement that lands where the timeline predicted is believed from here: where the top of
+// some 3,000 lags falls does not depend on its height, and it falls within a frame and a half of a
+// place named in advance by chance about once in a thousand. A true pair of clips often scores
+// this low on a window of quiet or of sound only one of them hears well.
+constexpr float kAgreeingFloor = 3.0f;
+// A clip whose consensus lies further than this from where it stands is moved there. Two or more
+// measurements solved together place a clip finer than the one match that put it there.
+constexpr double kLeastMove = kFrame / 2;
 
 struct Node {
     int si = 0, ci = 0;
@@ -144,12 +152,13 @@ void checkTimeline(Run& run) {
     run.poll();
 
     // Each measurement as what the sound says: x[to] - x[from]. One that lands where the timeline
-    // predicted is believed from the weak floor: the top of some 3,000 lags falls within a frame or
-    // two of a place named in advance by chance once in hundreds. One that says the timeline is
-    // wrong counts only beside another that agrees with it, the better of them strong.
+    // predicted is believed from the agreeing floor, one that lands elsewhere from the weak floor;
+    // one that says the timeline is wrong counts only beside another that agrees with it, the
+    // better of them strong.
     std::vector<Measurement> usable;
     for (std::size_t p = 0; p < pairs.size(); ++p)
-        if (measured[p] && measured[p]->score >= kWeakFloor) {
+        if (measured[p] && (measured[p]->score >= kWeakFloor ||
+                            (measured[p]->score >= kAgreeingFloor && std::abs(measured[p]->pos) <= kMeasureTolerance))) {
             const auto [i, j] = pairs[p];
             usable.push_back({i, j, nodes[j].start - nodes[i].start + measured[p]->pos, measured[p]->score});
         }
@@ -304,11 +313,13 @@ void checkTimeline(Run& run) {
             continue;
         }
         const std::string witness = clipOf(bestWitness[i]).url.baseName();
-        if (std::abs(shift[i]) > kFrame) {
-            if (static_cast<int>(witnesses[i].size()) < kLeastWitnesses) {
-                demote(clip, fmt::sprintf("the sound of '%s' puts it %+.2f s away — check by ear", witness, shift[i]));
-                continue;
-            }
+        const bool witnessed = static_cast<int>(witnesses[i].size()) >= kLeastWitnesses;
+        // One clip against another disagrees by up to a frame with no fault of either.
+        if (!witnessed && std::abs(shift[i]) > kFrame) {
+            demote(clip, fmt::sprintf("the sound of '%s' puts it %+.2f s away — check by ear", witness, shift[i]));
+            continue;
+        }
+        if (witnessed && std::abs(shift[i]) > kLeastMove) {
             clip.startOffset += shift[i];
             clip.placementNote = fmt::sprintf("moved %+.2f s to agree with %d overlapping clips", shift[i],
                                               static_cast<int>(witnesses[i].size()));
