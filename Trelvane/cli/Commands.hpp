@@ -19,6 +19,7 @@ inline constexpr int kExitFailure =
 inline constexpr int kExitUsage = 2;
 inline constexpr int kExitTooFewDevices = 3; // fewer than two devices with sound that can be matched
 inline constexpr int kExitInterrupted = 130; // Ctrl-C: the run stopped where it stood, nothing written
+inline constexpr int kExitTerminated = 143;  // SIGTERM, as from a batch scheduler: the same as Ctrl-C
 
 struct ExitStatus {
     int code;
@@ -30,6 +31,7 @@ inline constexpr ExitStatus kExitStatuses[] = {
     {kExitUsage, "the command line is wrong (unknown option, bad value, missing path)"},
     {kExitTooFewDevices, "fewer than two devices have sound that can be read, so nothing can be synced"},
     {kExitInterrupted, "interrupted by Ctrl-C; nothing was written"},
+    {kExitTerminated, "stopped by SIGTERM (a batch scheduler's time limit, kill); nothing was written"},
 };
 
 struct CommonOptions {

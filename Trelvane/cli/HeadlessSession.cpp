@@ -117,37 +117,42 @@ void ProgressReport::finish(bool completed) {
 
 namespace {
 
-std::atomic<bool> interruptRequested{false};
+// The signal that asked the run to stop, 0 while none has.
+std::atomic<int> interruptSignal{0};
 
-extern "C" void onInterrupt(int) {
-    interruptRequested.store(true);
+extern "C" void onInterrupt(int signal) {
+    interruptSignal.store(signal);
 }
 
 } // namespace
 
 Interruption::Interruption() {
-    interruptRequested.store(false);
+    interruptSignal.store(0);
     struct sigaction action {};
     action.sa_handler = onInterrupt;
     sigemptyset(&action.sa_mask);
     // The handler is used once: a second Ctrl-C finds the default again and ends the program.
     action.sa_flags = SA_RESETHAND;
-    ::sigaction(SIGINT, &action, &previous_);
+    ::sigaction(SIGINT, &action, &previousInt_);
+    // A batch scheduler ends a job past its time with SIGTERM: it stops the run the same way, so
+    // that no half-written output is left behind.
+    ::sigaction(SIGTERM, &action, &previousTerm_);
 }
 
 Interruption::~Interruption() {
-    ::sigaction(SIGINT, &previous_, nullptr);
+    ::sigaction(SIGINT, &previousInt_, nullptr);
+    ::sigaction(SIGTERM, &previousTerm_, nullptr);
 }
 
 bool Interruption::requested() {
-    return interruptRequested.load();
+    return interruptSignal.load() != 0;
 }
 
 int Interruption::report(ProgressReport& progress) {
     progress.finish(false);
     std::cout.flush();
     std::cerr << "trelvane: cancelled — nothing written\n";
-    return kExitInterrupted;
+    return interruptSignal.load() == SIGTERM ? kExitTerminated : kExitInterrupted;
 }
 
 HeadlessSession::HeadlessSession(SessionStages stages, std::optional<std::string> syncMode,

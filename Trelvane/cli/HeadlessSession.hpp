@@ -43,9 +43,9 @@ class ProgressReport {
     bool drawn_ = false;
 };
 
-// Ctrl-C while a command runs. The first asks the running phase to stop where it stands (scan,
-// analysis and synchronisation alike); a second one ends the program at once, as Ctrl-C always
-// did. One per command, for its whole run; the previous handling comes back when it goes.
+// Ctrl-C (or SIGTERM) while a command runs. The first asks the running phase to stop where it
+// stands (scan, analysis and synchronisation alike); a second one ends the program at once, as
+// Ctrl-C always did. One per command, for its whole run; the previous handling comes back when it goes.
 class Interruption {
   public:
     Interruption();
@@ -58,7 +58,8 @@ class Interruption {
     static int report(ProgressReport& progress);
 
   private:
-    struct sigaction previous_ {};
+    struct sigaction previousInt_ {};
+    struct sigaction previousTerm_ {};
 };
 
 // A session controller driven from the command line.

@@ -154,7 +154,7 @@ TEST(SyncCommand, OutputsAreCheckedBeforeTheAnalysisAndNeverWrittenOverMedia) {
 }
 
 // Ctrl-C ends the scan, the analysis and the synchronisation alike: one message on a line of its
-// own, status 130, nothing written.
+// own, status 130, nothing written. A batch scheduler's SIGTERM does the same with 143.
 TEST(SyncCommand, CtrlCInEveryPhaseEndsTheSameWay) {
     TempDir shoot;
     for (const char* rec : {"RecA/A001.wav", "RecB/B001.wav"}) {
@@ -164,14 +164,17 @@ TEST(SyncCommand, CtrlCInEveryPhaseEndsTheSameWay) {
     const struct {
         const char* command;
         const char* when; // the log line after which Ctrl-C is pressed
+        int signal = SIGINT;
+        int status = 130;
     } cases[] = {
         {"scan --analyze", "[Drop] "},
         {"sync", "[Drop] "},
         {"sync", "[Ingest] track 'RecB'"},
         {"sync", "[SyncEngine] "},
+        {"sync", "[Drop] ", SIGTERM, 143},
     };
     for (const auto& c : cases) {
-        SCOPED_TRACE(std::string(c.command) + " at " + c.when);
+        SCOPED_TRACE(std::string(c.command) + " at " + c.when + " by signal " + std::to_string(c.signal));
         TempDir home; // an empty cache: the analysis runs each time
         bool sent = false;
         const auto report = home / "r.json";
@@ -182,11 +185,11 @@ TEST(SyncCommand, CtrlCInEveryPhaseEndsTheSameWay) {
             [&](const std::string& out, pid_t pid) {
                 if (!sent && out.find(c.when) != std::string::npos) {
                     sent = true;
-                    ::kill(pid, SIGINT);
+                    ::kill(pid, c.signal);
                 }
             });
         ASSERT_TRUE(sent) << r.out;
-        EXPECT_EQ(r.status, 130) << r.out;
+        EXPECT_EQ(r.status, c.status) << r.out;
         const std::string message = "trelvane: cancelled — nothing written\n";
         const auto told = r.out.find(message);
         ASSERT_NE(told, std::string::npos) << r.out;
