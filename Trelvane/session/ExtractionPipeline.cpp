@@ -59,7 +59,7 @@ std::vector<float> SyncViewModel::buildWaveform(std::span<const float> samples, 
 }
 
 ExtractOutcome SyncViewModel::extractClip(const Url& url, int factor, double expectedSeconds,
-                                          const std::function<void(double)>& onSub) {
+                                          const std::function<void(double)>& onSub, std::stop_token stop) {
     auto report = [&onSub](double fraction) {
         if (onSub) onSub(fraction);
     };
@@ -78,9 +78,12 @@ ExtractOutcome SyncViewModel::extractClip(const Url& url, int factor, double exp
     // Decode even when only one part is missing; the part that was cached stands.
     AudioExtractor::Extraction audio;
     try {
-        audio = AudioExtractor::extract(url, expectedSeconds, [&report](double p) { report(p * 0.8); });
+        audio = AudioExtractor::extract(
+            url, expectedSeconds, [&report](double p) { report(p * 0.8); }, std::move(stop));
     } catch (const TrelvaneError& e) {
         using K = TrelvaneError::Kind;
+        // Nobody waits for this outcome any more, and the clip is not at fault.
+        if (e.kind() == K::stopped) return ExtractFailed{e.description()};
         if (e.kind() == K::noAudioTrack || e.kind() == K::emptySamples)
             return NoUsableAudio{AudioUsability::none, e.description(), std::nullopt};
         if (e.kind() == K::silentAudio) return NoUsableAudio{AudioUsability::silent, e.description(), std::nullopt};

@@ -41,8 +41,9 @@ struct SessionStages {
         applyDayRegions;
 
     // Worker. One clip's analysis: `factor` is the envelope's decimation, `onSub` a fraction 0…1.
+    // A stop ends a decode under way; what it then returns is dropped.
     std::function<ExtractOutcome(const Url& url, int factor, double expectedSeconds,
-                                 const std::function<void(double)>& onSub)>
+                                 const std::function<void(double)>& onSub, std::stop_token stop)>
         extractClip;
 
     // Worker. Holds the feature cache to its rules (age, and at most `ceilingBytes` in all), once

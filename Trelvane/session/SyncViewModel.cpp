@@ -457,7 +457,7 @@ void SyncViewModel::extractWaveforms(std::uint64_t generation, Step done) {
                         vm.reportExtractProgress(totalWork, job.name);
                     });
                 };
-                return extract(job.url, kEnvelopeFactor, job.duration, onSub);
+                return extract(job.url, kEnvelopeFactor, job.duration, onSub, stop);
             },
             [&](std::size_t i, ExtractOutcome outcome) {
                 const ExtractJob job = jobs[i];

@@ -202,9 +202,10 @@ class SyncViewModel : public std::enable_shared_from_this<SyncViewModel> {
     static std::vector<float> buildWaveform(std::span<const float> samples, double duration);
     // One clip's analysis: from the feature cache when both parts are there (the media file is
     // not read), else decoded; what was computed is stored back in the cache. Decoding is the
-    // first 80 % of `onSub`. Decoder errors become an outcome, never an exception.
+    // first 80 % of `onSub`; `stop` ends it where it stands. Decoder errors become an outcome,
+    // never an exception.
     static ExtractOutcome extractClip(const Url& url, int factor, double expectedSeconds,
-                                      const std::function<void(double)>& onSub);
+                                      const std::function<void(double)>& onSub, std::stop_token stop = {});
 
     // ---- helpers shared with the stages' drivers ---------------------------------------------
     // The one-line summary of what failed, or nothing.

@@ -184,8 +184,9 @@ struct ReadFailure {};
 
 class Reader {
   public:
-    Reader(const Url& url, double expectedSeconds, const Progress& onProgress)
-        : url_(url), name_(url.lastPathComponent()), mix_(name_, expectedSeconds, onProgress) {}
+    Reader(const Url& url, double expectedSeconds, const Progress& onProgress, std::stop_token stop)
+        : url_(url), name_(url.lastPathComponent()), mix_(name_, expectedSeconds, onProgress),
+          stop_(std::move(stop)) {}
 
     std::vector<float> run() {
         open();
@@ -311,6 +312,7 @@ class Reader {
         frame_ = frame.get();
         mix_.reserve();
         while (true) {
+            if (stop_.stop_requested()) throw TrelvaneError::stopped(name_);
             const int got = av_read_frame(format_.get(), packet.get());
             if (got == AVERROR_EOF) break;
             if (got < 0) {
@@ -422,6 +424,7 @@ class Reader {
     Url url_;
     std::string name_;
     Mix mix_;
+    std::stop_token stop_;
     FormatPtr format_;
     std::vector<std::unique_ptr<StreamReader>> streams_;
     std::vector<StreamReader*> streamsByIndex_;
@@ -465,9 +468,9 @@ Extraction finish(std::vector<float> samples, const std::string& name) {
 
 } // namespace
 
-Extraction extract(const Url& url, double expectedSeconds, const Progress& onProgress) {
+Extraction extract(const Url& url, double expectedSeconds, const Progress& onProgress, std::stop_token stop) {
     if (Files::lowercased(url.pathExtension()) == "braw") return detail::extractBRAW(url, onProgress);
-    Reader reader(url, expectedSeconds, onProgress);
+    Reader reader(url, expectedSeconds, onProgress, std::move(stop));
     Extraction result = finish(reader.run(), url.lastPathComponent());
     result.cutShort = reader.cutShort();
     return result;

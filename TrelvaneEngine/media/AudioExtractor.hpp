@@ -14,6 +14,7 @@
 
 #include <functional>
 #include <span>
+#include <stop_token>
 #include <string>
 #include <vector>
 
@@ -58,8 +59,11 @@ using Progress = std::function<void(double)>;
 //                      with `cutShort` set);
 //   silentAudio        the peak of the mix is 0.001 or less;
 //   readFailed         longer than kLongestExtraction, a resampler that can't be built, or a
-//                      .braw clip that can't be read (with the SDK's or availability message).
-Extraction extract(const Url& url, double expectedSeconds, const Progress& onProgress = {});
+//                      .braw clip that can't be read (with the SDK's or availability message);
+//   stopped            `stop` was requested while the file was read: a long recording takes many
+//                      seconds to decode, and a user who cancels should not wait for it.
+Extraction extract(const Url& url, double expectedSeconds, const Progress& onProgress = {},
+                   std::stop_token stop = {});
 
 // ---- exposed for tests -----------------------------------------------------------------------
 // Parts of `extract`, not meant to be called from elsewhere.

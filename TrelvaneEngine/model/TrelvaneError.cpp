@@ -22,6 +22,8 @@ std::string describe(TrelvaneError::Kind kind, const std::string& s) {
         return "Correlation failed: " + s;
     case K::notEnoughTracks:
         return "Need at least 2 tracks";
+    case K::stopped:
+        return "Stopped reading \"" + s + "\"";
     }
     return {};
 }

@@ -17,6 +17,7 @@ class TrelvaneError : public std::exception {
         silentAudio,
         correlationFailed,
         notEnoughTracks,
+        stopped, // the caller asked a decode to stop; nothing of it stands
     };
 
     static TrelvaneError noAudioTrack(std::string s) { return {Kind::noAudioTrack, std::move(s)}; }
@@ -26,6 +27,7 @@ class TrelvaneError : public std::exception {
     static TrelvaneError silentAudio(std::string s) { return {Kind::silentAudio, std::move(s)}; }
     static TrelvaneError correlationFailed(std::string s) { return {Kind::correlationFailed, std::move(s)}; }
     static TrelvaneError notEnoughTracks() { return {Kind::notEnoughTracks, {}}; }
+    static TrelvaneError stopped(std::string s) { return {Kind::stopped, std::move(s)}; }
 
     Kind kind() const { return kind_; }
     // The case's string, as a rule a file name; empty for `notEnoughTracks`.

@@ -347,6 +347,45 @@ TEST(AudioExtractor, ReportsProgressInStepsOfAtLeastOnePercentNeverAboveOne) {
     EXPECT_TRUE(check(-3).empty());
 }
 
+// A stop asked for while a file is read ends the read there: half way through a long file, or
+// before the first packet.
+TEST(AudioExtractor, AStopEndsTheReadWhereItStands) {
+    TempDir tmp;
+    const auto file = tmp / "long.wav";
+    ASSERT_TRUE(sh("sox -n -r 16000 -b 16 -c 1 " + q(file) + " synth 120 pinknoise vol 0.3"));
+    const Url url = Url::fromPath(file);
+
+    std::stop_source halfWay;
+    double lastSeen = 0;
+    try {
+        AE::extract(
+            url, 120,
+            [&](double p) {
+                lastSeen = p;
+                if (p >= 0.5) halfWay.request_stop();
+            },
+            halfWay.get_token());
+        ADD_FAILURE() << "the read went on to the end";
+    } catch (const TrelvaneError& e) {
+        EXPECT_EQ(e.kind(), TrelvaneError::Kind::stopped);
+        EXPECT_EQ(e.description(), "Stopped reading \"long.wav\"");
+    }
+    EXPECT_LT(lastSeen, 0.6);
+
+    std::stop_source before;
+    before.request_stop();
+    int reports = 0;
+    try {
+        AE::extract(url, 120, [&](double) { ++reports; }, before.get_token());
+        ADD_FAILURE() << "a stopped read decoded the file";
+    } catch (const TrelvaneError& e) {
+        EXPECT_EQ(e.kind(), TrelvaneError::Kind::stopped);
+    }
+    EXPECT_EQ(reports, 0);
+    // Without a stop the same file reads whole.
+    EXPECT_NEAR(AE::extract(url, 120).duration, 120.0, 0.01);
+}
+
 // ---- levelling ----------------------------------------------------------------------------------------
 
 TEST(AudioExtractorLevel, ScalesAClipOfOneWindowToHalfAndLeavesNearSilenceAlone) {
