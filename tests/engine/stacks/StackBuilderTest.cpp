@@ -3,7 +3,6 @@
 #include "MediaSupport.hpp"
 #include "TestSupport.hpp"
 #include "TrelvaneEngine/features/SpectralBands.hpp"
-#include "TrelvaneEngine/media/AudioExtractor.hpp"
 
 #include <gtest/gtest.h>
 
@@ -535,11 +534,7 @@ class StackBuilderTakes : public ::testing::Test {
                          test::quoted(out.string()));
             if (HasFatalFailure()) return;
 
-            ClipItem c;
-            c.url = Url::fromPath(out);
-            const auto extraction = AudioExtractor::extract(c.url, 0);
-            c.duration = extraction.duration;
-            c.bandFeature = SpectralBands::compute(extraction.samples);
+            ClipItem c = test::analysedClip(out);
             if (plan.picture) c.pictureURL = Url::fromPath(*dir_ / (plan.name + ".mov"));
             if (plan.minute) c.recordingDate = test::localDate(2024, 6, 2, 9, *plan.minute, 0);
             c.deviceName = "cam";

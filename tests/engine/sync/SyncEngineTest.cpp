@@ -3,7 +3,6 @@
 #include "TestSupport.hpp"
 #include "engine/sync/SyncFixtures.hpp"
 
-#include "TrelvaneEngine/media/AudioExtractor.hpp"
 #include "TrelvaneEngine/sync/SyncEngine.hpp"
 
 #include <gtest/gtest.h>
@@ -337,11 +336,7 @@ TEST(SyncEngine, RealChannelFilesFollowTheirLeaderAndAnUnrelatedFileDoesNot) {
                       "[s][n]amix=inputs=2:duration=first:normalize=0[out]") +
                " -map '[out]' -c:a pcm_s24le " + quoted(out.string()));
         if (HasFatalFailure()) return;
-        ClipItem c;
-        c.url = Url::fromPath(out);
-        const auto audio = AudioExtractor::extract(c.url, 0);
-        c.duration = audio.duration;
-        c.bandFeature = SpectralBands::compute(audio.samples);
+        ClipItem c = analysedClip(out);
         TrackSource t;
         t.name = take.name.substr(6);
         t.type = SourceType::audio;
