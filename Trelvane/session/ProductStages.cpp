@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 #include "Trelvane/session/ProductStages.hpp"
 #include "Trelvane/session/SyncViewModel.hpp"
+#include "TrelvaneEngine/features/ClipAnalysis.hpp"
 #include "TrelvaneEngine/ingest/IngestEngine.hpp"
 #include "TrelvaneEngine/media/EnvelopeCache.hpp"
 #include "TrelvaneEngine/stacks/StackBuilder.hpp"
@@ -21,7 +22,11 @@ SessionStages productStages() {
     stages.applyCameraGroups = IngestEngine::applyCameraGroups;
     stages.detectDayRegions = IngestEngine::detectDayRegions;
     stages.applyDayRegions = IngestEngine::applyDayRegions;
-    stages.extractClip = SyncViewModel::extractClip;
+    stages.extractClip = [](const Url& url, int factor, double expectedSeconds,
+                            const std::function<void(double)>& onSub, std::stop_token stop) {
+        return ClipAnalysis::analyse(url, factor, expectedSeconds, onSub, std::move(stop),
+                                     [](const std::string& ext) { return FormatAdvisory::catalog().contains(ext); });
+    };
     stages.pruneCache = [](std::int64_t ceilingBytes) {
         EnvelopeCache::prune(dateNow(), EnvelopeCache::cacheDir(), ceilingBytes);
     };

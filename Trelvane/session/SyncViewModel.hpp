@@ -197,16 +197,6 @@ class SyncViewModel : public std::enable_shared_from_this<SyncViewModel> {
     void setSidebarWidth(double width);
 
     // ---- the analysis of one clip, on a worker ---------------------------------------------------
-    // The peak bars drawn in the timeline: one bar a second, 10 to 1000 bars, each the square root
-    // of its block's RMS over the largest RMS (the root lifts quiet passages into view).
-    static std::vector<float> buildWaveform(std::span<const float> samples, double duration);
-    // One clip's analysis: from the feature cache when both parts are there (the media file is
-    // not read), else decoded; what was computed is stored back in the cache. Decoding is the
-    // first 80 % of `onSub`; `stop` ends it where it stands. Decoder errors become an outcome,
-    // never an exception.
-    static ExtractOutcome extractClip(const Url& url, int factor, double expectedSeconds,
-                                      const std::function<void(double)>& onSub, std::stop_token stop = {});
-
     // ---- helpers shared with the stages' drivers ---------------------------------------------
     // The one-line summary of what failed, or nothing.
     static std::optional<std::string> summarizeFailures(const Sources& sources);

@@ -1,8 +1,6 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
-// The worker side of the analysis: what one clip's job computes.
-#include "Trelvane/session/SyncViewModel.hpp"
+#include "TrelvaneEngine/features/ClipAnalysis.hpp"
 
-#include "TrelvaneEngine/features/SpectralBands.hpp"
 #include "TrelvaneEngine/features/SyncCorrelator.hpp"
 #include "TrelvaneEngine/media/AudioExtractor.hpp"
 #include "TrelvaneEngine/media/EnvelopeCache.hpp"
@@ -36,7 +34,9 @@ std::string unreadableReason(const Url& url, const TrelvaneError& error) {
 
 } // namespace
 
-std::vector<float> SyncViewModel::buildWaveform(std::span<const float> samples, double duration) {
+namespace ClipAnalysis {
+
+std::vector<float> waveform(std::span<const float> samples, double duration) {
     if (samples.empty() || !(duration > 0)) return {};
     const auto bars = static_cast<std::size_t>(std::clamp(std::floor(duration), 10.0, 1000.0));
     const std::size_t block = std::max<std::size_t>(1, samples.size() / bars);
@@ -58,10 +58,11 @@ std::vector<float> SyncViewModel::buildWaveform(std::span<const float> samples, 
     return out;
 }
 
-ExtractOutcome SyncViewModel::extractClip(const Url& url, int factor, double expectedSeconds,
-                                          const std::function<void(double)>& onSub, std::stop_token stop) {
-    auto report = [&onSub](double fraction) {
-        if (onSub) onSub(fraction);
+ExtractOutcome analyse(const Url& url, int factor, double expectedSeconds,
+                       const std::function<void(double)>& onProgress, std::stop_token stop,
+                       const KnownFormat& knownFormat) {
+    auto report = [&onProgress](double fraction) {
+        if (onProgress) onProgress(fraction);
     };
     std::optional<EnvelopeCache::Pair> pair = EnvelopeCache::loadPair(url);
     std::optional<SpectralBands::Feature> bands = EnvelopeCache::loadBands(url);
@@ -88,7 +89,7 @@ ExtractOutcome SyncViewModel::extractClip(const Url& url, int factor, double exp
             return NoUsableAudio{AudioUsability::none, e.description(), std::nullopt};
         if (e.kind() == K::silentAudio) return NoUsableAudio{AudioUsability::silent, e.description(), std::nullopt};
         const std::string ext = Files::lowercased(url.pathExtension());
-        if (FormatAdvisory::catalog().contains(ext))
+        if (knownFormat && knownFormat(ext))
             return NoUsableAudio{AudioUsability::undecodable, "container not decodable (" + ext + ")", ext};
         EngineLog::log("Extraction failed for " + url.lastPathComponent() + ": " + e.description());
         return ExtractFailed{e.kind() == K::readerStartFailed ? unreadableReason(url, e) : e.description()};
@@ -114,7 +115,7 @@ ExtractOutcome SyncViewModel::extractClip(const Url& url, int factor, double exp
         payload.preview = std::move(pair->preview);
         payload.envelope = std::move(pair->envelope);
     } else {
-        payload.preview = buildWaveform(audio.samples, audio.duration);
+        payload.preview = waveform(audio.samples, audio.duration);
         payload.envelope = CrossCorrelator::magnitudeEnvelope(audio.samples, factor);
         storePair = true;
     }
@@ -134,4 +135,5 @@ ExtractOutcome SyncViewModel::extractClip(const Url& url, int factor, double exp
     return payload;
 }
 
+} // namespace ClipAnalysis
 } // namespace trelvane
