@@ -28,10 +28,10 @@ struct Probe {
     std::optional<double> duration;
     std::optional<float> frameRate;
     std::optional<std::string> device;
-    AudioExtractor::RecordingClock clock;
+    AudioMetadata::RecordingClock clock;
     std::optional<int> channels;
     std::vector<int> channelIndices;
-    std::optional<AudioExtractor::VideoSize> size;
+    std::optional<AudioMetadata::VideoSize> size;
     std::optional<double> timecode;
     std::string timecodeSource; // which reader of the chain gave it
 };
@@ -39,19 +39,19 @@ struct Probe {
 Probe probe(const Url& url) {
     Probe p;
     p.url = url;
-    p.duration = AudioExtractor::readDuration(url);
-    p.frameRate = AudioExtractor::readFrameRate(url);
-    p.device = AudioExtractor::readDeviceInfo(url);
-    p.clock = AudioExtractor::startOfRecording(AudioExtractor::readRecordingClock(url), p.duration);
-    p.channels = AudioExtractor::readChannelCount(url);
+    p.duration = AudioMetadata::readDuration(url);
+    p.frameRate = AudioMetadata::readFrameRate(url);
+    p.device = AudioMetadata::readDeviceInfo(url);
+    p.clock = AudioMetadata::startOfRecording(AudioMetadata::readRecordingClock(url), p.duration);
+    p.channels = AudioMetadata::readChannelCount(url);
     // The load stage reads the indices with the count it merges: 1 when the count is unknown.
-    p.channelIndices = AudioExtractor::readAudioChannelIndices(url, p.channels.value_or(1));
-    p.size = AudioExtractor::readVideoSize(url);
-    if ((p.timecode = AudioExtractor::readMovieTimecode(url)))
+    p.channelIndices = AudioMetadata::readAudioChannelIndices(url, p.channels.value_or(1));
+    p.size = AudioMetadata::readVideoSize(url);
+    if ((p.timecode = AudioMetadata::readMovieTimecode(url)))
         p.timecodeSource = "movie";
-    else if ((p.timecode = AudioExtractor::readSonyNRTMTimecode(url)))
+    else if ((p.timecode = AudioMetadata::readSonyNRTMTimecode(url)))
         p.timecodeSource = "camera-xml";
-    else if ((p.timecode = AudioExtractor::readBWFTimecode(url)))
+    else if ((p.timecode = AudioMetadata::readBWFTimecode(url)))
         p.timecodeSource = "bext";
     return p;
 }

@@ -29,7 +29,7 @@ struct ClipMeta {
     ClockQuality quality = ClockQuality::none;
     int channels = 1;
     std::vector<int> channelMap;
-    std::optional<AudioExtractor::VideoSize> size;
+    std::optional<AudioMetadata::VideoSize> size;
     std::optional<double> timecode;
 };
 
@@ -48,21 +48,21 @@ ClipMeta readClip(const Uuid& id, const Url& url) {
     meta.id = id;
     std::optional<double> duration;
     std::optional<int> channels;
-    AudioExtractor::RecordingClock clock;
+    AudioMetadata::RecordingClock clock;
     try {
         // The seven reads run side by side; the scope ends when all have.
         std::jthread durationRead(
-            [&] { duration = guarded([&] { return AudioExtractor::readDuration(url); }); });
-        std::jthread fpsRead([&] { meta.fps = guarded([&] { return AudioExtractor::readFrameRate(url); }); });
+            [&] { duration = guarded([&] { return AudioMetadata::readDuration(url); }); });
+        std::jthread fpsRead([&] { meta.fps = guarded([&] { return AudioMetadata::readFrameRate(url); }); });
         std::jthread deviceRead(
-            [&] { meta.device = guarded([&] { return AudioExtractor::readDeviceInfo(url); }); });
+            [&] { meta.device = guarded([&] { return AudioMetadata::readDeviceInfo(url); }); });
         std::jthread channelsRead(
-            [&] { channels = guarded([&] { return AudioExtractor::readChannelCount(url); }); });
+            [&] { channels = guarded([&] { return AudioMetadata::readChannelCount(url); }); });
         std::jthread sizeRead(
-            [&] { meta.size = guarded([&] { return AudioExtractor::readVideoSize(url); }); });
+            [&] { meta.size = guarded([&] { return AudioMetadata::readVideoSize(url); }); });
         std::jthread timecodeRead(
-            [&] { meta.timecode = guarded([&] { return AudioExtractor::readTimecode(url); }); });
-        clock = guarded([&] { return AudioExtractor::readRecordingClock(url); });
+            [&] { meta.timecode = guarded([&] { return AudioMetadata::readTimecode(url); }); });
+        clock = guarded([&] { return AudioMetadata::readRecordingClock(url); });
     } catch (...) {
         // A thread that couldn't be started: the clip stays unread (duration 0) and is taken up
         // again by the next load.
@@ -71,12 +71,12 @@ ClipMeta readClip(const Uuid& id, const Url& url) {
         return unread;
     }
     meta.duration = duration.value_or(0);
-    clock = AudioExtractor::startOfRecording(clock, duration);
+    clock = AudioMetadata::startOfRecording(clock, duration);
     meta.date = clock.date;
     meta.quality = clock.quality;
     // A file that can't be opened as media keeps the count a new clip starts with.
     meta.channels = channels.value_or(1);
-    meta.channelMap = guarded([&] { return AudioExtractor::readAudioChannelIndices(url, meta.channels); });
+    meta.channelMap = guarded([&] { return AudioMetadata::readAudioChannelIndices(url, meta.channels); });
     return meta;
 }
 

@@ -21,7 +21,7 @@ extern "C" {
 #include <libavutil/dict.h>
 }
 
-namespace trelvane::AudioExtractor {
+namespace trelvane::AudioMetadata {
 
 namespace {
 
@@ -826,4 +826,4 @@ std::optional<std::string> sonyNonRealTimeMetaXML(const Url& url) {
     return std::nullopt;
 }
 
-} // namespace trelvane::AudioExtractor
+} // namespace trelvane::AudioMetadata

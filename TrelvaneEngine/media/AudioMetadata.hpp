@@ -3,7 +3,7 @@
 
 // What a media file says about itself, short of its sound: the recording clock and how far to
 // trust it, length, frame rate, picture size, channels, timecode and a label of the device that
-// made it. These are the metadata readers of `AudioExtractor` (the decoder lives beside them).
+// made it: the metadata readers, beside the decoder in `AudioExtractor`.
 //
 // Every reader takes a file and returns its value or nothing; none throws, none decodes audio,
 // and each may run on any thread, any number at once. Container facts come from libavformat,
@@ -21,7 +21,7 @@
 #include <string_view>
 #include <vector>
 
-namespace trelvane::AudioExtractor {
+namespace trelvane::AudioMetadata {
 
 // ---- recording clock ------------------------------------------------------------------------
 
@@ -149,4 +149,4 @@ std::optional<double> nrtmTimecodeSeconds(std::string_view xml);
 // boxes are looked at on each level. Nothing for a file that is not such a container.
 std::optional<std::string> sonyNonRealTimeMetaXML(const Url& url);
 
-} // namespace trelvane::AudioExtractor
+} // namespace trelvane::AudioMetadata

@@ -19,7 +19,7 @@ using trelvane::test::localDate;
 using trelvane::test::quoted;
 using trelvane::test::sineInput;
 using trelvane::test::TempDir;
-namespace AE = trelvane::AudioExtractor;
+namespace AM = trelvane::AudioMetadata;
 
 namespace {
 
@@ -124,18 +124,18 @@ std::vector<std::uint8_t> bytesOf(const std::string& s) {
 TEST(RecordingClock, BroadcastWavStampIsTheEmbeddedClock) {
     TempDir tmp;
     const auto wav = bextWav(tmp, "ZOOM0001.WAV", "2024-03-15", "14:30:12");
-    EXPECT_EQ(AE::readBWFOriginationDate(url(wav)), localDate(2024, 3, 15, 14, 30, 12));
-    const auto clock = AE::readRecordingClock(url(wav));
+    EXPECT_EQ(AM::readBWFOriginationDate(url(wav)), localDate(2024, 3, 15, 14, 30, 12));
+    const auto clock = AM::readRecordingClock(url(wav));
     EXPECT_EQ(clock.quality, ClockQuality::embedded);
     EXPECT_EQ(clock.date, localDate(2024, 3, 15, 14, 30, 12));
 
     // The same stamp in a file whose extension isn't a WAV's is not looked for.
     std::filesystem::copy_file(wav, tmp / "ZOOM0001.bin");
-    EXPECT_NE(AE::readRecordingClock(url(tmp / "ZOOM0001.bin")).quality, ClockQuality::embedded);
+    EXPECT_NE(AM::readRecordingClock(url(tmp / "ZOOM0001.bin")).quality, ClockQuality::embedded);
 
     // "wave" counts as well, in any case.
     std::filesystem::copy_file(wav, tmp / "take.WAVE");
-    EXPECT_EQ(AE::readRecordingClock(url(tmp / "take.WAVE")).quality, ClockQuality::embedded);
+    EXPECT_EQ(AM::readRecordingClock(url(tmp / "take.WAVE")).quality, ClockQuality::embedded);
 }
 
 TEST(RecordingClock, RecorderClocksAreReadAsTheMachinesLocalTime) {
@@ -145,20 +145,20 @@ TEST(RecordingClock, RecorderClocksAreReadAsTheMachinesLocalTime) {
     ffmpeg(sineInput(0.5) + " " + quoted(named.string()));
     // UTC+3 (POSIX zone strings count west of Greenwich as positive).
     ZoneOverride zone("TRV-3");
-    EXPECT_EQ(AE::readBWFOriginationDate(url(wav)), utc(2024, 3, 15, 11, 30, 12));
-    EXPECT_EQ(AE::readRecordingClock(url(named)).date, utc(2024, 3, 15, 11, 30, 12));
+    EXPECT_EQ(AM::readBWFOriginationDate(url(wav)), utc(2024, 3, 15, 11, 30, 12));
+    EXPECT_EQ(AM::readRecordingClock(url(named)).date, utc(2024, 3, 15, 11, 30, 12));
     // Dates that carry their own zone keep it.
-    EXPECT_EQ(AE::parseISO8601Date("2024-03-15T14:30:12+09:00"), utc(2024, 3, 15, 5, 30, 12));
-    EXPECT_EQ(AE::parseISO8601Date("2024-03-15T14:30:12.250Z"), utc(2024, 3, 15, 14, 30, 12, 250));
-    EXPECT_EQ(AE::parseISO8601Date("2024-03-15T14:30:12"), utc(2024, 3, 15, 11, 30, 12));
+    EXPECT_EQ(AM::parseISO8601Date("2024-03-15T14:30:12+09:00"), utc(2024, 3, 15, 5, 30, 12));
+    EXPECT_EQ(AM::parseISO8601Date("2024-03-15T14:30:12.250Z"), utc(2024, 3, 15, 14, 30, 12, 250));
+    EXPECT_EQ(AM::parseISO8601Date("2024-03-15T14:30:12"), utc(2024, 3, 15, 11, 30, 12));
 }
 
 TEST(RecordingClock, WavWithoutBextGoesOnToTheFileName) {
     TempDir tmp;
     const auto named = tmp / "CLIP_20240315_143012.wav";
     ffmpeg(sineInput(0.5) + " " + quoted(named.string()));
-    EXPECT_FALSE(AE::readBWFOriginationDate(url(named)));
-    const auto clock = AE::readRecordingClock(url(named));
+    EXPECT_FALSE(AM::readBWFOriginationDate(url(named)));
+    const auto clock = AM::readRecordingClock(url(named));
     EXPECT_EQ(clock.quality, ClockQuality::filename);
     EXPECT_EQ(clock.date, localDate(2024, 3, 15, 14, 30, 12));
 
@@ -169,33 +169,33 @@ TEST(RecordingClock, WavWithoutBextGoesOnToTheFileName) {
         std::chrono::file_clock::from_sys(std::chrono::time_point_cast<std::chrono::system_clock::duration>(
             std::chrono::sys_days(std::chrono::year{2023} / 7 / 1) + std::chrono::hours(9)));
     std::filesystem::last_write_time(plain, mtime);
-    const auto fromFile = AE::readRecordingClock(url(plain));
+    const auto fromFile = AM::readRecordingClock(url(plain));
     EXPECT_EQ(fromFile.quality, ClockQuality::filesystem);
     EXPECT_EQ(fromFile.date, utc(2023, 7, 1, 9, 0, 0));
 }
 
 TEST(RecordingClock, AFileDateIsTheEndOfTheTakeAndTheStampsAreItsStart) {
     const Date written = utc(2023, 7, 1, 9, 0, 0);
-    const auto start = AE::startOfRecording({written, ClockQuality::filesystem}, 90.5);
+    const auto start = AM::startOfRecording({written, ClockQuality::filesystem}, 90.5);
     EXPECT_EQ(start.quality, ClockQuality::filesystem);
     EXPECT_EQ(start.date, utc(2023, 7, 1, 8, 58, 29) + std::chrono::milliseconds(500));
     // Stamps the device wrote, or read from the name or the container, are already the start.
     for (const auto q : {ClockQuality::asset, ClockQuality::filename, ClockQuality::embedded})
-        EXPECT_EQ(AE::startOfRecording({written, q}, 90.5).date, written);
+        EXPECT_EQ(AM::startOfRecording({written, q}, 90.5).date, written);
     // Without a length to go back by, the file date is the best there is.
     for (const auto length : {std::optional<double>{}, std::optional<double>{0.0}, std::optional<double>{-3.0},
                               std::optional<double>{std::nan("")}})
-        EXPECT_EQ(AE::startOfRecording({written, ClockQuality::filesystem}, length).date, written);
-    EXPECT_FALSE(AE::startOfRecording({std::nullopt, ClockQuality::none}, 10.0).date);
+        EXPECT_EQ(AM::startOfRecording({written, ClockQuality::filesystem}, length).date, written);
+    EXPECT_FALSE(AM::startOfRecording({std::nullopt, ClockQuality::none}, 10.0).date);
 }
 
 TEST(RecordingClock, BextStampWinsOverTheFileNameAndAnEmptyStampDoesNot) {
     TempDir tmp;
     const auto wav = bextWav(tmp, "CLIP_20200101_000000.wav", "2024-03-15", "14:30:12");
-    EXPECT_EQ(AE::readRecordingClock(url(wav)).date, localDate(2024, 3, 15, 14, 30, 12));
+    EXPECT_EQ(AM::readRecordingClock(url(wav)).date, localDate(2024, 3, 15, 14, 30, 12));
     // A recorder with an unset clock leaves the fields empty.
     const auto blank = bextWav(tmp, "CLIP_20200101_000001.wav", "''", "''");
-    const auto clock = AE::readRecordingClock(url(blank));
+    const auto clock = AM::readRecordingClock(url(blank));
     EXPECT_EQ(clock.quality, ClockQuality::filename);
     EXPECT_EQ(clock.date, localDate(2020, 1, 1, 0, 0, 1));
 }
@@ -210,10 +210,10 @@ TEST(RecordingClock, Rf64FileCarriesItsBextToo) {
     ASSERT_TRUE(wave->format);
     EXPECT_EQ(wave->format->sampleRate, 48000u);
     EXPECT_EQ(wave->dataBytes, 96000u);
-    EXPECT_EQ(AE::readRecordingClock(url(wav)),
-              (AE::RecordingClock{localDate(2024, 3, 15, 23, 59, 58), ClockQuality::embedded}));
-    EXPECT_EQ(AE::readDeviceInfo(url(wav)), "Sound Devices 888");
-    EXPECT_NEAR(*AE::readDuration(url(wav)), 1.0, 1e-6);
+    EXPECT_EQ(AM::readRecordingClock(url(wav)),
+              (AM::RecordingClock{localDate(2024, 3, 15, 23, 59, 58), ClockQuality::embedded}));
+    EXPECT_EQ(AM::readDeviceInfo(url(wav)), "Sound Devices 888");
+    EXPECT_NEAR(*AM::readDuration(url(wav)), 1.0, 1e-6);
 }
 
 TEST(RecordingClock, BextShorterThanItsDateFieldsIsIgnored) {
@@ -224,14 +224,14 @@ TEST(RecordingClock, BextShorterThanItsDateFieldsIsIgnored) {
         tmp.file("short.wav", riff(chunk("fmt ", fmtPayload(1)) +
                                    chunk("bext", bextPayload("X", "2024-03-15", "14:30:12", 0, 337)) + data));
     EXPECT_FALSE(RiffReader::read(url(shortBext))->bext);
-    EXPECT_FALSE(AE::readBWFOriginationDate(url(shortBext)));
-    EXPECT_EQ(AE::readRecordingClock(url(shortBext)).quality, ClockQuality::filesystem);
+    EXPECT_FALSE(AM::readBWFOriginationDate(url(shortBext)));
+    EXPECT_EQ(AM::readRecordingClock(url(shortBext)).quality, ClockQuality::filesystem);
     // Exactly 338 bytes hold both fields but no time reference.
     const auto exact = tmp.file(
         "exact.wav", riff(chunk("fmt ", fmtPayload(1)) +
                           chunk("bext", bextPayload("X", "2024-03-15", "14:30:12", 48000, 338)) + data));
-    EXPECT_EQ(AE::readBWFOriginationDate(url(exact)), localDate(2024, 3, 15, 14, 30, 12));
-    EXPECT_FALSE(AE::readBWFTimecode(url(exact)));
+    EXPECT_EQ(AM::readBWFOriginationDate(url(exact)), localDate(2024, 3, 15, 14, 30, 12));
+    EXPECT_FALSE(AM::readBWFTimecode(url(exact)));
 }
 
 TEST(RecordingClock, MovieCreationDateIsTheAssetClock) {
@@ -240,9 +240,9 @@ TEST(RecordingClock, MovieCreationDateIsTheAssetClock) {
     ffmpeg("-f lavfi -i testsrc=size=160x120:rate=25:duration=1 -c:v libx264 -preset ultrafast "
            "-metadata creation_time=2024-03-15T14:30:12Z " +
            quoted(mov.string()));
-    EXPECT_EQ(AE::readAssetCreationDate(url(mov)), utc(2024, 3, 15, 14, 30, 12));
-    EXPECT_EQ(AE::readRecordingClock(url(mov)),
-              (AE::RecordingClock{utc(2024, 3, 15, 14, 30, 12), ClockQuality::asset}));
+    EXPECT_EQ(AM::readAssetCreationDate(url(mov)), utc(2024, 3, 15, 14, 30, 12));
+    EXPECT_EQ(AM::readRecordingClock(url(mov)),
+              (AM::RecordingClock{utc(2024, 3, 15, 14, 30, 12), ClockQuality::asset}));
 
     // A phone's own creation date, with its zone, comes first.
     const auto phone = tmp / "IMG_0001.mov";
@@ -250,29 +250,29 @@ TEST(RecordingClock, MovieCreationDateIsTheAssetClock) {
            "-movflags use_metadata_tags -metadata com.apple.quicktime.creationdate=2024-03-15T14:30:12+0100 "
            "-metadata creation_time=2024-03-15T20:00:00Z " +
            quoted(phone.string()));
-    EXPECT_EQ(AE::readAssetCreationDate(url(phone)), utc(2024, 3, 15, 13, 30, 12));
+    EXPECT_EQ(AM::readAssetCreationDate(url(phone)), utc(2024, 3, 15, 13, 30, 12));
 
     // A WAV's "creation_time" is a time of day without a date: no asset date.
     const auto wav = bextWav(tmp, "x.wav", "----------", "14:30:12");
-    EXPECT_FALSE(AE::readAssetCreationDate(url(wav)));
-    EXPECT_EQ(AE::readRecordingClock(url(wav)).quality, ClockQuality::filesystem);
+    EXPECT_FALSE(AM::readAssetCreationDate(url(wav)));
+    EXPECT_EQ(AM::readRecordingClock(url(wav)).quality, ClockQuality::filesystem);
 }
 
 TEST(RecordingClock, FileThatIsGoneHasNoClock) {
     TempDir tmp;
     const auto gone = tmp / "CLIP_gone.wav";
-    EXPECT_EQ(AE::readRecordingClock(url(gone)), AE::RecordingClock{});
+    EXPECT_EQ(AM::readRecordingClock(url(gone)), AM::RecordingClock{});
     // The name alone still dates a vanished file: it needs nothing from the disk.
-    EXPECT_EQ(AE::readRecordingClock(url(tmp / "CLIP_20240315_143012.wav")).quality, ClockQuality::filename);
+    EXPECT_EQ(AM::readRecordingClock(url(tmp / "CLIP_20240315_143012.wav")).quality, ClockQuality::filename);
 }
 
 TEST(DateParsing, BroadcastWavFieldsTakeAnySeparatorAndRefuseNonsense) {
     const auto expected = localDate(2024, 3, 15, 14, 30, 12);
-    EXPECT_EQ(AE::parseBWFDate("2024-03-15", "14:30:12"), expected);
-    EXPECT_EQ(AE::parseBWFDate("2024:03:15", "14-30-12"), expected);
-    EXPECT_EQ(AE::parseBWFDate("2024_03_15", "14.30.12"), expected);
-    EXPECT_EQ(AE::parseBWFDate("2024 03 15", "14 30 12"), expected);
-    EXPECT_EQ(AE::parseBWFDate("2024-02-29", "00:00:00"), localDate(2024, 2, 29, 0, 0, 0));
+    EXPECT_EQ(AM::parseBWFDate("2024-03-15", "14:30:12"), expected);
+    EXPECT_EQ(AM::parseBWFDate("2024:03:15", "14-30-12"), expected);
+    EXPECT_EQ(AM::parseBWFDate("2024_03_15", "14.30.12"), expected);
+    EXPECT_EQ(AM::parseBWFDate("2024 03 15", "14 30 12"), expected);
+    EXPECT_EQ(AM::parseBWFDate("2024-02-29", "00:00:00"), localDate(2024, 2, 29, 0, 0, 0));
     for (const auto& [date, time] :
          std::vector<std::pair<std::string, std::string>>{{"", ""},
                                                           {"2024-03-15", ""},
@@ -287,34 +287,34 @@ TEST(DateParsing, BroadcastWavFieldsTakeAnySeparatorAndRefuseNonsense) {
                                                           {"2024-03-1x", "14:30:12"},
                                                           {"2024-03-15", "143012  "},
                                                           {"0000-00-00", "00:00:00"}})
-        EXPECT_FALSE(AE::parseBWFDate(date, time)) << date << " " << time;
+        EXPECT_FALSE(AM::parseBWFDate(date, time)) << date << " " << time;
 }
 
 TEST(DateParsing, IsoDatesKeepTheirZoneAndRefuseNonsense) {
-    EXPECT_EQ(AE::parseISO8601Date("2014-08-21T10:57:01+09:00"), utc(2014, 8, 21, 1, 57, 1));
-    EXPECT_EQ(AE::parseISO8601Date("2014-08-21T10:57:01-0230"), utc(2014, 8, 21, 13, 27, 1));
-    EXPECT_EQ(AE::parseISO8601Date("2014-08-21T10:57:01+02"), utc(2014, 8, 21, 8, 57, 1));
-    EXPECT_EQ(AE::parseISO8601Date("2014-08-21 10:57:01.5Z"), utc(2014, 8, 21, 10, 57, 1, 500));
-    EXPECT_EQ(AE::parseISO8601Date("2025-06-14T19:30:07.200000Z"), utc(2025, 6, 14, 19, 30, 7, 200));
-    EXPECT_EQ(AE::parseISO8601Date("2014-08-21T10:57:01"), localDate(2014, 8, 21, 10, 57, 1));
+    EXPECT_EQ(AM::parseISO8601Date("2014-08-21T10:57:01+09:00"), utc(2014, 8, 21, 1, 57, 1));
+    EXPECT_EQ(AM::parseISO8601Date("2014-08-21T10:57:01-0230"), utc(2014, 8, 21, 13, 27, 1));
+    EXPECT_EQ(AM::parseISO8601Date("2014-08-21T10:57:01+02"), utc(2014, 8, 21, 8, 57, 1));
+    EXPECT_EQ(AM::parseISO8601Date("2014-08-21 10:57:01.5Z"), utc(2014, 8, 21, 10, 57, 1, 500));
+    EXPECT_EQ(AM::parseISO8601Date("2025-06-14T19:30:07.200000Z"), utc(2025, 6, 14, 19, 30, 7, 200));
+    EXPECT_EQ(AM::parseISO8601Date("2014-08-21T10:57:01"), localDate(2014, 8, 21, 10, 57, 1));
     for (const char* bad : {"", "19:30:01", "2014-08-21", "2014-08-21T10:57", "2014-08-21T10:57:01+9",
                             "2014-08-21T10:57:01Zjunk", "2014-08-21T10:57:01.", "2014-02-30T10:57:01Z",
                             "2014/08/21T10:57:01Z", "2014-08-21T10:57:01+24:00"})
-        EXPECT_FALSE(AE::parseISO8601Date(bad)) << bad;
+        EXPECT_FALSE(AM::parseISO8601Date(bad)) << bad;
 }
 
 TEST(DateParsing, FileNameDateMustEndTheName) {
     const auto expected = localDate(2024, 3, 15, 14, 30, 12);
-    EXPECT_EQ(AE::dateFromFilename("CLIP_20240315_143012"), expected);
-    EXPECT_EQ(AE::dateFromFilename("CLIP_20240315_143012.wav"), expected);
-    EXPECT_EQ(AE::dateFromFilename("20240315_143012"), expected);
-    EXPECT_EQ(AE::dateFromFilename("x920240315_143012.MP4"), expected);
-    EXPECT_FALSE(AE::dateFromFilename("CLIP_20240315_143012_2.wav"));
-    EXPECT_FALSE(AE::dateFromFilename("CLIP_20240315-143012.wav"));
-    EXPECT_FALSE(AE::dateFromFilename("CLIP_2024031_143012.wav"));
-    EXPECT_FALSE(AE::dateFromFilename("CLIP_20241315_143012.wav"));
-    EXPECT_FALSE(AE::dateFromFilename("CLIP_20240315_246012.wav"));
-    EXPECT_FALSE(AE::dateFromFilename(""));
+    EXPECT_EQ(AM::dateFromFilename("CLIP_20240315_143012"), expected);
+    EXPECT_EQ(AM::dateFromFilename("CLIP_20240315_143012.wav"), expected);
+    EXPECT_EQ(AM::dateFromFilename("20240315_143012"), expected);
+    EXPECT_EQ(AM::dateFromFilename("x920240315_143012.MP4"), expected);
+    EXPECT_FALSE(AM::dateFromFilename("CLIP_20240315_143012_2.wav"));
+    EXPECT_FALSE(AM::dateFromFilename("CLIP_20240315-143012.wav"));
+    EXPECT_FALSE(AM::dateFromFilename("CLIP_2024031_143012.wav"));
+    EXPECT_FALSE(AM::dateFromFilename("CLIP_20241315_143012.wav"));
+    EXPECT_FALSE(AM::dateFromFilename("CLIP_20240315_246012.wav"));
+    EXPECT_FALSE(AM::dateFromFilename(""));
 }
 
 // ---- camera XML ----------------------------------------------------------------------------------
@@ -356,36 +356,36 @@ TEST(CameraXml, EmbeddedXmlGivesClockTimecodeAndDevice) {
     append(mp4,
            box("meta", std::string(4, '\0') + box("hdlr", std::string(24, '\0')) + box("xml ", kCameraXml)));
 
-    ASSERT_TRUE(AE::sonyNonRealTimeMetaXML(url(mp4)));
-    EXPECT_EQ(AE::readSonyXMLDate(url(mp4)), utc(2024, 3, 15, 5, 30, 12));
-    EXPECT_EQ(AE::readRecordingClock(url(mp4)),
-              (AE::RecordingClock{utc(2024, 3, 15, 5, 30, 12), ClockQuality::embedded}));
+    ASSERT_TRUE(AM::sonyNonRealTimeMetaXML(url(mp4)));
+    EXPECT_EQ(AM::readSonyXMLDate(url(mp4)), utc(2024, 3, 15, 5, 30, 12));
+    EXPECT_EQ(AM::readRecordingClock(url(mp4)),
+              (AM::RecordingClock{utc(2024, 3, 15, 5, 30, 12), ClockQuality::embedded}));
     // 01:34:56:12 at 25 fps.
-    ASSERT_TRUE(AE::readSonyNRTMTimecode(url(mp4)));
-    EXPECT_DOUBLE_EQ(*AE::readSonyNRTMTimecode(url(mp4)), 3600 + 34 * 60 + 56 + 12.0 / 25);
-    EXPECT_EQ(AE::readTimecode(url(mp4)), AE::readSonyNRTMTimecode(url(mp4)));
-    EXPECT_EQ(AE::readDeviceInfo(url(mp4)), "Sony ILCE-7SM3");
+    ASSERT_TRUE(AM::readSonyNRTMTimecode(url(mp4)));
+    EXPECT_DOUBLE_EQ(*AM::readSonyNRTMTimecode(url(mp4)), 3600 + 34 * 60 + 56 + 12.0 / 25);
+    EXPECT_EQ(AM::readTimecode(url(mp4)), AM::readSonyNRTMTimecode(url(mp4)));
+    EXPECT_EQ(AM::readDeviceInfo(url(mp4)), "Sony ILCE-7SM3");
     // The container still reads as before.
-    EXPECT_EQ(AE::readVideoSize(url(mp4)), (AE::VideoSize{160, 120}));
+    EXPECT_EQ(AM::readVideoSize(url(mp4)), (AM::VideoSize{160, 120}));
 
-    EXPECT_EQ(AE::nrtmTimecodeSeconds(kCameraXml), AE::readSonyNRTMTimecode(url(mp4)));
+    EXPECT_EQ(AM::nrtmTimecodeSeconds(kCameraXml), AM::readSonyNRTMTimecode(url(mp4)));
 
     // Inside "moov"'s "udta" it is found as well.
     const auto nested = tmp.file("C0002.MP4", box("ftyp", "isom") + box("mdat", std::string(64, '\0')) +
                                                   box("moov", box("mvhd", std::string(100, '\0')) +
                                                                   box("udta", box("xml ", kCameraXml))));
-    EXPECT_EQ(AE::readSonyXMLDate(url(nested)), utc(2024, 3, 15, 5, 30, 12));
+    EXPECT_EQ(AM::readSonyXMLDate(url(nested)), utc(2024, 3, 15, 5, 30, 12));
     // A box far larger than any XML is not read.
     const auto huge =
         tmp.file("C0003.MP4", box("ftyp", "isom") + box("meta", kCameraXml + std::string(5 << 20, ' ')));
-    EXPECT_FALSE(AE::sonyNonRealTimeMetaXML(url(huge)));
+    EXPECT_FALSE(AM::sonyNonRealTimeMetaXML(url(huge)));
     // An empty lastUpdate is passed over for the next one.
     const auto second =
         tmp.file("C0004.MP4",
                  box("ftyp", "isom") +
                      box("uuid", "<NonRealTimeMeta lastUpdate=\"\"><x lastUpdate=\"2024-01-02T03:04:05Z\"/>"
                                  "</NonRealTimeMeta>"));
-    EXPECT_EQ(AE::readSonyXMLDate(url(second)), utc(2024, 1, 2, 3, 4, 5));
+    EXPECT_EQ(AM::readSonyXMLDate(url(second)), utc(2024, 1, 2, 3, 4, 5));
 }
 
 TEST(CameraXml, TimecodeValuesAreCheckedDigitByDigit) {
@@ -393,44 +393,44 @@ TEST(CameraXml, TimecodeValuesAreCheckedDigitByDigit) {
         return "<NonRealTimeMeta><LtcChangeTable " + table + "><LtcChange frameCount=\"0\" value=\"" + value +
                "\"/></LtcChangeTable></NonRealTimeMeta>";
     };
-    EXPECT_EQ(AE::nrtmTimecodeSeconds(withValue("00000001")), 3600.0);
+    EXPECT_EQ(AM::nrtmTimecodeSeconds(withValue("00000001")), 3600.0);
     // Drop-frame flag kept, counted on the label clock at 30.
-    EXPECT_DOUBLE_EQ(*AE::nrtmTimecodeSeconds(withValue("42000001")), 3600.0 + 2.0 / 30);
+    EXPECT_DOUBLE_EQ(*AM::nrtmTimecodeSeconds(withValue("42000001")), 3600.0 + 2.0 / 30);
     // The rate may come from the picture format instead.
-    EXPECT_DOUBLE_EQ(*AE::nrtmTimecodeSeconds(withValue("24000000", "") + "<VideoFrame formatFps=\"25p\"/>"),
+    EXPECT_DOUBLE_EQ(*AM::nrtmTimecodeSeconds(withValue("24000000", "") + "<VideoFrame formatFps=\"25p\"/>"),
                      24.0 / 25);
-    EXPECT_FALSE(AE::nrtmTimecodeSeconds(withValue("24000000", "")));
-    EXPECT_FALSE(AE::nrtmTimecodeSeconds(withValue("0000000A"))); // not BCD
-    EXPECT_FALSE(AE::nrtmTimecodeSeconds(withValue("30000000"))); // 30 frames at 30 fps
-    EXPECT_FALSE(AE::nrtmTimecodeSeconds(withValue("0000001")));  // seven digits
-    EXPECT_FALSE(AE::nrtmTimecodeSeconds("<NonRealTimeMeta/>"));
+    EXPECT_FALSE(AM::nrtmTimecodeSeconds(withValue("24000000", "")));
+    EXPECT_FALSE(AM::nrtmTimecodeSeconds(withValue("0000000A"))); // not BCD
+    EXPECT_FALSE(AM::nrtmTimecodeSeconds(withValue("30000000"))); // 30 frames at 30 fps
+    EXPECT_FALSE(AM::nrtmTimecodeSeconds(withValue("0000001")));  // seven digits
+    EXPECT_FALSE(AM::nrtmTimecodeSeconds("<NonRealTimeMeta/>"));
 }
 
 TEST(CameraXml, OnlyAnIsoMediaFileIsSearchedAndSidecarsNameTheDevice) {
     TempDir tmp;
     // The XML in a file that is no ISO media file is not looked for.
     const auto text = tmp.file("C0002.MP4", kCameraXml);
-    EXPECT_FALSE(AE::sonyNonRealTimeMetaXML(url(text)));
-    EXPECT_FALSE(AE::readSonyXMLDate(url(text)));
+    EXPECT_FALSE(AM::sonyNonRealTimeMetaXML(url(text)));
+    EXPECT_FALSE(AM::readSonyXMLDate(url(text)));
     // A box that claims more than the file holds ends the walk without a read.
     const auto lying =
         tmp.file("C0003.MP4", box("ftyp", "isom") + std::string("\x7f\xff\xff\xff", 4) + "meta" + kCameraXml);
-    EXPECT_FALSE(AE::sonyNonRealTimeMetaXML(url(lying)));
+    EXPECT_FALSE(AM::sonyNonRealTimeMetaXML(url(lying)));
 
     // A sidecar beside the clip, as cameras write them, names the device.
     const auto mp4 = tmp / "C0004.MP4";
     ffmpeg("-f lavfi -i testsrc=size=160x120:rate=25:duration=1 -c:v libx264 -preset ultrafast " +
            quoted(mp4.string()));
-    EXPECT_TRUE(AE::readDeviceInfo(url(mp4))->starts_with("cam_"));
+    EXPECT_TRUE(AM::readDeviceInfo(url(mp4))->starts_with("cam_"));
     tmp.file("C0004M01.XML",
              "<NonRealTimeMeta><Device manufacturer=\"Sony\" modelName=\"FX3\"/></NonRealTimeMeta>");
-    EXPECT_EQ(AE::readDeviceInfo(url(mp4)), "Sony FX3");
-    EXPECT_EQ(AE::xmlDeviceLabel(
+    EXPECT_EQ(AM::readDeviceInfo(url(mp4)), "Sony FX3");
+    EXPECT_EQ(AM::xmlDeviceLabel(
                   "<Clip><Device><Manufacturer>Canon</Manufacturer><ModelName>Canon EOS C70</ModelName>"
                   "</Device></Clip>"),
               "Canon EOS C70");
-    EXPECT_EQ(AE::xmlDeviceLabel("<Device manufacturer='A &amp; B' modelName=\"Z\"/>"), "A & B Z");
-    EXPECT_FALSE(AE::xmlDeviceLabel("<DeviceList/><Devices manufacturer=\"x\"/>"));
+    EXPECT_EQ(AM::xmlDeviceLabel("<Device manufacturer='A &amp; B' modelName=\"Z\"/>"), "A & B Z");
+    EXPECT_FALSE(AM::xmlDeviceLabel("<DeviceList/><Devices manufacturer=\"x\"/>"));
 }
 
 // ---- what the file holds ----------------------------------------------------------------------------
@@ -441,15 +441,15 @@ TEST(MediaFacts, WavFilesTellLengthAndChannelsAndNoPicture) {
         const auto wav = tmp / ("take" + std::to_string(channels) + ".wav");
         ffmpeg(sineInput(2.0) + " -ac " + std::to_string(channels) + " -c:a pcm_s24le " +
                quoted(wav.string()));
-        EXPECT_EQ(AE::readChannelCount(url(wav)), channels);
-        ASSERT_TRUE(AE::readDuration(url(wav)));
-        EXPECT_NEAR(*AE::readDuration(url(wav)), 2.0, 1e-6);
-        EXPECT_FALSE(AE::readFrameRate(url(wav)));
-        EXPECT_FALSE(AE::readVideoSize(url(wav)));
-        EXPECT_FALSE(AE::readMovieTimecode(url(wav)));
-        EXPECT_TRUE(AE::readAudioChannelIndices(url(wav), channels).empty());
+        EXPECT_EQ(AM::readChannelCount(url(wav)), channels);
+        ASSERT_TRUE(AM::readDuration(url(wav)));
+        EXPECT_NEAR(*AM::readDuration(url(wav)), 2.0, 1e-6);
+        EXPECT_FALSE(AM::readFrameRate(url(wav)));
+        EXPECT_FALSE(AM::readVideoSize(url(wav)));
+        EXPECT_FALSE(AM::readMovieTimecode(url(wav)));
+        EXPECT_TRUE(AM::readAudioChannelIndices(url(wav), channels).empty());
         // ffmpeg signs its WAVs in LIST/INFO: software, not a device.
-        EXPECT_FALSE(AE::readDeviceInfo(url(wav)));
+        EXPECT_FALSE(AM::readDeviceInfo(url(wav)));
     }
 }
 
@@ -457,8 +457,8 @@ TEST(MediaFacts, SilentFileIsReadLikeAnyOther) {
     TempDir tmp;
     const auto wav = tmp / "silence.wav";
     ffmpeg("-f lavfi -i anullsrc=r=48000:cl=stereo -t 3 " + quoted(wav.string()));
-    EXPECT_NEAR(*AE::readDuration(url(wav)), 3.0, 1e-6);
-    EXPECT_EQ(AE::readChannelCount(url(wav)), 2);
+    EXPECT_NEAR(*AM::readDuration(url(wav)), 3.0, 1e-6);
+    EXPECT_EQ(AM::readChannelCount(url(wav)), 2);
 }
 
 TEST(MediaFacts, MultiStreamMovieSumsItsSoundAndReadsDropFrameTimecode) {
@@ -468,14 +468,14 @@ TEST(MediaFacts, MultiStreamMovieSumsItsSoundAndReadsDropFrameTimecode) {
            stereo(2.0) +
            " -map 0 -map 1 -map 2 -timecode 01:00:00\\;00 -c:v libx264 -preset ultrafast -c:a pcm_s16le " +
            quoted(mov.string()));
-    EXPECT_EQ(AE::readChannelCount(url(mov)), 3);
-    ASSERT_TRUE(AE::readFrameRate(url(mov)));
-    EXPECT_NEAR(*AE::readFrameRate(url(mov)), 29.97f, 0.001f);
-    EXPECT_EQ(AE::readVideoSize(url(mov)), (AE::VideoSize{320, 240}));
-    EXPECT_NEAR(*AE::readDuration(url(mov)), 2.0, 0.01);
+    EXPECT_EQ(AM::readChannelCount(url(mov)), 3);
+    ASSERT_TRUE(AM::readFrameRate(url(mov)));
+    EXPECT_NEAR(*AM::readFrameRate(url(mov)), 29.97f, 0.001f);
+    EXPECT_EQ(AM::readVideoSize(url(mov)), (AM::VideoSize{320, 240}));
+    EXPECT_NEAR(*AM::readDuration(url(mov)), 2.0, 0.01);
     // Read on the label clock: 01:00:00;00 is 3600 s.
-    EXPECT_EQ(AE::readMovieTimecode(url(mov)), 3600.0);
-    EXPECT_EQ(AE::readTimecode(url(mov)), 3600.0);
+    EXPECT_EQ(AM::readMovieTimecode(url(mov)), 3600.0);
+    EXPECT_EQ(AM::readTimecode(url(mov)), 3600.0);
 }
 
 TEST(MediaFacts, Mp4TimecodeTrackGivesTheStartTimecode) {
@@ -484,11 +484,11 @@ TEST(MediaFacts, Mp4TimecodeTrackGivesTheStartTimecode) {
     ffmpeg("-f lavfi -i testsrc=size=160x120:rate=25:duration=1 " + sineInput(1.0) +
            " -timecode 10:00:10:12 -c:v libx264 -preset ultrafast -c:a aac -shortest " +
            quoted(mp4.string()));
-    EXPECT_DOUBLE_EQ(*AE::readMovieTimecode(url(mp4)), 36010.0 + 12.0 / 25);
-    EXPECT_EQ(AE::readTimecode(url(mp4)), AE::readMovieTimecode(url(mp4)));
-    EXPECT_EQ(AE::readFrameRate(url(mp4)), 25.0f);
+    EXPECT_DOUBLE_EQ(*AM::readMovieTimecode(url(mp4)), 36010.0 + 12.0 / 25);
+    EXPECT_EQ(AM::readTimecode(url(mp4)), AM::readMovieTimecode(url(mp4)));
+    EXPECT_EQ(AM::readFrameRate(url(mp4)), 25.0f);
     // The camera setting, not a device name, from ffmpeg-made video.
-    const auto label = AE::readDeviceInfo(url(mp4));
+    const auto label = AM::readDeviceInfo(url(mp4));
     ASSERT_TRUE(label);
     EXPECT_EQ(*label, "cam_h264_160x120_25_aac_48000_1");
 }
@@ -498,10 +498,10 @@ TEST(MediaFacts, FileWithoutSoundHasNoChannelsButALength) {
     const auto mov = tmp / "mute.mov";
     ffmpeg("-f lavfi -i testsrc=size=160x120:rate=24:duration=2 -c:v libx264 -preset ultrafast " +
            quoted(mov.string()));
-    EXPECT_EQ(AE::readChannelCount(url(mov)), 0);
-    EXPECT_NEAR(*AE::readDuration(url(mov)), 2.0, 0.05);
-    EXPECT_EQ(AE::readFrameRate(url(mov)), 24.0f);
-    EXPECT_FALSE(AE::readTimecode(url(mov)));
+    EXPECT_EQ(AM::readChannelCount(url(mov)), 0);
+    EXPECT_NEAR(*AM::readDuration(url(mov)), 2.0, 0.05);
+    EXPECT_EQ(AM::readFrameRate(url(mov)), 24.0f);
+    EXPECT_FALSE(AM::readTimecode(url(mov)));
 }
 
 TEST(MediaFacts, BadFilesGiveNothingAndNeverBlock) {
@@ -524,17 +524,17 @@ TEST(MediaFacts, BadFilesGiveNothingAndNeverBlock) {
     for (const auto& p : bad) {
         SCOPED_TRACE(p.filename().string());
         const Url u = url(p);
-        EXPECT_FALSE(AE::readDuration(u));
-        EXPECT_FALSE(AE::readFrameRate(u));
-        EXPECT_FALSE(AE::readVideoSize(u));
-        EXPECT_FALSE(AE::readChannelCount(u));
-        EXPECT_FALSE(AE::readDeviceInfo(u));
-        EXPECT_FALSE(AE::readTimecode(u));
-        EXPECT_FALSE(AE::readBWFOriginationDate(u));
-        EXPECT_FALSE(AE::readSonyXMLDate(u));
-        EXPECT_FALSE(AE::readAssetCreationDate(u));
-        EXPECT_TRUE(AE::readAudioChannelIndices(u, 2).empty());
-        const auto clock = AE::readRecordingClock(u);
+        EXPECT_FALSE(AM::readDuration(u));
+        EXPECT_FALSE(AM::readFrameRate(u));
+        EXPECT_FALSE(AM::readVideoSize(u));
+        EXPECT_FALSE(AM::readChannelCount(u));
+        EXPECT_FALSE(AM::readDeviceInfo(u));
+        EXPECT_FALSE(AM::readTimecode(u));
+        EXPECT_FALSE(AM::readBWFOriginationDate(u));
+        EXPECT_FALSE(AM::readSonyXMLDate(u));
+        EXPECT_FALSE(AM::readAssetCreationDate(u));
+        EXPECT_TRUE(AM::readAudioChannelIndices(u, 2).empty());
+        const auto clock = AM::readRecordingClock(u);
         // Only the file system's own date is left, where there is a file at all.
         EXPECT_LE(clock.quality, ClockQuality::filesystem);
         EXPECT_EQ(clock.date.has_value(), std::filesystem::exists(p));
@@ -555,10 +555,10 @@ TEST(RiffWalk, LyingChunkSizesNeverReachPastTheFile) {
     ASSERT_TRUE(wave);
     EXPECT_EQ(wave->dataBytes, 400u);
     EXPECT_EQ(wave->bext->originator, "Tascam DR-40X");
-    EXPECT_EQ(AE::readBWFOriginationDate(url(bigData)), localDate(2024, 3, 15, 14, 30, 12));
-    EXPECT_EQ(AE::readBWFTimecode(url(bigData)), 2.0);
-    EXPECT_EQ(AE::readDeviceInfo(url(bigData)), "Tascam DR-40X");
-    if (const auto d = AE::readDuration(url(bigData))) {
+    EXPECT_EQ(AM::readBWFOriginationDate(url(bigData)), localDate(2024, 3, 15, 14, 30, 12));
+    EXPECT_EQ(AM::readBWFTimecode(url(bigData)), 2.0);
+    EXPECT_EQ(AM::readDeviceInfo(url(bigData)), "Tascam DR-40X");
+    if (const auto d = AM::readDuration(url(bigData))) {
         EXPECT_TRUE(std::isfinite(*d) && *d > 0);
     }
 
@@ -572,14 +572,14 @@ TEST(RiffWalk, LyingChunkSizesNeverReachPastTheFile) {
     const auto shortFmt = tmp.file("short-fmt.wav", riff(chunk("fmt ", "ab") + bext));
     EXPECT_FALSE(RiffReader::read(url(shortFmt))->format);
     EXPECT_TRUE(RiffReader::read(url(shortFmt))->bext);
-    EXPECT_FALSE(AE::readBWFTimecode(url(shortFmt)));
+    EXPECT_FALSE(AM::readBWFTimecode(url(shortFmt)));
 
     // A bext cut short by the end of the file still counts for what it holds.
     const std::string whole = riff(fmt + bext);
     const auto cut = tmp.file("cut.wav", whole.substr(0, whole.size() - 200));
-    EXPECT_EQ(AE::readBWFOriginationDate(url(cut)), localDate(2024, 3, 15, 14, 30, 12));
+    EXPECT_EQ(AM::readBWFOriginationDate(url(cut)), localDate(2024, 3, 15, 14, 30, 12));
     const auto cutEarly = tmp.file("cut-early.wav", whole.substr(0, 12 + fmt.size() + 8 + 330));
-    EXPECT_FALSE(AE::readBWFOriginationDate(url(cutEarly)));
+    EXPECT_FALSE(AM::readBWFOriginationDate(url(cutEarly)));
 
     // RF64 without its ds64 can't size a chunk marked 0xFFFFFFFF: the walk stops there.
     const auto noDs64 = tmp.file("no-ds64.wav", riff(fmt + chunk("data", "", 0xFFFFFFFFu) + bext, "RF64"));
@@ -628,15 +628,15 @@ TEST(RiffWalk, SeveralGigabyteFileIsReadByItsHeadersAlone) {
     const auto wave = RiffReader::read(url(path));
     ASSERT_TRUE(wave);
     EXPECT_EQ(wave->dataBytes, dataSize);
-    EXPECT_EQ(AE::readBWFOriginationDate(url(path)), localDate(2024, 3, 15, 9, 0, 0));
-    EXPECT_EQ(AE::readBWFTimecode(url(path)), 7200.0);
-    EXPECT_EQ(AE::readDeviceInfo(url(path)), "Sound Devices 833");
-    EXPECT_EQ(AE::readChannelCount(url(path)), 2);
-    ASSERT_TRUE(AE::readDuration(url(path)));
-    EXPECT_NEAR(*AE::readDuration(url(path)), dataSize / 4.0 / 48000.0, 0.01);
+    EXPECT_EQ(AM::readBWFOriginationDate(url(path)), localDate(2024, 3, 15, 9, 0, 0));
+    EXPECT_EQ(AM::readBWFTimecode(url(path)), 7200.0);
+    EXPECT_EQ(AM::readDeviceInfo(url(path)), "Sound Devices 833");
+    EXPECT_EQ(AM::readChannelCount(url(path)), 2);
+    ASSERT_TRUE(AM::readDuration(url(path)));
+    EXPECT_NEAR(*AM::readDuration(url(path)), dataSize / 4.0 / 48000.0, 0.01);
 
     // A plain RIFF of the same size: a movie walk over it finds no box and reads nothing more.
-    EXPECT_FALSE(AE::sonyNonRealTimeMetaXML(url(path)));
+    EXPECT_FALSE(AM::sonyNonRealTimeMetaXML(url(path)));
 }
 
 TEST(RiffWalk, ParsingBytesEqualsReadingTheFileAndTextIsCleaned) {
@@ -650,7 +650,7 @@ TEST(RiffWalk, ParsingBytesEqualsReadingTheFileAndTextIsCleaned) {
     EXPECT_EQ(parsed->bext->originator, "ZOOM F8");
     EXPECT_EQ(parsed->bext->originationDate, "2024-03-15");
     EXPECT_EQ(parsed->bext->originationTime, "14:30:12");
-    EXPECT_EQ(AE::readBWFTimecode(url(wav)), 3600.0);
+    EXPECT_EQ(AM::readBWFTimecode(url(wav)), 3600.0);
 
     EXPECT_EQ(RiffReader::validText("a\x01\x02 b\n\n c "), "a b c");
     EXPECT_EQ(RiffReader::validText("caf\xE9"), "caf\xEF\xBF\xBD");
@@ -683,19 +683,19 @@ TEST(ChannelIndices, IxmlTrackListNamesTheRecorderChannels) {
     };
     // The second input of a recorder that writes one file per input.
     const auto tr2 = wavWith("TAKE_Tr2.wav", 1, ixml({{2, 1}}));
-    EXPECT_EQ(AE::readChannelCount(tr2), 1);
-    EXPECT_EQ(AE::readAudioChannelIndices(tr2, 1), std::vector<int>{1});
+    EXPECT_EQ(AM::readChannelCount(tr2), 1);
+    EXPECT_EQ(AM::readAudioChannelIndices(tr2, 1), std::vector<int>{1});
     // Channels 3 and 1 of the recorder, interleaved in that order.
-    EXPECT_EQ(AE::readAudioChannelIndices(wavWith("pair.wav", 2, ixml({{1, 2}, {3, 1}})), 2),
+    EXPECT_EQ(AM::readAudioChannelIndices(wavWith("pair.wav", 2, ixml({{1, 2}, {3, 1}})), 2),
               (std::vector<int>{2, 0}));
     // A list that maps the file's channels onto themselves says nothing beyond "all of them".
-    EXPECT_TRUE(AE::readAudioChannelIndices(wavWith("all.wav", 2, ixml({{1, 1}, {2, 2}})), 2).empty());
+    EXPECT_TRUE(AM::readAudioChannelIndices(wavWith("all.wav", 2, ixml({{1, 1}, {2, 2}})), 2).empty());
     // Lists that don't fit the file are not believed.
-    EXPECT_TRUE(AE::readAudioChannelIndices(wavWith("few.wav", 2, ixml({{4, 1}})), 2).empty());
-    EXPECT_TRUE(AE::readAudioChannelIndices(wavWith("twice.wav", 2, ixml({{4, 1}, {5, 1}})), 2).empty());
-    EXPECT_TRUE(AE::readAudioChannelIndices(wavWith("zero.wav", 1, ixml({{0, 1}})), 1).empty());
-    EXPECT_TRUE(AE::readAudioChannelIndices(wavWith("broken.wav", 1, "<TRACK_LIST><TRACK>"), 1).empty());
-    EXPECT_TRUE(AE::readAudioChannelIndices(tr2, 0).empty());
+    EXPECT_TRUE(AM::readAudioChannelIndices(wavWith("few.wav", 2, ixml({{4, 1}})), 2).empty());
+    EXPECT_TRUE(AM::readAudioChannelIndices(wavWith("twice.wav", 2, ixml({{4, 1}, {5, 1}})), 2).empty());
+    EXPECT_TRUE(AM::readAudioChannelIndices(wavWith("zero.wav", 1, ixml({{0, 1}})), 1).empty());
+    EXPECT_TRUE(AM::readAudioChannelIndices(wavWith("broken.wav", 1, "<TRACK_LIST><TRACK>"), 1).empty());
+    EXPECT_TRUE(AM::readAudioChannelIndices(tr2, 0).empty());
 }
 
 // ---- device labels ------------------------------------------------------------------------------
@@ -710,15 +710,15 @@ TEST(DeviceLabel, ContainerMakeAndModelComeFirstAndStayStable) {
     };
     const auto a = make("A.mov", "-metadata make=Canon -metadata model=" + quoted("Canon EOS R5"));
     const auto b = make("B.mov", "-metadata make=Canon -metadata model=" + quoted("Canon EOS R5"));
-    EXPECT_EQ(AE::readDeviceInfo(a), "Canon EOS R5");
-    EXPECT_EQ(AE::readDeviceInfo(a), AE::readDeviceInfo(b));
-    EXPECT_EQ(AE::readDeviceInfo(
+    EXPECT_EQ(AM::readDeviceInfo(a), "Canon EOS R5");
+    EXPECT_EQ(AM::readDeviceInfo(a), AM::readDeviceInfo(b));
+    EXPECT_EQ(AM::readDeviceInfo(
                   make("C.mov", "-movflags use_metadata_tags -metadata com.apple.quicktime.make=Apple "
                                 "-metadata com.apple.quicktime.model=" +
                                     quoted("iPhone 15 Pro"))),
               "Apple iPhone 15 Pro");
     // A device's encoder tag counts; an editor's doesn't.
-    EXPECT_EQ(AE::readDeviceInfo(make("D.mov", "-metadata:s:v:0 encoder=" + quoted("GoPro AVC encoder"))),
+    EXPECT_EQ(AM::readDeviceInfo(make("D.mov", "-metadata:s:v:0 encoder=" + quoted("GoPro AVC encoder"))),
               "GoPro AVC encoder");
 
     // Without any label, clips of one setting share their fingerprint and others differ.
@@ -727,8 +727,8 @@ TEST(DeviceLabel, ContainerMakeAndModelComeFirstAndStayStable) {
     const auto g = url(tmp / "G.mov");
     ffmpeg("-f lavfi -i testsrc=size=320x240:rate=25:duration=1 -c:v libx264 -preset ultrafast " +
            quoted(g.path()));
-    ASSERT_TRUE(AE::readDeviceInfo(e));
-    EXPECT_TRUE(AE::readDeviceInfo(e)->starts_with("cam_"));
-    EXPECT_EQ(AE::readDeviceInfo(e), AE::readDeviceInfo(f));
-    EXPECT_NE(AE::readDeviceInfo(e), AE::readDeviceInfo(g));
+    ASSERT_TRUE(AM::readDeviceInfo(e));
+    EXPECT_TRUE(AM::readDeviceInfo(e)->starts_with("cam_"));
+    EXPECT_EQ(AM::readDeviceInfo(e), AM::readDeviceInfo(f));
+    EXPECT_NE(AM::readDeviceInfo(e), AM::readDeviceInfo(g));
 }
