@@ -256,12 +256,6 @@ void printTable(const std::vector<std::vector<std::string>>& rows, std::ostream&
     }
 }
 
-std::string joined(const std::vector<std::string>& parts, const std::string& separator) {
-    std::string out;
-    for (std::size_t i = 0; i < parts.size(); ++i) out += (i ? separator : "") + parts[i];
-    return out;
-}
-
 std::string optionalText(const std::optional<std::string>& v) {
     return v ? terminalSafe(*v) : std::string("-");
 }

@@ -8,6 +8,7 @@
 #include "Trelvane/session/MainQueue.hpp"
 #include "Trelvane/session/Settings.hpp"
 #include "Trelvane/session/SyncViewModel.hpp"
+#include "TrelvaneEngine/support/Text.hpp"
 
 #include <chrono>
 #include <csignal>
@@ -88,7 +89,6 @@ void addPromptOptions(CLI::App& command, PromptAnswer& cameraGroups, PromptAnswe
 std::optional<std::vector<Url>> existingPaths(const std::vector<std::string>& paths);
 
 void printTable(const std::vector<std::vector<std::string>>& rows, std::ostream& out);
-std::string joined(const std::vector<std::string>& parts, const std::string& separator);
 std::string optionalText(const std::optional<std::string>& v);
 
 } // namespace trelvane::cli

@@ -5,6 +5,7 @@
 #include "Trelvane/session/Notifier.hpp"
 #include "TrelvaneEngine/support/EngineLog.hpp"
 #include "TrelvaneEngine/support/NaturalOrder.hpp"
+#include "TrelvaneEngine/support/Text.hpp"
 #include "TrelvaneEngine/support/WorkerWindow.hpp"
 
 #include <algorithm>
@@ -235,10 +236,7 @@ std::optional<std::string> SyncViewModel::summarizeFailures(const Sources& sourc
                             "' looks like several devices in one folder — select clips and press N");
     }
     if (parts.empty()) return std::nullopt;
-    std::string joined;
-    for (std::size_t i = 0; i < parts.size(); ++i)
-        joined += (i ? "  ·  " : "") + parts[i];
-    return joined;
+    return joined(parts, "  ·  ");
 }
 
 void SyncViewModel::recomputeOffsets(std::size_t sourceIndex) {

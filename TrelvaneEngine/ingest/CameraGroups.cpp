@@ -3,6 +3,7 @@
 // numbers go on counting from one track to the next. Detection only proposes; the user decides.
 #include "TrelvaneEngine/ingest/IngestEngine.hpp"
 #include "TrelvaneEngine/support/EngineLog.hpp"
+#include "TrelvaneEngine/support/Text.hpp"
 
 #include <algorithm>
 #include <cstddef>
@@ -26,15 +27,6 @@ bool continues(const TrackSource& last, const TrackSource& next) {
     if (!a || !b) return false;
     if (a->prefix != b->prefix) return false;
     return b->num > a->num && b->num - a->num <= kMaxNumberGap;
-}
-
-std::string joined(const std::vector<std::string>& parts, const char* separator) {
-    std::string out;
-    for (std::size_t i = 0; i < parts.size(); ++i) {
-        if (i > 0) out += separator;
-        out += parts[i];
-    }
-    return out;
 }
 
 } // namespace

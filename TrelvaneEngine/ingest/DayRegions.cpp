@@ -6,6 +6,7 @@
 #include "TrelvaneEngine/ingest/IngestEngine.hpp"
 #include "TrelvaneEngine/ingest/TextSyncStore.hpp"
 #include "TrelvaneEngine/support/EngineLog.hpp"
+#include "TrelvaneEngine/support/Text.hpp"
 
 #include <algorithm>
 #include <cmath>
@@ -51,15 +52,6 @@ double usableDuration(double d) {
 
 Date plus(Date d, double secs) {
     return d + std::chrono::microseconds(static_cast<long long>(std::llround(secs * 1e6)));
-}
-
-std::string joined(const std::vector<std::string>& parts, const char* separator) {
-    std::string out;
-    for (std::size_t i = 0; i < parts.size(); ++i) {
-        if (i > 0) out += separator;
-        out += parts[i];
-    }
-    return out;
 }
 
 // "/shoots/day1/" -> "day1"; "" and "/" -> "".

@@ -3,6 +3,7 @@
 // shared folder) becomes one track per device, once the metadata load has read the labels.
 #include "TrelvaneEngine/ingest/IngestEngine.hpp"
 #include "TrelvaneEngine/support/EngineLog.hpp"
+#include "TrelvaneEngine/support/Text.hpp"
 
 #include <algorithm>
 #include <charconv>
@@ -44,15 +45,6 @@ std::vector<std::string> words(const std::string& text) {
         while (i < text.size() && text[i] != ' ')
             ++i;
         if (i > start) out.push_back(text.substr(start, i - start));
-    }
-    return out;
-}
-
-std::string joined(const std::vector<std::string>& pieces, const std::string& separator) {
-    std::string out;
-    for (std::size_t i = 0; i < pieces.size(); ++i) {
-        if (i > 0) out += separator;
-        out += pieces[i];
     }
     return out;
 }

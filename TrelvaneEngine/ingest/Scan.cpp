@@ -4,6 +4,7 @@
 #include "TrelvaneEngine/support/EngineLog.hpp"
 #include "TrelvaneEngine/support/Files.hpp"
 #include "TrelvaneEngine/support/NaturalOrder.hpp"
+#include "TrelvaneEngine/support/Text.hpp"
 
 #include <algorithm>
 #include <map>
@@ -87,7 +88,7 @@ std::string firstCharacters(const std::string& s, std::size_t count) {
     return s.substr(0, i);
 }
 
-// Swift-style printing of a list of names: ["A001", "A002"].
+// A list of names as the log shows it: ["A001", "A002"].
 std::string printedList(const std::vector<std::string>& names) {
     std::string out = "[";
     for (std::size_t i = 0; i < names.size(); ++i) {
@@ -295,12 +296,8 @@ std::string IngestEngine::commonAncestorPath(const std::vector<std::string>& pat
             ++n;
         common.resize(n);
     }
-    std::string joined;
-    for (std::size_t i = 0; i < common.size(); ++i) {
-        if (i) joined += "/";
-        joined += common[i];
-    }
-    return joined.empty() ? "/" : joined;
+    const std::string path = joined(common, "/");
+    return path.empty() ? "/" : path;
 }
 
 bool IngestEngine::isGenericFolder(const std::string& name) {

@@ -4,6 +4,7 @@
 #include "TrelvaneEngine/features/SpectralBands.hpp"
 #include "TrelvaneEngine/ingest/IngestEngine.hpp"
 #include "TrelvaneEngine/support/EngineLog.hpp"
+#include "TrelvaneEngine/support/Text.hpp"
 
 #include <cmath>
 #include <cstddef>
@@ -54,13 +55,6 @@ class Components {
   private:
     std::vector<int> parent_;
 };
-
-std::string joined(const std::vector<std::string>& parts, const std::string& separator) {
-    std::string out;
-    for (std::size_t i = 0; i < parts.size(); ++i)
-        out += (i ? separator : "") + parts[i];
-    return out;
-}
 
 } // namespace
 
