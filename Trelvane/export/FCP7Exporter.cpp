@@ -48,14 +48,6 @@ RateInfo rateInfo(double fps) {
     return {60, false};
 }
 
-float normalise(float fps) {
-    static constexpr float kCandidates[] = {23.976f, 24.0f, 25.0f, 29.97f, 30.0f, 50.0f, 59.94f, 60.0f};
-    float best = kCandidates[0];
-    for (const float candidate : kCandidates)
-        if (std::fabs(candidate - fps) < std::fabs(best - fps)) best = candidate;
-    return best;
-}
-
 // ---- plans ----------------------------------------------------------------------------------
 
 std::optional<float> pictureFrameRate(const ClipItem& clip) {
@@ -278,7 +270,7 @@ struct Writer {
     // sequence's rate.
     RateInfo fileRate(const ClipItem& clip) const {
         const auto rate = pictureFrameRate(clip);
-        return rate ? rateInfo(normalise(*rate)) : ri;
+        return rate ? rateInfo(standardFrameRate(*rate)) : ri;
     }
 
     void fileTimecodeXML(const ClipItem& clip, const RateInfo& rate, int indent,

@@ -33,9 +33,6 @@ struct RateInfo {
 // below 31 -> 30, below 51 -> 50, below 59.99 -> 60 NTSC, else 60.
 RateInfo rateInfo(double fps);
 
-// The nearest of 23.976, 24, 25, 29.97, 30, 50, 59.94, 60; a tie keeps the lower rate.
-float normalise(float fps);
-
 // The rate a clip's picture file plays at: a separate picture's conform rate (else its record
 // rate, else the clip's), or the camera file's own rate; nothing when unknown or not above 0.
 std::optional<float> pictureFrameRate(const ClipItem& clip);

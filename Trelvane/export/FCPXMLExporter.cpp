@@ -112,7 +112,7 @@ struct Builder {
 
     double pictureRate(const ClipItem& clip, double fallback) const {
         const auto rate = FCP7Exporter::pictureFrameRate(clip);
-        return rate ? FCP7Exporter::normalise(*rate) : fallback;
+        return rate ? standardFrameRate(*rate) : fallback;
     }
 
     // The source side start of the picture, mapped to the clip's time by the speed ratio; whole

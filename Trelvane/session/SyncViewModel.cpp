@@ -172,16 +172,12 @@ int SyncViewModel::totalClipCount() const {
 }
 
 std::vector<float> SyncViewModel::detectedFrameRates() const {
-    static constexpr float kRates[] = {23.976f, 24.f, 25.f, 29.97f, 30.f, 50.f, 59.94f, 60.f};
     std::vector<float> out;
     for (const auto& t : sources_)
         for (const auto& c : t.clips) {
             if (!c.frameRate) continue;
-            float best = kRates[0];
-            // Ascending table and a strict test: at equal distance the lower rate wins.
-            for (float r : kRates)
-                if (std::fabs(r - *c.frameRate) < std::fabs(best - *c.frameRate)) best = r;
-            if (std::find(out.begin(), out.end(), best) == out.end()) out.push_back(best);
+            const float rate = standardFrameRate(*c.frameRate);
+            if (std::find(out.begin(), out.end(), rate) == out.end()) out.push_back(rate);
         }
     std::sort(out.begin(), out.end());
     return out;

@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <array>
 #include <cctype>
+#include <cmath>
 #include <fmt/printf.h>
 
 namespace trelvane {
@@ -69,6 +70,15 @@ std::string_view rawValue(AudioUsability v) {
 std::string_view rawValue(SyncMode v) {
     return toRaw(v, kSyncModes);
 }
+float standardFrameRate(float fps) {
+    static constexpr float kRates[] = {23.976f, 24.0f, 25.0f, 29.97f, 30.0f, 50.0f, 59.94f, 60.0f};
+    float best = kRates[0];
+    // Ascending table and a strict test: at equal distance the lower rate stays.
+    for (const float rate : kRates)
+        if (std::fabs(rate - fps) < std::fabs(best - fps)) best = rate;
+    return best;
+}
+
 std::string_view rawName(ClockQuality v) {
     return toRaw(v, kClockQualities);
 }

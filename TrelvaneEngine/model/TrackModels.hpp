@@ -47,6 +47,10 @@ std::optional<AudioUsability> audioUsabilityFromRaw(std::string_view raw);
 std::optional<SyncMode> syncModeFromRaw(std::string_view raw);
 std::optional<ClockQuality> clockQualityFromRaw(int raw);
 
+// The nearest of the editing rates 23.976, 24, 25, 29.97, 30, 50, 59.94 and 60 frames a second;
+// at equal distance the lower rate.
+float standardFrameRate(float fps);
+
 // The shortest clip that takes part in any audio search, in seconds.
 inline constexpr double kShortestMatchableClip = 5.0;
 

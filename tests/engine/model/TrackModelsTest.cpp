@@ -17,6 +17,13 @@ ClipItem clipAt(const std::string& path, double duration) {
 
 } // namespace
 
+TEST(TrackModels, FrameRatesSnapToTheNearestEditingRateTheLowerOnATie) {
+    const std::pair<float, float> cases[] = {{24.5f, 24.0f}, {29.96f, 29.97f}, {0.0f, 23.976f},
+                                             {27.0f, 25.0f}, {1000.0f, 60.0f}, {59.0f, 59.94f}};
+    for (const auto& [fps, rate] : cases)
+        EXPECT_FLOAT_EQ(standardFrameRate(fps), rate) << fps;
+}
+
 TEST(TrackModels, SubtitleCountsClipsAndNamesTheFirstExtension) {
     TrackSource t;
     EXPECT_EQ(t.subtitle(), "0 clips  ·  ");
