@@ -165,6 +165,19 @@ std::vector<std::optional<Match>> searchInParallel(Run& run, const std::vector<S
 
 namespace {
 
+// How the reference of a region is chosen. A camera counts towards a multi-camera shoot when it
+// holds a clip of a minute or more and more than four clips with sound: shorter or fewer is b-roll.
+constexpr double kCameraLongestClip = 60.0;
+constexpr int kCameraClipsWithSound = 4;
+// A recorder of takes: more than two of them, none as long as twenty minutes.
+constexpr int kTakeRecorderClips = 2;
+constexpr double kTakeRecorderLongestClip = 1200.0;
+// Three cameras (or two beside takes) share more of the shoot with each other than with any
+// recorder, so one of them anchors the region.
+constexpr std::size_t kCamerasFirst = 3;
+// A recorder of three clips or more outranks a longer one of fewer as the reference.
+constexpr int kReferenceRecorderClips = 3;
+
 std::string regionKeyOf(const TrackSource& track, const ClipItem& clip) {
     if (clip.dayRegion) return *clip.dayRegion;
     if (track.dayRegion) return *track.dayRegion;
@@ -278,11 +291,11 @@ void syncRegion(Run& run, const std::string& key, const std::vector<ClipKey>& me
         if (tracks[si].siblingOf) continue;
         if (tracks[si].type == SourceType::audio) {
             recorders.push_back(si);
-        } else if (run.maxClip(si) >= 60.0) {
+        } else if (run.maxClip(si) >= kCameraLongestClip) {
             int ok = 0;
             for (int ci : run.regionClips(si))
                 if (tracks[si].clips[ci].audioUsability == AudioUsability::ok) ++ok;
-            if (ok > 4) cameras.push_back(si);
+            if (ok > kCameraClipsWithSound) cameras.push_back(si);
         }
     }
     int longest = -1;
@@ -291,10 +304,11 @@ void syncRegion(Run& run, const std::string& key, const std::vector<ClipKey>& me
             longRecorders.push_back(si);
             if (longest < 0 || run.maxClip(si) > run.maxClip(longest)) longest = si;
         }
-        if (run.regionClipCount(si) > 2 && run.maxClip(si) < 1200.0) takeRecorders.push_back(si);
+        if (run.regionClipCount(si) > kTakeRecorderClips && run.maxClip(si) < kTakeRecorderLongestClip)
+            takeRecorders.push_back(si);
     }
-    const bool camerasFirst = cameras.size() >= 3 ||
-                              (cameras.size() == 2 && (recorders.empty() || !takeRecorders.empty()));
+    const bool camerasFirst = cameras.size() >= kCamerasFirst ||
+                              (cameras.size() == kCamerasFirst - 1 && (recorders.empty() || !takeRecorders.empty()));
 
     auto largestMaxClip = [&](const std::vector<int>& candidates) {
         int best = -1;
@@ -311,7 +325,7 @@ void syncRegion(Run& run, const std::string& key, const std::vector<ClipKey>& me
         int most = -1;
         for (int si : recorders)
             if (most < 0 || run.regionClipCount(si) > run.regionClipCount(most)) most = si;
-        ref = run.regionClipCount(most) >= 3 ? most : largestMaxClip(recorders);
+        ref = run.regionClipCount(most) >= kReferenceRecorderClips ? most : largestMaxClip(recorders);
     } else {
         std::vector<int> nonSiblings;
         for (int si : run.regionTracks)
