@@ -11,6 +11,8 @@
 // of recently searched references in a process-wide cache under its own lock (about 512 MB, oldest
 // dropped first, pinned references kept): its results never depend on what the cache holds.
 
+#include "TrelvaneEngine/model/BandFeature.hpp"
+
 #include <array>
 #include <cstddef>
 #include <map>
@@ -33,14 +35,8 @@ inline constexpr int kMinimumFrames = 5; // a shorter feature or slice is refuse
 // for i from 1 to 8, truncated, after a first edge of 1.
 inline constexpr std::array<int, kBandCount + 1> kBandEdges = {1, 2, 4, 10, 22, 49, 107, 234, 512};
 
-// Eight z-scored band-energy series at 25 frames per second (window 1,024 samples, hop 640 at
-// 16 kHz). `frames` is the length of each series; 0 for an empty feature, whose `bands` is empty.
-struct Feature {
-    std::vector<std::vector<float>> bands;
-    int frames = 0;
-
-    bool operator==(const Feature&) const = default;
-};
+// Eight z-scored band-energy series at kFrameRate, kBandCount of them (see BandFeature).
+using Feature = BandFeature;
 
 // One candidate alignment of a clip against a reference.
 struct Peak {

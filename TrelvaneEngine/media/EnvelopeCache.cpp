@@ -332,7 +332,7 @@ std::optional<Pair> deserialize(std::span<const std::uint8_t> bytes, std::string
 }
 
 std::optional<std::vector<std::uint8_t>> serializeBands(std::string_view keyText,
-                                                        const SpectralBands::Feature& feature) {
+                                                        const BandFeature& feature) {
     const auto frames = feature.frames;
     const auto count = feature.bands.size();
     if (frames < 0 || (frames == 0) != (count == 0) || !fitsU32(count) || !fitsU32(keyText.size()))
@@ -351,7 +351,7 @@ std::optional<std::vector<std::uint8_t>> serializeBands(std::string_view keyText
     return out;
 }
 
-std::optional<SpectralBands::Feature> deserializeBands(std::span<const std::uint8_t> bytes,
+std::optional<BandFeature> deserializeBands(std::span<const std::uint8_t> bytes,
                                                        std::string_view keyText) {
     Reader in(bytes);
     if (in.u32() != kBandsVersion || !in.text(keyText)) return std::nullopt;
@@ -363,7 +363,7 @@ std::optional<SpectralBands::Feature> deserializeBands(std::span<const std::uint
     // follow the values.
     const std::uint64_t values = std::uint64_t{*count} * *frames;
     if (in.remaining() % 4 != 0 || in.remaining() < 4 || values != in.remaining() / 4 - 1) return std::nullopt;
-    SpectralBands::Feature feature;
+    BandFeature feature;
     feature.frames = static_cast<int>(*frames);
     feature.bands.resize(*count);
     for (auto& band : feature.bands)
@@ -391,7 +391,7 @@ bool savePair(const Url& url, const Pair& pair, const fs::path& folder) {
     return bytes && writeEntry(folder, keyOf(*text), *bytes);
 }
 
-std::optional<SpectralBands::Feature> loadBands(const Url& url, const fs::path& folder) {
+std::optional<BandFeature> loadBands(const Url& url, const fs::path& folder) {
     const auto text = keyText(url);
     if (!text) return std::nullopt;
     const auto path = folder / (keyOf(*text) + kBandsSuffix);
@@ -401,7 +401,7 @@ std::optional<SpectralBands::Feature> loadBands(const Url& url, const fs::path& 
     return feature;
 }
 
-bool saveBands(const Url& url, const SpectralBands::Feature& feature, const fs::path& folder) {
+bool saveBands(const Url& url, const BandFeature& feature, const fs::path& folder) {
     const auto text = keyText(url);
     if (!text) return false;
     const auto bytes = serializeBands(*text, feature);

@@ -28,7 +28,7 @@
 // and is never written. An entry read back is therefore exactly what a decode of the same file
 // would give again, down to the bit.
 
-#include "TrelvaneEngine/features/SpectralBands.hpp"
+#include "TrelvaneEngine/model/BandFeature.hpp"
 #include "TrelvaneEngine/support/Date.hpp"
 #include "TrelvaneEngine/support/Url.hpp"
 
@@ -102,11 +102,11 @@ std::optional<Pair> deserialize(std::span<const std::uint8_t> bytes, std::string
 // `frames`, a negative `frames`, frames without bands or bands without frames, a value that is not
 // finite.
 std::optional<std::vector<std::uint8_t>> serializeBands(std::string_view keyText,
-                                                        const SpectralBands::Feature& feature);
+                                                        const BandFeature& feature);
 // Nothing unless the version is 7, the bytes are exactly what the counts promise, the counts
 // describe a feature (both zero, the empty feature, or both positive with `frames` within an int),
 // the key text and checksum hold and every value is finite.
-std::optional<SpectralBands::Feature> deserializeBands(std::span<const std::uint8_t> bytes,
+std::optional<BandFeature> deserializeBands(std::span<const std::uint8_t> bytes,
                                                        std::string_view keyText);
 
 // Preview, envelope and length of the file, if cached under its current key. A hit marks the entry
@@ -118,10 +118,10 @@ std::optional<Pair> loadPair(const Url& url, const std::filesystem::path& folder
 bool savePair(const Url& url, const Pair& pair, const std::filesystem::path& folder = cacheDir());
 
 // The band feature of the file, if cached under its current key; a hit marks the entry as used.
-std::optional<SpectralBands::Feature> loadBands(const Url& url,
+std::optional<BandFeature> loadBands(const Url& url,
                                                 const std::filesystem::path& folder = cacheDir());
 // As `savePair`, for the band feature.
-bool saveBands(const Url& url, const SpectralBands::Feature& feature,
+bool saveBands(const Url& url, const BandFeature& feature,
                const std::filesystem::path& folder = cacheDir());
 
 // Removes the entries whose modification time is earlier than `now` minus 7 days, then, while the

@@ -5,8 +5,8 @@
 // ordered list of `ClipItem`. Both are plain values; stages take a copy and return a changed copy,
 // and only the session controller installs results. All times are seconds.
 
-#include "TrelvaneEngine/features/Fingerprint.hpp"
-#include "TrelvaneEngine/features/SpectralBands.hpp"
+#include "TrelvaneEngine/model/BandFeature.hpp"
+#include "TrelvaneEngine/model/Fingerprint.hpp"
 #include "TrelvaneEngine/support/Date.hpp"
 #include "TrelvaneEngine/support/Url.hpp"
 #include "TrelvaneEngine/support/Uuid.hpp"
@@ -83,7 +83,7 @@ struct ClipItem {
     std::optional<std::vector<float>> cachedEnvelope;
     std::optional<std::vector<Fingerprint::Landmark>> fingerprint;
     std::optional<std::vector<float>> bassOnsets;
-    std::optional<SpectralBands::Feature> bandFeature;
+    std::optional<BandFeature> bandFeature;
     AudioUsability audioUsability = AudioUsability::ok;
     // Why the file's sound could not be read at all (with `undecodable`), in the user's words.
     std::optional<std::string> audioProblem;

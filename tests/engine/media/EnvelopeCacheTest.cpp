@@ -69,8 +69,8 @@ std::vector<float> awkwardFloats() {
             0.1f};
 }
 
-SpectralBands::Feature featureOf(int bands, int frames, float seed) {
-    SpectralBands::Feature f;
+BandFeature featureOf(int bands, int frames, float seed) {
+    BandFeature f;
     f.frames = frames;
     for (int b = 0; b < bands; ++b) {
         std::vector<float> series;
@@ -214,7 +214,7 @@ TEST(EnvelopeCache, BothFormatsRoundTripBitExact) {
     EXPECT_EQ(bitsOf(pair->envelope), bitsOf(envelope));
     EXPECT_EQ(std::bit_cast<std::uint64_t>(pair->duration), std::bit_cast<std::uint64_t>(duration));
 
-    SpectralBands::Feature feature = featureOf(8, static_cast<int>(floats.size()), 0.25f);
+    BandFeature feature = featureOf(8, static_cast<int>(floats.size()), 0.25f);
     feature.bands[3] = floats;
     const auto back = EC::deserializeBands(*EC::serializeBands(kKey, feature), kKey);
     ASSERT_TRUE(back);
@@ -225,7 +225,7 @@ TEST(EnvelopeCache, BothFormatsRoundTripBitExact) {
 
     // Empty values are entries too: a clip too short for a feature caches the empty one.
     EXPECT_EQ(EC::deserialize(*EC::serialize(kKey, {}), kKey), EC::Pair{});
-    EXPECT_EQ(EC::deserializeBands(*EC::serializeBands(kKey, {}), kKey), SpectralBands::Feature{});
+    EXPECT_EQ(EC::deserializeBands(*EC::serializeBands(kKey, {}), kKey), BandFeature{});
 }
 
 TEST(EnvelopeCache, SavedEntriesLoadBackThroughTheFiles) {
@@ -427,7 +427,7 @@ TEST(EnvelopeCache, BandCountsMustDescribeAFeature) {
     EXPECT_FALSE(EC::deserializeBands(sealed(7, kKey, {8, 0}), kKey)) << "bands without frames";
     // More frames than an int holds, in a file that claims no more than it has.
     EXPECT_FALSE(EC::deserializeBands(sealed(7, kKey, {1, 0x8000'0000u}), kKey));
-    EXPECT_EQ(EC::deserializeBands(sealed(7, kKey, {0, 0}), kKey), SpectralBands::Feature{});
+    EXPECT_EQ(EC::deserializeBands(sealed(7, kKey, {0, 0}), kKey), BandFeature{});
     const auto odd = EC::deserializeBands(sealed(7, kKey, {3, 1, 0, 0, 0}), kKey);
     ASSERT_TRUE(odd);
     EXPECT_EQ(odd->bands.size(), 3u);
@@ -439,8 +439,8 @@ TEST(EnvelopeCache, BandCountsMustDescribeAFeature) {
     auto miscounted = featureOf(8, 10, 1.0f);
     miscounted.frames = 9;
     EXPECT_FALSE(EC::serializeBands(kKey, miscounted));
-    EXPECT_FALSE(EC::serializeBands(kKey, SpectralBands::Feature{{}, 5}));
-    EXPECT_FALSE(EC::serializeBands(kKey, SpectralBands::Feature{{{}, {}}, 0}));
+    EXPECT_FALSE(EC::serializeBands(kKey, BandFeature{{}, 5}));
+    EXPECT_FALSE(EC::serializeBands(kKey, BandFeature{{{}, {}}, 0}));
 }
 
 // ---- keys -------------------------------------------------------------------------------------
@@ -606,7 +606,7 @@ TEST(EnvelopeCache, SavesReplaceEntriesWholeAndLeaveNoTemporaries) {
     EXPECT_EQ(EC::loadPair(url, folder), pairOf({3.0f}, {}, 0.5));
     ASSERT_TRUE(EC::saveBands(url, featureOf(8, 50, 1.0f), folder));
     ASSERT_TRUE(EC::saveBands(url, {}, folder));
-    EXPECT_EQ(EC::loadBands(url, folder), SpectralBands::Feature{});
+    EXPECT_EQ(EC::loadBands(url, folder), BandFeature{});
     EXPECT_EQ(namesIn(folder), (std::vector<std::string>{key, key + ".bands"}));
     EXPECT_EQ(fs::file_size(folder / key), EC::serialize(*EC::keyText(url), pairOf({3.0f}, {}, 0.5))->size());
 
@@ -614,7 +614,7 @@ TEST(EnvelopeCache, SavesReplaceEntriesWholeAndLeaveNoTemporaries) {
     auto ragged = featureOf(8, 5, 1.0f);
     ragged.bands[0].push_back(0.0f);
     EXPECT_FALSE(EC::saveBands(url, ragged, folder));
-    EXPECT_EQ(EC::loadBands(url, folder), SpectralBands::Feature{});
+    EXPECT_EQ(EC::loadBands(url, folder), BandFeature{});
 }
 
 TEST(EnvelopeCache, UnwritableFolderMakesSavesFailQuietly) {
