@@ -51,7 +51,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         require((feature->frames == 0) == feature->bands.empty());
         for (const auto& band : feature->bands)
             require(band.size() == static_cast<std::size_t>(feature->frames) && finite(band));
-        require(20 + kKeyText.size() + 4 * feature->bands.size() * static_cast<std::size_t>(feature->frames) ==
+        require(20 + kKeyText.size() +
+                    4 * feature->bands.size() * static_cast<std::size_t>(feature->frames) ==
                 size);
         const auto again = EC::serializeBands(kKeyText, *feature);
         require(again && same(*again, bytes));

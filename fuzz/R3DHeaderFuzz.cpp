@@ -3,12 +3,12 @@
 // (UBSan), it checks what the header promises of every result, and aborts where a promise fails.
 #include "TrelvaneEngine/media/R3DHeader.hpp"
 
+#include "TrelvaneEngine/support/Utf8.hpp"
 #include <cmath>
 #include <cstdint>
 #include <cstdlib>
 #include <optional>
 #include <span>
-#include "TrelvaneEngine/support/Utf8.hpp"
 
 #include <string>
 
@@ -20,7 +20,9 @@ void require(bool promise) {
     if (!promise) std::abort();
 }
 
-bool isValidUTF8(const std::string& s) { return trelvane::Utf8::isValid(s); }
+bool isValidUTF8(const std::string& s) {
+    return trelvane::Utf8::isValid(s);
+}
 
 void checkText(const std::optional<std::string>& text) {
     if (!text) return;

@@ -3,11 +3,11 @@
 // (UBSan), it checks what the header promises of every result, and aborts where a promise fails.
 #include "TrelvaneEngine/media/RiffReader.hpp"
 
+#include "TrelvaneEngine/support/Utf8.hpp"
 #include <cstdint>
 #include <cstdlib>
 #include <optional>
 #include <span>
-#include "TrelvaneEngine/support/Utf8.hpp"
 
 #include <string>
 #include <string_view>
@@ -20,7 +20,9 @@ void require(bool promise) {
     if (!promise) std::abort();
 }
 
-bool isValidUTF8(const std::string& s) { return trelvane::Utf8::isValid(s); }
+bool isValidUTF8(const std::string& s) {
+    return trelvane::Utf8::isValid(s);
+}
 
 // Text that validText made: valid UTF-8, no control characters, no blank at either end or twice
 // in a row, at most three bytes (U+FFFD) for every byte it came from.

@@ -11,7 +11,7 @@ fi
 
 PACKAGES=(
   # toolchain
-  build-essential cmake ninja-build ccache pkg-config
+  build-essential cmake ninja-build ccache pkg-config clang-format
   # media decoding, FFT, JSON, command line, formatting, diagnostics upload
   libavformat-dev libavcodec-dev libavutil-dev libswresample-dev
   libfftw3-dev nlohmann-json3-dev libcli11-dev libfmt-dev libcurl4-openssl-dev

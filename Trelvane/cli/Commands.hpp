@@ -69,8 +69,8 @@ struct SyncOptions {
     PromptAnswer cameraGroups = PromptAnswer::accept;
     PromptAnswer dayRegions = PromptAnswer::accept;
     bool noCloseGaps = false;
-    std::string report; // session JSON after the sync ("-": standard output); empty: none
-    bool table = false; // print every clip's placement
+    std::string report;               // session JSON after the sync ("-": standard output); empty: none
+    bool table = false;               // print every clip's placement
     std::vector<std::string> exports; // premiere|resolve|fcpxml|otio, each written once
     std::optional<double> fps;
     std::string channels = "per-channel";

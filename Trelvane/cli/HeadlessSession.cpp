@@ -42,8 +42,8 @@ std::set<Uuid> answerDayRegions(const std::vector<DayRegionProposal>& proposals,
         if (answer == PromptAnswer::accept) accepted.insert(p.id);
         out << (answer == PromptAnswer::accept ? "day region accepted: " : "day region rejected: ")
             << terminalSafe(p.label) << "  (" << terminalSafe(p.timeRangeHint()) << "  ·  " << p.clipCount
-            << " clips  ·  clock " << rawName(p.clockQuality) << ")  " << terminalSafe(joined(p.trackNames, ", "))
-            << "\n";
+            << " clips  ·  clock " << rawName(p.clockQuality) << ")  "
+            << terminalSafe(joined(p.trackNames, ", ")) << "\n";
     }
     return accepted;
 }
@@ -71,13 +71,15 @@ void ProgressReport::update() {
         const int step = static_cast<int>(vm_.syncProgress() * 20);
         const std::string key = std::to_string(step);
         draw("syncing", vm_.syncProgress(),
-             fmt::format("{} synced  {} weak  {} failed", vm_.syncedCount(), vm_.weakCount(), vm_.failedCount()),
+             fmt::format("{} synced  {} weak  {} failed", vm_.syncedCount(), vm_.weakCount(),
+                         vm_.failedCount()),
              key != lastStep_);
         lastStep_ = key;
     }
 }
 
-void ProgressReport::draw(const std::string& stage, double fraction, const std::string& detail, bool newStep) {
+void ProgressReport::draw(const std::string& stage, double fraction, const std::string& detail,
+                          bool newStep) {
     const auto now = std::chrono::steady_clock::now();
     if (stage != lastStage_) {
         if (drawn_) std::fprintf(stderr, "\n");
@@ -207,9 +209,10 @@ bool ingest(HeadlessSession& session, const std::vector<Url>& urls, PromptAnswer
     stopped = stopped || refused || Interruption::requested();
     if (!stopped) progress.finish(true);
     if (const auto skipped = vm->ingestEngine().skippedFolders.size(); skipped > 0 && !stopped)
-        std::cerr << fmt::format("trelvane: {} folder{} not searched — can't be read, too deep or with too long "
-                                 "a path (the log names {})\n",
-                                 skipped, skipped == 1 ? "" : "s", skipped == 1 ? "it" : "them");
+        std::cerr << fmt::format(
+            "trelvane: {} folder{} not searched — can't be read, too deep or with too long "
+            "a path (the log names {})\n",
+            skipped, skipped == 1 ? "" : "s", skipped == 1 ? "it" : "them");
     return !stopped;
 }
 

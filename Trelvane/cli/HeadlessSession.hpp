@@ -65,7 +65,8 @@ class Interruption {
 
 // A session controller driven from the command line.
 struct HeadlessSession {
-    HeadlessSession(SessionStages stages, std::optional<std::string> syncMode, std::optional<bool> autoCloseGaps);
+    HeadlessSession(SessionStages stages, std::optional<std::string> syncMode,
+                    std::optional<bool> autoCloseGaps);
 
     HeadlessMainQueue queue;
     // The user's settings, read; what the flags change stays in memory.

@@ -13,13 +13,13 @@
 
 #include <algorithm>
 #include <chrono>
+#include <cstdio>
+#include <fmt/format.h>
+#include <iostream>
 #include <map>
 #include <optional>
 #include <set>
 #include <unistd.h>
-#include <cstdio>
-#include <fmt/format.h>
-#include <iostream>
 
 namespace trelvane::cli {
 
@@ -105,8 +105,8 @@ int runScan(const ScanOptions& options, const CommonOptions& common) {
         std::cout << SessionJson::dump(vm->sources()) << '\n';
         return kExitOK;
     }
-    std::vector<std::vector<std::string>> rows{
-        {"TRACK", "TYPE", "CLIPS", "LOCKED", "SUBTITLE", "GROUP", "DAY", "SIBLING OF", "FIRST FOLDER", "SESSION"}};
+    std::vector<std::vector<std::string>> rows{{"TRACK", "TYPE", "CLIPS", "LOCKED", "SUBTITLE", "GROUP",
+                                                "DAY", "SIBLING OF", "FIRST FOLDER", "SESSION"}};
     for (const auto& t : vm->sources()) {
         const std::string folder =
             t.clips.empty() ? std::string("-") : t.clips.front().url.deletingLastPathComponent().path();
@@ -115,13 +115,14 @@ int runScan(const ScanOptions& options, const CommonOptions& common) {
             for (const auto& other : vm->sources())
                 if (other.id == *t.siblingOf) lead = other.name;
         rows.push_back({terminalSafe(t.name), std::string(rawValue(t.type)), std::to_string(t.clips.size()),
-                        t.lockedGrouping ? "yes" : "no", terminalSafe(t.subtitle()), optionalText(t.cameraGroup),
-                        optionalText(t.dayRegion), optionalText(lead), terminalSafe(folder),
-                        terminalSafe(t.session.empty() ? "-" : t.session)});
+                        t.lockedGrouping ? "yes" : "no", terminalSafe(t.subtitle()),
+                        optionalText(t.cameraGroup), optionalText(t.dayRegion), optionalText(lead),
+                        terminalSafe(folder), terminalSafe(t.session.empty() ? "-" : t.session)});
     }
     printTable(rows, std::cout);
-    std::cout << fmt::format("{} track{}, {} clip{}\n", vm->sources().size(), vm->sources().size() == 1 ? "" : "s",
-                             vm->totalClipCount(), vm->totalClipCount() == 1 ? "" : "s");
+    std::cout << fmt::format("{} track{}, {} clip{}\n", vm->sources().size(),
+                             vm->sources().size() == 1 ? "" : "s", vm->totalClipCount(),
+                             vm->totalClipCount() == 1 ? "" : "s");
     if (!options.analyze) return kExitOK;
 
     std::cout << '\n';

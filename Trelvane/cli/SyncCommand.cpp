@@ -102,7 +102,8 @@ int leaveOutUnreadable(SyncViewModel& vm) {
             }
     if (unreadable.empty()) return 0;
     vm.clearSelection();
-    for (const auto& id : unreadable) vm.toggleClipSelection(id);
+    for (const auto& id : unreadable)
+        vm.toggleClipSelection(id);
     vm.deleteSelected();
     return static_cast<int>(unreadable.size());
 }
@@ -122,13 +123,13 @@ std::optional<std::string> tooFewDevices(const Sources& sources) {
             heard.push_back(fmt::format("{} ({} of {} clip{} with sound)", t.name, withSound, clips,
                                         clips == 1 ? "" : "s"));
         } else {
-            deaf.push_back(fmt::format("{} ({} clip{}, none with sound)", t.name, clips, clips == 1 ? "" : "s"));
+            deaf.push_back(
+                fmt::format("{} ({} clip{}, none with sound)", t.name, clips, clips == 1 ? "" : "s"));
         }
     }
     if (devices.size() >= 2) return std::nullopt;
-    std::string text = devices.empty()
-                           ? std::string("no device has sound that can be read")
-                           : "only one device has sound that can be read: " + joined(heard, ", ");
+    std::string text = devices.empty() ? std::string("no device has sound that can be read")
+                                       : "only one device has sound that can be read: " + joined(heard, ", ");
     if (!deaf.empty()) text += "; also found " + joined(deaf, ", ");
     return text + ". Syncing by sound needs at least two devices.";
 }
@@ -223,17 +224,20 @@ int runSync(const SyncOptions& options, const CommonOptions& common) {
     if (Interruption::requested()) return Interruption::report(progress);
     if (vm->state().is(AppState::Kind::error)) {
         progress.finish(false);
-        std::cerr << "trelvane: " << terminalSafe(vm->errorMessage().value_or("synchronisation failed")) << '\n';
+        std::cerr << "trelvane: " << terminalSafe(vm->errorMessage().value_or("synchronisation failed"))
+                  << '\n';
         return kExitFailure;
     }
     progress.finish(true);
 
     if (options.table) {
-        std::vector<std::vector<std::string>> rows{{"TRACK", "CLIP", "START", "END", "STATUS", "SCORE", "PASS"}};
+        std::vector<std::vector<std::string>> rows{
+            {"TRACK", "CLIP", "START", "END", "STATUS", "SCORE", "PASS"}};
         for (const auto& t : vm->sources())
             for (const auto& c : t.clips)
                 rows.push_back({terminalSafe(t.name), terminalSafe(c.url.lastPathComponent()),
-                                fmt::format("{:.2f}", c.startOffset), fmt::format("{:.2f}", c.startOffset + c.duration),
+                                fmt::format("{:.2f}", c.startOffset),
+                                fmt::format("{:.2f}", c.startOffset + c.duration),
                                 std::string(rawValue(c.syncStatus)), scoreText(c.matchScore),
                                 terminalSafe(c.placementPass.value_or("-"))});
         printTable(rows, out);
@@ -244,7 +248,8 @@ int runSync(const SyncOptions& options, const CommonOptions& common) {
             std::optional<double> at;
             for (const auto& t : vm->sources())
                 for (const auto& c : t.clips)
-                    if (stacks->stacks[k].positions.count(c.id) && (!at || c.startOffset < *at)) at = c.startOffset;
+                    if (stacks->stacks[k].positions.count(c.id) && (!at || c.startOffset < *at))
+                        at = c.startOffset;
             out << fmt::sprintf("stack %d: %d take(s), %.1fs at %.1fs\n", static_cast<int>(k + 1),
                                 static_cast<int>(stacks->stacks[k].positions.size()),
                                 stacks->stacks[k].length, at.value_or(0.0));

@@ -13,7 +13,8 @@ namespace trelvane {
 SessionStages productStages() {
     SessionStages stages;
     // Scanning and sorting are the controller's own ingest engine.
-    stages.loadMetadata = [](Sources sources, SessionStages::ClipUpdated onClipUpdated, std::stop_token stop) {
+    stages.loadMetadata = [](Sources sources, SessionStages::ClipUpdated onClipUpdated,
+                             std::stop_token stop) {
         return IngestEngine::loadMetadata(std::move(sources), onClipUpdated, std::move(stop));
     };
     stages.splitSourcesByDevice = IngestEngine::splitSourcesByDevice;
@@ -24,8 +25,9 @@ SessionStages productStages() {
     stages.applyDayRegions = IngestEngine::applyDayRegions;
     stages.extractClip = [](const Url& url, int factor, double expectedSeconds,
                             const std::function<void(double)>& onSub, std::stop_token stop) {
-        return ClipAnalysis::analyse(url, factor, expectedSeconds, onSub, std::move(stop),
-                                     [](const std::string& ext) { return FormatAdvisory::catalog().contains(ext); });
+        return ClipAnalysis::analyse(
+            url, factor, expectedSeconds, onSub, std::move(stop),
+            [](const std::string& ext) { return FormatAdvisory::catalog().contains(ext); });
     };
     stages.pruneCache = [](std::int64_t ceilingBytes) {
         EnvelopeCache::prune(dateNow(), EnvelopeCache::cacheDir(), ceilingBytes);
@@ -36,8 +38,8 @@ SessionStages productStages() {
     stages.stackAdvice = [](Sources sources, int maxProbes) {
         return StackBuilder::advice(sources, maxProbes);
     };
-    stages.synchronise = [](Sources sources, SessionStages::SyncProgress progress, SessionStages::SyncPlace place,
-                            std::stop_token stop) {
+    stages.synchronise = [](Sources sources, SessionStages::SyncProgress progress,
+                            SessionStages::SyncPlace place, std::stop_token stop) {
         // 0 lets the engine use every processor.
         return SyncEngine::synchronise(std::move(sources), progress, place, std::move(stop),
                                        WorkerWindow::requestedWorkers().value_or(0));

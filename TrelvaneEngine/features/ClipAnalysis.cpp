@@ -23,7 +23,8 @@ namespace {
 // itself is, else what the reader said.
 std::string unreadableReason(const Url& url, const TrelvaneError& error) {
     struct stat st {};
-    if (::lstat(url.fsPath().c_str(), &st) == 0 && S_ISLNK(st.st_mode) && ::stat(url.fsPath().c_str(), &st) != 0)
+    if (::lstat(url.fsPath().c_str(), &st) == 0 && S_ISLNK(st.st_mode) &&
+        ::stat(url.fsPath().c_str(), &st) != 0)
         return "a link to a file that does not exist";
     if (::stat(url.fsPath().c_str(), &st) != 0) return std::strerror(errno);
     if (!S_ISREG(st.st_mode)) return "not a regular file";
@@ -49,12 +50,14 @@ std::vector<float> waveform(std::span<const float> samples, double duration) {
         if (start >= samples.size()) break;
         const std::size_t end = std::min(samples.size(), start + block);
         double sum = 0;
-        for (std::size_t i = start; i < end; ++i) sum += static_cast<double>(samples[i]) * samples[i];
+        for (std::size_t i = start; i < end; ++i)
+            sum += static_cast<double>(samples[i]) * samples[i];
         out[b] = static_cast<float>(std::sqrt(sum / static_cast<double>(end - start)));
         peak = std::max(peak, out[b]);
     }
     if (peak > 0)
-        for (float& v : out) v = std::sqrt(v / peak);
+        for (float& v : out)
+            v = std::sqrt(v / peak);
     return out;
 }
 
@@ -87,7 +90,8 @@ ExtractOutcome analyse(const Url& url, int factor, double expectedSeconds,
         if (e.kind() == K::stopped) return ExtractFailed{e.description()};
         if (e.kind() == K::noAudioTrack || e.kind() == K::emptySamples)
             return NoUsableAudio{AudioUsability::none, e.description(), std::nullopt};
-        if (e.kind() == K::silentAudio) return NoUsableAudio{AudioUsability::silent, e.description(), std::nullopt};
+        if (e.kind() == K::silentAudio)
+            return NoUsableAudio{AudioUsability::silent, e.description(), std::nullopt};
         const std::string ext = Files::lowercased(url.pathExtension());
         if (knownFormat && knownFormat(ext))
             return NoUsableAudio{AudioUsability::undecodable, "container not decodable (" + ext + ")", ext};

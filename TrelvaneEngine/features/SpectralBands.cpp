@@ -520,7 +520,8 @@ bool weigh(PlannedJob& planned, ReferenceSpectra& spectra) {
 }
 
 // The job's fused correlation at the lags block `j` holds, from the block's reference spectra.
-void fuseBlock(const PlannedJob& planned, const Packed& block, long long j, SyncCorrelator::FFTWorkspace& ws) {
+void fuseBlock(const PlannedJob& planned, const Packed& block, long long j,
+               SyncCorrelator::FFTWorkspace& ws) {
     const BlockPlan& plan = planned.plan;
     const std::size_t size = plan.size, half = size / 2;
     float* const re = ws.real().data();
@@ -596,7 +597,8 @@ void fusedByBlocks(std::span<BlockJob> jobs, const Feature& ref) {
         std::vector<const PlannedJob*> group;
         std::set<long long> needed;
         for (std::size_t i = g; i < planned.size(); ++i) {
-            if (done[i] || planned[i].plan.size != plan.size || planned[i].plan.clipPad != plan.clipPad) continue;
+            if (done[i] || planned[i].plan.size != plan.size || planned[i].plan.clipPad != plan.clipPad)
+                continue;
             done[i] = true;
             group.push_back(&planned[i]);
             for (long long j = planned[i].firstBlock; j <= planned[i].lastBlock; ++j)
@@ -686,7 +688,8 @@ const ClipSearch::Transforms& ClipSearch::transforms(std::size_t setupLength) {
         power[0] = 0.25 * static_cast<double>(c[0]) * c[0];
         power[half] = 0.25 * static_cast<double>(c[half]) * c[half];
         for (std::size_t k = 1; k < half; ++k)
-            power[k] = 0.25 * (static_cast<double>(c[k]) * c[k] + static_cast<double>(c[half + k]) * c[half + k]);
+            power[k] =
+                0.25 * (static_cast<double>(c[k]) * c[k] + static_cast<double>(c[half + k]) * c[half + k]);
     }
     return out;
 }
@@ -748,7 +751,8 @@ std::optional<SearchedLags> searchedLags(const Feature& clip, const Feature& ref
 }
 
 // The best `topK` of the fused correlation `values` at lags lo to hi, scored against the range.
-std::vector<Peak> pickPeaks(const std::vector<float>& values, int lo, int hi, int topK, double minSeparationSec) {
+std::vector<Peak> pickPeaks(const std::vector<float>& values, int lo, int hi, int topK,
+                            double minSeparationSec) {
     if (values.empty()) return {};
     const auto value = [&](int lag) { return values[static_cast<std::size_t>(lag - lo)]; };
 
@@ -788,7 +792,8 @@ std::vector<Peak> pickPeaks(const std::vector<float>& values, int lo, int hi, in
         for (std::size_t i = 1; i < values.size(); ++i)
             if (values[i] > values[top]) top = i;
         const float best = scoreOf(values[top]);
-        const double near = static_cast<double>(values[top]) - sd * (std::abs(static_cast<double>(best)) + 1.0) * 1e-6;
+        const double near =
+            static_cast<double>(values[top]) - sd * (std::abs(static_cast<double>(best)) + 1.0) * 1e-6;
         for (std::size_t i = 0; i < top; ++i) {
             const int lag = lo + static_cast<int>(i);
             if (static_cast<double>(values[i]) >= near && isLocalMaximum(lag) && scoreOf(values[i]) == best)
@@ -844,8 +849,8 @@ std::vector<std::vector<Peak>> peaks(std::span<ClipSearch* const> searches, cons
     std::vector<BlockJob> jobs;
     std::vector<std::size_t> owners;
     for (std::size_t i = 0; i < searches.size(); ++i) {
-        const auto lags = searchedLags(searches[i]->clip(), ref, ranges[i].minOffsetSec, ranges[i].maxOffsetSec,
-                                       minOverlapSec, topK);
+        const auto lags = searchedLags(searches[i]->clip(), ref, ranges[i].minOffsetSec,
+                                       ranges[i].maxOffsetSec, minOverlapSec, topK);
         if (!lags) continue;
         jobs.push_back({searches[i], lags->lo, lags->hi, lags->wholeLength, std::nullopt});
         owners.push_back(i);

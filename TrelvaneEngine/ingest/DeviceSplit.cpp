@@ -203,7 +203,8 @@ void splitTrack(TrackSource track, std::vector<TrackSource>& output) {
         const std::string preferred =
             isCodecFingerprint(group.rawLabel) ? track.name + " cam" : group.rawLabel;
         std::string name = IngestEngine::uniqueName(preferred, track.type, namesSoFar());
-        output.push_back(splitOffTrack(track, std::move(name), group.rawLabel, std::move(group.clips), output));
+        output.push_back(
+            splitOffTrack(track, std::move(name), group.rawLabel, std::move(group.clips), output));
     }
     if (!others.empty()) {
         std::string name = IngestEngine::uniqueName(track.name + " (other)", track.type, namesSoFar());

@@ -31,7 +31,7 @@ struct IngestEngine {
     // Folder names (lower-cased) that are never searched for media.
     static inline const std::set<std::string> proxyDirNames{"sub", "proxy", "proxies", "lrv",
                                                             "thm", "drone", "drones"};
-    static inline const std::array<std::string_view, 9> videoExtensions{"mov", "mp4", "m4v", "mxf", "r3d",
+    static inline const std::array<std::string_view, 9> videoExtensions{"mov",  "mp4", "m4v", "mxf", "r3d",
                                                                         "braw", "ari", "arx", "crm"};
     static inline const std::array<std::string_view, 5> audioExtensions{"wav", "mp3", "aiff", "aif", "m4a"};
 
@@ -83,9 +83,10 @@ struct IngestEngine {
     // logs one "[Ingest] clock track …" line per track. Once `stop` is requested no further clip
     // is started and the list is returned as merged so far, without the clock lines. A clip
     // whose length can't be read keeps duration 0 and is read again by the next call.
-    static std::vector<TrackSource> loadMetadata(
-        std::vector<TrackSource> sources,
-        const std::function<void(const std::vector<TrackSource>&)>& onClipUpdated, std::stop_token stop = {});
+    static std::vector<TrackSource>
+    loadMetadata(std::vector<TrackSource> sources,
+                 const std::function<void(const std::vector<TrackSource>&)>& onClipUpdated,
+                 std::stop_token stop = {});
 
     // Device split: one track per recording device, run on the whole list after loadMetadata.
     // Locked tracks and single-folder audio tracks stay whole and only get their `deviceName`;
@@ -128,7 +129,8 @@ struct IngestEngine {
                                                       const std::set<Uuid>& accepted);
     // The track indices in chronologicalOrder of the tracks' first clips; where either track has
     // no clip, the lower index goes first. Stable, and safe although that order is not transitive.
-    static std::vector<int> tracksInClipOrder(const std::vector<TrackSource>& sources, std::vector<int> indices);
+    static std::vector<int> tracksInClipOrder(const std::vector<TrackSource>& sources,
+                                              std::vector<int> indices);
     // The clock span of one track, from its trusted clips (clock from the file name or better),
     // else from any dated clip with a clock; nothing when no clip has one.
     struct TrackClockSpan {
@@ -136,8 +138,8 @@ struct IngestEngine {
         Date start;
         Date end; // the latest date used, plus that clip's duration
         ClockQuality quality = ClockQuality::none;
-        Date median; // element count/2 of the sorted dates used
-        int clipCount = 0; // all clips of the track, dated or not
+        Date median;         // element count/2 of the sorted dates used
+        int clipCount = 0;   // all clips of the track, dated or not
         double totalDur = 0; // seconds, all clips of the track
     };
     static std::optional<TrackClockSpan> trackClockSpan(const TrackSource& source, int index);
@@ -152,8 +154,9 @@ struct IngestEngine {
                                                     const std::set<Uuid>& accepted);
     // Day regions from the session's text-sync regions file (TextSyncStore). Nothing: the file has
     // nothing to say and the clocks decide. An empty list: the answer is "one day".
-    static std::optional<std::vector<DayRegionProposal>> detectDayRegionsFromTextSync(
-        const std::vector<TrackSource>& sources, const std::string& session, const std::vector<int>& indices);
+    static std::optional<std::vector<DayRegionProposal>>
+    detectDayRegionsFromTextSync(const std::vector<TrackSource>& sources, const std::string& session,
+                                 const std::vector<int>& indices);
     // Fills `textSyncOffsetByPeer` of the session's tracks from the support edges of its regions
     // file; the tracks come back unchanged without a file.
     static std::vector<TrackSource> attachTextSyncPriors(std::vector<TrackSource> sources,

@@ -180,7 +180,8 @@ Uuid IngestEngine::newTrackId(std::string_view origin, const std::vector<ClipIte
     // A track made again of files that an earlier track was made of (they were removed and added
     // back) must not take the identifier that track still has.
     const auto taken = [&existing](const Uuid& id) {
-        return std::any_of(existing.begin(), existing.end(), [&id](const TrackSource& t) { return t.id == id; });
+        return std::any_of(existing.begin(), existing.end(),
+                           [&id](const TrackSource& t) { return t.id == id; });
     };
     Uuid id = Uuid::named(text);
     for (int again = 1; taken(id); ++again)

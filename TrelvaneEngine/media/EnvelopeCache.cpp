@@ -176,7 +176,6 @@ std::optional<std::vector<std::uint8_t>> readEntry(const fs::path& path) {
     return bytes;
 }
 
-
 // Writes a temporary file next to the entry and renames it over the entry: a reader sees the old
 // entry or the new one, never a mix, and a crash leaves at most a stray temporary (which `prune`
 // ages out). No fsync: after a power cut the entry may be empty or zeroed, and either fails its
@@ -351,8 +350,7 @@ std::optional<std::vector<std::uint8_t>> serializeBands(std::string_view keyText
     return out;
 }
 
-std::optional<BandFeature> deserializeBands(std::span<const std::uint8_t> bytes,
-                                                       std::string_view keyText) {
+std::optional<BandFeature> deserializeBands(std::span<const std::uint8_t> bytes, std::string_view keyText) {
     Reader in(bytes);
     if (in.u32() != kBandsVersion || !in.text(keyText)) return std::nullopt;
     const auto count = in.u32();
@@ -362,7 +360,8 @@ std::optional<BandFeature> deserializeBands(std::span<const std::uint8_t> bytes,
     // Both factors are below 2^32, so the product can't wrap in 64 bits. The checksum's four bytes
     // follow the values.
     const std::uint64_t values = std::uint64_t{*count} * *frames;
-    if (in.remaining() % 4 != 0 || in.remaining() < 4 || values != in.remaining() / 4 - 1) return std::nullopt;
+    if (in.remaining() % 4 != 0 || in.remaining() < 4 || values != in.remaining() / 4 - 1)
+        return std::nullopt;
     BandFeature feature;
     feature.frames = static_cast<int>(*frames);
     feature.bands.resize(*count);

@@ -101,13 +101,11 @@ std::optional<Pair> deserialize(std::span<const std::uint8_t> bytes, std::string
 // The bytes of a band entry, or nothing for a feature that is not one: a band whose length is not
 // `frames`, a negative `frames`, frames without bands or bands without frames, a value that is not
 // finite.
-std::optional<std::vector<std::uint8_t>> serializeBands(std::string_view keyText,
-                                                        const BandFeature& feature);
+std::optional<std::vector<std::uint8_t>> serializeBands(std::string_view keyText, const BandFeature& feature);
 // Nothing unless the version is 7, the bytes are exactly what the counts promise, the counts
 // describe a feature (both zero, the empty feature, or both positive with `frames` within an int),
 // the key text and checksum hold and every value is finite.
-std::optional<BandFeature> deserializeBands(std::span<const std::uint8_t> bytes,
-                                                       std::string_view keyText);
+std::optional<BandFeature> deserializeBands(std::span<const std::uint8_t> bytes, std::string_view keyText);
 
 // Preview, envelope and length of the file, if cached under its current key. A hit marks the entry
 // as used now, so that `prune` takes the entries that went unused longest.
@@ -118,11 +116,9 @@ std::optional<Pair> loadPair(const Url& url, const std::filesystem::path& folder
 bool savePair(const Url& url, const Pair& pair, const std::filesystem::path& folder = cacheDir());
 
 // The band feature of the file, if cached under its current key; a hit marks the entry as used.
-std::optional<BandFeature> loadBands(const Url& url,
-                                                const std::filesystem::path& folder = cacheDir());
+std::optional<BandFeature> loadBands(const Url& url, const std::filesystem::path& folder = cacheDir());
 // As `savePair`, for the band feature.
-bool saveBands(const Url& url, const BandFeature& feature,
-               const std::filesystem::path& folder = cacheDir());
+bool saveBands(const Url& url, const BandFeature& feature, const std::filesystem::path& folder = cacheDir());
 
 // Removes the entries whose modification time is earlier than `now` minus 7 days, then, while the
 // remaining files add up to more than `ceiling` bytes (2^31 unless the user chose otherwise), the

@@ -33,6 +33,8 @@ void callback(void* avcl, int level, const char* fmt, va_list args) {
 
 } // namespace
 
-void routeToEngineLog() { av_log_set_callback(callback); }
+void routeToEngineLog() {
+    av_log_set_callback(callback);
+}
 
 } // namespace trelvane::FFmpegLog

@@ -227,7 +227,6 @@ std::optional<Wave> walk(const Source& src) {
     return wave;
 }
 
-
 } // namespace
 
 std::optional<Wave> read(const Url& url) {

@@ -115,7 +115,8 @@ std::string ClipItem::placementExplanation() const {
     case AudioUsability::silent:
         return "Audio track is silent — placed by clock or between neighbours";
     case AudioUsability::undecodable:
-        if (audioProblem) return "Sound can't be read (" + *audioProblem + ") — placed by clock or between neighbours";
+        if (audioProblem)
+            return "Sound can't be read (" + *audioProblem + ") — placed by clock or between neighbours";
         return "Format not decodable on this Mac — placed by clock or between neighbours";
     case AudioUsability::ok:
         break;

@@ -15,7 +15,8 @@ namespace trelvane::SyncEngine::detail {
 
 Ladder::Ladder(Run& r, std::vector<ClipKey> list) : run(r), clips(std::move(list)) {
     prefixDur.assign(clips.size() + 1, 0.0);
-    for (int k = 0; k < count(); ++k) prefixDur[k + 1] = prefixDur[k] + dur(k);
+    for (int k = 0; k < count(); ++k)
+        prefixDur[k + 1] = prefixDur[k] + dur(k);
     order.resize(clips.size());
     std::iota(order.begin(), order.end(), 0);
     std::stable_sort(order.begin(), order.end(), [&](int a, int b) { return dur(a) > dur(b); });
@@ -45,7 +46,9 @@ void Ladder::accept(int k, const Match& hit, double lo, double hi, const std::st
 
 std::vector<SearchJob> Ladder::seedJobs(std::span<const Span> spans) const {
     std::vector<SearchJob> jobs;
-    for (int k : order) jobs.push_back({clips[k].first, clips[k].second, priorWindow(run, clips[k].first, clips[k].second, spans)});
+    for (int k : order)
+        jobs.push_back(
+            {clips[k].first, clips[k].second, priorWindow(run, clips[k].first, clips[k].second, spans)});
     return jobs;
 }
 
@@ -59,7 +62,8 @@ LayoutCounts Ladder::layout() {
         },
         run.base, count());
     std::vector<std::string> names;
-    for (int k = 0; k < count(); ++k) names.push_back(name(k));
+    for (int k = 0; k < count(); ++k)
+        names.push_back(name(k));
     for (int k = 0; k < count(); ++k) {
         if (anchors.count(k)) continue;
         ClipItem& c = run.tracks[clips[k].first].clips[clips[k].second];
@@ -105,7 +109,8 @@ void pass1(Ladder& ladder, const std::vector<Span>& pass1Spans, const Pass1* sea
     const auto jobs = ladder.seedJobs(pass1Spans);
     const auto found = searched ? *searched : searchInParallel(run, jobs, pass1Spans, false, true);
     if (searched)
-        for (const auto& job : jobs) run.advance(0.5, run.tracks[job.si].clips[job.ci].url.baseName());
+        for (const auto& job : jobs)
+            run.advance(0.5, run.tracks[job.si].clips[job.ci].url.baseName());
     for (std::size_t j = 0; j < jobs.size(); ++j) {
         if (!found[j] || found[j]->score < kStrongScore) continue;
         const int k = ladder.order[j];
@@ -116,7 +121,8 @@ void pass1(Ladder& ladder, const std::vector<Span>& pass1Spans, const Pass1* sea
 
 void anchorChain(Ladder& ladder, const std::map<int, Match>& results) {
     std::vector<std::pair<int, double>> items;
-    for (const auto& [k, m] : results) items.push_back({k, m.pos});
+    for (const auto& [k, m] : results)
+        items.push_back({k, m.pos});
     for (int k : longestConsistentChain(items, ladder.prefixDur, kChainSlack)) {
         const Match& m = results.at(k);
         ladder.accept(k, m, -kUnbounded, kUnbounded, "A1");
@@ -140,9 +146,10 @@ void cameraCross(Ladder& ladder) {
         }
         if (!best) continue;
         ladder.accept(k, *best, b.lo, b.hi, "A3cam");
-        EngineLog::logf("[SyncEngine]  camera cross '%s' @ %.1fs score=%.1f (matched a sibling camera, no external "
-                        "audio nearby)",
-                        ladder.name(k), ladder.posOf.at(k), best->score);
+        EngineLog::logf(
+            "[SyncEngine]  camera cross '%s' @ %.1fs score=%.1f (matched a sibling camera, no external "
+            "audio nearby)",
+            ladder.name(k), ladder.posOf.at(k), best->score);
     }
 }
 
@@ -168,13 +175,16 @@ void cameraCluster(Ladder& ladder) {
     }
     // Brackets as the chain stood before any cluster was laid.
     std::vector<Bounds> brackets;
-    for (int k : free) brackets.push_back(ladder.bracket(k));
+    for (int k : free)
+        brackets.push_back(ladder.bracket(k));
     std::map<int, std::vector<int>> groups;
-    for (int i = 0; i < n; ++i) groups[root(i)].push_back(i);
+    for (int i = 0; i < n; ++i)
+        groups[root(i)].push_back(i);
     for (const auto& [_, members] : groups) {
         if (members.size() < 2) continue;
         std::map<int, int> local;
-        for (int m : members) local[m] = static_cast<int>(local.size());
+        for (int m : members)
+            local[m] = static_cast<int>(local.size());
         std::vector<PairwiseOffsetSolver::Measurement> mine;
         std::vector<float> bestScore(members.size(), 0.0f);
         for (const auto& m : measured)
@@ -185,7 +195,8 @@ void cameraCluster(Ladder& ladder) {
             }
         int master = 0;
         for (std::size_t i = 1; i < members.size(); ++i)
-            if (ladder.dur(free[members[i]]) > ladder.dur(free[members[master]])) master = static_cast<int>(i);
+            if (ladder.dur(free[members[i]]) > ladder.dur(free[members[master]]))
+                master = static_cast<int>(i);
         const auto solved = PairwiseOffsetSolver::solve(static_cast<int>(members.size()), master, mine);
         Bounds room;
         for (std::size_t i = 0; i < members.size(); ++i) {
@@ -203,9 +214,10 @@ void cameraCluster(Ladder& ladder) {
             const int k = free[members[i]];
             ladder.accept(k, Match{at + solved[i], bestScore[i]}, -kUnbounded, kUnbounded, "A3cluster");
         }
-        EngineLog::logf("[SyncEngine]  camera cluster '%s' @ %.1fs — %d clip(s), no external audio anywhere nearby, "
-                        "synced only against each other",
-                        ladder.name(free[members[master]]), at, static_cast<int>(members.size()));
+        EngineLog::logf(
+            "[SyncEngine]  camera cluster '%s' @ %.1fs — %d clip(s), no external audio anywhere nearby, "
+            "synced only against each other",
+            ladder.name(free[members[master]]), at, static_cast<int>(members.size()));
     }
 }
 
@@ -232,7 +244,8 @@ void siblingPropagation(Ladder& ladder) {
                 trustedClock(theirs.clockQuality))
                 qualifies = std::abs(secondsBetween(*mine.recordingDate, *theirs.recordingDate)) <= 120.0;
             if (!qualifies) continue;
-            if (winner < 0 || std::abs(pos - middle) < std::abs(ladder.posOf.at(winner) - middle)) winner = other;
+            if (winner < 0 || std::abs(pos - middle) < std::abs(ladder.posOf.at(winner) - middle))
+                winner = other;
         }
         if (winner < 0) continue;
         const double pos = std::max(b.lo, std::min(ladder.posOf.at(winner), b.hi));
@@ -246,13 +259,15 @@ void siblingPropagation(Ladder& ladder) {
         written.syncStatus = SyncStatus::weak;
         written.matchScore.reset();
         written.placementNote = "alongside '" + ladder.name(winner) + "'";
-        EngineLog::logf("[SyncEngine]  sibling prop '%s' ← '%s' @ %.1fs", ladder.name(k), ladder.name(winner), pos);
+        EngineLog::logf("[SyncEngine]  sibling prop '%s' ← '%s' @ %.1fs", ladder.name(k), ladder.name(winner),
+                        pos);
     }
 }
 
 } // namespace
 
-int syncClipChain(Run& run, const std::vector<ClipKey>& list, const std::string& label, const Pass1* searched) {
+int syncClipChain(Run& run, const std::vector<ClipKey>& list, const std::string& label,
+                  const Pass1* searched) {
     if (list.empty()) return 0;
     const std::vector<Span> pass1Spans = run.primaryPool;
     const std::vector<Span> pass3Spans = run.fullPool;
@@ -285,21 +300,23 @@ int syncClipChain(Run& run, const std::vector<ClipKey>& list, const std::string&
         if (auto hit = clipMatch(ladder.track(k), ladder.clip(k), b.lo, b.hi, pass3Spans, false, context);
             hit && hit->score >= kWeakFloor) {
             ladder.accept(k, *hit, b.lo, b.hi, "A3");
-            EngineLog::logf("[SyncEngine]  long rescue '%s' @ %.1fs score=%.1f (window %.0f…%.0f)", ladder.name(k),
-                            ladder.posOf.at(k), hit->score, b.lo, b.hi);
+            EngineLog::logf("[SyncEngine]  long rescue '%s' @ %.1fs score=%.1f (window %.0f…%.0f)",
+                            ladder.name(k), ladder.posOf.at(k), hit->score, b.lo, b.hi);
             continue;
         }
         if (auto w = brollPrior(run, ladder.dur(k), b)) {
-            if (auto hit = clipMatch(ladder.track(k), ladder.clip(k), w->lo, w->hi, pass3Spans, false, context);
+            if (auto hit =
+                    clipMatch(ladder.track(k), ladder.clip(k), w->lo, w->hi, pass3Spans, false, context);
                 hit && hit->score >= kWeakFloor) {
                 ladder.accept(k, *hit, b.lo, b.hi, "A3b-broll");
-                EngineLog::logf("[SyncEngine]  long rescue '%s' @ %.1fs score=%.1f via B-roll prior (%.0f…%.0f)",
-                                ladder.name(k), ladder.posOf.at(k), hit->score, w->lo, w->hi);
+                EngineLog::logf(
+                    "[SyncEngine]  long rescue '%s' @ %.1fs score=%.1f via B-roll prior (%.0f…%.0f)",
+                    ladder.name(k), ladder.posOf.at(k), hit->score, w->lo, w->hi);
                 continue;
             }
         }
-        EngineLog::logf("[SyncEngine]  long rescue miss '%s' (%.0fs) window %.0f…%.0f — will interp", ladder.name(k),
-                        ladder.dur(k), b.lo, b.hi);
+        EngineLog::logf("[SyncEngine]  long rescue miss '%s' (%.0fs) window %.0f…%.0f — will interp",
+                        ladder.name(k), ladder.dur(k), b.lo, b.hi);
     }
 
     cameraCross(ladder);

@@ -22,7 +22,8 @@ std::vector<int> Run::regionClips(int si) const {
 
 double Run::maxClip(int si) const {
     double m = 0;
-    for (int ci : regionClips(si)) m = std::max(m, tracks[si].clips[ci].duration);
+    for (int ci : regionClips(si))
+        m = std::max(m, tracks[si].clips[ci].duration);
     return m;
 }
 
@@ -153,7 +154,8 @@ std::vector<std::optional<Match>> searchInParallel(Run& run, const std::vector<S
             cancelled = true;
             return;
         }
-        if (progressStep > 0) run.advance(progressStep, run.tracks[jobs[i].si].clips[jobs[i].ci].url.baseName());
+        if (progressStep > 0)
+            run.advance(progressStep, run.tracks[jobs[i].si].clips[jobs[i].ci].url.baseName());
         results[i] = m;
     };
     WorkerWindow::run<std::optional<Match>>(run.workers, jobs.size(), job, onResult, run.stop);
@@ -197,14 +199,16 @@ int bandFrames(const ClipItem& clip) {
 std::string joinNames(std::vector<std::string> names) {
     std::sort(names.begin(), names.end());
     std::string out;
-    for (const auto& n : names) out += (out.empty() ? "" : ", ") + n;
+    for (const auto& n : names)
+        out += (out.empty() ? "" : ", ") + n;
     return out.empty() ? "(none)" : out;
 }
 
 void logPools(Run& run) {
     auto describe = [&](const std::vector<Span>& spans, const std::vector<int>& contributors) {
         std::vector<std::string> names;
-        for (int si : contributors) names.push_back(run.tracks[si].name);
+        for (int si : contributors)
+            names.push_back(run.tracks[si].name);
         int ready = 0;
         for (const Span& s : spans)
             if (s.bands && s.bands->frames >= SpectralBands::kMinimumFrames) ++ready;
@@ -235,7 +239,8 @@ int matchableCount(const Run& run, const std::vector<ClipKey>& clips) {
 bool acceptedIntoPool(const Run& run, int si, const detail::TrackOutcome& outcome) {
     if (outcome.hotSpot || outcome.matched == 0) return false;
     std::vector<ClipKey> clips;
-    for (int ci : run.regionClips(si)) clips.push_back({si, ci});
+    for (int ci : run.regionClips(si))
+        clips.push_back({si, ci});
     return outcome.matched * 2 >= matchableCount(run, clips);
 }
 
@@ -271,7 +276,8 @@ void syncRegion(Run& run, const std::string& key, const std::vector<ClipKey>& me
     run.regionKey = key;
     run.region = std::set<ClipKey>(members.begin(), members.end());
     std::set<int> trackSet;
-    for (const auto& m : members) trackSet.insert(m.first);
+    for (const auto& m : members)
+        trackSet.insert(m.first);
     run.regionTracks.assign(trackSet.begin(), trackSet.end());
     run.primaryPool.clear();
     run.fullPool.clear();
@@ -307,8 +313,9 @@ void syncRegion(Run& run, const std::string& key, const std::vector<ClipKey>& me
         if (run.regionClipCount(si) > kTakeRecorderClips && run.maxClip(si) < kTakeRecorderLongestClip)
             takeRecorders.push_back(si);
     }
-    const bool camerasFirst = cameras.size() >= kCamerasFirst ||
-                              (cameras.size() == kCamerasFirst - 1 && (recorders.empty() || !takeRecorders.empty()));
+    const bool camerasFirst =
+        cameras.size() >= kCamerasFirst ||
+        (cameras.size() == kCamerasFirst - 1 && (recorders.empty() || !takeRecorders.empty()));
 
     auto largestMaxClip = [&](const std::vector<int>& candidates) {
         int best = -1;
@@ -345,17 +352,20 @@ void syncRegion(Run& run, const std::string& key, const std::vector<ClipKey>& me
     std::vector<int> others;
     for (int si : run.regionTracks)
         if (si != ref) others.push_back(si);
-    const bool overlaps = detail::clockRangesOverlap(detail::clockRange(run, {ref}), detail::clockRange(run, others));
+    const bool overlaps =
+        detail::clockRangesOverlap(detail::clockRange(run, {ref}), detail::clockRange(run, others));
     if (overlaps) {
         run.epoch = refEarliest;
     } else {
         run.epoch = othersEarliest;
-        EngineLog::logf("[SyncEngine]  ref '%s' clock doesn't overlap the rest of region '%s' — ignoring it for "
-                        "the region epoch (still used for content matching)",
-                        tracks[ref].name, key);
+        EngineLog::logf(
+            "[SyncEngine]  ref '%s' clock doesn't overlap the rest of region '%s' — ignoring it for "
+            "the region epoch (still used for content matching)",
+            tracks[ref].name, key);
     }
-    EngineLog::logf("[SyncEngine] region '%s' ref '%s' (%d tracks,%d clips) @ base=%.0f", key, tracks[ref].name,
-                    static_cast<int>(run.regionTracks.size()), static_cast<int>(members.size()), run.base);
+    EngineLog::logf("[SyncEngine] region '%s' ref '%s' (%d tracks,%d clips) @ base=%.0f", key,
+                    tracks[ref].name, static_cast<int>(run.regionTracks.size()),
+                    static_cast<int>(members.size()), run.base);
 
     // The reference and its pool. A camera as reference is the ruler all the same: its sound enters
     // the pool as a backbone track would.
@@ -386,8 +396,9 @@ void syncRegion(Run& run, const std::string& key, const std::vector<ClipKey>& me
             run.doneTracks.insert(si);
         }
         run.refreshMatchSpans();
-        EngineLog::logf("[SyncEngine]  region '%s' pools after unlinked backups: primary %d, full %d segment(s)",
-                        key, static_cast<int>(run.primaryPool.size()), static_cast<int>(run.fullPool.size()));
+        EngineLog::logf(
+            "[SyncEngine]  region '%s' pools after unlinked backups: primary %d, full %d segment(s)", key,
+            static_cast<int>(run.primaryPool.size()), static_cast<int>(run.fullPool.size()));
     }
 
     // Channel tracks follow their leaders once the leaders have a place; a channel whose audio
@@ -435,7 +446,8 @@ void syncRegion(Run& run, const std::string& key, const std::vector<ClipKey>& me
     std::vector<int> remaining;
     for (int si : run.regionTracks)
         if (!run.doneTracks.count(si) && !tracks[si].siblingOf) remaining.push_back(si);
-    for (int si : ownTracks) remaining.push_back(si);
+    for (int si : ownTracks)
+        remaining.push_back(si);
     std::sort(remaining.begin(), remaining.end());
 
     // The rest is placed unit by unit: a single track, or the cards of one camera group as one
@@ -456,7 +468,8 @@ void syncRegion(Run& run, const std::string& key, const std::vector<ClipKey>& me
     auto unitClips = [&](const Unit& u) {
         if (u.group) return orderedFlatClips(run, u.members);
         std::vector<ClipKey> clips;
-        for (int ci : run.regionClips(u.members.front())) clips.push_back({u.members.front(), ci});
+        for (int ci : run.regionClips(u.members.front()))
+            clips.push_back({u.members.front(), ci});
         return clips;
     };
     enum class Phase { cameraBackbone, recordersAfterBackbone, tracks };
@@ -464,13 +477,14 @@ void syncRegion(Run& run, const std::string& key, const std::vector<ClipKey>& me
         const auto clips = unitClips(u);
         const std::string name = u.group ? *u.group : tracks[u.members.front()].name;
         const bool retried = u.probes > 1;
-        if (retried) EngineLog::logf("[SyncEngine]  retrying '%s' against the other cameras (lavs excluded)", name);
+        if (retried)
+            EngineLog::logf("[SyncEngine]  retrying '%s' against the other cameras (lavs excluded)", name);
         int matched = 0;
         bool accepted = false;
         if (u.group) {
             if (camerasFirst)
-                EngineLog::logf("[SyncEngine]  camera group '%s' (cameras-first): %d clip(s) on %d card(s)", name,
-                                static_cast<int>(clips.size()), static_cast<int>(u.members.size()));
+                EngineLog::logf("[SyncEngine]  camera group '%s' (cameras-first): %d clip(s) on %d card(s)",
+                                name, static_cast<int>(clips.size()), static_cast<int>(u.members.size()));
             matched = detail::syncClipChain(run, clips, name, &u.pass1);
             accepted = matched > 0 && 2 * matched >= matchableCount(run, clips);
         } else {
@@ -478,7 +492,8 @@ void syncRegion(Run& run, const std::string& key, const std::vector<ClipKey>& me
             matched = outcome.matched;
             accepted = acceptedIntoPool(run, u.members.front(), outcome);
         }
-        for (int si : u.members) run.doneTracks.insert(si);
+        for (int si : u.members)
+            run.doneTracks.insert(si);
         if (retried && matched > 0)
             EngineLog::logf("[SyncEngine]  '%s' matched on retry (%d of %d clips)", name, matched,
                             static_cast<int>(clips.size()));
@@ -486,12 +501,13 @@ void syncRegion(Run& run, const std::string& key, const std::vector<ClipKey>& me
             for (int si : u.members)
                 joinPool(run, si, phase == Phase::cameraBackbone || tracks[si].type == SourceType::video);
             if (phase == Phase::cameraBackbone)
-                EngineLog::logf("[SyncEngine]  camera '%s' paired against the camera backbone (%d matched) — added "
-                                "to the pool",
-                                name, matched);
+                EngineLog::logf(
+                    "[SyncEngine]  camera '%s' paired against the camera backbone (%d matched) — added "
+                    "to the pool",
+                    name, matched);
             else
-                EngineLog::logf("[SyncEngine]  '%s' (%d matched of %d clips) — added to the pool%s", name, matched,
-                                static_cast<int>(clips.size()),
+                EngineLog::logf("[SyncEngine]  '%s' (%d matched of %d clips) — added to the pool%s", name,
+                                matched, static_cast<int>(clips.size()),
                                 phase == Phase::tracks ? " for the cameras after it" : "");
         }
         mirrorReady(false);
@@ -512,7 +528,8 @@ void syncRegion(Run& run, const std::string& key, const std::vector<ClipKey>& me
                     where.push_back(j);
                 }
             const auto found = detail::searchInParallel(run, again, run.primaryPool, false, true, 0.0);
-            for (std::size_t i = 0; i < where.size(); ++i) u.pass1[where[i]] = found[i];
+            for (std::size_t i = 0; i < where.size(); ++i)
+                u.pass1[where[i]] = found[i];
         }
         u.probedAt = run.poolVersion;
         ++u.probes;
@@ -525,7 +542,8 @@ void syncRegion(Run& run, const std::string& key, const std::vector<ClipKey>& me
     // go to `setAside` instead, to be placed once more of the timeline has sound to fill from.
     auto runUnits = [&](std::vector<Unit> units, Phase phase, std::vector<Unit>* setAside = nullptr) {
         std::vector<Unit*> pending;
-        for (auto& u : units) pending.push_back(&u);
+        for (auto& u : units)
+            pending.push_back(&u);
         while (!pending.empty()) {
             std::vector<Unit*> waiting;
             bool placedAny = false;
@@ -540,16 +558,18 @@ void syncRegion(Run& run, const std::string& key, const std::vector<ClipKey>& me
                 }
             }
             if (!placedAny && !waiting.empty()) {
-                auto share = [](const Unit* u) { return static_cast<double>(u->hits) / std::max(u->matchable, 1); };
+                auto share = [](const Unit* u) {
+                    return static_cast<double>(u->hits) / std::max(u->matchable, 1);
+                };
                 auto best = waiting.begin();
                 for (auto it = waiting.begin(); it != waiting.end(); ++it)
                     if (share(*it) > share(*best)) best = it;
                 if (setAside != nullptr && 2 * (*best)->hits < (*best)->matchable) {
                     for (Unit* u : waiting) {
-                        EngineLog::logf("[SyncEngine]  '%s' waits for the recorders (%ld of %d clips proved against "
-                                        "the camera backbone)",
-                                        u->group ? *u->group : tracks[u->members.front()].name, u->hits,
-                                        u->matchable);
+                        EngineLog::logf(
+                            "[SyncEngine]  '%s' waits for the recorders (%ld of %d clips proved against "
+                            "the camera backbone)",
+                            u->group ? *u->group : tracks[u->members.front()].name, u->hits, u->matchable);
                         setAside->push_back(std::move(*u));
                     }
                     return;
@@ -576,7 +596,8 @@ void syncRegion(Run& run, const std::string& key, const std::vector<ClipKey>& me
     if (camerasFirst) {
         // The cameras make the backbone, against the reference alone; their groups go first.
         std::vector<Unit> backbone, rest;
-        for (auto& [_, g] : groups) backbone.push_back(g);
+        for (auto& [_, g] : groups)
+            backbone.push_back(g);
         std::vector<int> held;
         for (auto& u : singles) {
             const int si = u.members.front();
@@ -588,12 +609,16 @@ void syncRegion(Run& run, const std::string& key, const std::vector<ClipKey>& me
             }
         }
         std::vector<std::string> heldNames;
-        for (int si : held) heldNames.push_back(tracks[si].name);
+        for (int si : held)
+            heldNames.push_back(tracks[si].name);
         int cameraCount = 0;
-        for (const auto& u : backbone) cameraCount += static_cast<int>(u.members.size());
-        std::string line = fmt::sprintf("[SyncEngine]  cameras-first: pairing %d camera(s) against '%s' with %d span(s)",
-                                        cameraCount, tracks[ref].name, static_cast<int>(run.primaryPool.size()));
-        if (!held.empty()) line += fmt::sprintf(" other recorder(s) held out of the pool (%s)", joinNames(heldNames));
+        for (const auto& u : backbone)
+            cameraCount += static_cast<int>(u.members.size());
+        std::string line =
+            fmt::sprintf("[SyncEngine]  cameras-first: pairing %d camera(s) against '%s' with %d span(s)",
+                         cameraCount, tracks[ref].name, static_cast<int>(run.primaryPool.size()));
+        if (!held.empty())
+            line += fmt::sprintf(" other recorder(s) held out of the pool (%s)", joinNames(heldNames));
         EngineLog::log(line);
         run.heldTracks.insert(held.begin(), held.end());
         run.holdOut = true;
@@ -607,9 +632,10 @@ void syncRegion(Run& run, const std::string& key, const std::vector<ClipKey>& me
         run.holdOut = false;
         run.refreshMatchSpans();
         ++run.poolVersion;
-        EngineLog::logf("[SyncEngine]  cameras-first: camera backbone fixed (%d span(s)) — recorders are now placed "
-                        "against it",
-                        static_cast<int>(run.primaryPool.size()));
+        EngineLog::logf(
+            "[SyncEngine]  cameras-first: camera backbone fixed (%d span(s)) — recorders are now placed "
+            "against it",
+            static_cast<int>(run.primaryPool.size()));
         runUnits(rest, Phase::recordersAfterBackbone);
         runUnits(std::move(waitingCameras), Phase::tracks);
     } else {
@@ -618,7 +644,8 @@ void syncRegion(Run& run, const std::string& key, const std::vector<ClipKey>& me
         std::vector<Unit> ordered;
         for (auto& u : singles)
             if (tracks[u.members.front()].type == SourceType::audio) ordered.push_back(u);
-        for (auto& [_, g] : groups) ordered.push_back(g);
+        for (auto& [_, g] : groups)
+            ordered.push_back(g);
         for (auto& u : singles)
             if (tracks[u.members.front()].type != SourceType::audio) ordered.push_back(u);
         runUnits(ordered, Phase::tracks);
@@ -642,7 +669,8 @@ void syncRegion(Run& run, const std::string& key, const std::vector<ClipKey>& me
 std::vector<TrackSource> synchronise(std::vector<TrackSource> sources, const Progress& onProgress,
                                      const Place& onPlace, std::stop_token stop, int workers) {
     if (sources.size() < 2) return sources;
-    Run run(sources, onProgress, onPlace, stop, workers > 0 ? workers : std::max(WorkerWindow::processorCount(), 2));
+    Run run(sources, onProgress, onPlace, stop,
+            workers > 0 ? workers : std::max(WorkerWindow::processorCount(), 2));
     // A new run judges every clip afresh: nothing of an earlier run's notes survives.
     for (auto& track : run.tracks)
         for (auto& clip : track.clips) {
@@ -657,9 +685,10 @@ std::vector<TrackSource> synchronise(std::vector<TrackSource> sources, const Pro
                 if (bandFrames(clip) >= SpectralBands::kMinimumFrames) ++bands;
                 longest = std::max(longest, clip.duration);
             }
-            EngineLog::logf("[SyncEngine]  track '%s' [session=%s region=%s]: %d clips, bands=%d, dur[max=%.0f]",
-                            track.name, track.session, track.dayRegion.value_or("default"),
-                            static_cast<int>(track.clips.size()), bands, longest);
+            EngineLog::logf(
+                "[SyncEngine]  track '%s' [session=%s region=%s]: %d clips, bands=%d, dur[max=%.0f]",
+                track.name, track.session, track.dayRegion.value_or("default"),
+                static_cast<int>(track.clips.size()), bands, longest);
             run.totalClips += static_cast<int>(track.clips.size());
         }
 
@@ -673,13 +702,16 @@ std::vector<TrackSource> synchronise(std::vector<TrackSource> sources, const Pro
         auto sessionDur = [&](const std::vector<int>& indices) {
             double sum = 0;
             for (int si : indices)
-                for (const auto& clip : run.tracks[si].clips) sum += clip.duration;
+                for (const auto& clip : run.tracks[si].clips)
+                    sum += clip.duration;
             return sum;
         };
-        std::stable_sort(sessionOrder.begin(), sessionOrder.end(), [&](const std::string& a, const std::string& b) {
-            return sessionDur(bySession[a]) > sessionDur(bySession[b]);
-        });
-        EngineLog::logf("[SyncEngine] %d session(s) [proto ref-track]", static_cast<int>(sessionOrder.size()));
+        std::stable_sort(sessionOrder.begin(), sessionOrder.end(),
+                         [&](const std::string& a, const std::string& b) {
+                             return sessionDur(bySession[a]) > sessionDur(bySession[b]);
+                         });
+        EngineLog::logf("[SyncEngine] %d session(s) [proto ref-track]",
+                        static_cast<int>(sessionOrder.size()));
 
         for (const auto& session : sessionOrder) {
             std::map<std::string, std::vector<ClipKey>> regions;
@@ -687,7 +719,8 @@ std::vector<TrackSource> synchronise(std::vector<TrackSource> sources, const Pro
                 for (int ci = 0; ci < static_cast<int>(run.tracks[si].clips.size()); ++ci)
                     regions[regionKeyOf(run.tracks[si], run.tracks[si].clips[ci])].push_back({si, ci});
             std::vector<std::string> keys;
-            for (const auto& [k, _] : regions) keys.push_back(k);
+            for (const auto& [k, _] : regions)
+                keys.push_back(k);
             std::sort(keys.begin(), keys.end(), regionBefore);
             for (const auto& key : keys) {
                 run.poll();

@@ -75,11 +75,13 @@ std::vector<std::optional<Match>> bestMatches(std::span<const Span> spans,
             } else if (span.bands->frames < feature.frames && span.off - hi < span.off - lo) {
                 const auto found = SpectralBands::peaks(*span.bands, feature, span.off - hi, span.off - lo,
                                                         kMinOverlap, kTopK, kPeakSeparation);
-                if (!found.empty()) offer(i, Match{span.off - found.front().offsetSeconds, found.front().score});
+                if (!found.empty())
+                    offer(i, Match{span.off - found.front().offsetSeconds, found.front().score});
             }
         }
         if (inSpan.empty()) continue;
-        const auto found = SpectralBands::peaks(chosen, *span.bands, ranges, kMinOverlap, kTopK, kPeakSeparation);
+        const auto found =
+            SpectralBands::peaks(chosen, *span.bands, ranges, kMinOverlap, kTopK, kPeakSeparation);
         for (std::size_t k = 0; k < inSpan.size(); ++k)
             if (!found[k].empty())
                 offer(inSpan[k], Match{span.off + found[k].front().offsetSeconds, found[k].front().score});
@@ -98,8 +100,10 @@ double subFrame(const SpectralBands::Feature& clip, const SpectralBands::Feature
         for (std::size_t b = 0; b < clip.bands.size() && b < ref.bands.size(); ++b) {
             const auto& c = clip.bands[b];
             const auto& r = ref.bands[b];
-            const int from = std::max(0, -l), to = std::min<int>(static_cast<int>(c.size()), static_cast<int>(r.size()) - l);
-            for (int t = from; t < to; ++t) sum += static_cast<double>(c[t]) * r[t + l];
+            const int from = std::max(0, -l),
+                      to = std::min<int>(static_cast<int>(c.size()), static_cast<int>(r.size()) - l);
+            for (int t = from; t < to; ++t)
+                sum += static_cast<double>(c[t]) * r[t + l];
             count += std::max(0, to - from);
         }
         return count > 0 ? sum / static_cast<double>(count) : 0.0;

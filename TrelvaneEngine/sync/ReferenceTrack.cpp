@@ -68,8 +68,10 @@ void layoutReference(Run& run) {
     std::optional<Date> refStart;
     for (int ci : clips) {
         const auto& d = track.clips[ci].recordingDate;
-        if (!d) fullClock = false;
-        else if (!refStart || *d < *refStart) refStart = *d;
+        if (!d)
+            fullClock = false;
+        else if (!refStart || *d < *refStart)
+            refStart = *d;
     }
     double cursor = run.base, pauses = 0;
     run.segments.assign(1, {});
@@ -80,9 +82,10 @@ void layoutReference(Run& run) {
         if (fullClock) {
             const double wanted = run.base + secondsBetween(*clip.recordingDate, *refStart);
             if (wanted - cursor > kPlausiblePause) {
-                EngineLog::logf("[SyncEngine]  ref '%s' clip '%s' dated %.1f days after the previous clip ended — too "
-                                "implausible to be a real pause, butt-joining instead (check this file's date/time)",
-                                track.name, clip.url.baseName(), (wanted - cursor) / 86400.0);
+                EngineLog::logf(
+                    "[SyncEngine]  ref '%s' clip '%s' dated %.1f days after the previous clip ended — too "
+                    "implausible to be a real pause, butt-joining instead (check this file's date/time)",
+                    track.name, clip.url.baseName(), (wanted - cursor) / 86400.0);
             } else if (wanted > cursor + kRegionGap) {
                 at = wanted;
                 pauses += wanted - cursor;
@@ -103,8 +106,8 @@ void layoutReference(Run& run) {
     if (run.segments.back().empty()) run.segments.pop_back();
     run.refreshMatchSpans();
     if (pauses > 1.0)
-        EngineLog::logf("[SyncEngine]  ref '%s' laid out by its own clock — %.1f min of pauses kept", track.name,
-                        pauses / 60.0);
+        EngineLog::logf("[SyncEngine]  ref '%s' laid out by its own clock — %.1f min of pauses kept",
+                        track.name, pauses / 60.0);
     if (!fullClock) EngineLog::logf("[SyncEngine]  ref '%s' has no full clock — laid end to end", track.name);
 }
 
@@ -122,14 +125,16 @@ bool isLongBackup(Run& run, int si) {
     for (std::size_t i = 1; i < clips.size(); ++i) {
         const ClipItem& a = track.clips[clips[i - 1]];
         const ClipItem& b = track.clips[clips[i]];
-        if (!a.recordingDate || !b.recordingDate || !trustedClock(a.clockQuality) || !trustedClock(b.clockQuality))
+        if (!a.recordingDate || !b.recordingDate || !trustedClock(a.clockQuality) ||
+            !trustedClock(b.clockQuality))
             return false;
         const double gap = secondsBetween(*b.recordingDate, *a.recordingDate) - a.duration;
         if (std::abs(gap) > kChainTolerance) return false;
     }
-    EngineLog::logf("[SyncEngine]  '%s': %d files chain by their own clock into one %.0f-min recording — treated as a "
-                    "long backup",
-                    track.name, static_cast<int>(clips.size()), total / 60.0);
+    EngineLog::logf(
+        "[SyncEngine]  '%s': %d files chain by their own clock into one %.0f-min recording — treated as a "
+        "long backup",
+        track.name, static_cast<int>(clips.size()), total / 60.0);
     return true;
 }
 
@@ -145,7 +150,8 @@ std::optional<double> probeBackupLinkage(Run& run, int si) {
     for (int ci : run.regionClips(si)) {
         run.poll();
         const ClipItem& clip = track.clips[ci];
-        for (Vote v : windowVotes(clip, run.fullPool, &tried)) votes.push_back({v.pos - before, v.score});
+        for (Vote v : windowVotes(clip, run.fullPool, &tried))
+            votes.push_back({v.pos - before, v.score});
         before += clip.duration;
     }
     auto cluster = largestCluster(votes, kVoteTolerance);
@@ -159,9 +165,11 @@ std::optional<double> probeBackupLinkage(Run& run, int si) {
     for (const Vote& v : votes)
         if (v.score > best.score) best = v;
     const bool linking = best.score >= kSingleWitness;
-    EngineLog::logf("[SyncEngine]  '%s' single-witness probe: %d window(s) tried, best score=%.1f @ %.0fs (need %.1f) "
-                    "— %s",
-                    track.name, tried, best.score, best.pos, kSingleWitness, linking ? "linking" : "not enough, deferring");
+    EngineLog::logf(
+        "[SyncEngine]  '%s' single-witness probe: %d window(s) tried, best score=%.1f @ %.0fs (need %.1f) "
+        "— %s",
+        track.name, tried, best.score, best.pos, kSingleWitness,
+        linking ? "linking" : "not enough, deferring");
     if (!linking) return std::nullopt;
     return best.pos;
 }
@@ -184,10 +192,12 @@ void placeBackupLinked(Run& run, int si, double pos) {
     }
     if (!run.poolTracks.count(si)) run.poolOrder.push_back(si);
     run.poolTracks.insert(si);
-    EngineLog::logf("[SyncEngine]  long-backup '%s' clock disagreed with the ref but the audio agrees — linked by "
-                    "content @ %.0fs",
-                    track.name, start);
-    for (std::size_t seg = 0; seg < run.segments.size(); ++seg) calibrateSegmentIfNeeded(run, seg, si);
+    EngineLog::logf(
+        "[SyncEngine]  long-backup '%s' clock disagreed with the ref but the audio agrees — linked by "
+        "content @ %.0fs",
+        track.name, start);
+    for (std::size_t seg = 0; seg < run.segments.size(); ++seg)
+        calibrateSegmentIfNeeded(run, seg, si);
     run.refreshMatchSpans();
 }
 
@@ -241,7 +251,8 @@ void calibrateSegmentIfNeeded(Run& run, std::size_t segment, int backup) {
     // error, and a segment moved on it drags every clip matched to it along.
     auto cluster = largestCluster(votes, kCalibrationAgreement);
     float best = 0;
-    for (const Vote& v : cluster) best = std::max(best, v.score);
+    for (const Vote& v : cluster)
+        best = std::max(best, v.score);
     if (cluster.size() < kCalibrationVotes || best < kStrongScore) return;
     const double correction = weightedMean(cluster) - segmentStart;
     if (!(std::abs(correction) > kCalibrationFloor && std::abs(correction) < kCalibrationCeiling)) return;
@@ -250,10 +261,11 @@ void calibrateSegmentIfNeeded(Run& run, std::size_t segment, int backup) {
         clip.startOffset += correction;
         if (run.onPlace) run.onPlace(clip.id, clip.startOffset, clip.syncStatus);
     }
-    EngineLog::logf("[SyncEngine]  ref '%s' take %d/%d calibrated %+.2fs against '%s' content (score=%.1f) — its own "
-                    "clock was never audio-verified",
-                    ref.name, static_cast<int>(segment) + 1, static_cast<int>(run.segments.size()), correction,
-                    run.tracks[backup].name, best);
+    EngineLog::logf(
+        "[SyncEngine]  ref '%s' take %d/%d calibrated %+.2fs against '%s' content (score=%.1f) — its own "
+        "clock was never audio-verified",
+        ref.name, static_cast<int>(segment) + 1, static_cast<int>(run.segments.size()), correction,
+        run.tracks[backup].name, best);
 }
 
 namespace {
@@ -299,9 +311,10 @@ bool siblingVerified(Run& run, int si, int leader) {
     const double offset = -found->pos;
     if (score >= kStrongScore && std::abs(offset) < kSiblingSlack) return true;
     if (score >= kWeakFloor && std::abs(offset) <= kSiblingExact) return true;
-    EngineLog::logf("[SyncEngine]  '%s' looked like a channel of '%s' but its audio does not agree (score %.1f, offset "
-                    "%+.2fs) — matching it as its own track",
-                    run.tracks[si].name, run.tracks[leader].name, score, offset);
+    EngineLog::logf(
+        "[SyncEngine]  '%s' looked like a channel of '%s' but its audio does not agree (score %.1f, offset "
+        "%+.2fs) — matching it as its own track",
+        run.tracks[si].name, run.tracks[leader].name, score, offset);
     return false;
 }
 
@@ -324,7 +337,8 @@ void mirrorSibling(Run& run, int si, int leader) {
             ++mirrored;
         } else {
             clip.startOffset = cursor;
-            clip.syncStatus = clip.audioUsability == AudioUsability::ok ? SyncStatus::failed : SyncStatus::pending;
+            clip.syncStatus =
+                clip.audioUsability == AudioUsability::ok ? SyncStatus::failed : SyncStatus::pending;
             clip.matchScore.reset();
             clip.placementPass = "interp";
             clip.placementNote = "no matching take on '" + leaderName + "'";
@@ -334,8 +348,8 @@ void mirrorSibling(Run& run, int si, int leader) {
         run.advance(1, clip.url.baseName());
         if (run.onPlace) run.onPlace(clip.id, clip.startOffset, clip.syncStatus);
     }
-    EngineLog::logf("[SyncEngine]  channel track '%s' follows '%s' — %d clip(s) mirrored", track.name, leaderName,
-                    mirrored);
+    EngineLog::logf("[SyncEngine]  channel track '%s' follows '%s' — %d clip(s) mirrored", track.name,
+                    leaderName, mirrored);
 }
 
 } // namespace trelvane::SyncEngine::detail

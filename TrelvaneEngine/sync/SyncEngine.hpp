@@ -26,16 +26,16 @@
 namespace trelvane::SyncEngine {
 
 // ---- placement constants (seconds unless said otherwise) ----------------------------------------
-inline constexpr double kLongClip = 300.0;        // threshold of the long-rescue steps
-inline constexpr double kLongRecording = 2700.0;  // a recorder this long outranks all as reference
-inline constexpr float kStrongScore = 7.0f;       // synced; may anchor a chain
-inline constexpr float kWeakFloor = 4.5f;         // below: rejected; up to kStrongScore: weak
+inline constexpr double kLongClip = 300.0;          // threshold of the long-rescue steps
+inline constexpr double kLongRecording = 2700.0;    // a recorder this long outranks all as reference
+inline constexpr float kStrongScore = 7.0f;         // synced; may anchor a chain
+inline constexpr float kWeakFloor = 4.5f;           // below: rejected; up to kStrongScore: weak
 inline constexpr float kSingleStrongWindow = 14.0f; // one window alone is believed from here
-inline constexpr double kRegionGap = 2.0;         // between regions; largest pause closed on the ref
+inline constexpr double kRegionGap = 2.0;           // between regions; largest pause closed on the ref
 inline constexpr double kPlausiblePause = 604800.0; // seven days; more is a wrong clock
-inline constexpr double kMinOverlap = 8.0;        // least overlap of any search
+inline constexpr double kMinOverlap = 8.0;          // least overlap of any search
 inline constexpr double kPeakSeparation = 0.5;
-inline constexpr double kVoteTolerance = 5.0;     // votes of one place lie this close
+inline constexpr double kVoteTolerance = 5.0; // votes of one place lie this close
 inline constexpr double kMaxWindow = 45.0;
 inline constexpr std::array<double, 3> kWindowFractions = {0.15, 0.45, 0.75};
 inline constexpr double kChainSlack = 3.0;
@@ -117,7 +117,8 @@ struct PriorContext {
 // The clock window of an audio track's clip: ±360 s around a text-sync offset to the reference,
 // else ±900 s (embedded clock) or ±1350 s (file-name clock) around its date less the epoch plus
 // the base. Nothing for a video track or a clip without a trusted clock.
-std::optional<Bounds> clockWindow(const TrackSource& track, const ClipItem& clip, const PriorContext& context);
+std::optional<Bounds> clockWindow(const TrackSource& track, const ClipItem& clip,
+                                  const PriorContext& context);
 
 // `bestMatch` of the clip's feature in [lo, hi], narrowed first by `clockWindow` when
 // `useClockPrior` is set (an empty intersection keeps [lo, hi]).
@@ -163,7 +164,8 @@ LayoutCounts layoutChain(std::span<const int> anchors, const std::map<int, doubl
                          const std::function<void(int, double, Placement)>& setClip, double base, int count);
 
 // "between 'a' and 'b'", "after 'a'", "before 'b'" from the nearest anchors, or nothing.
-std::optional<std::string> neighbourNote(int k, std::span<const int> anchors, std::span<const std::string> names);
+std::optional<std::string> neighbourNote(int k, std::span<const int> anchors,
+                                         std::span<const std::string> names);
 
 // ---- finishing ----------------------------------------------------------------------------------
 

@@ -43,7 +43,8 @@ inline Span spanOf(const ClipItem& clip) {
 }
 
 struct Run {
-    Run(std::vector<TrackSource> t, const Progress& progressFn, const Place& placeFn, std::stop_token s, int w)
+    Run(std::vector<TrackSource> t, const Progress& progressFn, const Place& placeFn, std::stop_token s,
+        int w)
         : tracks(std::move(t)), onProgress(progressFn), onPlace(placeFn), stop(std::move(s)), workers(w) {}
 
     std::vector<TrackSource> tracks;
@@ -156,7 +157,8 @@ struct Ladder {
 // order of `Ladder::seedJobs`; nothing to search them here.
 using Pass1 = std::vector<std::optional<Match>>;
 // Returns the number of anchored clips.
-int syncClipChain(Run& run, const std::vector<ClipKey>& clips, const std::string& label, const Pass1* pass1 = nullptr);
+int syncClipChain(Run& run, const std::vector<ClipKey>& clips, const std::string& label,
+                  const Pass1* pass1 = nullptr);
 struct TrackOutcome {
     int matched = 0;
     bool hotSpot = false;

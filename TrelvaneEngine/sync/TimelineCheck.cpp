@@ -48,7 +48,8 @@ using PairwiseOffsetSolver::Measurement;
 // Placements whose position rests on no audio at all; the check leaves their status alone.
 bool placedWithoutAudio(const ClipItem& clip) {
     const std::string pass = clip.placementPass.value_or("");
-    return pass == "clock" || pass == "interp" || pass == "interp-noaudio" || pass == "unlinked" || pass.empty();
+    return pass == "clock" || pass == "interp" || pass == "interp-noaudio" || pass == "unlinked" ||
+           pass.empty();
 }
 
 int rootOf(std::vector<int>& parent, int i) {
@@ -131,7 +132,8 @@ void checkTimeline(Run& run) {
             continue;
         nodes.push_back({si, ci, c.startOffset, c.startOffset + c.duration});
     }
-    std::stable_sort(nodes.begin(), nodes.end(), [](const Node& a, const Node& b) { return a.start < b.start; });
+    std::stable_sort(nodes.begin(), nodes.end(),
+                     [](const Node& a, const Node& b) { return a.start < b.start; });
     const int n = static_cast<int>(nodes.size());
     auto clipOf = [&](int i) -> ClipItem& { return run.tracks[nodes[i].si].clips[nodes[i].ci]; };
     const int ref = run.reference;
@@ -145,9 +147,8 @@ void checkTimeline(Run& run) {
         const auto [i, j] = pairs[p];
         return measureOverlap(clipOf(i), nodes[i].start, clipOf(j), nodes[j].start);
     };
-    const std::function<void(std::size_t, std::optional<Match>)> keep = [&](std::size_t p, std::optional<Match> m) {
-        measured[p] = m;
-    };
+    const std::function<void(std::size_t, std::optional<Match>)> keep =
+        [&](std::size_t p, std::optional<Match> m) { measured[p] = m; };
     WorkerWindow::run<std::optional<Match>>(run.workers, pairs.size(), job, keep, run.stop);
     run.poll();
 
@@ -157,13 +158,15 @@ void checkTimeline(Run& run) {
     // better of them strong.
     std::vector<Measurement> usable;
     for (std::size_t p = 0; p < pairs.size(); ++p)
-        if (measured[p] && (measured[p]->score >= kWeakFloor ||
-                            (measured[p]->score >= kAgreeingFloor && std::abs(measured[p]->pos) <= kMeasureTolerance))) {
+        if (measured[p] &&
+            (measured[p]->score >= kWeakFloor ||
+             (measured[p]->score >= kAgreeingFloor && std::abs(measured[p]->pos) <= kMeasureTolerance))) {
             const auto [i, j] = pairs[p];
             usable.push_back({i, j, nodes[j].start - nodes[i].start + measured[p]->pos, measured[p]->score});
         }
     std::vector<double> at(n);
-    for (int i = 0; i < n; ++i) at[i] = nodes[i].start;
+    for (int i = 0; i < n; ++i)
+        at[i] = nodes[i].start;
     auto disagreement = [&](const Measurement& m) { return m.offset - (at[m.to] - at[m.from]); };
 
     // Groups the timeline already holds together: clips whose sound agrees where they stand.
@@ -200,14 +203,17 @@ void checkTimeline(Run& run) {
                 if (proved[g]) continue;
                 std::vector<Vote> shifts;
                 for (const auto& m : usable) {
-                    if (group[m.to] == g && proved[group[m.from]]) shifts.push_back({disagreement(m), m.weight});
-                    if (group[m.from] == g && proved[group[m.to]]) shifts.push_back({-disagreement(m), m.weight});
+                    if (group[m.to] == g && proved[group[m.from]])
+                        shifts.push_back({disagreement(m), m.weight});
+                    if (group[m.from] == g && proved[group[m.to]])
+                        shifts.push_back({-disagreement(m), m.weight});
                 }
                 // As with the windows of a clip: votes that agree count from the weak floor, and
                 // the best of them must be strong.
                 auto cluster = largestCluster(shifts, kMeasureTolerance);
                 float top = 0;
-                for (const Vote& v : cluster) top = std::max(top, v.score);
+                for (const Vote& v : cluster)
+                    top = std::max(top, v.score);
                 if (static_cast<int>(cluster.size()) >= kLeastWitnesses && top >= kStrongScore &&
                     cluster.size() > bestCluster.size())
                     best = g, bestCluster = std::move(cluster);
@@ -216,15 +222,17 @@ void checkTimeline(Run& run) {
             const double shift = weightedMean(bestCluster);
             for (int i : members[best]) {
                 at[i] += shift;
-                clipOf(i).placementNote = fmt::sprintf("moved %+.2f s to agree with %d overlapping measurements",
-                                                       shift, static_cast<int>(bestCluster.size()));
+                clipOf(i).placementNote =
+                    fmt::sprintf("moved %+.2f s to agree with %d overlapping measurements", shift,
+                                 static_cast<int>(bestCluster.size()));
             }
             proved[best] = true;
             moved += static_cast<int>(members[best].size());
             EngineLog::logf("[SyncEngine]  check: %d clip(s) with '%s' moved %+.2fs — %d overlapping "
                             "measurement(s) agree",
-                            static_cast<int>(members[best].size()), clipOf(members[best].front()).url.baseName(),
-                            shift, static_cast<int>(bestCluster.size()));
+                            static_cast<int>(members[best].size()),
+                            clipOf(members[best].front()).url.baseName(), shift,
+                            static_cast<int>(bestCluster.size()));
         }
     };
     joinByEvidence();
@@ -244,7 +252,8 @@ void checkTimeline(Run& run) {
     // The proved clips solved together; a clip out of place by that consensus is moved when two or
     // more clips witness it, and left unproved otherwise.
     std::vector<bool> inProved(n, false);
-    for (int i = 0; i < n; ++i) inProved[i] = proved[group[i]];
+    for (int i = 0; i < n; ++i)
+        inProved[i] = proved[group[i]];
     std::vector<Measurement> among;
     for (const auto& m : usable)
         if (inProved[m.from] && inProved[m.to]) among.push_back(m);
@@ -260,7 +269,8 @@ void checkTimeline(Run& run) {
     std::vector<double> shift(n, 0.0);
     for (const auto& component : componentsOf(n, kept)) {
         auto local = within(component, kept);
-        for (auto& m : local) m.offset -= at[component[m.to]] - at[component[m.from]];
+        for (auto& m : local)
+            m.offset -= at[component[m.to]] - at[component[m.from]];
         // Solved as corrections to where the clips stand, pinned where most of them already agree.
         const auto solved = PairwiseOffsetSolver::solve(static_cast<int>(component.size()), 0, local);
         std::size_t bestAt = 0;
@@ -271,11 +281,13 @@ void checkTimeline(Run& run) {
                 if (std::abs(other - solved[k]) <= kFrame) ++count;
             if (count > bestCount) bestAt = k, bestCount = count;
         }
-        for (std::size_t k = 0; k < component.size(); ++k) shift[component[k]] = solved[k] - solved[bestAt];
+        for (std::size_t k = 0; k < component.size(); ++k)
+            shift[component[k]] = solved[k] - solved[bestAt];
     }
 
     std::map<ClipKey, double> placedAt;
-    for (const auto& key : run.region) placedAt[key] = run.tracks[key.first].clips[key.second].startOffset;
+    for (const auto& key : run.region)
+        placedAt[key] = run.tracks[key.first].clips[key.second].startOffset;
     int confirmed = 0, demoted = 0;
     auto demote = [&](ClipItem& clip, std::string note) {
         if (clip.syncStatus != SyncStatus::synced) return;
@@ -304,8 +316,9 @@ void checkTimeline(Run& run) {
             else if (members[group[i]].size() >= 2)
                 demote(clip, "confirmed only by clips that nothing ties to the reference");
             else
-                demote(clip, nodes[i].si == ref ? "no other track's sound confirms it — laid out by its own clock"
-                                                : "no overlapping clip of another track confirms it");
+                demote(clip, nodes[i].si == ref
+                                 ? "no other track's sound confirms it — laid out by its own clock"
+                                 : "no overlapping clip of another track confirms it");
             continue;
         }
         if (bestWitness[i] < 0) {
@@ -316,7 +329,8 @@ void checkTimeline(Run& run) {
         const bool witnessed = static_cast<int>(witnesses[i].size()) >= kLeastWitnesses;
         // One clip against another disagrees by up to a frame with no fault of either.
         if (!witnessed && std::abs(shift[i]) > kFrame) {
-            demote(clip, fmt::sprintf("the sound of '%s' puts it %+.2f s away — check by ear", witness, shift[i]));
+            demote(clip,
+                   fmt::sprintf("the sound of '%s' puts it %+.2f s away — check by ear", witness, shift[i]));
             continue;
         }
         if (witnessed && std::abs(shift[i]) > kLeastMove) {
@@ -356,16 +370,18 @@ void checkTimeline(Run& run) {
     }
     // A clip whose own sound could not be compared at all proves nothing either.
     std::set<ClipKey> measurable;
-    for (const Node& node : nodes) measurable.insert({node.si, node.ci});
+    for (const Node& node : nodes)
+        measurable.insert({node.si, node.ci});
     for (const auto& [si, ci] : run.region) {
         ClipItem& clip = run.tracks[si].clips[ci];
         if (measurable.count({si, ci}) || !run.placed.count({si, ci}) || placedWithoutAudio(clip)) continue;
         demote(clip, "its own sound could not be compared");
     }
-    EngineLog::logf("[SyncEngine]  region '%s' check: %d overlap(s) measured, %d agree or disagree clearly; %d clip(s) confirmed, %d "
+    EngineLog::logf("[SyncEngine]  region '%s' check: %d overlap(s) measured, %d agree or disagree clearly; "
+                    "%d clip(s) confirmed, %d "
                     "moved, %d left weak",
-                    run.regionKey, static_cast<int>(pairs.size()), static_cast<int>(usable.size()), confirmed, moved,
-                    demoted);
+                    run.regionKey, static_cast<int>(pairs.size()), static_cast<int>(usable.size()), confirmed,
+                    moved, demoted);
 }
 
 } // namespace trelvane::SyncEngine::detail

@@ -27,9 +27,10 @@ bool hotSpot(const Ladder& ladder, const std::map<int, Match>& results) {
     const double footage = ladder.prefixDur[last] - ladder.prefixDur[first];
     const double window = std::abs(results.rbegin()->second.pos - results.begin()->second.pos);
     if (!(footage > kHotSpotFootage && window < kHotSpotSpread * footage)) return false;
-    EngineLog::logf("[SyncEngine]  track '%s': %d clips spanning %.0f min of footage all correlate to a %.0f s window — "
-                    "a hot spot in the pool, not a chain. Laying the whole track by its own clock.",
-                    ladder.track(0).name, static_cast<int>(results.size()), footage / 60.0, window);
+    EngineLog::logf(
+        "[SyncEngine]  track '%s': %d clips spanning %.0f min of footage all correlate to a %.0f s window — "
+        "a hot spot in the pool, not a chain. Laying the whole track by its own clock.",
+        ladder.track(0).name, static_cast<int>(results.size()), footage / 60.0, window);
     return true;
 }
 
@@ -76,9 +77,10 @@ void wholePoolProbe(Ladder& ladder, const std::vector<Span>& full) {
         } else {
             const std::string where = std::isfinite(range.hi) ? fmt::sprintf("%.0f…%.0f", range.lo, range.hi)
                                                               : fmt::sprintf("after %.0fs", range.lo);
-            EngineLog::logf("[SyncEngine]  '%s' whole-pool probe @ %.1fs score=%.1f — out of order with the strong "
-                            "chain (%s), ignored",
-                            ladder.name(k), hit.pos, hit.score, where);
+            EngineLog::logf(
+                "[SyncEngine]  '%s' whole-pool probe @ %.1fs score=%.1f — out of order with the strong "
+                "chain (%s), ignored",
+                ladder.name(k), hit.pos, hit.score, where);
         }
     }
 }
@@ -87,7 +89,8 @@ void wholePoolProbe(Ladder& ladder, const std::vector<Span>& full) {
 
 TrackOutcome syncOneTrack(Run& run, int si, const Pass1* searched) {
     std::vector<ClipKey> list;
-    for (int ci : run.regionClips(si)) list.push_back({si, ci});
+    for (int ci : run.regionClips(si))
+        list.push_back({si, ci});
     TrackOutcome outcome;
     if (list.empty()) return outcome;
     Ladder ladder(run, list);
@@ -98,7 +101,8 @@ TrackOutcome syncOneTrack(Run& run, int si, const Pass1* searched) {
     const auto jobs = ladder.seedJobs(primary);
     const auto found = searched ? *searched : searchInParallel(run, jobs, primary, false, true);
     if (searched)
-        for (const auto& job : jobs) run.advance(0.5, run.tracks[job.si].clips[job.ci].url.baseName());
+        for (const auto& job : jobs)
+            run.advance(0.5, run.tracks[job.si].clips[job.ci].url.baseName());
     std::map<int, Match> results;
     for (std::size_t j = 0; j < jobs.size(); ++j)
         if (found[j] && found[j]->score >= kStrongScore) results[ladder.order[j]] = *found[j];
@@ -108,15 +112,17 @@ TrackOutcome syncOneTrack(Run& run, int si, const Pass1* searched) {
         std::optional<std::pair<int, Match>> seeded;
         if (results.empty() && (seeded = seed(ladder, full))) results[seeded->first] = seeded->second;
         std::vector<std::pair<int, double>> items;
-        for (const auto& [k, m] : results) items.push_back({k, m.pos});
+        for (const auto& [k, m] : results)
+            items.push_back({k, m.pos});
         for (int k : longestConsistentChain(items, ladder.prefixDur, kChainSlack)) {
             ladder.accept(k, results.at(k), -kUnbounded, kUnbounded, "A1");
             ladder.strong.insert(k);
         }
         if (seeded && ladder.anchors.count(seeded->first))
-            EngineLog::logf("[SyncEngine]  track '%s': no Pass 1 anchor — seeded %s from an unbracketed whole-pool "
-                            "window probe",
-                            name, ladder.name(seeded->first));
+            EngineLog::logf(
+                "[SyncEngine]  track '%s': no Pass 1 anchor — seeded %s from an unbracketed whole-pool "
+                "window probe",
+                name, ladder.name(seeded->first));
 
         for (int k : ladder.order) {
             if (ladder.anchors.count(k) || ladder.dur(k) < kShortestMatchableClip) continue;
@@ -132,11 +138,12 @@ TrackOutcome syncOneTrack(Run& run, int si, const Pass1* searched) {
             run.poll();
             const Bounds b = ladder.bracket(k);
             if (!(b.lo < b.hi)) continue;
-            auto hit = clipMatch(ladder.track(k), ladder.clip(k), b.lo, b.hi, full, false, run.priorContext(si));
+            auto hit =
+                clipMatch(ladder.track(k), ladder.clip(k), b.lo, b.hi, full, false, run.priorContext(si));
             if (hit && hit->score >= kWeakFloor) {
                 ladder.accept(k, *hit, b.lo, b.hi, "A3");
-                EngineLog::logf("[SyncEngine]  long rescue '%s' @ %.1fs score=%.1f (track '%s')", ladder.name(k),
-                                ladder.posOf.at(k), hit->score, name);
+                EngineLog::logf("[SyncEngine]  long rescue '%s' @ %.1fs score=%.1f (track '%s')",
+                                ladder.name(k), ladder.posOf.at(k), hit->score, name);
             }
         }
         wholePoolProbe(ladder, full);
@@ -146,8 +153,8 @@ TrackOutcome syncOneTrack(Run& run, int si, const Pass1* searched) {
     if (counts.byClock > 0)
         EngineLog::logf("[SyncEngine]  track '%s': %d unmatched clip(s) placed by their own clock", name,
                         counts.byClock);
-    EngineLog::logf("[SyncEngine]  track '%s': %d anchors of %d clips", name, static_cast<int>(ladder.anchors.size()),
-                    ladder.count());
+    EngineLog::logf("[SyncEngine]  track '%s': %d anchors of %d clips", name,
+                    static_cast<int>(ladder.anchors.size()), ladder.count());
     outcome.matched = static_cast<int>(ladder.anchors.size());
     return outcome;
 }

@@ -109,16 +109,17 @@ TEST(Cli, FoldersThatCantBeSearchedAreCountedAndToldOnce) {
     home.file("shoot/rec/R0001.WAV", "");
     // One folder 70 levels down, one whose path runs past what the system takes: each is one
     // folder not searched (the deeper folders under the first are never reached).
-    const std::string deep = "cd " + quoted(rec.string()) + " && for i in $(seq 70); do mkdir d && cd d; done";
+    const std::string deep =
+        "cd " + quoted(rec.string()) + " && for i in $(seq 70); do mkdir d && cd d; done";
     const std::string name(200, 'n');
-    const std::string longPath =
-        "cd " + quoted((home / "shoot").string()) + " && for i in $(seq 25); do mkdir " + name + " && cd " + name +
-        "; done";
+    const std::string longPath = "cd " + quoted((home / "shoot").string()) +
+                                 " && for i in $(seq 25); do mkdir " + name + " && cd " + name + "; done";
     // bash: dash's cd refuses a path past the system's limit.
     ASSERT_EQ(std::system(("bash -c " + quoted("(" + deep + ") && (" + longPath + ")")).c_str()), 0);
     const auto r = runCli(home, "scan " + quoted((home / "shoot").string()), true);
     EXPECT_EQ(r.status, 0) << r.out;
-    const std::string told = "trelvane: 2 folders not searched — can't be read, too deep or with too long a path";
+    const std::string told =
+        "trelvane: 2 folders not searched — can't be read, too deep or with too long a path";
     EXPECT_NE(r.out.find(told), std::string::npos) << r.out;
     EXPECT_EQ(r.out.find(told, r.out.find(told) + 1), std::string::npos) << "told more than once:\n" << r.out;
     std::ifstream log(home / "data/Trelvane/Trelvane.log");
@@ -152,9 +153,11 @@ TEST(Cli, AnalyzeDecodesOnceThenServesTheCache) {
     home.file("shoot/rec/R0003.WAV", "");
     const auto broken = runCli(home, args, true);
     EXPECT_EQ(broken.status, 1) << broken.out;
-    EXPECT_NE(broken.out.find("R0003.WAV  0.00     -            -         undecodable  failed"), std::string::npos)
+    EXPECT_NE(broken.out.find("R0003.WAV  0.00     -            -         undecodable  failed"),
+              std::string::npos)
         << broken.out;
-    EXPECT_NE(broken.out.find("can't read " + (rec / "R0003.WAV").string() + ": an empty file"), std::string::npos)
+    EXPECT_NE(broken.out.find("can't read " + (rec / "R0003.WAV").string() + ": an empty file"),
+              std::string::npos)
         << broken.out;
     std::filesystem::remove(rec / "R0003.WAV");
 

@@ -58,20 +58,18 @@ TEST(DemoSync, EveryMatchableClipLandsWithinOneFrameAndNoDecoyIsSynced) {
     TempDir home;
     const auto report = home / "report.json";
     // Gaps stay open: closing them changes the distance between separate stretches.
-    const auto run = runCli(home, "sync " + quoted(root + "/demo/shoot") + " --no-close-gaps --report " +
-                                      quoted(report.string()),
-                            true);
+    const auto run = runCli(
+        home, "sync " + quoted(root + "/demo/shoot") + " --no-close-gaps --report " + quoted(report.string()),
+        true);
     ASSERT_EQ(run.status, 0) << run.out;
 
     std::map<std::string, Placed> placed;
     const auto session = nlohmann::json::parse(std::ifstream(report));
     for (const auto& track : session["tracks"])
         for (const auto& clip : track["clips"])
-            placed[clip["url"].get<std::string>()] = {clip["startOffset"].get<double>(),
-                                                      clip["syncStatus"].get<std::string>(),
-                                                      clip["placementPass"].is_string()
-                                                          ? clip["placementPass"].get<std::string>()
-                                                          : std::string()};
+            placed[clip["url"].get<std::string>()] = {
+                clip["startOffset"].get<double>(), clip["syncStatus"].get<std::string>(),
+                clip["placementPass"].is_string() ? clip["placementPass"].get<std::string>() : std::string()};
 
     const auto truth = nlohmann::json::parse(std::ifstream(root + "/demo/truth.json"))["files"];
     // The timeline may start anywhere: one shift, the median over the matchable clips, maps it on
@@ -95,7 +93,8 @@ TEST(DemoSync, EveryMatchableClipLandsWithinOneFrameAndNoDecoyIsSynced) {
         if (file["matchable"].get<bool>()) {
             ++matchable;
             EXPECT_EQ(p.status, "synced") << path << " (" << p.pass << ")";
-            EXPECT_NEAR(p.start - shift, file["start"].get<double>(), kFrame) << path << " (" << p.pass << ")";
+            EXPECT_NEAR(p.start - shift, file["start"].get<double>(), kFrame)
+                << path << " (" << p.pass << ")";
         } else {
             EXPECT_NE(p.status, "synced") << path << " is a decoy (" << file["kind"] << ")";
         }
@@ -116,9 +115,10 @@ TEST(DemoSync, CacheStateAndWorkerCountNeverChangeTheAnswer) {
         const ScopedEnv env("TRELVANE_WORKERS", workers);
         const auto folder = out.dir(name);
         const WorkingFolder here(folder);
-        const auto run = runCli(home, "sync " + quoted(root + "/demo/shoot") +
-                                          " --report report.json --export premiere --export resolve"
-                                          " --export fcpxml --export otio",
+        const auto run = runCli(home,
+                                "sync " + quoted(root + "/demo/shoot") +
+                                    " --report report.json --export premiere --export resolve"
+                                    " --export fcpxml --export otio",
                                 true);
         EXPECT_EQ(run.status, 0) << name << ": " << run.out;
         std::vector<std::string> bytes;

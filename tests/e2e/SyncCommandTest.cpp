@@ -8,8 +8,8 @@
 #include <filesystem>
 #include <fstream>
 #include <functional>
-#include <map>
 #include <gtest/gtest.h>
+#include <map>
 #include <nlohmann/json.hpp>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -31,10 +31,12 @@ std::string recordedMusic() {
 void makeShoot(const TempDir& home, const std::string& music) {
     std::filesystem::create_directories(home / "shoot/RecA");
     std::filesystem::create_directories(home / "shoot/RecB");
-    ffmpeg("-ss 20 -t 70 -i " + quoted(music) + " -ac 1 -ar 48000 " + quoted((home / "shoot/RecA/A001.wav").string()));
+    ffmpeg("-ss 20 -t 70 -i " + quoted(music) + " -ac 1 -ar 48000 " +
+           quoted((home / "shoot/RecA/A001.wav").string()));
     ffmpeg("-ss 45 -t 60 -i " + quoted(music) +
            " -f lavfi -i anoisesrc=c=pink:a=0.01:d=60:r=48000 -filter_complex "
-           "\"[0:a]aformat=channel_layouts=mono,lowpass=f=3000,volume=0.6[m];[m][1:a]amix=inputs=2:normalize=0\" "
+           "\"[0:a]aformat=channel_layouts=mono,lowpass=f=3000,volume=0.6[m];[m][1:a]amix=inputs=2:normalize="
+           "0\" "
            "-ar 48000 " +
            quoted((home / "shoot/RecB/B001.wav").string()));
 }
@@ -48,13 +50,17 @@ TEST(SyncCommand, LinesUpTwoRecordersReportsThemAndWritesTheDocuments) {
     const std::string out = (home / "out").string();
     std::filesystem::create_directories(out);
 
-    const auto run = runCli(home, "sync " + shoot + " --no-close-gaps --report " + quoted(out + "/r.json") +
-                                      " --export fcpxml --export otio -o /dev/null 2>&1", true);
+    const auto run = runCli(home,
+                            "sync " + shoot + " --no-close-gaps --report " + quoted(out + "/r.json") +
+                                " --export fcpxml --export otio -o /dev/null 2>&1",
+                            true);
     EXPECT_EQ(run.status, 2) << "--output needs exactly one --export: " << run.out;
 
-    const auto sync = runCli(home, "sync " + shoot + " --no-close-gaps --table --report " +
-                                       quoted(out + "/r.json") + " --export fcpxml -o " + quoted(out + "/cut.fcpxml"),
-                             true);
+    const auto sync =
+        runCli(home,
+               "sync " + shoot + " --no-close-gaps --table --report " + quoted(out + "/r.json") +
+                   " --export fcpxml -o " + quoted(out + "/cut.fcpxml"),
+               true);
     ASSERT_EQ(sync.status, 0) << sync.out;
     EXPECT_NE(sync.out.find("Synchronization finished: 2 synced of 2 — ready to export."), std::string::npos)
         << sync.out;
@@ -74,7 +80,8 @@ TEST(SyncCommand, LinesUpTwoRecordersReportsThemAndWritesTheDocuments) {
     EXPECT_NEAR(start["B001.wav"] - start["A001.wav"], 25.0, 0.04);
 
     // An existing document is never replaced without --force, and nothing else is written then.
-    const auto again = runCli(home, "sync " + shoot + " --export fcpxml -o " + quoted(out + "/cut.fcpxml"), true);
+    const auto again =
+        runCli(home, "sync " + shoot + " --export fcpxml -o " + quoted(out + "/cut.fcpxml"), true);
     EXPECT_EQ(again.status, 1) << again.out;
     EXPECT_NE(again.out.find("cut.fcpxml"), std::string::npos) << again.out;
     // The report can go to standard output, which then holds it alone.
@@ -167,10 +174,8 @@ TEST(SyncCommand, CtrlCInEveryPhaseEndsTheSameWay) {
         int signal = SIGINT;
         int status = 130;
     } cases[] = {
-        {"scan --analyze", "[Drop] "},
-        {"sync", "[Drop] "},
-        {"sync", "[Ingest] track 'RecB'"},
-        {"sync", "[SyncEngine] "},
+        {"scan --analyze", "[Drop] "},     {"sync", "[Drop] "},
+        {"sync", "[Ingest] track 'RecB'"}, {"sync", "[SyncEngine] "},
         {"sync", "[Drop] ", SIGTERM, 143},
     };
     for (const auto& c : cases) {
@@ -202,7 +207,8 @@ TEST(SyncCommand, CtrlCInEveryPhaseEndsTheSameWay) {
 // A camera that heard 5–55 s of the same pink noise as a 60 s recorder: the camera starts 5 s in.
 void makeNoiseShoot(const TempDir& home) {
     const auto cam = home.dir("shoot/camA"), rec = home.dir("shoot/recB");
-    ffmpeg("-f lavfi -i anoisesrc=d=60:c=pink:r=48000:seed=5 -c:a pcm_s16le " + quoted((rec / "ZOOM0001.WAV").string()));
+    ffmpeg("-f lavfi -i anoisesrc=d=60:c=pink:r=48000:seed=5 -c:a pcm_s16le " +
+           quoted((rec / "ZOOM0001.WAV").string()));
     ffmpeg("-ss 5 -t 50 -i " + quoted((rec / "ZOOM0001.WAV").string()) +
            " -f lavfi -i testsrc=size=160x120:rate=25 -t 50 -c:v mpeg4 -c:a aac -movflags +faststart " +
            quoted((home / "whole.mp4").string()));
@@ -219,7 +225,8 @@ TEST(SyncCommand, AFileWhoseSoundCantBeReadIsNamedAndLeftOutAndTheRestSyncs) {
     makeNoiseShoot(home);
     const auto bad = home / "shoot/recB/ZOOM0002.WAV";
     std::string random(200'000, '\0');
-    for (std::size_t i = 0; i < random.size(); ++i) random[i] = static_cast<char>((i * 2654435761u) >> 13);
+    for (std::size_t i = 0; i < random.size(); ++i)
+        random[i] = static_cast<char>((i * 2654435761u) >> 13);
     const std::string whole = bytesOf(home / "whole.mp4");
     struct Case {
         const char* what;
@@ -231,7 +238,8 @@ TEST(SyncCommand, AFileWhoseSoundCantBeReadIsNamedAndLeftOutAndTheRestSyncs) {
         {"random bytes", [&] { home.file("shoot/recB/ZOOM0002.WAV", random); }, "not readable as media"},
         {"an MP4 cut off before its index",
          [&] {
-             ffmpeg("-i " + quoted((home / "whole.mp4").string()) + " -c copy -f mov " + quoted((home / "late.mov").string()));
+             ffmpeg("-i " + quoted((home / "whole.mp4").string()) + " -c copy -f mov " +
+                    quoted((home / "late.mov").string()));
              const std::string late = bytesOf(home / "late.mov");
              home.file("shoot/recB/ZOOM0002.WAV", late.substr(0, late.size() / 2));
          },
@@ -251,11 +259,13 @@ TEST(SyncCommand, AFileWhoseSoundCantBeReadIsNamedAndLeftOutAndTheRestSyncs) {
         std::filesystem::remove(bad);
         c.make();
         if (!c.reason) continue; // root reads any file
-        const auto r = runCli(home, "sync " + quoted((home / "shoot").string()) + " --table --force --report " +
-                                        quoted((home / "r.json").string()),
+        const auto r = runCli(home,
+                              "sync " + quoted((home / "shoot").string()) + " --table --force --report " +
+                                  quoted((home / "r.json").string()),
                               true);
         EXPECT_EQ(r.status, 0) << r.out;
-        EXPECT_NE(r.out.find("trelvane: can't read " + bad.string() + ": " + c.reason), std::string::npos) << r.out;
+        EXPECT_NE(r.out.find("trelvane: can't read " + bad.string() + ": " + c.reason), std::string::npos)
+            << r.out;
         EXPECT_NE(r.out.find("left out: 1 file whose sound can't be read"), std::string::npos) << r.out;
         const auto report = nlohmann::json::parse(std::ifstream(home / "r.json"));
         std::map<std::string, double> start;
@@ -292,11 +302,13 @@ TEST(SyncCommand, AnMp4CutOffAfterItsIndexKeepsWhatDecodesAndIsMatched) {
     const std::string whole = bytesOf(home / "whole.mp4");
     std::filesystem::remove(home / "shoot/camA/C0001.MP4");
     home.file("shoot/camA/C0001.MP4", whole.substr(0, whole.size() * 9 / 10));
-    const auto r = runCli(home, "sync " + quoted((home / "shoot").string()) + " --table --report " +
-                                    quoted((home / "r.json").string()),
+    const auto r = runCli(home,
+                          "sync " + quoted((home / "shoot").string()) + " --table --report " +
+                              quoted((home / "r.json").string()),
                           true);
     ASSERT_EQ(r.status, 0) << r.out;
-    EXPECT_NE(r.out.find("cut short: C0001.MP4 — the file breaks off; its sound ends after 4"), std::string::npos)
+    EXPECT_NE(r.out.find("cut short: C0001.MP4 — the file breaks off; its sound ends after 4"),
+              std::string::npos)
         << r.out;
     const auto report = nlohmann::json::parse(std::ifstream(home / "r.json"));
     for (const auto& track : report["tracks"])
@@ -306,7 +318,8 @@ TEST(SyncCommand, AnMp4CutOffAfterItsIndexKeepsWhatDecodesAndIsMatched) {
             EXPECT_TRUE(clip["audioCutShort"].get<bool>());
             EXPECT_EQ(clip["audioUsability"], "ok");
             EXPECT_NEAR(clip["startOffset"].get<double>(), 5.0, 0.05);
-            EXPECT_NE(clip["placementExplanation"].get<std::string>().find("file cut short"), std::string::npos);
+            EXPECT_NE(clip["placementExplanation"].get<std::string>().find("file cut short"),
+                      std::string::npos);
         }
 }
 
@@ -331,7 +344,8 @@ TEST(SyncCommand, StackModeStacksTheTakesOfOneSongAndLeavesTheLoneTakeOut) {
     ASSERT_EQ(r.status, 0) << r.out;
     EXPECT_NE(r.out.find("stack 1: 3 take(s), 56.0s at 0.0s"), std::string::npos) << r.out;
     EXPECT_NE(r.out.find("unmatched: take3"), std::string::npos) << r.out;
-    EXPECT_NE(r.out.find("Takes stacked: 3 tracks · 1 unmatched — ready to export."), std::string::npos) << r.out;
+    EXPECT_NE(r.out.find("Takes stacked: 3 tracks · 1 unmatched — ready to export."), std::string::npos)
+        << r.out;
 }
 
 } // namespace

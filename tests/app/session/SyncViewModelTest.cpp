@@ -585,8 +585,7 @@ TEST_F(SessionTest, AMissingStageIsSaidNotPretended) {
     vm = SyncViewModel::create(queue, *settings, none);
     vm->ingestURLs({shoot()});
     ASSERT_TRUE(pumpIngest());
-    EXPECT_TRUE(
-        log.contains("[Extract] no audio analysis in this run — 4 clip(s) not analysed"));
+    EXPECT_TRUE(log.contains("[Extract] no audio analysis in this run — 4 clip(s) not analysed"));
     EXPECT_FALSE(vm->allExtracted());
     EXPECT_TRUE(vm->state().is(AppState::Kind::idle));
     vm->synchronize();

@@ -19,8 +19,10 @@ TEST(ClipAnalysis, WaveformHasOneBarASecondWithinTenToAThousand) {
 TEST(ClipAnalysis, WaveformBarsAreRootsOfRmsOverThePeak) {
     // Ten one-second blocks: the loudest at RMS 0.4, one at 0.1, the rest silent.
     std::vector<float> samples(160000, 0.0f);
-    for (int i = 0; i < 16000; ++i) samples[static_cast<std::size_t>(i)] = (i % 2 ? 0.4f : -0.4f);
-    for (int i = 16000; i < 32000; ++i) samples[static_cast<std::size_t>(i)] = 0.1f;
+    for (int i = 0; i < 16000; ++i)
+        samples[static_cast<std::size_t>(i)] = (i % 2 ? 0.4f : -0.4f);
+    for (int i = 16000; i < 32000; ++i)
+        samples[static_cast<std::size_t>(i)] = 0.1f;
     const auto bars = ClipAnalysis::waveform(samples, 10);
     ASSERT_EQ(bars.size(), 10u);
     EXPECT_FLOAT_EQ(bars[0], 1.0f);

@@ -686,7 +686,8 @@ TEST(SpectralBands, OnePeakWantedIsTheFirstOfTheLongerList) {
     std::vector<std::pair<SB::Feature, SB::Feature>> pairs;
     for (unsigned i = 0; i < 4; ++i) {
         const auto ref = randomFeature(4000 + 700 * static_cast<int>(i), 300 + i);
-        pairs.emplace_back(cutOf(ref, 900 * static_cast<int>(i) + 50, 300 + 200 * static_cast<int>(i), 310 + i), ref);
+        pairs.emplace_back(
+            cutOf(ref, 900 * static_cast<int>(i) + 50, 300 + 200 * static_cast<int>(i), 310 + i), ref);
     }
     for (const int period : {64, 128, 256}) {
         const auto motif = randomFeature(period, 320 + static_cast<unsigned>(period));
@@ -788,14 +789,15 @@ TEST(SpectralBands, ClipsSearchedTogetherGetWhatEachGetsAlone) {
         const auto together = SB::peaks(all, ref, ranges, 2.0, topK, 1.0);
         ASSERT_EQ(together.size(), clips.size());
         for (std::size_t i = 0; i < clips.size(); ++i)
-            EXPECT_EQ(together[i], SB::peaks(clips[i], ref, ranges[i].minOffsetSec, ranges[i].maxOffsetSec, 2.0,
-                                             topK, 1.0))
+            EXPECT_EQ(together[i], SB::peaks(clips[i], ref, ranges[i].minOffsetSec, ranges[i].maxOffsetSec,
+                                             2.0, topK, 1.0))
                 << "clip " << i << ", top " << topK;
         EXPECT_EQ(lagOf(together[0].at(0)), 5000);
         EXPECT_EQ(lagOf(together[1].at(0)), 20000);
         EXPECT_EQ(lagOf(together[3].at(0)), 12000);
-        EXPECT_TRUE(together[2].empty() || lagOf(together[2][0]) != 33000); // its place lies outside the range
-        EXPECT_TRUE(together[4].empty()); // not shorter than the reference
+        EXPECT_TRUE(together[2].empty() ||
+                    lagOf(together[2][0]) != 33000); // its place lies outside the range
+        EXPECT_TRUE(together[4].empty());            // not shorter than the reference
     }
     // One range short: nothing is searched.
     const auto mismatched = SB::peaks(all, ref, std::span(ranges).first(4), 2.0, 1, 1.0);

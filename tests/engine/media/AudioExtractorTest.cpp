@@ -376,7 +376,8 @@ TEST(AudioExtractor, AStopEndsTheReadWhereItStands) {
     before.request_stop();
     int reports = 0;
     try {
-        AE::extract(url, 120, [&](double) { ++reports; }, before.get_token());
+        AE::extract(
+            url, 120, [&](double) { ++reports; }, before.get_token());
         ADD_FAILURE() << "a stopped read decoded the file";
     } catch (const TrelvaneError& e) {
         EXPECT_EQ(e.kind(), TrelvaneError::Kind::stopped);

@@ -183,8 +183,8 @@ TEST(RecordingClock, AFileDateIsTheEndOfTheTakeAndTheStampsAreItsStart) {
     for (const auto q : {ClockQuality::asset, ClockQuality::filename, ClockQuality::embedded})
         EXPECT_EQ(AM::startOfRecording({written, q}, 90.5).date, written);
     // Without a length to go back by, the file date is the best there is.
-    for (const auto length : {std::optional<double>{}, std::optional<double>{0.0}, std::optional<double>{-3.0},
-                              std::optional<double>{std::nan("")}})
+    for (const auto length : {std::optional<double>{}, std::optional<double>{0.0},
+                              std::optional<double>{-3.0}, std::optional<double>{std::nan("")}})
         EXPECT_EQ(AM::startOfRecording({written, ClockQuality::filesystem}, length).date, written);
     EXPECT_FALSE(AM::startOfRecording({std::nullopt, ClockQuality::none}, 10.0).date);
 }

@@ -188,8 +188,8 @@ TEST(EnvelopeCache, EntriesAreVersionKeyTextCountedValuesAndCrc32) {
     Bytes pair = le32({5, 1});
     pair.push_back('k');
     pair.insert(pair.end(), {0, 0, 0, 0, 0, 0, 0x04, 0x40}); // 2.5 as a double
-    for (const std::uint8_t b : {2, 0, 0, 0, 0x00, 0x00, 0x80, 0x3f, 0x00, 0x00, 0x20, 0xc0, 1, 0, 0, 0, 0x00, 0x00,
-                                 0x00, 0x3f})
+    for (const std::uint8_t b :
+         {2, 0, 0, 0, 0x00, 0x00, 0x80, 0x3f, 0x00, 0x00, 0x20, 0xc0, 1, 0, 0, 0, 0x00, 0x00, 0x00, 0x3f})
         pair.push_back(b);
     putLe(pair, EC::crc32(pair), 4);
     EXPECT_EQ(EC::serialize("k", pairOf({1.0f, -2.5f}, {0.5f}, 2.5)), pair);
@@ -601,7 +601,8 @@ TEST(EnvelopeCache, SavesReplaceEntriesWholeAndLeaveNoTemporaries) {
     const auto url = Url::fromPath(tmp.file("clip.wav", "wave"));
     const auto folder = tmp / "cache";
     const auto key = *EC::cacheKey(url);
-    ASSERT_TRUE(EC::savePair(url, pairOf(std::vector<float>(1000, 1.0f), std::vector<float>(100, 2.0f)), folder));
+    ASSERT_TRUE(
+        EC::savePair(url, pairOf(std::vector<float>(1000, 1.0f), std::vector<float>(100, 2.0f)), folder));
     ASSERT_TRUE(EC::savePair(url, pairOf({3.0f}, {}, 0.5), folder));
     EXPECT_EQ(EC::loadPair(url, folder), pairOf({3.0f}, {}, 0.5));
     ASSERT_TRUE(EC::saveBands(url, featureOf(8, 50, 1.0f), folder));
@@ -761,9 +762,9 @@ TEST(EnvelopeCache, EntriesReadAreKeptByPrune) {
         ASSERT_TRUE(EC::savePair(url, pairOf({1.0f}, {1.0f}), folder));
         ASSERT_TRUE(EC::saveBands(url, featureOf(8, 5, 1.0f), folder));
     }
-    const long long now = std::chrono::duration_cast<std::chrono::seconds>(
-                              std::chrono::system_clock::now().time_since_epoch())
-                              .count();
+    const long long now =
+        std::chrono::duration_cast<std::chrono::seconds>(std::chrono::system_clock::now().time_since_epoch())
+            .count();
     for (const auto& name : namesIn(folder))
         setModificationTime(folder / name, now - 8 * kDay);
     ASSERT_TRUE(EC::loadPair(used, folder));

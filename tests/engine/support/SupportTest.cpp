@@ -1,10 +1,10 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
+#include "TestSupport.hpp"
 #include "TrelvaneEngine/support/Date.hpp"
 #include "TrelvaneEngine/support/NaturalOrder.hpp"
 #include "TrelvaneEngine/support/Url.hpp"
 #include "TrelvaneEngine/support/Uuid.hpp"
 #include "TrelvaneEngine/support/WorkerWindow.hpp"
-#include "TestSupport.hpp"
 
 #include <atomic>
 #include <gtest/gtest.h>

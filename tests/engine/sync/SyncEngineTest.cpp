@@ -29,7 +29,8 @@ std::vector<TrackSource> recorderAndCamera() {
     const auto& perf = performance();
     return {
         makeTrack(perf, "Rec", SourceType::audio,
-                  {{"R1", 10, 290, true, 10, ClockQuality::embedded}, {"R2", 320, 380, true, 320, ClockQuality::embedded}},
+                  {{"R1", 10, 290, true, 10, ClockQuality::embedded},
+                   {"R2", 320, 380, true, 320, ClockQuality::embedded}},
                   0.3f, 11),
         makeTrack(perf, "Cam", SourceType::video,
                   {{"C1", 40, 60}, {"C2", 150, 90}, {"C3", 400, 45}, {"C4", 600, 30}}, 0.8f, 21),
@@ -40,7 +41,8 @@ std::vector<TrackSource> recorderAndCamera() {
 struct EngineLogOnFailure : LogCapture {
     ~EngineLogOnFailure() {
         if (::testing::Test::HasFailure())
-            for (const auto& line : lines()) std::cerr << line << '\n';
+            for (const auto& line : lines())
+                std::cerr << line << '\n';
     }
 };
 
@@ -64,7 +66,8 @@ TEST(SyncEngine, CameraClipsLandWhereTheyWereRecordedAgainstTheRecorder) {
     const auto out = run(recorderAndCamera());
     const double r1 = clipNamed(out, "R1").startOffset;
     EXPECT_EQ(r1, 0.0) << "the earliest clip starts the timeline";
-    EXPECT_NEAR(clipNamed(out, "R2").startOffset - r1, 310.0, 1e-9) << "the reference keeps its clock's pause";
+    EXPECT_NEAR(clipNamed(out, "R2").startOffset - r1, 310.0, 1e-9)
+        << "the reference keeps its clock's pause";
     EXPECT_EQ(clipNamed(out, "R1").placementPass, "ref");
     for (auto [name, truth] : {std::pair{"C1", 40.0}, {"C2", 150.0}, {"C3", 400.0}, {"C4", 600.0}}) {
         const auto& c = clipNamed(out, name);
@@ -154,7 +157,8 @@ TEST(SyncEngine, DayRegionsComeInOrderAndDefaultComesLast) {
     run(sources);
     std::vector<std::string> regions;
     for (const auto& line : log.lines())
-        if (line.starts_with("[SyncEngine] region '")) regions.push_back(line.substr(21, line.find('\'', 21) - 21));
+        if (line.starts_with("[SyncEngine] region '"))
+            regions.push_back(line.substr(21, line.find('\'', 21) - 21));
     EXPECT_EQ(regions, (std::vector<std::string>{"day-0", "day-1", "default"}));
 }
 
@@ -187,7 +191,8 @@ TEST(SyncEngine, ThreeCamerasAndATakeRecorderPutTheCamerasFirst) {
     std::vector<TrackSource> sources{camera("CamA", 10, 80, 61), camera("CamB", 30, 85, 71),
                                      camera("CamC", 50, 95, 81)};
     std::vector<ClipSpec> takes;
-    for (int i = 0; i < 6; ++i) takes.push_back({"T" + std::to_string(i), 20 + i * 130.0, 40});
+    for (int i = 0; i < 6; ++i)
+        takes.push_back({"T" + std::to_string(i), 20 + i * 130.0, 40});
     sources.push_back(makeTrack(perf, "Lav", SourceType::audio, takes, 0.4f, 91));
     EngineLogOnFailure log;
     const auto out = run(sources);
@@ -242,8 +247,9 @@ TEST(SyncEngine, AReferenceTakeNoOtherTrackHearsIsLeftWeak) {
     const auto out = run(sources);
     const auto& r3 = clipNamed(out, "R3");
     EXPECT_EQ(r3.syncStatus, SyncStatus::weak);
-    EXPECT_EQ(r3.placementExplanation(), "Reference track — everything else is measured against it · no other "
-                                         "track's sound confirms it — laid out by its own clock");
+    EXPECT_EQ(r3.placementExplanation(),
+              "Reference track — everything else is measured against it · no other "
+              "track's sound confirms it — laid out by its own clock");
     for (const char* confirmed : {"R1", "R2", "C1", "C4"})
         EXPECT_EQ(clipNamed(out, confirmed).syncStatus, SyncStatus::synced) << confirmed;
 }
@@ -252,7 +258,8 @@ TEST(SyncEngine, AHotSpotTrackIsLaidByItsClockWithoutScores) {
     const auto& perf = performance();
     // Four long clips whose sound is all the same minute: a loud event, not a chain.
     std::vector<ClipSpec> clips;
-    for (int i = 0; i < 4; ++i) clips.push_back({"H" + std::to_string(i), 100, 130, true, 100.0 + i * 200, ClockQuality::embedded});
+    for (int i = 0; i < 4; ++i)
+        clips.push_back({"H" + std::to_string(i), 100, 130, true, 100.0 + i * 200, ClockQuality::embedded});
     std::vector<TrackSource> sources{
         makeTrack(perf, "Rec", SourceType::audio, {{"R1", 0, 800, true, 0, ClockQuality::embedded}}, 0.3f, 3),
         makeTrack(perf, "Cam", SourceType::video, clips, 0.5f, 5),
@@ -307,7 +314,8 @@ TEST(SyncEngine, AChannelWhoseSoundDisagreesIsMatchedAsItsOwnTrack) {
     sources.push_back(stranger);
     EngineLogOnFailure log;
     const auto out = run(sources);
-    EXPECT_EQ(log.countStartingWith("[SyncEngine]  'Rec_2' looked like a channel of 'Rec' but its audio does not agree"),
+    EXPECT_EQ(log.countStartingWith(
+                  "[SyncEngine]  'Rec_2' looked like a channel of 'Rec' but its audio does not agree"),
               1);
     EXPECT_NEAR(clipNamed(out, "S1").startOffset - clipNamed(out, "R1").startOffset, 490.0, 0.04);
 }
@@ -332,7 +340,9 @@ TEST(SyncEngine, RealChannelFilesFollowTheirLeaderAndAnUnrelatedFileDoesNot) {
                quoted("anoisesrc=color=" + take.noise + ":amplitude=0.01:seed=5:sample_rate=48000") +
                " -filter_complex " +
                quoted("[0:a]atrim=start=20:duration=60,asetpts=PTS-STARTPTS,aresample=48000,"
-                      "aformat=channel_layouts=mono," + take.colour + "[s];[1:a]atrim=duration=60[n];"
+                      "aformat=channel_layouts=mono," +
+                      take.colour +
+                      "[s];[1:a]atrim=duration=60[n];"
                       "[s][n]amix=inputs=2:duration=first:normalize=0[out]") +
                " -map '[out]' -c:a pcm_s24le " + quoted(out.string()));
         if (HasFatalFailure()) return;
@@ -351,7 +361,8 @@ TEST(SyncEngine, RealChannelFilesFollowTheirLeaderAndAnUnrelatedFileDoesNot) {
     EngineLogOnFailure log;
     const auto out = run(tracks);
     EXPECT_EQ(log.countStartingWith("[SyncEngine]  channel track 'Tr2' follows 'Tr1'"), 1);
-    EXPECT_EQ(log.countStartingWith("[SyncEngine]  'Tr3' looked like a channel of 'Tr1' but its audio does not agree"),
+    EXPECT_EQ(log.countStartingWith(
+                  "[SyncEngine]  'Tr3' looked like a channel of 'Tr1' but its audio does not agree"),
               1);
     EXPECT_EQ(out[1].clips[0].placementPass, "sibling-ref");
 }
@@ -363,7 +374,8 @@ TEST(SyncEngine, CamerasTheBackboneCannotProveWaitForTheRecorders) {
     // clips would keep their wrong clocks; waiting, they are proved against the recorder.
     const auto& perf = performance();
     std::vector<ClipSpec> refClips;
-    for (const auto& [start, length] : {std::pair{10.0, 60.0}, {80.0, 60.0}, {150.0, 120.0}, {280.0, 60.0}, {350.0, 60.0}})
+    for (const auto& [start, length] :
+         {std::pair{10.0, 60.0}, {80.0, 60.0}, {150.0, 120.0}, {280.0, 60.0}, {350.0, 60.0}})
         refClips.push_back({"C" + std::to_string(static_cast<int>(start)), start, length, true, start,
                             ClockQuality::embedded});
     auto camera = [&](const std::string& name, std::vector<double> starts, unsigned seed) {
@@ -377,7 +389,8 @@ TEST(SyncEngine, CamerasTheBackboneCannotProveWaitForTheRecorders) {
                                      camera("CamA", {30, 300, 450, 560, 670, 780}, 111),
                                      camera("CamB", {90, 360, 500, 610, 720, 800}, 121),
                                      makeTrack(perf, "Rec", SourceType::audio,
-                                               {{"Rec1", 20.0, 850.0, true, 20.0, ClockQuality::embedded}}, 0.4f, 131)};
+                                               {{"Rec1", 20.0, 850.0, true, 20.0, ClockQuality::embedded}},
+                                               0.4f, 131)};
     EngineLogOnFailure log;
     const auto out = run(sources);
     EXPECT_EQ(log.countStartingWith("[SyncEngine] region 'default' ref 'CamC'"), 1);

@@ -39,7 +39,8 @@ class Performance {
         std::mt19937 rng(seed);
         std::normal_distribution<float> noise(0.0f, roughness);
         for (auto& band : f->bands)
-            for (auto& v : band) v += noise(rng);
+            for (auto& v : band)
+                v += noise(rng);
         return *f;
     }
 
@@ -78,10 +79,13 @@ inline TrackSource makeTrack(const Performance& perf, const std::string& name, S
     unsigned s = seed;
     for (const auto& spec : clips) {
         ClipItem c;
-        c.url = Url::fromPath("/shoot/" + name + "/" + spec.name + (type == SourceType::audio ? ".wav" : ".mov"));
+        c.url =
+            Url::fromPath("/shoot/" + name + "/" + spec.name + (type == SourceType::audio ? ".wav" : ".mov"));
         c.duration = spec.duration;
-        if (spec.withAudio) c.bandFeature = perf.cut(spec.start, spec.duration, roughness, s++ * 7919u);
-        else c.audioUsability = AudioUsability::silent;
+        if (spec.withAudio)
+            c.bandFeature = perf.cut(spec.start, spec.duration, roughness, s++ * 7919u);
+        else
+            c.audioUsability = AudioUsability::silent;
         if (spec.clock) c.recordingDate = dateAt(*spec.clock);
         c.clockQuality = spec.quality;
         t.clips.push_back(std::move(c));
