@@ -234,12 +234,12 @@ class Reader {
         // Pictures are never decoded, and not even read where the demuxer can skip them.
         bool incomplete = false;
         for (unsigned i = 0; i < raw->nb_streams; ++i) {
-            AVStream* st = raw->streams[i];
-            const AVCodecParameters* par = st->codecpar;
+            AVStream* stream = raw->streams[i];
+            const AVCodecParameters* par = stream->codecpar;
             if (par->codec_type != AVMEDIA_TYPE_AUDIO)
-                st->discard = AVDISCARD_ALL;
+                stream->discard = AVDISCARD_ALL;
             else if (par->codec_id == AV_CODEC_ID_NONE || par->sample_rate <= 0 ||
-                     par->ch_layout.nb_channels <= 0 || st->start_time == AV_NOPTS_VALUE)
+                     par->ch_layout.nb_channels <= 0 || stream->start_time == AV_NOPTS_VALUE)
                 incomplete = true;
         }
         // Only files whose headers leave something out are probed (a WAV tells no start time, an

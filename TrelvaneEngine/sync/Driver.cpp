@@ -472,7 +472,7 @@ void syncRegion(Run& run, const std::string& key, const std::vector<ClipKey>& me
             clips.push_back({u.members.front(), ci});
         return clips;
     };
-    enum class Phase { cameraBackbone, recordersAfterBackbone, tracks };
+    enum class Phase { cameraBackbone, recordersAfterBackbone, otherTracks };
     auto place = [&](Unit& u, Phase phase) {
         const auto clips = unitClips(u);
         const std::string name = u.group ? *u.group : tracks[u.members.front()].name;
@@ -508,7 +508,7 @@ void syncRegion(Run& run, const std::string& key, const std::vector<ClipKey>& me
             else
                 EngineLog::logf("[SyncEngine]  '%s' (%d matched of %d clips) — added to the pool%s", name,
                                 matched, static_cast<int>(clips.size()),
-                                phase == Phase::tracks ? " for the cameras after it" : "");
+                                phase == Phase::otherTracks ? " for the cameras after it" : "");
         }
         mirrorReady(false);
     };
@@ -637,7 +637,7 @@ void syncRegion(Run& run, const std::string& key, const std::vector<ClipKey>& me
             "against it",
             static_cast<int>(run.primaryPool.size()));
         runUnits(rest, Phase::recordersAfterBackbone);
-        runUnits(std::move(waitingCameras), Phase::tracks);
+        runUnits(std::move(waitingCameras), Phase::otherTracks);
     } else {
         // Recorders first, then camera groups, then single cameras: a recorder is better evidence
         // for the cameras after it than a camera's own microphone.
@@ -648,14 +648,14 @@ void syncRegion(Run& run, const std::string& key, const std::vector<ClipKey>& me
             ordered.push_back(g);
         for (auto& u : singles)
             if (tracks[u.members.front()].type != SourceType::audio) ordered.push_back(u);
-        runUnits(ordered, Phase::tracks);
+        runUnits(ordered, Phase::otherTracks);
     }
     // A channel whose leader never got a place (it had none in this region) is matched on its own.
     mirrorReady(true);
     std::vector<Unit> orphans;
     for (int si : ownTracks)
         if (!run.doneTracks.count(si)) orphans.push_back(Unit{{si}, std::nullopt, -1, 0, 0, 0, {}});
-    runUnits(orphans, Phase::tracks);
+    runUnits(orphans, Phase::otherTracks);
     detail::checkTimeline(run);
 
     double latestEnd = run.base;

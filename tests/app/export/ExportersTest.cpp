@@ -419,9 +419,10 @@ TEST(FCPXMLExporter, ValidatesAgainstDtdAndRoundTrips) {
                 long long den = 1;
                 const long long num = rationalNumerator(prop(n, "offset"), den);
                 // Offsets fall on frame boundaries.
-                EXPECT_NEAR(std::fmod(static_cast<double>(num) / den * rate + 1e-6, 1.0), 0.0, 1e-4);
+                EXPECT_NEAR(std::fmod(static_cast<double>(num) / static_cast<double>(den) * rate + 1e-6, 1.0),
+                            0.0, 1e-4);
                 found.emplace(percentDecode(assets[prop(n, "ref")].substr(7)),
-                              static_cast<double>(num) / den);
+                              static_cast<double>(num) / static_cast<double>(den));
             });
             expectAllRecovered(sources, found, rate);
         }
@@ -533,7 +534,7 @@ Placements fcpxmlPlacements(const std::string& xml, double rate) {
         long long den = 1;
         const long long num = rationalNumerator(prop(n, "offset"), den);
         found.emplace(assets[prop(n, "ref")], prop(n, "audioRole").empty() ? "video" : "audio",
-                      std::llround(static_cast<double>(num) / den * rate));
+                      std::llround(static_cast<double>(num) / static_cast<double>(den) * rate));
     });
     return found;
 }

@@ -240,10 +240,11 @@ TEST(AudioExtractor, StartsEveryContainerAtTheFirstSampleAnEditorPlays) {
     for (const auto& file : {cut, mp4, mov, mp3, narrow}) {
         SCOPED_TRACE(file.filename().string());
         const auto r = extract(file);
-        EXPECT_NEAR(bestLag(r.samples, reference.samples, at, 800, 16000, 32000), at, tolerance);
+        EXPECT_LE(std::abs(bestLag(r.samples, reference.samples, at, 800, 16000, 32000) - at), tolerance);
     }
     const auto r = extract(late);
-    EXPECT_NEAR(bestLag(r.samples, reference.samples, at - 8000, 800, 24000, 32000), at - 8000, tolerance);
+    EXPECT_LE(std::abs(bestLag(r.samples, reference.samples, at - 8000, 800, 24000, 32000) - (at - 8000)),
+              tolerance);
     // Silence before the sound starts, and the sound 0.5 s later than in the cut.
     EXPECT_LT(peakOf(std::vector<float>(r.samples.begin(), r.samples.begin() + 7000)), 0.001f);
 }

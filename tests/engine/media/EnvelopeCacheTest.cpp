@@ -188,16 +188,15 @@ TEST(EnvelopeCache, EntriesAreVersionKeyTextCountedValuesAndCrc32) {
     Bytes pair = le32({5, 1});
     pair.push_back('k');
     pair.insert(pair.end(), {0, 0, 0, 0, 0, 0, 0x04, 0x40}); // 2.5 as a double
-    for (const std::uint8_t b :
-         {2, 0, 0, 0, 0x00, 0x00, 0x80, 0x3f, 0x00, 0x00, 0x20, 0xc0, 1, 0, 0, 0, 0x00, 0x00, 0x00, 0x3f})
-        pair.push_back(b);
+    pair.insert(pair.end(), {2,    0,    0, 0, 0x00, 0x00, 0x80, 0x3f, 0x00, 0x00,
+                             0x20, 0xc0, 1, 0, 0,    0,    0x00, 0x00, 0x00, 0x3f});
     putLe(pair, EC::crc32(pair), 4);
     EXPECT_EQ(EC::serialize("k", pairOf({1.0f, -2.5f}, {0.5f}, 2.5)), pair);
 
     Bytes bands = le32({7, 1});
     bands.push_back('k');
-    for (const std::uint8_t b : {2, 0, 0, 0, 1, 0, 0, 0, 0x00, 0x00, 0x80, 0x3f, 0x00, 0x00, 0x00, 0x40})
-        bands.push_back(b); // bands {1.0}, {2.0}
+    bands.insert(bands.end(),
+                 {2, 0, 0, 0, 1, 0, 0, 0, 0x00, 0x00, 0x80, 0x3f, 0x00, 0x00, 0x00, 0x40}); // {1}, {2}
     putLe(bands, EC::crc32(bands), 4);
     EXPECT_EQ(EC::serializeBands("k", featureOf(2, 1, 1.0f)), bands);
 }
