@@ -266,6 +266,40 @@ void siblingPropagation(Ladder& ladder) {
 
 } // namespace
 
+void Ladder::rescueLongClips(std::span<const Span> spans, bool withBroll, const std::string& trackName) {
+    for (int k : order) {
+        if (anchors.count(k) || dur(k) < kLongClip) continue;
+        run.poll();
+        const Bounds b = bracket(k);
+        if (!(b.lo < b.hi)) continue;
+        const auto context = run.priorContext(clips[k].first);
+        if (auto hit = clipMatch(track(k), clip(k), b.lo, b.hi, spans, false, context);
+            hit && hit->score >= kWeakFloor) {
+            accept(k, *hit, b.lo, b.hi, "A3");
+            if (withBroll)
+                EngineLog::logf("[SyncEngine]  long rescue '%s' @ %.1fs score=%.1f (window %.0f…%.0f)",
+                                name(k), posOf.at(k), hit->score, b.lo, b.hi);
+            else
+                EngineLog::logf("[SyncEngine]  long rescue '%s' @ %.1fs score=%.1f (track '%s')", name(k),
+                                posOf.at(k), hit->score, trackName);
+            continue;
+        }
+        if (!withBroll) continue;
+        if (auto w = brollPrior(run, dur(k), b)) {
+            if (auto hit = clipMatch(track(k), clip(k), w->lo, w->hi, spans, false, context);
+                hit && hit->score >= kWeakFloor) {
+                accept(k, *hit, b.lo, b.hi, "A3b-broll");
+                EngineLog::logf(
+                    "[SyncEngine]  long rescue '%s' @ %.1fs score=%.1f via B-roll prior (%.0f…%.0f)", name(k),
+                    posOf.at(k), hit->score, w->lo, w->hi);
+                continue;
+            }
+        }
+        EngineLog::logf("[SyncEngine]  long rescue miss '%s' (%.0fs) window %.0f…%.0f — will interp", name(k),
+                        dur(k), b.lo, b.hi);
+    }
+}
+
 int syncClipChain(Run& run, const std::vector<ClipKey>& list, const std::string& label,
                   const Pass1* searched) {
     if (list.empty()) return 0;
@@ -291,33 +325,7 @@ int syncClipChain(Run& run, const std::vector<ClipKey>& list, const std::string&
         if (hit && hit->score >= kWeakFloor) ladder.accept(k, *hit, b.lo, b.hi, "A3");
     }
 
-    for (int k : ladder.order) {
-        if (ladder.anchors.count(k) || ladder.dur(k) < kLongClip) continue;
-        run.poll();
-        const Bounds b = ladder.bracket(k);
-        if (!(b.lo < b.hi)) continue;
-        const auto context = run.priorContext(ladder.clips[k].first);
-        if (auto hit = clipMatch(ladder.track(k), ladder.clip(k), b.lo, b.hi, pass3Spans, false, context);
-            hit && hit->score >= kWeakFloor) {
-            ladder.accept(k, *hit, b.lo, b.hi, "A3");
-            EngineLog::logf("[SyncEngine]  long rescue '%s' @ %.1fs score=%.1f (window %.0f…%.0f)",
-                            ladder.name(k), ladder.posOf.at(k), hit->score, b.lo, b.hi);
-            continue;
-        }
-        if (auto w = brollPrior(run, ladder.dur(k), b)) {
-            if (auto hit =
-                    clipMatch(ladder.track(k), ladder.clip(k), w->lo, w->hi, pass3Spans, false, context);
-                hit && hit->score >= kWeakFloor) {
-                ladder.accept(k, *hit, b.lo, b.hi, "A3b-broll");
-                EngineLog::logf(
-                    "[SyncEngine]  long rescue '%s' @ %.1fs score=%.1f via B-roll prior (%.0f…%.0f)",
-                    ladder.name(k), ladder.posOf.at(k), hit->score, w->lo, w->hi);
-                continue;
-            }
-        }
-        EngineLog::logf("[SyncEngine]  long rescue miss '%s' (%.0fs) window %.0f…%.0f — will interp",
-                        ladder.name(k), ladder.dur(k), b.lo, b.hi);
-    }
+    ladder.rescueLongClips(pass3Spans, true);
 
     cameraCross(ladder);
     cameraCluster(ladder);

@@ -151,6 +151,10 @@ struct Ladder {
     std::vector<SearchJob> seedJobs(std::span<const Span> spans) const;
     // Free clips by clock or interpolation, then the notes of the free clips.
     LayoutCounts layout();
+    // The long rescue: every long clip still free, its whole sound searched within its bracket in
+    // `spans`. A camera chain (`withBroll`) then tries the window its B-roll gives and says which
+    // clips are left to interpolation; a track's log lines name `trackName`.
+    void rescueLongClips(std::span<const Span> spans, bool withBroll, const std::string& trackName = {});
 };
 
 // Pass 1 results already searched for these clips against the current primary pool, in the

@@ -133,19 +133,7 @@ TrackOutcome syncOneTrack(Run& run, int si, const Pass1* searched) {
             auto hit = bestMatch(full, feature ? &*feature : nullptr, b.lo, b.hi);
             if (hit && hit->score >= kWeakFloor) ladder.accept(k, *hit, b.lo, b.hi, "A3");
         }
-        for (int k : ladder.order) {
-            if (ladder.anchors.count(k) || ladder.dur(k) < kLongClip) continue;
-            run.poll();
-            const Bounds b = ladder.bracket(k);
-            if (!(b.lo < b.hi)) continue;
-            auto hit =
-                clipMatch(ladder.track(k), ladder.clip(k), b.lo, b.hi, full, false, run.priorContext(si));
-            if (hit && hit->score >= kWeakFloor) {
-                ladder.accept(k, *hit, b.lo, b.hi, "A3");
-                EngineLog::logf("[SyncEngine]  long rescue '%s' @ %.1fs score=%.1f (track '%s')",
-                                ladder.name(k), ladder.posOf.at(k), hit->score, name);
-            }
-        }
+        ladder.rescueLongClips(full, false, name);
         wholePoolProbe(ladder, full);
     }
 
