@@ -131,8 +131,9 @@ std::optional<Match> clipMatch(const TrackSource& track, const ClipItem& clip, d
 std::optional<Match> compareClips(const ClipItem& a, const ClipItem& b, double maxWindow, double tolerance);
 
 // What the sound of two overlapping clips says of the timeline that holds them: a window of the
-// middle of their overlap (at most 30 s) is cut from `a` and searched in `b` within 15 s either side
-// of where the timeline puts it, the score taken against that whole stretch. `pos` is how far b's
+// middle of their overlap (four fifths of it, at most 90 s) is cut from `a` and searched in `b`
+// within 60 s either side of where the timeline puts it, the score taken against that whole
+// stretch, the peak placed between frames. `pos` is how far b's
 // start must move (later when positive) for the sound to line up; 0 when the timeline is right.
 // Nothing when the overlap is under 10 s, either clip lacks a feature or usable audio, or no lag
 // can be scored.
