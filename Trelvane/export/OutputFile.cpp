@@ -2,7 +2,6 @@
 #include "Trelvane/export/OutputFile.hpp"
 
 #include "TrelvaneEngine/support/Files.hpp"
-#include "TrelvaneEngine/support/Uuid.hpp"
 
 #include <cerrno>
 #include <charconv>
@@ -190,27 +189,9 @@ void writeInPlace(const Plan& p, const fs::path& path, const std::string& bytes)
 // then moved onto the target. Without `replace` the move is a hard link, which fails rather than
 // replace a file that appeared meanwhile.
 void writeAtomically(const fs::path& file, const fs::path& shown, const std::string& bytes, bool replace) {
-    fs::path temp = file;
-    // Built by appending: GCC 12 at -O3 misreads `"." + std::string&&` as an overlapping copy.
-    std::string tempName = ".";
-    tempName += file.filename().string();
-    tempName += ".tmp-";
-    tempName += Uuid::random().string();
-    temp.replace_filename(tempName);
-
-    const int fd = ::open(temp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0644);
-    if (fd < 0) failWrite(shown, errno);
-    if (!Files::writeAll(fd, bytes.data(), bytes.size()) || ::fsync(fd) != 0) {
-        const int error = errno;
-        ::close(fd);
-        ::unlink(temp.c_str());
-        failWrite(shown, error);
-    }
-    if (::close(fd) != 0) {
-        const int error = errno;
-        ::unlink(temp.c_str());
-        failWrite(shown, error);
-    }
+    const Files::Temporary written = Files::writeTemporaryBeside(file, bytes);
+    if (written.error != 0) failWrite(shown, written.error);
+    const fs::path& temp = written.path;
     if (!replace) {
         if (::link(temp.c_str(), file.c_str()) == 0) {
             ::unlink(temp.c_str());
@@ -232,11 +213,7 @@ void writeAtomically(const fs::path& file, const fs::path& shown, const std::str
         ::unlink(temp.c_str());
         failWrite(shown, error);
     }
-    const fs::path folder = file.has_parent_path() ? file.parent_path() : fs::path(".");
-    if (const int dfd = ::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC); dfd >= 0) {
-        ::fsync(dfd);
-        ::close(dfd);
-    }
+    Files::syncFolderOf(file);
 }
 
 } // namespace

@@ -54,38 +54,48 @@ bool writeAll(int fd, const void* data, std::size_t size) {
     return true;
 }
 
-std::optional<std::string> writeAtomically(const std::filesystem::path& path, const std::string& bytes) {
-    std::error_code ec;
-    const auto folder = path.parent_path();
-    if (!folder.empty()) {
-        std::filesystem::create_directories(folder, ec);
-        if (ec) return ec.message();
-    }
-    auto temp = path;
+Temporary writeTemporaryBeside(const std::filesystem::path& path, const std::string& bytes) {
+    Temporary temp{path};
     // Built by appending: GCC 12 at -O3 misreads `"." + std::string&&` as an overlapping copy.
-    std::string tempName = ".";
-    tempName += path.filename().string();
-    tempName += ".tmp-";
-    tempName += Uuid::random().string();
-    temp.replace_filename(tempName);
-    const int fd = ::open(temp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
-    if (fd < 0) return std::string(std::strerror(errno));
-    if (!writeAll(fd, bytes.data(), bytes.size()) || ::fsync(fd) != 0) {
-        const std::string reason = std::strerror(errno);
-        ::close(fd);
-        ::unlink(temp.c_str());
-        return reason;
+    std::string name = ".";
+    name += path.filename().string();
+    name += ".tmp-";
+    name += Uuid::random().string();
+    temp.path.replace_filename(name);
+    const int fd = ::open(temp.path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0644);
+    if (fd < 0) {
+        temp.error = errno;
+        return temp;
     }
-    if (::close(fd) != 0 || ::rename(temp.c_str(), path.c_str()) != 0) {
-        const std::string reason = std::strerror(errno);
-        ::unlink(temp.c_str());
-        return reason;
-    }
-    const auto folderToSync = folder.empty() ? std::filesystem::path(".") : folder;
-    if (const int dfd = ::open(folderToSync.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC); dfd >= 0) {
+    const bool written = writeAll(fd, bytes.data(), bytes.size()) && ::fsync(fd) == 0;
+    if (!written) temp.error = errno;
+    if (::close(fd) != 0 && written) temp.error = errno;
+    if (temp.error != 0) ::unlink(temp.path.c_str());
+    return temp;
+}
+
+void syncFolderOf(const std::filesystem::path& path) {
+    const auto folder = path.has_parent_path() ? path.parent_path() : std::filesystem::path(".");
+    if (const int dfd = ::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC); dfd >= 0) {
         ::fsync(dfd);
         ::close(dfd);
     }
+}
+
+std::optional<std::string> writeAtomically(const std::filesystem::path& path, const std::string& bytes) {
+    std::error_code ec;
+    if (path.has_parent_path()) {
+        std::filesystem::create_directories(path.parent_path(), ec);
+        if (ec) return ec.message();
+    }
+    const Temporary temp = writeTemporaryBeside(path, bytes);
+    if (temp.error != 0) return std::string(std::strerror(temp.error));
+    if (::rename(temp.path.c_str(), path.c_str()) != 0) {
+        const std::string reason = std::strerror(errno);
+        ::unlink(temp.path.c_str());
+        return reason;
+    }
+    syncFolderOf(path);
     return std::nullopt;
 }
 

@@ -36,6 +36,17 @@ inline bool isHidden(const std::string& name) {
 // tells which).
 bool writeAll(int fd, const void* data, std::size_t size);
 
+// A new hidden file beside `path` (".name.tmp-<random>", opened without following links) holding
+// `bytes`, flushed to disk; `error` is 0, or the errno of the failure, which leaves no file behind.
+struct Temporary {
+    std::filesystem::path path;
+    int error = 0;
+};
+Temporary writeTemporaryBeside(const std::filesystem::path& path, const std::string& bytes);
+
+// Flushes the folder holding `path`, so that a rename into it survives a power cut.
+void syncFolderOf(const std::filesystem::path& path);
+
 // Writes `bytes` to `path` so that a reader sees the old file or the new one, never half of one:
 // a temporary file in the same folder (a rename is only atomic within one file system), fsync,
 // rename over, then fsync of the folder so the rename itself survives a power cut. Creates the
