@@ -11,9 +11,7 @@
 #include <fcntl.h>
 #include <fstream>
 #include <limits>
-#include <new>
 #include <sys/inotify.h>
-#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -58,15 +56,8 @@ std::vector<std::uint32_t> bitsOf(const std::vector<float>& values) {
 
 // Floats whose bits a careless copy would change: negative zero, denormals, the extremes.
 std::vector<float> awkwardFloats() {
-    return {0.0f,
-            -0.0f,
-            1.0f,
-            -2.5f,
-            std::numeric_limits<float>::denorm_min(),
-            std::numeric_limits<float>::max(),
-            -std::numeric_limits<float>::max(),
-            std::numeric_limits<float>::min(),
-            0.1f};
+    using L = std::numeric_limits<float>;
+    return {0.0f, -0.0f, 1.0f, -2.5f, L::denorm_min(), L::max(), -L::max(), L::min(), 0.1f};
 }
 
 BandFeature featureOf(int bands, int frames, float seed) {
@@ -79,14 +70,6 @@ BandFeature featureOf(int bands, int frames, float seed) {
         f.bands.push_back(std::move(series));
     }
     return f;
-}
-
-Bytes le32(std::initializer_list<std::uint32_t> words) {
-    Bytes out;
-    for (const auto w : words)
-        for (int i = 0; i < 4; ++i)
-            out.push_back(static_cast<std::uint8_t>(w >> (8 * i)));
-    return out;
 }
 
 void putLe(Bytes& out, std::uint64_t v, int size) {
@@ -128,43 +111,6 @@ std::vector<std::string> namesIn(const fs::path& folder) {
     return out;
 }
 
-// Lowers the process's data limit to what it uses now plus `headroom` for the life of the object,
-// so that any allocation larger than the headroom fails.
-class DataLimit {
-  public:
-    explicit DataLimit(rlim_t headroom) {
-        ::getrlimit(RLIMIT_DATA, &old_);
-        std::ifstream status("/proc/self/status");
-        std::string line;
-        rlim_t usedKB = 0;
-        while (std::getline(status, line))
-            if (line.starts_with("VmData:")) usedKB = std::stoull(line.substr(7));
-        rlimit lowered = old_;
-        lowered.rlim_cur = usedKB * 1024 + headroom;
-        active_ = usedKB > 0 && lowered.rlim_cur < old_.rlim_max && ::setrlimit(RLIMIT_DATA, &lowered) == 0;
-    }
-    ~DataLimit() {
-        if (active_) ::setrlimit(RLIMIT_DATA, &old_);
-    }
-    bool active() const { return active_; }
-
-  private:
-    rlimit old_{};
-    bool active_ = false;
-};
-
-#if defined(__SANITIZE_ADDRESS__)
-constexpr bool kAddressSanitizer = true;
-#elif defined(__has_feature)
-#if __has_feature(address_sanitizer)
-constexpr bool kAddressSanitizer = true;
-#else
-constexpr bool kAddressSanitizer = false;
-#endif
-#else
-constexpr bool kAddressSanitizer = false;
-#endif
-
 const std::string kKey = "/shoot/clip.wav|1234|1700000000";
 
 EC::Pair pairOf(std::vector<float> preview, std::vector<float> envelope, double duration = 12.5) {
@@ -174,6 +120,16 @@ EC::Pair pairOf(std::vector<float> preview, std::vector<float> envelope, double 
 const Date kNow = dateFromUnixSeconds(1'800'000'000);
 constexpr long long kNowSeconds = 1'800'000'000;
 constexpr long long kDay = 86'400;
+
+// A file in the cache folder of `size` bytes (sparse: the size counts, the blocks don't exist), last
+// changed `age` seconds before kNowSeconds.
+fs::path aged(const TempDir& tmp, const std::string& name, std::uintmax_t size, long long age,
+              long nanos = 0) {
+    const auto p = tmp.file("cache/" + name, "");
+    fs::resize_file(p, size);
+    setModificationTime(p, kNowSeconds - age, nanos);
+    return p;
+}
 
 } // namespace
 
@@ -185,7 +141,9 @@ TEST(EnvelopeCache, EntriesAreVersionKeyTextCountedValuesAndCrc32) {
     EXPECT_EQ(EC::crc32(Bytes(check.begin(), check.end())), 0xcbf43926u);
     EXPECT_EQ(EC::crc32({}), 0u);
 
-    Bytes pair = le32({5, 1});
+    Bytes pair;
+    putLe(pair, 5, 4);
+    putLe(pair, 1, 4);
     pair.push_back('k');
     pair.insert(pair.end(), {0, 0, 0, 0, 0, 0, 0x04, 0x40}); // 2.5 as a double
     pair.insert(pair.end(), {2,    0,    0, 0, 0x00, 0x00, 0x80, 0x3f, 0x00, 0x00,
@@ -193,7 +151,9 @@ TEST(EnvelopeCache, EntriesAreVersionKeyTextCountedValuesAndCrc32) {
     putLe(pair, EC::crc32(pair), 4);
     EXPECT_EQ(EC::serialize("k", pairOf({1.0f, -2.5f}, {0.5f}, 2.5)), pair);
 
-    Bytes bands = le32({7, 1});
+    Bytes bands;
+    putLe(bands, 7, 4);
+    putLe(bands, 1, 4);
     bands.push_back('k');
     bands.insert(bands.end(),
                  {2, 0, 0, 0, 1, 0, 0, 0, 0x00, 0x00, 0x80, 0x3f, 0x00, 0x00, 0x00, 0x40}); // {1}, {2}
@@ -239,207 +199,83 @@ TEST(EnvelopeCache, SavedEntriesLoadBackThroughTheFiles) {
     ASSERT_TRUE(EC::savePair(media, stored, folder));
     ASSERT_TRUE(EC::saveBands(media, feature, folder));
 
-    const auto pair = EC::loadPair(media, folder);
-    ASSERT_TRUE(pair);
-    EXPECT_EQ(bitsOf(pair->preview), bitsOf(stored.preview));
-    EXPECT_EQ(pair->envelope, stored.envelope);
-    EXPECT_EQ(pair->duration, 601.25);
+    // Bit for bit, as the files hold exactly what serialising gives.
+    EXPECT_EQ(EC::loadPair(media, folder), stored);
     EXPECT_EQ(EC::loadBands(media, folder), feature);
 
     const auto text = *EC::keyText(media);
     EXPECT_EQ(text, media.path() + "|15|" + std::to_string(modificationTime(media.path()).tv_sec));
     const auto key = *EC::cacheKey(media);
-    EXPECT_EQ(key, djb2Key(text));
     EXPECT_EQ(namesIn(folder), (std::vector<std::string>{key, key + ".bands"}));
     EXPECT_EQ(readBytes(folder / key), *EC::serialize(text, stored));
     EXPECT_EQ(readBytes(folder / (key + ".bands")), *EC::serializeBands(text, feature));
 }
 
-TEST(EnvelopeCache, OtherVersionsAreMisses) {
-    for (const std::uint32_t version : {0u, 3u, 4u, 6u, 7u, 0x01000005u})
-        EXPECT_FALSE(EC::deserialize(sealed(version, kKey, {0, 0}, 1.0), kKey)) << version;
-    EXPECT_TRUE(EC::deserialize(sealed(5, kKey, {0, 0}, 1.0), kKey));
-    for (const std::uint32_t version : {0u, 5u, 6u, 8u, 0x01000007u})
-        EXPECT_FALSE(EC::deserializeBands(sealed(version, kKey, {0, 0}), kKey)) << version;
-    EXPECT_TRUE(EC::deserializeBands(sealed(7, kKey, {0, 0}), kKey));
-}
-
-TEST(EnvelopeCache, TruncatedOrPaddedFilesAreMisses) {
-    const auto pair = *EC::serialize(kKey, pairOf({1.0f, 2.0f, 3.0f}, {4.0f, 5.0f}));
-    const auto bands = *EC::serializeBands(kKey, featureOf(8, 6, 1.0f));
-    ASSERT_TRUE(EC::deserialize(pair, kKey));
-    ASSERT_TRUE(EC::deserializeBands(bands, kKey));
-    for (std::size_t n = 0; n < pair.size(); ++n)
-        EXPECT_FALSE(EC::deserialize(std::span(pair).first(n), kKey)) << n << " bytes";
-    for (std::size_t n = 0; n < bands.size(); ++n)
-        EXPECT_FALSE(EC::deserializeBands(std::span(bands).first(n), kKey)) << n << " bytes";
-
+// Whatever in an entry is off, the entry is a miss: one case of each kind, the rest of the entry
+// intact and sealed. Byte-level damage of every other shape is left to fuzz/EnvelopeCacheFuzz.cpp.
+TEST(EnvelopeCache, EntriesThatAreOffInAnyWayAreMisses) {
+    const auto one = std::bit_cast<std::uint32_t>(1.0f);
+    const auto nan = std::bit_cast<std::uint32_t>(std::numeric_limits<float>::quiet_NaN());
+    const auto pair = *EC::serialize(kKey, pairOf({0.25f, 1.0f}, {0.5f}, 3.0));
+    auto flipped = pair;
+    flipped[pair.size() - 8] ^= 0x10; // in the envelope value
     auto padded = pair;
     padded.push_back(0);
-    EXPECT_FALSE(EC::deserialize(padded, kKey));
-    padded = bands;
-    padded.insert(padded.end(), {0, 0, 0, 0});
-    EXPECT_FALSE(EC::deserializeBands(padded, kKey));
-
-    // The same through a file on disk, as a crash or a full disk would leave it.
-    TempDir tmp;
-    const auto media = Url::fromPath(tmp.file("clip.mov", "movie"));
-    const auto folder = tmp / "cache";
-    ASSERT_TRUE(EC::savePair(media, pairOf({1.0f, 2.0f}, {3.0f}), folder));
-    ASSERT_TRUE(EC::saveBands(media, featureOf(8, 5, 1.0f), folder));
-    const auto key = *EC::cacheKey(media);
-    fs::resize_file(folder / key, fs::file_size(folder / key) - 1);
-    fs::resize_file(folder / (key + ".bands"), 12);
-    EXPECT_FALSE(EC::loadPair(media, folder));
-    EXPECT_FALSE(EC::loadBands(media, folder));
-}
-
-// Whatever in an entry was damaged, the entry is a miss: a flipped bit anywhere (the checksum), the
-// key text of another file (a swapped or copied entry, a key collision), a value that is not a
-// number, each with the rest of the entry intact and sealed.
-TEST(EnvelopeCache, DamagedOrForeignEntriesAreMisses) {
-    const auto pair = *EC::serialize(kKey, pairOf({0.25f, 1.0f}, {0.5f}, 3.0));
-    const auto bands = *EC::serializeBands(kKey, featureOf(2, 2, 1.0f));
-    for (const Bytes* entry : {&pair, &bands})
-        for (std::size_t bit = 0; bit < 8 * entry->size(); ++bit) {
-            Bytes flipped = *entry;
-            flipped[bit / 8] ^= static_cast<std::uint8_t>(1u << (bit % 8));
-            EXPECT_FALSE(EC::deserialize(flipped, kKey)) << "bit " << bit;
-            EXPECT_FALSE(EC::deserializeBands(flipped, kKey)) << "bit " << bit;
-        }
-
-    for (const std::string other : {"/shoot/clip.wav|1234|1700000001", "/shoot/clip.wav|1234|170000000",
-                                    "/shoot/clip.WAV|1234|1700000000", ""}) {
-        EXPECT_FALSE(EC::deserialize(pair, other)) << other;
-        EXPECT_FALSE(EC::deserializeBands(bands, other)) << other;
-    }
-
-    const auto nan = std::bit_cast<std::uint32_t>(std::numeric_limits<float>::quiet_NaN());
-    const auto inf = std::bit_cast<std::uint32_t>(std::numeric_limits<float>::infinity());
-    const auto one = std::bit_cast<std::uint32_t>(1.0f);
-    const double nanD = std::numeric_limits<double>::quiet_NaN();
-    const double infD = std::numeric_limits<double>::infinity();
-    struct Case {
+    const struct {
         const char* what;
         Bytes bytes;
+        bool bands;
+    } cases[] = {
+        {"the bands version on a pair", sealed(7, kKey, {0, 0}, 1.0), false},
+        {"the pair version on bands", sealed(5, kKey, {0, 0}), true},
+        {"a flipped bit", flipped, false},
+        {"a byte cut off", Bytes(pair.begin(), pair.end() - 1), false},
+        {"a byte too many", padded, false},
+        {"another file's key text", *EC::serialize("/shoot/clip.wav|1234|1700000001", pairOf({1.0f}, {})),
+         false},
+        {"NaN in the preview", sealed(5, kKey, {2, one, nan, 1, one}, 1.0), false},
+        {"a negative length", sealed(5, kKey, {1, one, 1, one}, -1.0), false},
+        {"NaN in a band", sealed(7, kKey, {2, 1, one, nan}), true},
+        {"frames without bands", sealed(7, kKey, {0, 5}), true},
+        {"more frames than an int holds", sealed(7, kKey, {1, 0x8000'0000u}), true},
     };
-    const std::vector<Case> cases{
-        {"NaN in the preview", sealed(5, kKey, {2, one, nan, 1, one}, 1.0)},
-        {"negative infinity in the envelope", sealed(5, kKey, {1, one, 1, inf | 0x8000'0000u}, 1.0)},
-        {"NaN length", sealed(5, kKey, {1, one, 1, one}, nanD)},
-        {"infinite length", sealed(5, kKey, {1, one, 1, one}, infD)},
-        {"negative length", sealed(5, kKey, {1, one, 1, one}, -1.0)},
-        {"NaN in a band", sealed(7, kKey, {2, 1, one, nan})},
-        {"infinity in a band", sealed(7, kKey, {1, 2, inf, one})},
-    };
+    ASSERT_TRUE(EC::deserialize(sealed(5, kKey, {2, one, one, 1, one}, 1.0), kKey)) << "the cases' frame";
+    ASSERT_TRUE(EC::deserializeBands(sealed(7, kKey, {2, 1, one, one}), kKey)) << "the cases' frame";
     for (const auto& c : cases) {
-        EXPECT_FALSE(EC::deserialize(c.bytes, kKey)) << c.what;
-        EXPECT_FALSE(EC::deserializeBands(c.bytes, kKey)) << c.what;
+        SCOPED_TRACE(c.what);
+        EXPECT_FALSE(c.bands ? EC::deserializeBands(c.bytes, kKey).has_value()
+                             : EC::deserialize(c.bytes, kKey).has_value());
     }
-    // The same cases, finite, are entries: only the value is on trial above.
-    EXPECT_TRUE(EC::deserialize(sealed(5, kKey, {2, one, one, 1, one}, 1.0), kKey));
-    EXPECT_TRUE(EC::deserializeBands(sealed(7, kKey, {2, 1, one, one}), kKey));
-
-    // Values that can't be read back are never written.
-    const float nanF = std::numeric_limits<float>::quiet_NaN();
-    EXPECT_FALSE(EC::serialize(kKey, pairOf({nanF}, {})));
-    EXPECT_FALSE(EC::serialize(kKey, pairOf({}, {std::numeric_limits<float>::infinity()})));
-    EXPECT_FALSE(EC::serialize(kKey, pairOf({}, {}, nanD)));
-    EXPECT_FALSE(EC::serialize(kKey, pairOf({}, {}, -0.5)));
-    auto feature = featureOf(2, 3, 1.0f);
-    feature.bands[1][2] = nanF;
-    EXPECT_FALSE(EC::serializeBands(kKey, feature));
-}
-
-// Valid entries of one file under the name of another (copied from another machine, or swapped by
-// hand) are misses for both files; saving over them puts each file's own entry back.
-TEST(EnvelopeCache, SwappedEntriesAreMissesAndSavesReplaceThem) {
-    TempDir tmp;
-    const auto folder = tmp / "cache";
-    const auto a = Url::fromPath(tmp.file("a.wav", "aaaa"));
-    const auto b = Url::fromPath(tmp.file("b.wav", "bbbb"));
-    ASSERT_TRUE(EC::savePair(a, pairOf({1.0f}, {1.0f}, 1.0), folder));
-    ASSERT_TRUE(EC::saveBands(a, featureOf(8, 5, 1.0f), folder));
-    ASSERT_TRUE(EC::savePair(b, pairOf({2.0f}, {2.0f}, 2.0), folder));
-    ASSERT_TRUE(EC::saveBands(b, featureOf(8, 5, 2.0f), folder));
-    const auto ka = *EC::cacheKey(a), kb = *EC::cacheKey(b);
-    for (const std::string suffix : {"", ".bands"}) {
-        fs::rename(folder / (ka + suffix), folder / "swap");
-        fs::rename(folder / (kb + suffix), folder / (ka + suffix));
-        fs::rename(folder / "swap", folder / (kb + suffix));
-    }
-    for (const auto& url : {a, b}) {
-        EXPECT_FALSE(EC::loadPair(url, folder)) << url.path();
-        EXPECT_FALSE(EC::loadBands(url, folder)) << url.path();
-    }
-    ASSERT_TRUE(EC::savePair(a, pairOf({1.0f}, {1.0f}, 1.0), folder));
-    ASSERT_TRUE(EC::saveBands(a, featureOf(8, 5, 1.0f), folder));
-    EXPECT_EQ(EC::loadPair(a, folder), pairOf({1.0f}, {1.0f}, 1.0));
-    EXPECT_EQ(EC::loadBands(a, folder), featureOf(8, 5, 1.0f));
-    EXPECT_FALSE(EC::loadPair(b, folder));
-}
-
-TEST(EnvelopeCache, HugeCountsInSmallFilesAreMissesWithoutAllocating) {
-    const auto padded = [](Bytes bytes) {
-        bytes.resize(100, 0x41);
-        return bytes;
-    };
-    const Bytes hugePreview = padded(sealed(5, kKey, {0x8000'0000u}, 1.0));
-    const Bytes hugeEnvelope = padded(sealed(5, kKey, {0, 0xffff'ffffu}, 1.0));
-    const Bytes hugeFrames = padded(sealed(7, kKey, {8, 0x1000'0000u}));
-    const Bytes hugeBoth = padded(sealed(7, kKey, {0xffff'ffffu, 0x7fff'ffffu}));
-    const Bytes hugeKey = padded(le32({5, 0xffff'fff0u}));
-
-    {
-        DataLimit limit(64u << 20);
-        if (!limit.active()) GTEST_SKIP() << "can't lower the data limit here";
-        if (!kAddressSanitizer) {
-            // The limit does catch an allocation of the size the counts claim.
-            EXPECT_THROW(
-                {
-                    std::vector<float> v(std::size_t{1} << 31);
-                    asm volatile("" : : "r"(v.data()) : "memory");
-                },
-                std::bad_alloc);
-        }
-        EXPECT_FALSE(EC::deserialize(hugePreview, kKey));
-        EXPECT_FALSE(EC::deserialize(hugeEnvelope, kKey));
-        EXPECT_FALSE(EC::deserialize(hugeKey, kKey));
-        EXPECT_FALSE(EC::deserializeBands(hugeFrames, kKey));
-        EXPECT_FALSE(EC::deserializeBands(hugeBoth, kKey));
-    }
-
-    TempDir tmp;
-    const auto media = Url::fromPath(tmp.file("clip.wav", "wave"));
-    const auto key = *EC::cacheKey(media);
-    const auto text = *EC::keyText(media);
-    tmp.dir("cache");
-    writeBytes(tmp / "cache" / key, padded(sealed(5, text, {0x8000'0000u}, 1.0)));
-    writeBytes(tmp / "cache" / (key + ".bands"), padded(sealed(7, text, {8, 0x1000'0000u})));
-    DataLimit limit(64u << 20);
-    EXPECT_FALSE(EC::loadPair(media, tmp / "cache"));
-    EXPECT_FALSE(EC::loadBands(media, tmp / "cache"));
-}
-
-TEST(EnvelopeCache, BandCountsMustDescribeAFeature) {
-    EXPECT_FALSE(EC::deserializeBands(sealed(7, kKey, {0, 5}), kKey)) << "frames without bands";
-    EXPECT_FALSE(EC::deserializeBands(sealed(7, kKey, {8, 0}), kKey)) << "bands without frames";
-    // More frames than an int holds, in a file that claims no more than it has.
-    EXPECT_FALSE(EC::deserializeBands(sealed(7, kKey, {1, 0x8000'0000u}), kKey));
-    EXPECT_EQ(EC::deserializeBands(sealed(7, kKey, {0, 0}), kKey), BandFeature{});
+    // Counts that describe a feature, however odd, are one.
     const auto odd = EC::deserializeBands(sealed(7, kKey, {3, 1, 0, 0, 0}), kKey);
     ASSERT_TRUE(odd);
     EXPECT_EQ(odd->bands.size(), 3u);
     EXPECT_EQ(odd->frames, 1);
 
+    // The same through a file on disk, as a crash or a full disk would leave it.
+    TempDir tmp;
+    const auto media = Url::fromPath(tmp.file("clip.mov", "movie"));
+    ASSERT_TRUE(EC::savePair(media, pairOf({1.0f, 2.0f}, {3.0f}), tmp / "cache"));
+    const auto entry = tmp / "cache" / *EC::cacheKey(media);
+    fs::resize_file(entry, fs::file_size(entry) - 1);
+    EXPECT_FALSE(EC::loadPair(media, tmp / "cache"));
+}
+
+// Values that can't be read back, and features that are not one, are never written.
+TEST(EnvelopeCache, WhatCantBeReadBackIsNotWritten) {
+    const float nanF = std::numeric_limits<float>::quiet_NaN();
+    EXPECT_FALSE(EC::serialize(kKey, pairOf({nanF}, {})));
+    EXPECT_FALSE(EC::serialize(kKey, pairOf({}, {std::numeric_limits<float>::infinity()})));
+    EXPECT_FALSE(EC::serialize(kKey, pairOf({}, {}, std::numeric_limits<double>::quiet_NaN())));
+    EXPECT_FALSE(EC::serialize(kKey, pairOf({}, {}, -0.5)));
+    auto withNaN = featureOf(2, 3, 1.0f);
+    withNaN.bands[1][2] = nanF;
     auto ragged = featureOf(8, 10, 1.0f);
     ragged.bands[7].pop_back();
-    EXPECT_FALSE(EC::serializeBands(kKey, ragged));
     auto miscounted = featureOf(8, 10, 1.0f);
     miscounted.frames = 9;
-    EXPECT_FALSE(EC::serializeBands(kKey, miscounted));
-    EXPECT_FALSE(EC::serializeBands(kKey, BandFeature{{}, 5}));
-    EXPECT_FALSE(EC::serializeBands(kKey, BandFeature{{{}, {}}, 0}));
+    for (const auto& feature : {withNaN, ragged, miscounted, BandFeature{{}, 5}, BandFeature{{{}, {}}, 0}})
+        EXPECT_FALSE(EC::serializeBands(kKey, feature)) << feature.bands.size() << " x " << feature.frames;
 }
 
 // ---- keys -------------------------------------------------------------------------------------
@@ -465,41 +301,30 @@ TEST(EnvelopeCache, KeyIsDjb2OfPathSizeAndWholeSecondsOfModification) {
 
 TEST(EnvelopeCache, KeyChangesWithSizeTimeOrPathAndIsStableOtherwise) {
     TempDir tmp;
-    const auto p = tmp.file("clip.wav", "12345");
-    setModificationTime(p, 1'700'000'000, 100'000'000);
-    const auto url = Url::fromPath(p);
-    const auto key = EC::cacheKey(url);
+    const auto keyOf = [&](const std::string& name, const std::string& content, long long seconds,
+                           long nanos) {
+        const auto p = tmp.file(name, content);
+        setModificationTime(p, seconds, nanos);
+        return EC::cacheKey(Url::fromPath(p));
+    };
+    const auto key = keyOf("clip.wav", "12345", 1'700'000'000, 100'000'000);
     ASSERT_TRUE(key);
-    EXPECT_EQ(key->size(), 16u);
     EXPECT_EQ(key->find_first_not_of("0123456789abcdef"), std::string::npos);
-    EXPECT_EQ(EC::cacheKey(url), key);
-
-    // A touch within the same second keeps the key.
-    setModificationTime(p, 1'700'000'000, 900'000'000);
-    EXPECT_EQ(EC::cacheKey(url), key);
-    setModificationTime(p, 1'700'000'001, 100'000'000);
-    EXPECT_NE(EC::cacheKey(url), key);
-
-    // Rewritten with other content of the same size at the same time: the key can't tell.
-    tmp.file("clip.wav", "54321");
-    setModificationTime(p, 1'700'000'000, 100'000'000);
-    EXPECT_EQ(EC::cacheKey(url), key);
-    tmp.file("clip.wav", "123456");
-    setModificationTime(p, 1'700'000'000, 100'000'000);
-    EXPECT_NE(EC::cacheKey(url), key);
-
-    // The same file elsewhere is another entry.
-    tmp.file("clip.wav", "12345");
-    setModificationTime(p, 1'700'000'000, 100'000'000);
-    EXPECT_EQ(EC::cacheKey(url), key);
-    const auto copy = tmp.file("other/clip.wav", "12345");
-    setModificationTime(copy, 1'700'000'000, 100'000'000);
-    EXPECT_NE(EC::cacheKey(Url::fromPath(copy)), key);
+    EXPECT_EQ(key->size(), 16u);
+    // Other content of the same size at the same second: the key can't tell, and doesn't claim to.
+    using Case = std::tuple<const char*, const char*, const char*, long long, long, bool>;
+    for (const auto& [what, name, content, seconds, nanos, same] :
+         {Case{"touched within the second", "clip.wav", "12345", 1'700'000'000, 900'000'000, true},
+          Case{"touched to the next second", "clip.wav", "12345", 1'700'000'001, 100'000'000, false},
+          Case{"rewritten, same size and time", "clip.wav", "54321", 1'700'000'000, 100'000'000, true},
+          Case{"one byte longer", "clip.wav", "123456", 1'700'000'000, 100'000'000, false},
+          Case{"the same file elsewhere", "other/clip.wav", "12345", 1'700'000'000, 100'000'000, false}})
+        EXPECT_EQ(keyOf(name, content, seconds, nanos) == key, same) << what;
 
     // A link gets its own key, but from the status of the file it points at.
     const auto link = tmp / "link.wav";
-    fs::create_symlink(p, link);
-    EXPECT_EQ(EC::cacheKey(Url::fromPath(link)), djb2Key(Url::fromPath(link).path() + "|5|1700000000"));
+    fs::create_symlink(tmp / "clip.wav", link);
+    EXPECT_EQ(EC::cacheKey(Url::fromPath(link)), djb2Key(Url::fromPath(link).path() + "|6|1700000000"));
 }
 
 TEST(EnvelopeCache, FilesThatCantBeReadHaveNoKeyAndAreNeverCached) {
@@ -510,7 +335,6 @@ TEST(EnvelopeCache, FilesThatCantBeReadHaveNoKeyAndAreNeverCached) {
         const auto url = p.empty() ? Url() : Url::fromPath(p);
         EXPECT_FALSE(EC::cacheKey(url)) << p;
         EXPECT_FALSE(EC::savePair(url, pairOf(one, one), folder)) << p;
-        EXPECT_FALSE(EC::saveBands(url, featureOf(8, 5, 1.0f), folder)) << p;
         EXPECT_FALSE(EC::loadPair(url, folder)) << p;
     }
     const auto dangling = tmp / "dangling.wav";
@@ -549,23 +373,6 @@ TEST(EnvelopeCache, CachedClipOpensWithoutOpeningTheMedia) {
     std::ifstream(media).get();
     EXPECT_GT(::read(watcher, events, sizeof events), 0);
     ::close(watcher);
-}
-
-TEST(EnvelopeCache, ChangedMediaMissesItsOldEntries) {
-    TempDir tmp;
-    const auto media = tmp.file("clip.wav", "first take");
-    setModificationTime(media, 1'700'000'000);
-    const auto url = Url::fromPath(media);
-    const auto folder = tmp / "cache";
-    ASSERT_TRUE(EC::savePair(url, pairOf({1.0f}, {2.0f}), folder));
-    ASSERT_TRUE(EC::saveBands(url, featureOf(8, 5, 1.0f), folder));
-
-    setModificationTime(media, 1'700'000'060);
-    EXPECT_FALSE(EC::loadPair(url, folder));
-    EXPECT_FALSE(EC::loadBands(url, folder));
-    setModificationTime(media, 1'700'000'000);
-    EXPECT_TRUE(EC::loadPair(url, folder));
-    EXPECT_TRUE(EC::loadBands(url, folder));
 }
 
 TEST(EnvelopeCache, HostileEntriesAreMissesWithoutHanging) {
@@ -625,7 +432,6 @@ TEST(EnvelopeCache, UnwritableFolderMakesSavesFailQuietly) {
     for (const auto& folder : {notAFolder, notAFolder / "Trelvane", fs::path("/proc/self/Trelvane")}) {
         EXPECT_FALSE(EC::savePair(url, pairOf(one, one), folder)) << folder;
         EXPECT_FALSE(EC::saveBands(url, featureOf(8, 5, 1.0f), folder)) << folder;
-        EXPECT_FALSE(EC::loadPair(url, folder)) << folder;
         EXPECT_EQ(EC::cacheSize(folder), 0) << folder;
         EXPECT_EQ(EC::prune(kNow, folder).removed, 0) << folder;
     }
@@ -651,8 +457,7 @@ TEST(EnvelopeCache, PlainCallsUseTheUserCacheFolder) {
     EXPECT_TRUE(fs::is_regular_file(tmp / "Trelvane" / key));
     EXPECT_TRUE(EC::loadPair(url));
     EXPECT_EQ(EC::loadBands(url), featureOf(8, 5, 1.0f));
-    EXPECT_EQ(EC::cacheSize(), static_cast<std::int64_t>(fs::file_size(tmp / "Trelvane" / key) +
-                                                         fs::file_size(tmp / "Trelvane" / (key + ".bands"))));
+    EXPECT_GT(EC::cacheSize(), 0);
     EC::clearAll();
     EXPECT_EQ(EC::cacheSize(), 0);
     EXPECT_FALSE(EC::loadPair(url));
@@ -663,15 +468,10 @@ TEST(EnvelopeCache, PlainCallsUseTheUserCacheFolder) {
 TEST(EnvelopeCache, PruneRemovesEntriesOlderThanSevenDaysWhateverTheTotal) {
     TempDir tmp;
     const auto folder = tmp.dir("cache");
-    const auto old = tmp.file("cache/0000000000000001", "");
-    fs::resize_file(old, 3 * 1048576);
-    setModificationTime(old, kNowSeconds - 7 * kDay - 1, 999'999'000); // 7 days and a microsecond
-    const auto exactlySeven = tmp.file("cache/0000000000000002", "seven");
-    setModificationTime(exactlySeven, kNowSeconds - 7 * kDay);
-    const auto fresh = tmp.file("cache/0000000000000003.bands", "fresh");
-    setModificationTime(fresh, kNowSeconds - kDay);
-    const auto future = tmp.file("cache/0000000000000004", "future");
-    setModificationTime(future, kNowSeconds + kDay);
+    aged(tmp, "0000000000000001", 3 * 1048576, 7 * kDay + 1, 999'999'000); // 7 days and a microsecond
+    aged(tmp, "0000000000000002", 5, 7 * kDay);
+    aged(tmp, "0000000000000003.bands", 5, kDay);
+    aged(tmp, "0000000000000004", 6, -kDay);
 
     LogCapture log;
     const auto result = EC::prune(kNow, folder);
@@ -687,10 +487,8 @@ TEST(EnvelopeCache, PruneRemovesEntriesOlderThanSevenDaysWhateverTheTotal) {
     EXPECT_EQ(log.lines().size(), 1u);
 
     // Stray temporaries of an interrupted save age out like entries.
-    const auto stray = tmp.file("cache/.0000000000000005.AbCdEf", "half");
-    setModificationTime(stray, kNowSeconds - 8 * kDay);
-    const auto older = tmp.file("cache/0000000000000006", "old");
-    setModificationTime(older, kNowSeconds - 30 * kDay);
+    aged(tmp, ".0000000000000005.AbCdEf", 4, 8 * kDay);
+    aged(tmp, "0000000000000006", 3, 30 * kDay);
     const auto twice = EC::prune(kNow, folder);
     EXPECT_EQ(twice.removed, 2);
     EXPECT_EQ(twice.bytesFreed, 7);
@@ -702,12 +500,8 @@ TEST(EnvelopeCache, PruneRemovesEntriesOlderThanSevenDaysWhateverTheTotal) {
 TEST(EnvelopeCache, PruneTrimsTheOldestWhileOverTheCeiling) {
     TempDir tmp;
     const auto folder = tmp.dir("cache");
-    // Sparse files: their sizes count, their blocks don't exist.
     const auto sized = [&](const std::string& name, std::uintmax_t size, long long age) {
-        const auto p = tmp.file("cache/" + name, "");
-        fs::resize_file(p, size);
-        setModificationTime(p, kNowSeconds - age);
-        return p;
+        return aged(tmp, name, size, age);
     };
     const std::int64_t quarter = EC::kCeilingBytes / 4;
     sized("a-newest", quarter, 10);
