@@ -174,24 +174,6 @@ TEST(AudioExtractor, ReadsWavOfEveryCommonSampleLayoutWithAllChannelsAtEqualWeig
     }
 }
 
-TEST(AudioExtractor, ReadsAacInMp4AndPcmInMov) {
-    TempDir tmp;
-    const auto mp4 = tmp / "clip.mp4";
-    const auto mov = tmp / "clip.mov";
-    ASSERT_TRUE(ffmpeg("-f lavfi -i sine=f=440:d=3:r=48000 -ac 2 -c:a aac", mp4));
-    ASSERT_TRUE(ffmpeg("-f lavfi -i sine=f=440:d=3:r=48000 -c:a pcm_s24le", mov));
-    for (const auto& file : {mp4, mov}) {
-        SCOPED_TRACE(file.filename().string());
-        const auto r = extract(file);
-        // AAC ends on a whole frame (1,024 samples at 48 kHz, 342 at 16 kHz).
-        EXPECT_GE(r.samples.size(), 47998u);
-        EXPECT_LE(r.samples.size(), 48000u + 342u);
-        EXPECT_DOUBLE_EQ(r.duration, static_cast<double>(r.samples.size()) / 16000.0);
-        EXPECT_NEAR(peakOf(r.samples), 0.5f, 1e-6f);
-        EXPECT_NEAR(frequencyOf(r.samples, 16000), 440, 1);
-    }
-}
-
 TEST(AudioExtractor, MixesEveryAudioStreamOfAMovieAlignedAtTheirStart) {
     TempDir tmp;
     const auto two = tmp / "two.mov";
@@ -241,6 +223,9 @@ TEST(AudioExtractor, StartsEveryContainerAtTheFirstSampleAnEditorPlays) {
         SCOPED_TRACE(file.filename().string());
         const auto r = extract(file);
         EXPECT_LE(std::abs(bestLag(r.samples, reference.samples, at, 800, 16000, 32000) - at), tolerance);
+        // Compressed sound ends on a whole frame (1,024 samples at 48 kHz, 342 at 16 kHz).
+        EXPECT_NEAR(r.duration, 5.0, 342.0 / 16000);
+        EXPECT_DOUBLE_EQ(r.duration, static_cast<double>(r.samples.size()) / 16000.0);
     }
     const auto r = extract(late);
     EXPECT_LE(std::abs(bestLag(r.samples, reference.samples, at - 8000, 800, 24000, 32000) - (at - 8000)),
@@ -255,38 +240,29 @@ TEST(AudioExtractor, RefusesFilesWithoutUsableAudioNamingTheFile) {
     TempDir tmp;
     const auto video = tmp / "picture only.mp4";
     const auto silent = tmp / "silent.wav";
-    const auto empty = tmp.file("empty.wav", "");
-    const auto text = tmp.file("notes.mov", "Scene 4, take 2: the boom was in shot.\n");
     ASSERT_TRUE(ffmpeg("-f lavfi -i color=c=red:s=64x64:r=25:d=1 -c:v mpeg4", video));
     ASSERT_TRUE(ffmpeg("-f lavfi -i anullsrc=r=48000:cl=stereo -t 1 -c:a pcm_s16le", silent));
-
-    auto e = errorOf(video);
-    ASSERT_TRUE(e);
-    EXPECT_EQ(e->kind(), TrelvaneError::Kind::noAudioTrack);
-    EXPECT_EQ(e->detail(), "picture only.mp4");
-
-    e = errorOf(silent);
-    ASSERT_TRUE(e);
-    EXPECT_EQ(e->kind(), TrelvaneError::Kind::silentAudio);
-    EXPECT_EQ(e->detail(), "silent.wav");
-    EXPECT_NE(e->description().find("silent.wav"), std::string::npos);
-
-    for (const auto& file : {empty, text}) {
-        SCOPED_TRACE(file.filename().string());
-        e = errorOf(file);
+    using K = TrelvaneError::Kind;
+    const struct {
+        std::filesystem::path file;
+        K kind;
+        std::string detail; // empty: any, as long as there is one
+    } cases[] = {
+        {video, K::noAudioTrack, "picture only.mp4"},
+        {silent, K::silentAudio, "silent.wav"},
+        {tmp.file("notes.mov", "Scene 4, take 2: the boom was in shot.\n"), K::readerStartFailed, ""},
+        {tmp / "gone.wav", K::readerStartFailed, "No such file or directory"},
+        {tmp.path(), K::readerStartFailed, ""},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.file.string());
+        const auto e = errorOf(c.file);
         ASSERT_TRUE(e);
-        EXPECT_EQ(e->kind(), TrelvaneError::Kind::readerStartFailed);
+        EXPECT_EQ(e->kind(), c.kind);
+        EXPECT_EQ(e->detail(), c.detail.empty() ? e->detail() : c.detail);
         EXPECT_FALSE(e->detail().empty());
     }
-
-    e = errorOf(tmp / "gone.wav");
-    ASSERT_TRUE(e);
-    EXPECT_EQ(e->kind(), TrelvaneError::Kind::readerStartFailed);
-    EXPECT_EQ(e->detail(), "No such file or directory");
-
-    e = errorOf(tmp.path());
-    ASSERT_TRUE(e);
-    EXPECT_EQ(e->kind(), TrelvaneError::Kind::readerStartFailed);
+    EXPECT_NE(errorOf(silent)->description().find("silent.wav"), std::string::npos);
 }
 
 TEST(AudioExtractor, KeepsWhatDecodesOfAFileThatBreaksOffAndSaysSo) {
@@ -384,8 +360,6 @@ TEST(AudioExtractor, AStopEndsTheReadWhereItStands) {
         EXPECT_EQ(e.kind(), TrelvaneError::Kind::stopped);
     }
     EXPECT_EQ(reports, 0);
-    // Without a stop the same file reads whole.
-    EXPECT_NEAR(AE::extract(url, 120).duration, 120.0, 0.01);
 }
 
 // ---- levelling ----------------------------------------------------------------------------------------
@@ -439,45 +413,12 @@ TEST(AudioExtractorLevel, LiftsQuietPassagesAtMostEightfoldAndGivesSilenceTheGat
     EXPECT_NEAR(atCentre(x, 4) / base, 0.1f * 2.4f, 1e-4f);
     EXPECT_NEAR(atCentre(x, 3) / base, 2.4f, 1e-4f);
 
-    // Upper median of an even count: kept RMS 0.02, 0.05, 0.2, 0.4 give median 0.2 and gate 0.02;
-    // gains 1, 4, 0.5, 8 smooth to 5.5/3, 13.5/4, 13.5/4, 12.5/3.
-    std::vector<float> y = windows({0.2f, 0.05f, 0.4f, 0.02f});
-    AE::detail::levelAudio(y, 16000);
-    const float y0 = atCentre(y, 0) / (0.2f * 5.5f / 3);
-    EXPECT_NEAR(atCentre(y, 1) / y0, 0.05f * 13.5f / 4, 1e-4f);
-    EXPECT_NEAR(atCentre(y, 2) / y0, 0.4f * 13.5f / 4, 1e-4f);
-    EXPECT_NEAR(atCentre(y, 3) / y0, 0.02f * 12.5f / 3, 1e-4f);
-
     // True silence (window 3) sits under the gate 0.05 set by the quietest kept window: it gets
     // the gate's gain 0.1 / 0.05 = 2, not the limit 8, so window 2 smooths to (1+1+1+2+2)/5.
     std::vector<float> z = windows({0.1f, 0.1f, 0.1f, 0.0f, 0.05f, 0.1f, 0.1f});
     AE::detail::levelAudio(z, 16000);
     EXPECT_NEAR(atCentre(z, 2) / atCentre(z, 0), 1.4f, 1e-4f);
     EXPECT_EQ(atCentre(z, 3), 0.0f);
-}
-
-TEST(AudioExtractorLevel, TamesALoudPassageOfARealRecording) {
-    // Speech with a passage 20 times louder over windows 8 to 15: in its middle every gain is
-    // cut to the limit 0.25, so it ends up far closer to the level of the speech around it.
-    TempDir tmp;
-    const auto speech = tmp / "speech.wav";
-    ASSERT_TRUE(sh("sox /usr/share/asterisk/sounds/en_US_f_Allison/tt-monkeys.wav -r 16000 -c 1 " +
-                   q(speech) + " repeat 4"));
-    std::vector<float> raw = extract(speech).samples;
-    ASSERT_GT(raw.size(), 6400u * 24);
-    for (std::size_t j = 8 * 6400; j < 16 * 6400; ++j)
-        raw[j] *= 20.0f;
-    const auto rms = [](const std::vector<float>& v, std::size_t w) {
-        double s = 0;
-        for (std::size_t j = w * 6400; j < (w + 1) * 6400; ++j)
-            s += static_cast<double>(v[j]) * v[j];
-        return std::sqrt(s / 6400);
-    };
-    const double before = rms(raw, 11) / rms(raw, 2);
-    auto levelled = raw;
-    AE::detail::levelAudio(levelled, 16000);
-    EXPECT_NEAR(peakOf(levelled), 0.5f, 1e-6f);
-    EXPECT_LT(rms(levelled, 11) / rms(levelled, 2), before / 2);
 }
 
 // ---- resampling -------------------------------------------------------------------------------------
@@ -555,12 +496,6 @@ TEST(AudioExtractorBRAW, AveragesInterleavedChannelsAndResamplesToTheAnalysisRat
     EXPECT_NEAR(frequencyOf(r.samples, 16000), 440, 1);
     EXPECT_EQ(progress, std::vector<double>{0.9});
 
-    // 16,000.4 Hz is taken as it is.
-    const auto near = sine(440, 16000, 20000);
-    EXPECT_EQ(AE::detail::analysisFromInterleaved(interleaved(20000, 1, 16000.4, {near}), "A001.braw")
-                  .samples.size(),
-              20000u);
-
     // Opposite channels average to nothing.
     std::vector<float> inverted(tone);
     for (float& v : inverted)
@@ -597,34 +532,27 @@ TEST(AudioExtractorBRAW, TakesAStreamWithoutFramesChannelsRateOrDataForNoAudio) 
 }
 
 TEST(AudioExtractorBRAW, ConvertsTheSdksIntegerSamples) {
-    std::vector<float> out;
-    const std::vector<unsigned char> s16 = {0x00, 0x40, 0x00, 0x80, 0xFF, 0x7F};
-    EXPECT_TRUE(BRAWAudio::appendPCM(std::as_bytes(std::span(s16)), 2, 16, out));
-    ASSERT_EQ(out.size(), 3u);
-    EXPECT_FLOAT_EQ(out[0], 0.5f);
-    EXPECT_FLOAT_EQ(out[1], -1.0f);
-    EXPECT_NEAR(out[2], 1.0f, 1e-4f);
-
-    out.clear();
-    const std::vector<unsigned char> s24 = {0x00, 0x00, 0xC0, 0x00, 0x00, 0x20};
-    EXPECT_TRUE(BRAWAudio::appendPCM(std::as_bytes(std::span(s24)), 3, 24, out));
-    EXPECT_EQ(out, (std::vector<float>{-0.5f, 0.25f}));
-
-    // 24 significant bits, right-aligned in four bytes, with or without the sign extended.
-    out.clear();
-    const std::vector<unsigned char> s24in32 = {0x00, 0x00, 0xC0, 0xFF, 0x00, 0x00, 0xC0, 0x00};
-    EXPECT_TRUE(BRAWAudio::appendPCM(std::as_bytes(std::span(s24in32)), 4, 24, out));
-    EXPECT_EQ(out, (std::vector<float>{-0.5f, -0.5f}));
-
-    out.clear();
-    const std::vector<unsigned char> s32 = {0x00, 0x00, 0x00, 0x40};
-    EXPECT_TRUE(BRAWAudio::appendPCM(std::as_bytes(std::span(s32)), 4, 32, out));
-    EXPECT_EQ(out, (std::vector<float>{0.5f}));
-
-    out.clear();
-    EXPECT_FALSE(BRAWAudio::appendPCM(std::as_bytes(std::span(s16)).first(5), 2, 16, out));
-    EXPECT_FALSE(BRAWAudio::appendPCM(std::as_bytes(std::span(s16)), 1, 8, out));
-    EXPECT_TRUE(out.empty());
+    const struct {
+        std::vector<unsigned char> bytes;
+        int bytesPerSample, bits;
+        std::optional<std::vector<float>> expected;
+    } cases[] = {
+        {{0x00, 0x40, 0x00, 0x80, 0xFF, 0x7F}, 2, 16, std::vector<float>{0.5f, -1.0f, 32767.0f / 32768}},
+        {{0x00, 0x00, 0xC0, 0x00, 0x00, 0x20}, 3, 24, std::vector<float>{-0.5f, 0.25f}},
+        // 24 significant bits, right-aligned in four bytes, with or without the sign extended.
+        {{0x00, 0x00, 0xC0, 0xFF, 0x00, 0x00, 0xC0, 0x00}, 4, 24, std::vector<float>{-0.5f, -0.5f}},
+        {{0x00, 0x00, 0x00, 0x40}, 4, 32, std::vector<float>{0.5f}},
+        // A sample cut in half, and a depth the SDK never gives.
+        {{0x00, 0x40, 0x00, 0x80, 0xFF}, 2, 16, std::nullopt},
+        {{0x00, 0x40}, 1, 8, std::nullopt},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(::testing::Message() << c.bits << " bits in " << c.bytesPerSample);
+        std::vector<float> out;
+        EXPECT_EQ(BRAWAudio::appendPCM(std::as_bytes(std::span(c.bytes)), c.bytesPerSample, c.bits, out),
+                  c.expected.has_value());
+        EXPECT_EQ(out, c.expected.value_or(std::vector<float>{}));
+    }
 }
 
 TEST(AudioExtractorBRAW, TellsWhatToInstallWhenTheSdkIsMissing) {
@@ -666,11 +594,14 @@ class IUnknown {
 template <class Base> class Counted : public Base {
   public:
     Counted() { ++live; }
+    // Declared after the interface's functions, so that their slots stay where the SDK has them.
+    virtual ~Counted() {}
     HRESULT QueryInterface(REFIID, void**) override { return (HRESULT)0x80000004; }
     unsigned long AddRef() override { return ++refs; }
     unsigned long Release() override { unsigned long r = --refs; if (r == 0) { --live; delete this; } return r; }
     unsigned long refs = 1;
 };
+// Each interface declares the functions called, and those before them in its table.
 class IAudio : public IUnknown {
   public:
     virtual HRESULT GetAudioFormat(uint32_t*) = 0;
@@ -679,29 +610,10 @@ class IAudio : public IUnknown {
     virtual HRESULT GetAudioSampleRate(uint32_t*) = 0;
     virtual HRESULT GetAudioSampleCount(uint64_t*) = 0;
     virtual HRESULT GetAudioSamples(int64_t, void*, uint32_t, uint32_t, uint32_t*, uint32_t*) = 0;
-  protected:
-    virtual ~IAudio() {}
 };
-class IClip : public IUnknown {
-  public:
-    virtual HRESULT GetWidth(uint32_t*) = 0;
-  protected:
-    virtual ~IClip() {}
-};
-class ICodec : public IUnknown {
-  public:
-    virtual HRESULT OpenClip(const char*, IClip**) = 0;
-    virtual HRESULT SetCallback(void*) = 0;
-  protected:
-    virtual ~ICodec() {}
-};
-class IFactory : public IUnknown {
-  public:
-    virtual HRESULT CreateCodec(ICodec**) = 0;
-    virtual HRESULT CreatePipelineIterator(uint32_t, void**) = 0;
-  protected:
-    virtual ~IFactory() {}
-};
+class IClip : public IUnknown {};
+class ICodec : public IUnknown { public: virtual HRESULT OpenClip(const char*, IClip**) = 0; };
+class IFactory : public IUnknown { public: virtual HRESULT CreateCodec(ICodec**) = 0; };
 const uint64_t kFrames = 96000;
 class Audio : public Counted<IAudio> {
   public:
@@ -735,7 +647,6 @@ class Clip : public Counted<IClip> {
         *out = static_cast<IAudio*>(new Audio);
         return 0;
     }
-    HRESULT GetWidth(uint32_t* w) override { *w = 6144; return 0; }
 };
 class Codec : public Counted<ICodec> {
   public:
@@ -744,12 +655,10 @@ class Codec : public Counted<ICodec> {
         *clip = new Clip;
         return 0;
     }
-    HRESULT SetCallback(void*) override { return 0; }
 };
 class Factory : public Counted<IFactory> {
   public:
     HRESULT CreateCodec(ICodec** codec) override { *codec = new Codec; return 0; }
-    HRESULT CreatePipelineIterator(uint32_t, void**) override { return (HRESULT)0x80000001; }
 };
 extern "C" IFactory* CreateBlackmagicRawFactoryInstance() { return new Factory; }
 )";
@@ -775,14 +684,6 @@ TEST(AudioExtractorBRAW, ReadsAClipThroughALibraryWithTheSdksInterface) {
     EXPECT_DOUBLE_EQ(progress[progress.size() - 2], 0.8);
     EXPECT_EQ(progress.back(), 0.9);
     EXPECT_TRUE(std::is_sorted(progress.begin(), progress.end()));
-
-    const auto direct = BRAWAudio::readAudio(clip.string());
-    ASSERT_TRUE(direct.audio);
-    EXPECT_EQ(direct.audio->frameCount, 96000u);
-    EXPECT_EQ(direct.audio->channelCount, 2u);
-    EXPECT_EQ(direct.audio->sampleRate, 48000);
-    ASSERT_EQ(direct.audio->interleaved.size(), 192000u);
-    EXPECT_EQ(direct.audio->interleaved[1], 0.0f);
 
     const auto e = errorOf(tmp.file("unreadable.braw", "x"));
     ASSERT_TRUE(e);
