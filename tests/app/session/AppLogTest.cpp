@@ -8,29 +8,20 @@
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <arpa/inet.h>
 #include <chrono>
-#include <csignal>
 #include <cstdlib>
-#include <fcntl.h>
 #include <filesystem>
 #include <fstream>
-#include <mutex>
 #include <netinet/in.h>
 #include <optional>
 #include <poll.h>
 #include <regex>
-#include <spawn.h>
 #include <sstream>
 #include <string>
 #include <sys/socket.h>
-#include <sys/utsname.h>
-#include <sys/wait.h>
 #include <unistd.h>
 #include <vector>
-
-extern char** environ;
 
 using namespace trelvane;
 namespace fs = std::filesystem;
@@ -38,6 +29,7 @@ using namespace std::chrono_literals;
 
 using trelvane::test::LogCapture;
 using trelvane::test::ScopedEnv;
+using trelvane::test::slurp;
 using trelvane::test::TempDir;
 
 namespace {
@@ -50,47 +42,12 @@ struct AppLogReset {
     }
 };
 
-std::string readBytes(const fs::path& path) {
-    std::ifstream in(path, std::ios::binary);
-    std::ostringstream text;
-    text << in.rdbuf();
-    return text.str();
-}
-
 std::vector<std::string> linesOf(const std::string& text) {
     std::vector<std::string> lines;
     std::istringstream in(text);
     for (std::string line; std::getline(in, line);)
         lines.push_back(line);
     return lines;
-}
-
-std::string percentDecode(const std::string& text) {
-    std::string out;
-    for (std::size_t i = 0; i < text.size(); ++i) {
-        if (text[i] == '%' && i + 2 < text.size()) {
-            out += static_cast<char>(std::stoi(text.substr(i + 1, 2), nullptr, 16));
-            i += 2;
-        } else {
-            out += text[i];
-        }
-    }
-    return out;
-}
-
-std::vector<std::pair<std::string, std::string>> parseForm(const std::string& body) {
-    std::vector<std::pair<std::string, std::string>> fields;
-    std::size_t start = 0;
-    while (start <= body.size()) {
-        auto end = body.find('&', start);
-        if (end == std::string::npos) end = body.size();
-        const auto pair = body.substr(start, end - start);
-        const auto eq = pair.find('=');
-        fields.emplace_back(percentDecode(pair.substr(0, eq)),
-                            eq == std::string::npos ? "" : percentDecode(pair.substr(eq + 1)));
-        start = end + 1;
-    }
-    return fields;
 }
 
 // A plain TCP listener on 127.0.0.1: proves that no request was made when none may be.
@@ -121,88 +78,46 @@ class Listener {
     int port_ = 0;
 };
 
-bool haveTool(const std::string& name) {
-    return std::system(("command -v " + name + " >/dev/null 2>&1").c_str()) == 0;
-}
-
 // The capture server from https_capture_server.py with a fresh self-signed certificate for
-// 127.0.0.1. The server exits by itself after one POST or 30 s; the destructor ends it sooner.
+// 127.0.0.1. It exits by itself after one POST or 30 s; the destructor waits for that.
 class HttpsCaptureServer {
   public:
     explicit HttpsCaptureServer(const fs::path& folder)
-        : cert_(folder / "c.pem"), key_(folder / "k.pem"), capture_(folder / "capture.txt"),
-          errors_(folder / "server-stderr.txt") {
-        const std::string openssl = "openssl req -x509 -newkey rsa:2048 -nodes -keyout '" + key_.string() +
-                                    "' -out '" + cert_.string() +
+        : cert_(folder / "c.pem"), capture_(folder / "capture.txt"), errors_(folder / "server-stderr.txt") {
+        const auto key = (folder / "k.pem").string();
+        const std::string openssl = "openssl req -x509 -newkey rsa:2048 -nodes -keyout '" + key + "' -out '" +
+                                    cert_.string() +
                                     "' -days 1 -subj /CN=127.0.0.1 -addext subjectAltName=IP:127.0.0.1"
                                     " >/dev/null 2>&1";
         if (std::system(openssl.c_str()) != 0)
             throw std::runtime_error("openssl could not make a certificate");
-
-        int out[2];
-        if (::pipe2(out, O_CLOEXEC) != 0) throw std::runtime_error("pipe");
-        posix_spawn_file_actions_t actions;
-        posix_spawn_file_actions_init(&actions);
-        posix_spawn_file_actions_adddup2(&actions, out[1], STDOUT_FILENO);
-        posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, errors_.c_str(),
-                                         O_WRONLY | O_CREAT | O_TRUNC, 0644);
-        const std::string script =
-            std::string(TRELVANE_SOURCE_DIR) + "/tests/app/session/https_capture_server.py";
-        std::vector<std::string> args = {"/usr/bin/python3", script,           "--cert",
-                                         cert_.string(),     "--key",          key_.string(),
-                                         "--capture",        capture_.string()};
-        std::vector<char*> argv;
-        for (auto& a : args)
-            argv.push_back(a.data());
-        argv.push_back(nullptr);
-        const int rc = ::posix_spawn(&pid_, argv[0], &actions, nullptr, argv.data(), environ);
-        posix_spawn_file_actions_destroy(&actions);
-        ::close(out[1]);
-        if (rc != 0) {
-            ::close(out[0]);
-            pid_ = -1;
-            throw std::runtime_error("could not start the capture server");
-        }
-        std::string line;
-        const auto deadline = std::chrono::steady_clock::now() + 20s;
-        while (line.find('\n') == std::string::npos && std::chrono::steady_clock::now() < deadline) {
-            pollfd p{out[0], POLLIN, 0};
-            if (::poll(&p, 1, 200) <= 0) continue;
-            char buffer[64];
-            const ssize_t n = ::read(out[0], buffer, sizeof buffer);
-            if (n <= 0) break;
-            line.append(buffer, static_cast<std::size_t>(n));
-        }
-        ::close(out[0]);
-        port_ = std::atoi(line.c_str());
-        if (port_ <= 0)
-            throw std::runtime_error("the capture server gave no port; stderr: " + readBytes(errors_));
+        const std::string server = "exec /usr/bin/python3 '" + std::string(TRELVANE_SOURCE_DIR) +
+                                   "/tests/app/session/https_capture_server.py' --cert '" + cert_.string() +
+                                   "' --key '" + key + "' --capture '" + capture_.string() + "' 2>'" +
+                                   errors_.string() + "'";
+        pipe_ = ::popen(server.c_str(), "r");
+        char line[32] = {};
+        if (!pipe_ || !std::fgets(line, sizeof line, pipe_) || std::atoi(line) <= 0)
+            throw std::runtime_error("the capture server gave no port; stderr: " + slurp(errors_));
+        port_ = std::atoi(line);
     }
     ~HttpsCaptureServer() {
-        if (pid_ <= 0) return;
-        int status = 0;
-        if (::waitpid(pid_, &status, WNOHANG) == 0) {
-            ::kill(pid_, SIGTERM);
-            ::waitpid(pid_, &status, 0);
-        }
+        if (pipe_) ::pclose(pipe_);
     }
-    int port() const { return port_; }
     std::string url() const { return "https://127.0.0.1:" + std::to_string(port_) + "/report"; }
     const fs::path& cert() const { return cert_; }
     const fs::path& capture() const { return capture_; }
-    std::string serverErrors() const { return readBytes(errors_); }
+    std::string serverErrors() const { return slurp(errors_); }
 
   private:
-    fs::path cert_, key_, capture_, errors_;
-    pid_t pid_ = -1;
+    fs::path cert_, capture_, errors_;
+    FILE* pipe_ = nullptr;
     int port_ = 0;
 };
 
 #define SKIP_WITHOUT_HTTPS_TOOLS()                                                                           \
-    do {                                                                                                     \
-        if (::access("/usr/bin/python3", X_OK) != 0) GTEST_SKIP() << "/usr/bin/python3 is not installed";    \
-        if (!haveTool("openssl")) GTEST_SKIP() << "the openssl command is not installed";                    \
-    } while (false)
+    if (std::system("test -x /usr/bin/python3 && command -v openssl >/dev/null 2>&1") != 0)                  \
+    GTEST_SKIP() << "python3 or openssl is not installed"
 
 } // namespace
 
@@ -218,7 +133,7 @@ TEST(AppLog, FileOnlyStartWritesTheStartLineAndTruncatesAtTheNextStart) {
     EngineLog::log("[Test] first run");
     EngineLog::logf("[Test] %d clips — %s", 3, "Ünïcode");
 
-    auto lines = linesOf(readBytes(expected));
+    auto lines = linesOf(slurp(expected));
     ASSERT_EQ(lines.size(), 3u);
     const std::string version = kVersion;
     const std::regex startLine(
@@ -231,7 +146,7 @@ TEST(AppLog, FileOnlyStartWritesTheStartLineAndTruncatesAtTheNextStart) {
     EXPECT_EQ(lines[2], "[Test] 3 clips — Ünïcode");
 
     AppLog::start(AppLog::Mode::fileOnly);
-    lines = linesOf(readBytes(expected));
+    lines = linesOf(slurp(expected));
     ASSERT_EQ(lines.size(), 1u);
     EXPECT_TRUE(lines[0].starts_with("[Trelvane] log start "));
 
@@ -258,16 +173,16 @@ TEST(AppLog, FallsBackToTheUsersOwnFolderInTheTemporaryFolderWhereNoPlantedLinkI
     EngineLog::log("[Test] nowhere to go");
     EXPECT_TRUE(AppLog::logPath().empty()) << AppLog::logPath();
     EXPECT_TRUE(fs::is_empty(dir.path() / "elsewhere"));
-    EXPECT_EQ(readBytes(dir.path() / "victim"), "precious");
+    EXPECT_EQ(slurp(dir.path() / "victim"), "precious");
 
     fs::remove(own);
     AppLog::start(AppLog::Mode::fileOnly);
     EXPECT_EQ(AppLog::logPath(), own / "Trelvane.log");
     EXPECT_EQ(fs::status(own).permissions() & fs::perms::all, fs::perms::owner_all);
-    const auto lines = linesOf(readBytes(own / "Trelvane.log"));
+    const auto lines = linesOf(slurp(own / "Trelvane.log"));
     ASSERT_EQ(lines.size(), 1u);
     EXPECT_TRUE(lines[0].starts_with("[Trelvane] log start "));
-    EXPECT_EQ(readBytes(dir.path() / "victim"), "precious");
+    EXPECT_EQ(slurp(dir.path() / "victim"), "precious");
 
     // A link planted in place of the file itself is refused too.
     AppLog::stop();
@@ -275,7 +190,7 @@ TEST(AppLog, FallsBackToTheUsersOwnFolderInTheTemporaryFolderWhereNoPlantedLinkI
     fs::create_symlink(dir.path() / "victim", own / "Trelvane.log");
     AppLog::start(AppLog::Mode::fileOnly);
     EXPECT_TRUE(AppLog::logPath().empty());
-    EXPECT_EQ(readBytes(dir.path() / "victim"), "precious");
+    EXPECT_EQ(slurp(dir.path() / "victim"), "precious");
 }
 
 TEST(AppLog, RedirectStdioSendsStdoutAndStderrToTheFile) {
@@ -291,18 +206,12 @@ TEST(AppLog, RedirectStdioSendsStdoutAndStderrToTheFile) {
             ::_exit(0);
         },
         testing::ExitedWithCode(0), "");
-    const auto lines = linesOf(readBytes(dir.path() / "Trelvane" / "Trelvane.log"));
+    const auto lines = linesOf(slurp(dir.path() / "Trelvane" / "Trelvane.log"));
     ASSERT_EQ(lines.size(), 4u);
     EXPECT_TRUE(lines[0].starts_with("[Trelvane] log start "));
     EXPECT_EQ(lines[1], "printed on stdout");
     EXPECT_EQ(lines[2], "printed on stderr");
     EXPECT_EQ(lines[3], "[Test] through the default sink");
-}
-
-TEST(AppLog, OsVersionStringIsSystemNameAndRelease) {
-    utsname name{};
-    ASSERT_EQ(::uname(&name), 0);
-    EXPECT_EQ(AppLog::osVersionString(), std::string(name.sysname) + " " + name.release);
 }
 
 TEST(AppLog, RedactPathsReplacesHomeAndUserFoldersByTilde) {
@@ -332,66 +241,47 @@ TEST(AppLog, FormEncodeKeepsUnreservedBytesAndEscapesTheRest) {
     EXPECT_EQ(AppLog::formEncode({{"", ""}, {"x", std::string("\0\xff", 2)}}), "=&x=%00%FF");
 }
 
-TEST(AppLog, DiagnosticsSettingsAndEndpointPrecedence) {
-    TempDir dir;
-    Settings settings(dir.path() / "settings.json");
-    const ScopedEnv url("TRELVANE_DIAG_URL", std::nullopt);
-    EXPECT_TRUE(AppLog::diagnosticsEnabled(settings));
-    settings.setBool(Settings::kDiagUploadKey, false);
-    EXPECT_FALSE(AppLog::diagnosticsEnabled(settings));
-
-    EXPECT_EQ(AppLog::diagnosticsEndpoint(settings), std::nullopt);
-    settings.setString(Settings::kDiagEndpointKey, "https://configured/report");
-    EXPECT_EQ(AppLog::diagnosticsEndpoint(settings), "https://configured/report");
-    ::setenv("TRELVANE_DIAG_URL", "", 1);
-    EXPECT_EQ(AppLog::diagnosticsEndpoint(settings), "https://configured/report");
-    ::setenv("TRELVANE_DIAG_URL", "https://from-env/report", 1);
-    EXPECT_EQ(AppLog::diagnosticsEndpoint(settings), "https://from-env/report");
-}
-
-TEST(AppLog, UploadWithDiagnosticsOffSendsNothingAndSaysNothing) {
-    TempDir dir;
+// Each of these settles at once with nothing sent: no connection reaches the listener. The
+// environment's endpoint, where not empty, wins over the configured one.
+TEST(AppLog, UploadThatMayNotBeSentSendsNothing) {
     Listener listener;
-    Settings settings(dir.path() / "settings.json");
-    settings.setBool(Settings::kDiagUploadKey, false);
-    const ScopedEnv url("TRELVANE_DIAG_URL", "https://127.0.0.1:" + std::to_string(listener.port()) + "/r");
-    LogCapture log;
-    for (const char* reason : {"sync", "manual"}) {
-        auto sent = AppLog::upload(reason, settings);
-        ASSERT_EQ(sent.wait_for(0s), std::future_status::ready);
-        EXPECT_FALSE(sent.get());
-    }
-    EXPECT_FALSE(listener.connectionArrivesWithin(300));
-    EXPECT_TRUE(log.lines().empty());
-}
-
-TEST(AppLog, UploadWithoutEndpointLogsOneLineAndSendsNothing) {
-    TempDir dir;
-    Settings settings(dir.path() / "settings.json");
-    const ScopedEnv url("TRELVANE_DIAG_URL", std::nullopt);
-    LogCapture log;
-    auto sent = AppLog::upload("sync", settings);
-    ASSERT_EQ(sent.wait_for(0s), std::future_status::ready);
-    EXPECT_FALSE(sent.get());
-    EXPECT_EQ(log.lines(),
-              std::vector<std::string>{"[Diag] no diagnostics endpoint configured — report not sent"});
-}
-
-TEST(AppLog, UploadToAPlainHttpEndpointIsRefusedWithoutARequest) {
-    TempDir dir;
-    Listener listener;
-    Settings settings(dir.path() / "settings.json");
-    const std::string plain = "http://127.0.0.1:" + std::to_string(listener.port()) + "/report";
-    for (const bool fromEnv : {true, false}) {
-        SCOPED_TRACE(fromEnv ? "from the environment" : "from the settings");
-        const ScopedEnv url("TRELVANE_DIAG_URL", fromEnv ? std::optional<std::string>(plain) : std::nullopt);
-        settings.setString(Settings::kDiagEndpointKey, fromEnv ? "" : plain);
+    const std::string port = std::to_string(listener.port());
+    const std::string notHttps = "[Diag] diagnostics endpoint is not HTTPS — report not sent";
+    struct Case {
+        const char* what;
+        bool enabled;
+        std::optional<std::string> env;
+        std::string configured;
+        std::vector<std::string> log;
+    };
+    const std::string plain = "http://127.0.0.1:" + port + "/r", secure = "https://127.0.0.1:" + port + "/r";
+    const std::vector<Case> cases{
+        {"diagnostics off", false, secure, secure, {}},
+        {"no endpoint",
+         true,
+         std::nullopt,
+         "",
+         {"[Diag] no diagnostics endpoint configured — report not sent"}},
+        {"plain HTTP from the environment", true, plain, secure, {notHttps}},
+        {"plain HTTP from the settings", true, std::nullopt, plain, {notHttps}},
+        {"plain HTTP from the settings, the environment empty", true, "", plain, {notHttps}},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.what);
+        TempDir dir;
+        Settings settings(dir.path() / "settings.json");
+        if (!c.enabled) settings.setBool(Settings::kDiagUploadKey, false); // on by default
+        settings.setString(Settings::kDiagEndpointKey, c.configured);
+        const ScopedEnv url("TRELVANE_DIAG_URL", c.env);
         LogCapture log;
-        auto sent = AppLog::upload("manual", settings);
-        ASSERT_EQ(sent.wait_for(0s), std::future_status::ready);
-        EXPECT_FALSE(sent.get());
-        EXPECT_EQ(log.lines(),
-                  std::vector<std::string>{"[Diag] diagnostics endpoint is not HTTPS — report not sent"});
+        for (const char* reason : {"sync", "manual"}) {
+            auto sent = AppLog::upload(reason, settings);
+            ASSERT_EQ(sent.wait_for(0s), std::future_status::ready);
+            EXPECT_FALSE(sent.get());
+        }
+        auto expected = c.log;
+        if (!expected.empty()) expected.push_back(expected.front());
+        EXPECT_EQ(log.lines(), expected);
     }
     EXPECT_FALSE(listener.connectionArrivesWithin(300));
 }
@@ -428,42 +318,26 @@ TEST(AppLog, UploadPostsTheRedactedLogOverHttps) {
     EngineLog::log("[Ingest] added " + home + "/shoot/A001.mov");
     EngineLog::log("[Ingest] added /Users/alice/x and \"/home/bob/y\"");
     EngineLog::log("[Sync] 2 tracks & 5 clips = done — ok");
-    const auto logText = readBytes(AppLog::logPath());
+    const auto logText = slurp(AppLog::logPath());
 
     auto sent = AppLog::upload("manual", settings);
     ASSERT_EQ(sent.wait_for(30s), std::future_status::ready) << server.serverErrors();
     EXPECT_TRUE(sent.get()) << server.serverErrors();
 
-    const auto captured = readBytes(server.capture());
+    const auto captured = slurp(server.capture());
     const auto headEnd = captured.find("\n\n");
     ASSERT_NE(headEnd, std::string::npos) << captured;
     EXPECT_EQ(linesOf(captured.substr(0, headEnd)),
               (std::vector<std::string>{"POST", "/report", "application/x-www-form-urlencoded"}));
     const auto body = captured.substr(headEnd + 2);
 
-    const auto expectedLog = AppLog::redactPaths(logText, home);
+    // The same log with every user's folder redacted, form-encoded after the version, OS and reason.
+    const auto expectedLog = linesOf(logText)[0] + "\n[Ingest] added ~/shoot/A001.mov\n" +
+                             "[Ingest] added ~/x and \"~/y\"\n[Sync] 2 tracks & 5 clips = done — ok\n";
     EXPECT_EQ(body, AppLog::formEncode({{"version", kVersion},
                                         {"os", AppLog::osVersionString()},
                                         {"reason", "manual"},
                                         {"log", expectedLog}}));
-    const auto fields = parseForm(body);
-    ASSERT_EQ(fields.size(), 4u) << body;
-    EXPECT_EQ(fields[0], (std::pair<std::string, std::string>{"version", kVersion}));
-    EXPECT_EQ(fields[1], (std::pair<std::string, std::string>{"os", AppLog::osVersionString()}));
-    EXPECT_EQ(fields[2], (std::pair<std::string, std::string>{"reason", "manual"}));
-    EXPECT_EQ(fields[3].first, "log");
-    const auto& log = fields[3].second;
-    EXPECT_NE(log.find("[Ingest] added ~/shoot/A001.mov\n"), std::string::npos) << log;
-    EXPECT_NE(log.find("[Ingest] added ~/x and \"~/y\"\n"), std::string::npos) << log;
-    EXPECT_NE(log.find("[Sync] 2 tracks & 5 clips = done — ok\n"), std::string::npos) << log;
-    EXPECT_TRUE(log.starts_with("[Trelvane] log start ")) << log;
-    for (const char* name : {"carol", "alice", "bob"})
-        EXPECT_EQ(log.find(name), std::string::npos) << name;
-    // Percent-encoded: the only raw '&' and '=' are the separators.
-    EXPECT_EQ(std::count(body.begin(), body.end(), '&'), 3);
-    EXPECT_EQ(std::count(body.begin(), body.end(), '='), 4);
-    for (const char* raw : {" ", "\n", "/", "\""})
-        EXPECT_EQ(body.find(raw), std::string::npos) << raw;
 }
 
 TEST(Notifier, HeadlessStageDoneIsOneLogLineAndAPresenterReplacesIt) {
