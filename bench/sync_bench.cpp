@@ -746,7 +746,7 @@ int main(int argc, char** argv) {
             std::printf("  %-5s %-14s truth %8.2f  error %+10.2f  %-6s %-14s score %s\n",
                         m.truth->track.c_str(), m.truth->name.c_str(), m.truth->start, m.error,
                         std::string(rawValue(m.clip->syncStatus)).c_str(),
-                        m.clip->placementPass.value_or("-").c_str(),
+                        (m.clip->placementPass ? std::string(rawValue(*m.clip->placementPass)) : "-").c_str(),
                         m.clip->matchScore ? std::to_string(*m.clip->matchScore).substr(0, 5).c_str() : "-");
         }
     }

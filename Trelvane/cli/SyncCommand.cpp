@@ -235,11 +235,11 @@ int runSync(const SyncOptions& options, const CommonOptions& common) {
             {"TRACK", "CLIP", "START", "END", "STATUS", "SCORE", "PASS"}};
         for (const auto& t : vm->sources())
             for (const auto& c : t.clips)
-                rows.push_back({terminalSafe(t.name), terminalSafe(c.url.lastPathComponent()),
-                                fmt::format("{:.2f}", c.startOffset),
-                                fmt::format("{:.2f}", c.startOffset + c.duration),
-                                std::string(rawValue(c.syncStatus)), scoreText(c.matchScore),
-                                terminalSafe(c.placementPass.value_or("-"))});
+                rows.push_back(
+                    {terminalSafe(t.name), terminalSafe(c.url.lastPathComponent()),
+                     fmt::format("{:.2f}", c.startOffset), fmt::format("{:.2f}", c.startOffset + c.duration),
+                     std::string(rawValue(c.syncStatus)), scoreText(c.matchScore),
+                     terminalSafe(c.placementPass ? std::string(rawValue(*c.placementPass)) : "-")});
         printTable(rows, out);
     }
     if (const auto& stacks = vm->lastStacks(); stacks && options.mode == "stacks") {

@@ -25,7 +25,7 @@ json encodeClip(const ClipItem& c) {
         {"startOffset", c.startOffset},
         {"syncStatus", rawValue(c.syncStatus)},
         {"matchScore", opt(c.matchScore)},
-        {"placementPass", opt(c.placementPass)},
+        {"placementPass", c.placementPass ? json(rawValue(*c.placementPass)) : json(nullptr)},
         {"placementNote", opt(c.placementNote)},
         {"frameRate", opt(c.frameRate)},
         {"recordFrameRate", opt(c.recordFrameRate)},

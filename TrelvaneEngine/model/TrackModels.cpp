@@ -46,8 +46,27 @@ constexpr std::array<std::pair<ClockQuality, std::string_view>, 5> kClockQualiti
      {ClockQuality::filename, "filename"},
      {ClockQuality::embedded, "embedded"}}};
 
-bool passIsOneOf(const std::string& pass, std::initializer_list<std::string_view> tokens) {
-    return std::find(tokens.begin(), tokens.end(), pass) != tokens.end();
+// The line of a clip that no pass explains by itself.
+const char* statusLine(SyncStatus status) {
+    switch (status) {
+    case SyncStatus::pending:
+        return "Not placed yet";
+    case SyncStatus::synced:
+        return "Strong audio match";
+    case SyncStatus::weak:
+        return "Weak audio match — check by ear";
+    case SyncStatus::failed:
+        return "Audio match below the confidence floor";
+    }
+    return "";
+}
+
+// Placements whose score proves nothing about the position, so the line leaves it out.
+bool placedWithoutScore(std::optional<PlacementPass> pass) {
+    using enum PlacementPass;
+    if (!pass) return false;
+    return *pass == reference || *pass == interpolated || *pass == interpolatedNoAudio || *pass == clock ||
+           *pass == unlinkedBackup;
 }
 
 std::string upper(std::string s) {
@@ -122,55 +141,51 @@ std::string ClipItem::placementExplanation() const {
         break;
     }
 
-    const std::string pass = placementPass.value_or("");
     std::string line;
-    if (pass == "ref") {
+    using enum PlacementPass;
+    switch (placementPass.value_or(interpolated)) {
+    case reference:
         line = "Reference track — everything else is measured against it";
-    } else if (pass == "linked") {
+        break;
+    case linkedBackup:
         line = "Long recorder linked to the reference by content consensus";
-    } else if (pass == "unlinked") {
+        break;
+    case unlinkedBackup:
         line = "Long recorder with no audio in common with the reference — placed after it";
-    } else if (pass == "sibling-ch") {
-        line = "Channel of the same recorder — follows its lead track";
-    } else if (pass == "clock") {
+        break;
+    case clock:
         line = "No audio match nearby — placed by the device clock";
-    } else if (passIsOneOf(pass, {"interp", "interp-noaudio", ""})) {
+        break;
+    case interpolated:
+    case interpolatedNoAudio:
         line = duration >= kShortestMatchableClip
                    ? std::string("No matching audio nearby — placed between neighbours")
                    : fmt::sprintf("Shorter than %.0f s — not compared, placed between neighbours",
                                   kShortestMatchableClip);
-    } else if (pass == "stack-alone") {
+        break;
+    case stackAlone:
         line = "No other take shares this audio — placed in shooting order";
-    } else if (pass == "stack") {
+        break;
+    case stack:
         line = "Stacked with takes sharing the same audio";
-    } else if (pass == "sibling") {
+        break;
+    case siblingCamera:
         line = "Placed alongside a matched clip from the same camera";
-    } else if (pass == "A3cam") {
+        break;
+    case cameraCross:
         line = "Matched a sibling camera — no external recorder nearby";
-    } else if (pass == "A3cluster") {
+        break;
+    case cameraCluster:
         line = "Synced only against other cameras — no external recorder nearby";
-    } else if (pass == "A3b-broll") {
+        break;
+    case brollRescue:
         line = "Long take placed via nearby B-roll";
-    } else {
-        switch (syncStatus) {
-        case SyncStatus::pending:
-            line = "Not placed yet";
-            break;
-        case SyncStatus::synced:
-            line = "Strong audio match";
-            break;
-        case SyncStatus::weak:
-            line = "Weak audio match — check by ear";
-            break;
-        case SyncStatus::failed:
-            line = "Audio match below the confidence floor";
-            break;
-        }
+        break;
+    default:
+        line = statusLine(syncStatus);
     }
 
-    if (matchScore &&
-        !passIsOneOf(pass, {"ref", "interp", "interp-noaudio", "clock", "unlinked", "sibling-ch"}))
-        line += fmt::sprintf(" · score %.1f", *matchScore);
+    if (matchScore && !placedWithoutScore(placementPass)) line += fmt::sprintf(" · score %.1f", *matchScore);
     if (placementNote && !placementNote->empty()) line += " · " + *placementNote;
     if (tcDisagrees) line += " · timecode disagrees with the audio position";
     if (audioCutShort) line += fmt::sprintf(" · file cut short — its sound ends after %.1f s", duration);
@@ -181,11 +196,17 @@ std::optional<std::string> ClipItem::failureBucket() const {
     if (syncStatus != SyncStatus::failed) return std::nullopt;
     if (audioUsability != AudioUsability::ok) return std::string("no usable audio");
     if (duration < kShortestMatchableClip) return fmt::sprintf("shorter than %.0f s", kShortestMatchableClip);
-    const std::string pass = placementPass.value_or("");
-    if (passIsOneOf(pass, {"interp", "interp-noaudio", ""})) return std::string("no audio nearby");
-    if (pass == "clock") return std::string("placed by clock");
-    if (pass == "stack-alone") return std::string("no matching take");
-    return std::string("not found");
+    switch (placementPass.value_or(PlacementPass::interpolated)) {
+    case PlacementPass::interpolated:
+    case PlacementPass::interpolatedNoAudio:
+        return std::string("no audio nearby");
+    case PlacementPass::clock:
+        return std::string("placed by clock");
+    case PlacementPass::stackAlone:
+        return std::string("no matching take");
+    default:
+        return std::string("not found");
+    }
 }
 
 std::string TrackSource::subtitle() const {

@@ -7,6 +7,7 @@
 
 #include "TrelvaneEngine/model/BandFeature.hpp"
 #include "TrelvaneEngine/model/Fingerprint.hpp"
+#include "TrelvaneEngine/model/PlacementPass.hpp"
 #include "TrelvaneEngine/support/Date.hpp"
 #include "TrelvaneEngine/support/Url.hpp"
 #include "TrelvaneEngine/support/Uuid.hpp"
@@ -61,7 +62,7 @@ struct ClipItem {
     double startOffset = 0;
     SyncStatus syncStatus = SyncStatus::pending;
     std::optional<float> matchScore;
-    std::optional<std::string> placementPass;
+    std::optional<PlacementPass> placementPass;
     std::optional<std::string> placementNote;
     std::vector<float> waveformPreview;
     std::optional<float> frameRate;

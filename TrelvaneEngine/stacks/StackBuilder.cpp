@@ -401,7 +401,7 @@ Result build(const std::vector<TrackSource>& sources, const std::function<void(d
                 clip.startOffset = timeline[index];
                 const bool alone = unmatched.contains(index);
                 clip.syncStatus = alone ? SyncStatus::failed : SyncStatus::synced;
-                clip.placementPass = alone ? "stack-alone" : "stack";
+                clip.placementPass = alone ? PlacementPass::stackAlone : PlacementPass::stack;
                 // What a track-mode sync said of the clip no longer describes where it stands.
                 clip.matchScore.reset();
                 clip.placementNote.reset();

@@ -35,7 +35,7 @@ Bounds Ladder::bracket(int k, bool strongOnly) const {
     return b;
 }
 
-void Ladder::accept(int k, const Match& hit, double lo, double hi, const std::string& kind) {
+void Ladder::accept(int k, const Match& hit, double lo, double hi, PlacementPass kind) {
     const double pos = std::max(lo, std::min(hit.pos, hi));
     anchors.insert(k);
     posOf[k] = pos;
@@ -77,8 +77,8 @@ namespace {
 constexpr double kCrossWindow = 45.0;
 constexpr double kCrossTolerance = 0.5;
 
-bool brollPass(const std::string& pass) {
-    return pass == "A1" || pass == "A3" || pass == "A3b" || pass == "p1";
+bool brollPass(std::optional<PlacementPass> pass) {
+    return pass == PlacementPass::chain || pass == PlacementPass::bracketFill;
 }
 
 // Where B-roll shot during a long take says the take lies: the offsets of short clips of the
@@ -90,7 +90,7 @@ std::optional<Bounds> brollPrior(const Run& run, double dur, const Bounds& brack
         const ClipItem& c = run.tracks[si].clips[ci];
         if (c.duration >= kLongClip) continue;
         if (c.syncStatus != SyncStatus::synced && c.syncStatus != SyncStatus::weak) continue;
-        if (!brollPass(c.placementPass.value_or(""))) continue;
+        if (!brollPass(c.placementPass)) continue;
         // Inside the room the long take spans between its anchors.
         if (c.startOffset < bracket.lo || c.startOffset > bracket.hi + dur) continue;
         offsets.push_back(c.startOffset);
@@ -115,7 +115,7 @@ void pass1(Ladder& ladder, const std::vector<Span>& pass1Spans, const Pass1* sea
         if (!found[j] || found[j]->score < kStrongScore) continue;
         const int k = ladder.order[j];
         results[k] = *found[j];
-        run.matchInfo[ladder.clip(k).id] = MatchInfo{found[j]->pos, found[j]->score, "p1"};
+        run.matchInfo[ladder.clip(k).id] = MatchInfo{found[j]->pos, found[j]->score, std::nullopt};
     }
 }
 
@@ -125,7 +125,7 @@ void anchorChain(Ladder& ladder, const std::map<int, Match>& results) {
         items.push_back({k, m.pos});
     for (int k : longestConsistentChain(items, ladder.prefixDur, kChainSlack)) {
         const Match& m = results.at(k);
-        ladder.accept(k, m, -kUnbounded, kUnbounded, "A1");
+        ladder.accept(k, m, -kUnbounded, kUnbounded, PlacementPass::chain);
     }
 }
 
@@ -145,7 +145,7 @@ void cameraCross(Ladder& ladder) {
             if (!best || m->score > best->score) best = Match{candidate, m->score};
         }
         if (!best) continue;
-        ladder.accept(k, *best, b.lo, b.hi, "A3cam");
+        ladder.accept(k, *best, b.lo, b.hi, PlacementPass::cameraCross);
         EngineLog::logf(
             "[SyncEngine]  camera cross '%s' @ %.1fs score=%.1f (matched a sibling camera, no external "
             "audio nearby)",
@@ -212,7 +212,8 @@ void cameraCluster(Ladder& ladder) {
         const double at = loFinite && hiFinite ? (room.lo + room.hi) / 2 : loFinite ? room.lo : room.hi;
         for (std::size_t i = 0; i < members.size(); ++i) {
             const int k = free[members[i]];
-            ladder.accept(k, Match{at + solved[i], bestScore[i]}, -kUnbounded, kUnbounded, "A3cluster");
+            ladder.accept(k, Match{at + solved[i], bestScore[i]}, -kUnbounded, kUnbounded,
+                          PlacementPass::cameraCluster);
         }
         EngineLog::logf(
             "[SyncEngine]  camera cluster '%s' @ %.1fs — %d clip(s), no external audio anywhere nearby, "
@@ -253,7 +254,7 @@ void siblingPropagation(Ladder& ladder) {
         ladder.posOf[k] = pos;
         // Its own audio proved nothing: it stands beside its sibling, and a borrowed score would
         // claim a proof it never had. It is weak until its own sound confirms the place.
-        ladder.run.matchInfo[mine.id] = MatchInfo{std::nullopt, kStrongScore, "sibling"};
+        ladder.run.matchInfo[mine.id] = MatchInfo{std::nullopt, kStrongScore, PlacementPass::siblingCamera};
         ladder.run.setClip(ladder.clips[k].first, ladder.clips[k].second, pos, Placement::matched);
         ClipItem& written = ladder.run.tracks[ladder.clips[k].first].clips[ladder.clips[k].second];
         written.syncStatus = SyncStatus::weak;
@@ -275,7 +276,7 @@ void Ladder::rescueLongClips(std::span<const Span> spans, bool withBroll, const 
         const auto context = run.priorContext(clips[k].first);
         if (auto hit = clipMatch(track(k), clip(k), b.lo, b.hi, spans, false, context);
             hit && hit->score >= kWeakFloor) {
-            accept(k, *hit, b.lo, b.hi, "A3");
+            accept(k, *hit, b.lo, b.hi, PlacementPass::bracketFill);
             if (withBroll)
                 EngineLog::logf("[SyncEngine]  long rescue '%s' @ %.1fs score=%.1f (window %.0f…%.0f)",
                                 name(k), posOf.at(k), hit->score, b.lo, b.hi);
@@ -288,7 +289,7 @@ void Ladder::rescueLongClips(std::span<const Span> spans, bool withBroll, const 
         if (auto w = brollPrior(run, dur(k), b)) {
             if (auto hit = clipMatch(track(k), clip(k), w->lo, w->hi, spans, false, context);
                 hit && hit->score >= kWeakFloor) {
-                accept(k, *hit, b.lo, b.hi, "A3b-broll");
+                accept(k, *hit, b.lo, b.hi, PlacementPass::brollRescue);
                 EngineLog::logf(
                     "[SyncEngine]  long rescue '%s' @ %.1fs score=%.1f via B-roll prior (%.0f…%.0f)", name(k),
                     posOf.at(k), hit->score, w->lo, w->hi);
@@ -322,7 +323,7 @@ int syncClipChain(Run& run, const std::vector<ClipKey>& list, const std::string&
         if (!(b.lo < b.hi)) continue;
         auto hit = clipMatch(ladder.track(k), ladder.clip(k), b.lo, b.hi, pass3Spans, true,
                              run.priorContext(ladder.clips[k].first));
-        if (hit && hit->score >= kWeakFloor) ladder.accept(k, *hit, b.lo, b.hi, "A3");
+        if (hit && hit->score >= kWeakFloor) ladder.accept(k, *hit, b.lo, b.hi, PlacementPass::bracketFill);
     }
 
     ladder.rescueLongClips(pass3Spans, true);

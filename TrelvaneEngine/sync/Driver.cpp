@@ -53,7 +53,7 @@ void Run::setClip(int si, int ci, double pos, Placement placement) {
     switch (placement) {
     case Placement::matched: {
         auto info = matchInfo.find(clip.id);
-        if (info != matchInfo.end() && !info->second.kind.empty()) {
+        if (info != matchInfo.end() && info->second.kind) {
             const float score = info->second.score;
             clip.syncStatus = score >= kStrongScore ? SyncStatus::synced
                               : score >= kWeakFloor ? SyncStatus::weak
@@ -63,7 +63,7 @@ void Run::setClip(int si, int ci, double pos, Placement placement) {
         } else {
             clip.syncStatus = SyncStatus::synced;
             clip.matchScore.reset();
-            clip.placementPass = "A1";
+            clip.placementPass = PlacementPass::chain;
         }
         clip.tcDisagrees = timecodeDisagrees(clip, pos, fullPool);
         break;
@@ -71,12 +71,12 @@ void Run::setClip(int si, int ci, double pos, Placement placement) {
     case Placement::clock:
         clip.syncStatus = usable ? SyncStatus::weak : SyncStatus::pending;
         clip.matchScore.reset();
-        clip.placementPass = "clock";
+        clip.placementPass = PlacementPass::clock;
         break;
     case Placement::interp:
         clip.syncStatus = usable ? SyncStatus::failed : SyncStatus::pending;
         clip.matchScore.reset();
-        clip.placementPass = usable ? "interp" : "interp-noaudio";
+        clip.placementPass = usable ? PlacementPass::interpolated : PlacementPass::interpolatedNoAudio;
         break;
     }
     placed.insert({si, ci});
@@ -102,9 +102,10 @@ void Run::refreshMatchSpans() {
             for (int ci = 0; ci < static_cast<int>(tracks[si].clips.size()); ++ci) {
                 if (!inRegion(si, ci) || !placed.count({si, ci})) continue;
                 const ClipItem& clip = tracks[si].clips[ci];
-                const std::string pass = clip.placementPass.value_or("");
-                if (pass == "unlinked") continue;
-                if (!lenient && (pass == "interp" || pass == "clock")) continue;
+                const auto pass = clip.placementPass;
+                if (pass == PlacementPass::unlinkedBackup) continue;
+                if (!lenient && (pass == PlacementPass::interpolated || pass == PlacementPass::clock))
+                    continue;
                 if (clip.duration < kShortestMatchableClip) continue;
                 spans.push_back(spanOf(clip));
             }

@@ -63,7 +63,7 @@ void logReport(const std::vector<TrackSource>& tracks, const std::map<Uuid, Matc
             EngineLog::logf("[SyncEngine]    %-28s  start=%.1fs  end=%.1fs  %s  %s %s [%s]",
                             clip.url.lastPathComponent(), clip.startOffset, end,
                             std::string(rawValue(clip.syncStatus)), raw, score,
-                            clip.placementPass.value_or(""));
+                            clip.placementPass ? rawValue(*clip.placementPass) : std::string_view());
 
             timeline = total == 0 ? end : std::max(timeline, end);
             ++total;

@@ -96,7 +96,7 @@ void layoutReference(Run& run) {
         clip.startOffset = at;
         clip.syncStatus = SyncStatus::synced;
         clip.matchScore.reset();
-        clip.placementPass = "ref";
+        clip.placementPass = PlacementPass::reference;
         clip.tcDisagrees = false;
         run.placed.insert({ref, ci});
         run.advance(1, clip.url.baseName());
@@ -182,9 +182,9 @@ void placeBackupLinked(Run& run, int si, double pos) {
         clip.startOffset = pos;
         clip.syncStatus = SyncStatus::synced;
         clip.matchScore.reset();
-        clip.placementPass = "linked";
+        clip.placementPass = PlacementPass::linkedBackup;
         clip.tcDisagrees = false;
-        run.matchInfo[clip.id] = MatchInfo{pos, 0, "linked"};
+        run.matchInfo[clip.id] = MatchInfo{pos, 0, PlacementPass::linkedBackup};
         run.placed.insert({si, ci});
         if (run.onPlace) run.onPlace(clip.id, pos, SyncStatus::synced);
         pos += clip.duration;
@@ -219,7 +219,7 @@ void placeUnlinked(Run& run, int si) {
         clip.startOffset = pos;
         clip.syncStatus = SyncStatus::weak;
         clip.matchScore.reset();
-        clip.placementPass = "unlinked";
+        clip.placementPass = PlacementPass::unlinkedBackup;
         clip.placementNote = "after '" + after + "'";
         clip.tcDisagrees = false;
         run.placed.insert({si, ci});
@@ -331,7 +331,8 @@ void mirrorSibling(Run& run, int si, int leader) {
             clip.startOffset = lead.startOffset;
             clip.syncStatus = lead.syncStatus;
             clip.matchScore = lead.matchScore;
-            clip.placementPass = "sibling-" + lead.placementPass.value_or("");
+            clip.placementPass = lead.placementPass;
+            if (clip.placementPass) clip.placementPass = channelOf(*clip.placementPass);
             clip.placementNote = "channel of '" + leaderName + "'";
             clip.tcDisagrees = lead.tcDisagrees;
             ++mirrored;
@@ -340,7 +341,7 @@ void mirrorSibling(Run& run, int si, int leader) {
             clip.syncStatus =
                 clip.audioUsability == AudioUsability::ok ? SyncStatus::failed : SyncStatus::pending;
             clip.matchScore.reset();
-            clip.placementPass = "interp";
+            clip.placementPass = PlacementPass::interpolated;
             clip.placementNote = "no matching take on '" + leaderName + "'";
         }
         cursor = clip.startOffset + clip.duration;

@@ -66,11 +66,12 @@ struct Bounds {
 };
 
 // What the run remembers of an audio placement: `kind` becomes the clip's placementPass, `raw`
-// keeps the unclamped audio position.
+// keeps the unclamped audio position. A Pass 1 hit not yet part of a chain has no kind: it only
+// keeps its position for the report.
 struct MatchInfo {
     std::optional<double> raw;
     float score = 0;
-    std::string kind;
+    std::optional<PlacementPass> kind;
 };
 
 struct Vote {

@@ -146,7 +146,7 @@ struct Ladder {
     // duration; open where there is none. `strongOnly` brackets by strong anchors, 3 s wider.
     Bounds bracket(int k, bool strongOnly = false) const;
     // Anchors a clip found by audio: clamped into [lo, hi], the unclamped position kept as raw.
-    void accept(int k, const Match& hit, double lo, double hi, const std::string& kind);
+    void accept(int k, const Match& hit, double lo, double hi, PlacementPass kind);
     // Pass 1 jobs over `spans`, longest clip first.
     std::vector<SearchJob> seedJobs(std::span<const Span> spans) const;
     // Free clips by clock or interpolation, then the notes of the free clips.

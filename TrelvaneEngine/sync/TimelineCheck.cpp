@@ -47,9 +47,10 @@ using PairwiseOffsetSolver::Measurement;
 
 // Placements whose position rests on no audio at all; the check leaves their status alone.
 bool placedWithoutAudio(const ClipItem& clip) {
-    const std::string pass = clip.placementPass.value_or("");
-    return pass == "clock" || pass == "interp" || pass == "interp-noaudio" || pass == "unlinked" ||
-           pass.empty();
+    using enum PlacementPass;
+    const auto pass = clip.placementPass;
+    return !pass || *pass == clock || *pass == interpolated || *pass == interpolatedNoAudio ||
+           *pass == unlinkedBackup;
 }
 
 int rootOf(std::vector<int>& parent, int i) {
@@ -357,7 +358,7 @@ void checkTimeline(Run& run) {
         auto movedBy = [&](int ci) { return run.tracks[si].clips[ci].startOffset - placedAt[{si, ci}]; };
         for (std::size_t k = 0; k < clips.size(); ++k) {
             ClipItem& clip = run.tracks[si].clips[clips[k]];
-            if (clip.placementPass != "clock" || movedBy(clips[k]) != 0) continue;
+            if (clip.placementPass != PlacementPass::clock || movedBy(clips[k]) != 0) continue;
             std::optional<int> anchor;
             for (std::size_t l = k + 1; l < clips.size() && !anchor; ++l)
                 if (!placedWithoutAudio(run.tracks[si].clips[clips[l]])) anchor = clips[l];

@@ -71,7 +71,7 @@ void wholePoolProbe(Ladder& ladder, const std::vector<Span>& full) {
         if (hit.pos >= range.lo && hit.pos <= range.hi) {
             const double lo = range.lo <= kOpenLow ? -kUnbounded : range.lo;
             const double hi = range.hi > kOpenHigh ? kUnbounded : range.hi;
-            ladder.accept(k, hit, lo, hi, "A4");
+            ladder.accept(k, hit, lo, hi, PlacementPass::poolProbe);
             EngineLog::logf("[SyncEngine]  '%s' found by whole-pool probe @ %.1fs score=%.1f — no bracket",
                             ladder.name(k), hit.pos, hit.score);
         } else {
@@ -115,7 +115,7 @@ TrackOutcome syncOneTrack(Run& run, int si, const Pass1* searched) {
         for (const auto& [k, m] : results)
             items.push_back({k, m.pos});
         for (int k : longestConsistentChain(items, ladder.prefixDur, kChainSlack)) {
-            ladder.accept(k, results.at(k), -kUnbounded, kUnbounded, "A1");
+            ladder.accept(k, results.at(k), -kUnbounded, kUnbounded, PlacementPass::chain);
             ladder.strong.insert(k);
         }
         if (seeded && ladder.anchors.count(seeded->first))
@@ -131,7 +131,8 @@ TrackOutcome syncOneTrack(Run& run, int si, const Pass1* searched) {
             if (!(b.lo < b.hi)) continue;
             const auto& feature = ladder.clip(k).bandFeature;
             auto hit = bestMatch(full, feature ? &*feature : nullptr, b.lo, b.hi);
-            if (hit && hit->score >= kWeakFloor) ladder.accept(k, *hit, b.lo, b.hi, "A3");
+            if (hit && hit->score >= kWeakFloor)
+                ladder.accept(k, *hit, b.lo, b.hi, PlacementPass::bracketFill);
         }
         ladder.rescueLongClips(full, false, name);
         wholePoolProbe(ladder, full);

@@ -152,7 +152,7 @@ Sources placeAll(Sources src, const SessionStages::SyncProgress& progress,
             c.startOffset = 100.0 * static_cast<double>(i) + 5.0 * static_cast<double>(k);
             c.syncStatus = SyncStatus::synced;
             c.matchScore = 9.5f;
-            c.placementPass = i == 0 ? "ref" : "main";
+            c.placementPass = i == 0 ? PlacementPass::reference : PlacementPass::chain;
             place(c.id, c.startOffset, c.syncStatus);
             progress(0.5, c.url.baseName());
         }
@@ -313,7 +313,7 @@ TEST_F(SessionTest, SynchronizeRefusesWithoutTwoExtractedTracksButStacksNeedOnly
         for (auto& t : src)
             for (auto& c : t.clips) {
                 c.syncStatus = SyncStatus::synced;
-                c.placementPass = "stack";
+                c.placementPass = PlacementPass::stack;
                 c.startOffset = 3;
             }
         r.tracks = src;
@@ -518,8 +518,8 @@ TEST_F(SessionTest, FailuresAreSummarisedByBucketAndBigUnsyncedFoldersGetAHint) 
     for (auto& c : t.clips)
         c.syncStatus = SyncStatus::failed;
     t.clips[0].duration = 2;
-    t.clips[1].placementPass = "clock";
-    t.clips[2].placementPass = "clock";
+    t.clips[1].placementPass = PlacementPass::clock;
+    t.clips[2].placementPass = PlacementPass::clock;
     EXPECT_EQ(SyncViewModel::summarizeFailures({t}),
               "4 failed: 2 placed by clock · 1 shorter than 5 s · 1 no audio nearby");
 }

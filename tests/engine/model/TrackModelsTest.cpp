@@ -3,6 +3,8 @@
 #include "TrelvaneEngine/model/TrelvaneError.hpp"
 
 #include <gtest/gtest.h>
+#include <string_view>
+#include <tuple>
 
 using namespace trelvane;
 
@@ -22,6 +24,33 @@ TEST(TrackModels, FrameRatesSnapToTheNearestEditingRateTheLowerOnATie) {
                                              {27.0f, 25.0f}, {1000.0f, 60.0f}, {59.0f, 59.94f}};
     for (const auto& [fps, rate] : cases)
         EXPECT_FLOAT_EQ(standardFrameRate(fps), rate) << fps;
+}
+
+TEST(TrackModels, EveryPlacementPassHasItsTextAndChannelsFollowTheirLead) {
+    using enum PlacementPass;
+    // The pass, its text, and the text of a channel clip whose lead it placed.
+    const std::tuple<PlacementPass, std::string_view, std::string_view> cases[] = {
+        {reference, "ref", "sibling-ref"},
+        {linkedBackup, "linked", "sibling-linked"},
+        {unlinkedBackup, "unlinked", "sibling-unlinked"},
+        {chain, "A1", "sibling-A1"},
+        {bracketFill, "A3", "sibling-A3"},
+        {brollRescue, "A3b-broll", "sibling-A3b-broll"},
+        {cameraCross, "A3cam", "sibling-A3cam"},
+        {cameraCluster, "A3cluster", "sibling-A3cluster"},
+        {poolProbe, "A4", "sibling-A4"},
+        {siblingCamera, "sibling", "sibling-sibling"},
+        {clock, "clock", "sibling-clock"},
+        {interpolated, "interp", "sibling-interp"},
+        {interpolatedNoAudio, "interp-noaudio", "sibling-interp-noaudio"},
+        {stack, "stack", "stack"},
+        {stackAlone, "stack-alone", "stack-alone"},
+        {channelOfChain, "sibling-A1", "sibling-A1"},
+    };
+    for (const auto& [pass, text, channel] : cases) {
+        EXPECT_EQ(rawValue(pass), text);
+        EXPECT_EQ(rawValue(channelOf(pass)), channel) << text;
+    }
 }
 
 TEST(TrackModels, SubtitleCountsClipsAndNamesTheFirstExtension) {
@@ -56,11 +85,11 @@ TEST(TrackModels, ExplanationAndBucketOfAShortFailedClip) {
     c.duration = 5.0;
     EXPECT_EQ(c.failureBucket(), "no audio nearby");
     EXPECT_EQ(c.placementExplanation(), "No matching audio nearby — placed between neighbours");
-    c.placementPass = "clock";
+    c.placementPass = PlacementPass::clock;
     EXPECT_EQ(c.failureBucket(), "placed by clock");
-    c.placementPass = "stack-alone";
+    c.placementPass = PlacementPass::stackAlone;
     EXPECT_EQ(c.failureBucket(), "no matching take");
-    c.placementPass = "main";
+    c.placementPass = PlacementPass::chain;
     EXPECT_EQ(c.failureBucket(), "not found");
     EXPECT_EQ(c.placementExplanation(), "Audio match below the confidence floor");
     c.audioUsability = AudioUsability::undecodable;
@@ -72,9 +101,9 @@ TEST(TrackModels, ExplanationAndBucketOfAShortFailedClip) {
 TEST(TrackModels, ScoreNoteAndTimecodeAreAppendedInOrderWhereThePassAllows) {
     ClipItem c = clipAt("/a.wav", 30.0);
     c.matchScore = 9.26f;
-    c.placementPass = "ref";
+    c.placementPass = PlacementPass::reference;
     EXPECT_EQ(c.placementExplanation(), "Reference track — everything else is measured against it");
-    c.placementPass = "stack";
+    c.placementPass = PlacementPass::stack;
     EXPECT_EQ(c.placementExplanation(), "Stacked with takes sharing the same audio · score 9.3");
     c.placementNote = "between A and B";
     c.tcDisagrees = true;
@@ -82,7 +111,7 @@ TEST(TrackModels, ScoreNoteAndTimecodeAreAppendedInOrderWhereThePassAllows) {
               "Stacked with takes sharing the same audio · score 9.3 · between A and B"
               " · timecode disagrees with the audio position");
     c.placementNote = "";
-    c.placementPass = "main";
+    c.placementPass = PlacementPass::chain;
     c.syncStatus = SyncStatus::weak;
     EXPECT_EQ(c.placementExplanation(),
               "Weak audio match — check by ear · score 9.3 · timecode disagrees with the audio position");

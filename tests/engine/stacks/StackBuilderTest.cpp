@@ -264,7 +264,7 @@ TEST(StackBuilder, TakesAloneStandInShootingOrderTwoSecondsApart) {
     EXPECT_DOUBLE_EQ(byName.at("d")->startOffset, 111.0);
     for (const auto& [name, clip] : byName) {
         EXPECT_EQ(clip->syncStatus, SyncStatus::failed) << name;
-        EXPECT_EQ(clip->placementPass, "stack-alone") << name;
+        EXPECT_EQ(clip->placementPass, PlacementPass::stackAlone) << name;
     }
     EXPECT_EQ(r.stacks[0].recordedAt, c.recordingDate);
     EXPECT_FALSE(r.stacks[3].recordedAt.has_value());
@@ -618,7 +618,7 @@ TEST_F(StackBuilderTakes, EachSongIsOneStackAlignedWithinAFrameInShootingOrderWh
             EXPECT_NEAR(r.stacks[static_cast<std::size_t>(k)].positions.at(clip->id), p.from - earliest, 0.04)
                 << p.name;
             EXPECT_EQ(clip->syncStatus, SyncStatus::synced) << p.name;
-            EXPECT_EQ(clip->placementPass, "stack") << p.name;
+            EXPECT_EQ(clip->placementPass, PlacementPass::stack) << p.name;
         }
     }
     // Stacks follow one another 2 s apart; a clip's place is its stack's start plus its position.
@@ -635,7 +635,7 @@ TEST_F(StackBuilderTakes, EachSongIsOneStackAlignedWithinAFrameInShootingOrderWh
     // The third song's take shares nothing.
     EXPECT_EQ(r.unmatched, std::vector<std::string>{"take-c1"});
     EXPECT_EQ(byName.at("take-c1")->syncStatus, SyncStatus::failed);
-    EXPECT_EQ(byName.at("take-c1")->placementPass, "stack-alone");
+    EXPECT_EQ(byName.at("take-c1")->placementPass, PlacementPass::stackAlone);
     EXPECT_EQ(r.stacks[1].positions.size(), 1u);
     EXPECT_EQ(r.comparisons, 28);
     EXPECT_GE(r.matches, 5) << "at least a spanning set: 3 edges for a, 2 for b";

@@ -87,17 +87,17 @@ TEST(Finishing, ReportListsEveryClipAndSumsUp) {
     ClipItem synced = clipAt(0, 12.5, "A001.mov");
     synced.syncStatus = SyncStatus::synced;
     synced.matchScore = 9.14f;
-    synced.placementPass = "A1";
+    synced.placementPass = PlacementPass::chain;
     ClipItem clocked = clipAt(12.5, 7.5, "B002.wav");
     clocked.syncStatus = SyncStatus::weak;
-    clocked.placementPass = "clock";
+    clocked.placementPass = PlacementPass::clock;
     ClipItem failed = clipAt(3600, 125, "C003.mov");
     failed.syncStatus = SyncStatus::failed;
-    failed.placementPass = "interp";
+    failed.placementPass = PlacementPass::interpolated;
     ClipItem pending = clipAt(20, 5);
     pending.syncStatus = SyncStatus::pending;
-    std::map<Uuid, MatchInfo> info{{synced.id, MatchInfo{3.21, 9.14f, "A1"}},
-                                   {clocked.id, MatchInfo{std::nullopt, 0.0f, ""}}};
+    std::map<Uuid, MatchInfo> info{{synced.id, MatchInfo{3.21, 9.14f, PlacementPass::chain}},
+                                   {clocked.id, MatchInfo{std::nullopt, 0.0f, std::nullopt}}};
     const std::vector<TrackSource> tracks{trackOf("Cam A", {synced, failed}),
                                           trackOf("Zoom", {clocked, pending})};
 

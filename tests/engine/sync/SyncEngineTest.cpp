@@ -68,7 +68,7 @@ TEST(SyncEngine, CameraClipsLandWhereTheyWereRecordedAgainstTheRecorder) {
     EXPECT_EQ(r1, 0.0) << "the earliest clip starts the timeline";
     EXPECT_NEAR(clipNamed(out, "R2").startOffset - r1, 310.0, 1e-9)
         << "the reference keeps its clock's pause";
-    EXPECT_EQ(clipNamed(out, "R1").placementPass, "ref");
+    EXPECT_EQ(clipNamed(out, "R1").placementPass, PlacementPass::reference);
     for (auto [name, truth] : {std::pair{"C1", 40.0}, {"C2", 150.0}, {"C3", 400.0}, {"C4", 600.0}}) {
         const auto& c = clipNamed(out, name);
         EXPECT_NEAR(c.startOffset - r1, truth - 10.0, 0.04) << name;
@@ -269,7 +269,8 @@ TEST(SyncEngine, AHotSpotTrackIsLaidByItsClockWithoutScores) {
     EXPECT_EQ(log.countStartingWith("[SyncEngine]  track 'Cam': 4 clips spanning"), 1);
     for (const auto& c : out[1].clips) {
         EXPECT_FALSE(c.matchScore);
-        EXPECT_TRUE(c.placementPass == "clock" || c.placementPass == "interp") << *c.placementPass;
+        EXPECT_TRUE(c.placementPass == PlacementPass::clock || c.placementPass == PlacementPass::interpolated)
+            << rawValue(c.placementPass.value());
     }
 }
 
@@ -280,7 +281,7 @@ TEST(SyncEngine, SilentClipsArePendingNeverFailed) {
     const auto out = run(sources);
     for (const auto& c : out[2].clips) {
         EXPECT_EQ(c.syncStatus, SyncStatus::pending);
-        EXPECT_EQ(c.placementPass, "interp-noaudio");
+        EXPECT_EQ(c.placementPass, PlacementPass::interpolatedNoAudio);
     }
 }
 
@@ -298,7 +299,7 @@ TEST(SyncEngine, AChannelTrackMirrorsItsLeader) {
     const auto out = run(sources);
     for (int i = 0; i < 2; ++i) {
         EXPECT_EQ(out[2].clips[i].startOffset, out[0].clips[i].startOffset);
-        EXPECT_EQ(out[2].clips[i].placementPass, "sibling-ref");
+        EXPECT_EQ(out[2].clips[i].placementPass, PlacementPass::channelOfReference);
         EXPECT_EQ(out[2].clips[i].placementNote, "channel of 'Rec'");
     }
     EXPECT_EQ(log.countStartingWith("[SyncEngine]  channel track 'Rec_2' follows 'Rec'"), 1);
@@ -364,7 +365,7 @@ TEST(SyncEngine, RealChannelFilesFollowTheirLeaderAndAnUnrelatedFileDoesNot) {
     EXPECT_EQ(log.countStartingWith(
                   "[SyncEngine]  'Tr3' looked like a channel of 'Tr1' but its audio does not agree"),
               1);
-    EXPECT_EQ(out[1].clips[0].placementPass, "sibling-ref");
+    EXPECT_EQ(out[1].clips[0].placementPass, PlacementPass::channelOfReference);
 }
 
 TEST(SyncEngine, CamerasTheBackboneCannotProveWaitForTheRecorders) {
