@@ -207,7 +207,7 @@ std::string localFileURL(const Url& url) {
     std::error_code ec;
     auto resolved = std::filesystem::weakly_canonical(url.fsPath(), ec);
     const std::string path = ec || resolved.empty() ? url.path() : resolved.lexically_normal().string();
-    return "file://localhost" + XmlText::percentEncodePath(path);
+    return "file://localhost" + percentEncoded(path, UrlChars::path);
 }
 
 Timecode framesToDropFrame30(int frames) {

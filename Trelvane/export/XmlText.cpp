@@ -3,8 +3,6 @@
 
 #include "TrelvaneEngine/support/Utf8.hpp"
 
-#include <cstring>
-
 namespace trelvane::XmlText {
 
 std::string escape(std::string_view text) {
@@ -47,28 +45,8 @@ std::string escape(std::string_view text) {
     return out;
 }
 
-std::string percentEncodePath(std::string_view path) {
-    static constexpr char kHex[] = "0123456789ABCDEF";
-    static constexpr const char* kAllowed = "!$&'()*+,-./:;=@_~";
-    std::string out;
-    out.reserve(path.size() + 16);
-    for (const char c : path) {
-        const auto byte = static_cast<unsigned char>(c);
-        const bool alnum =
-            (byte >= 'a' && byte <= 'z') || (byte >= 'A' && byte <= 'Z') || (byte >= '0' && byte <= '9');
-        if (alnum || (byte != 0 && byte < 0x80 && std::strchr(kAllowed, c) != nullptr)) {
-            out += c;
-        } else {
-            out += '%';
-            out += kHex[byte >> 4];
-            out += kHex[byte & 0x0F];
-        }
-    }
-    return out;
-}
-
 std::string fileURLString(const Url& url) {
-    return "file://" + percentEncodePath(url.path());
+    return "file://" + percentEncoded(url.path(), UrlChars::path);
 }
 
 } // namespace trelvane::XmlText

@@ -16,11 +16,8 @@ namespace trelvane::XmlText {
 // characters become U+FFFD, so that the document always parses.
 std::string escape(std::string_view text);
 
-// Percent-encodes everything outside the URL path character set (letters, digits and
-// "!$&'()*+,-./:;=@_~"); non-ASCII bytes are encoded one by one, "%" itself becomes "%25".
-std::string percentEncodePath(std::string_view path);
-
-// "file://" + the percent-encoded absolute path: "file:///Volumes/A%20B/clip.mov".
+// "file://" + the absolute path percent-encoded with the URL path characters:
+// "file:///Volumes/A%20B/clip.mov".
 std::string fileURLString(const Url& url);
 
 } // namespace trelvane::XmlText

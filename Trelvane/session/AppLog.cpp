@@ -4,6 +4,7 @@
 #include "Trelvane/session/Settings.hpp"
 #include "TrelvaneEngine/support/Date.hpp"
 #include "TrelvaneEngine/support/EngineLog.hpp"
+#include "TrelvaneEngine/support/Url.hpp"
 #include "TrelvaneEngine/support/UserDirs.hpp"
 #include "TrelvaneVersion.hpp"
 
@@ -270,28 +271,12 @@ std::string redactPaths(std::string text, const std::string& home) {
 }
 
 std::string formEncode(const std::vector<std::pair<std::string, std::string>>& fields) {
-    static constexpr char kHex[] = "0123456789ABCDEF";
-    const auto encode = [](std::string& out, const std::string& text) {
-        for (const char c : text) {
-            const auto byte = static_cast<unsigned char>(c);
-            const bool plain = (byte >= 'A' && byte <= 'Z') || (byte >= 'a' && byte <= 'z') ||
-                               (byte >= '0' && byte <= '9') || byte == '-' || byte == '.' || byte == '_' ||
-                               byte == '~';
-            if (plain) {
-                out += c;
-            } else {
-                out += '%';
-                out += kHex[byte >> 4];
-                out += kHex[byte & 0x0F];
-            }
-        }
-    };
     std::string body;
     for (const auto& [key, value] : fields) {
         if (!body.empty()) body += '&';
-        encode(body, key);
+        body += percentEncoded(key, UrlChars::unreserved);
         body += '=';
-        encode(body, value);
+        body += percentEncoded(value, UrlChars::unreserved);
     }
     return body;
 }

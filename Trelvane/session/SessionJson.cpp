@@ -82,26 +82,9 @@ json encodeTrack(const TrackSource& t) {
 
 } // namespace
 
-std::string percentEncoded(std::string_view bytes) {
-    static constexpr char kHex[] = "0123456789ABCDEF";
-    std::string out;
-    out.reserve(bytes.size());
-    for (const char c : bytes) {
-        const auto b = static_cast<unsigned char>(c);
-        if (b > 0x20 && b < 0x7F && b != '%') {
-            out += c;
-        } else {
-            out += '%';
-            out += kHex[b >> 4];
-            out += kHex[b & 0x0F];
-        }
-    }
-    return out;
-}
-
 void setPath(json& object, const std::string& key, const std::string& path) {
     object[key] = path;
-    if (!Utf8::isValid(path)) object[key + "Bytes"] = percentEncoded(path);
+    if (!Utf8::isValid(path)) object[key + "Bytes"] = percentEncoded(path, UrlChars::printable);
 }
 
 nlohmann::json encode(const std::vector<TrackSource>& sources) {

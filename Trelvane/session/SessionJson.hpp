@@ -22,10 +22,8 @@
 
 namespace trelvane::SessionJson {
 
-// Every byte outside printable ASCII, and "%" itself, as "%XX" (upper-case hex).
-std::string percentEncoded(std::string_view bytes);
-
-// Sets `key` to `path`, and `key` + "Bytes" to its percent-encoded bytes when it is not valid UTF-8.
+// Sets `key` to `path`, and `key` + "Bytes" to its bytes when it is not valid UTF-8: every byte
+// outside printable ASCII, and "%" itself, as "%XX" (upper-case hex).
 void setPath(nlohmann::json& object, const std::string& key, const std::string& path);
 
 nlohmann::json encode(const std::vector<TrackSource>& sources);

@@ -1,9 +1,46 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 #include "TrelvaneEngine/support/Url.hpp"
 
+#include <cstring>
 #include <system_error>
 
 namespace trelvane {
+
+namespace {
+
+bool kept(unsigned char byte, UrlChars keep) {
+    if (byte <= 0x20 || byte >= 0x7F || byte == '%') return false;
+    const bool alnum =
+        (byte >= 'a' && byte <= 'z') || (byte >= 'A' && byte <= 'Z') || (byte >= '0' && byte <= '9');
+    switch (keep) {
+    case UrlChars::unreserved:
+        return alnum || std::strchr("-._~", byte) != nullptr;
+    case UrlChars::path:
+        return alnum || std::strchr("-._~!$&'()*+,/:;=@", byte) != nullptr;
+    case UrlChars::printable:
+        return true;
+    }
+    return false;
+}
+
+} // namespace
+
+std::string percentEncoded(std::string_view bytes, UrlChars keep) {
+    static constexpr char kHex[] = "0123456789ABCDEF";
+    std::string out;
+    out.reserve(bytes.size() + 16);
+    for (const char c : bytes) {
+        const auto byte = static_cast<unsigned char>(c);
+        if (kept(byte, keep)) {
+            out += c;
+        } else {
+            out += '%';
+            out += kHex[byte >> 4];
+            out += kHex[byte & 0x0F];
+        }
+    }
+    return out;
+}
 
 Url Url::fromPath(const std::filesystem::path& path) {
     std::filesystem::path p = path;

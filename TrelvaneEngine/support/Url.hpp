@@ -5,8 +5,20 @@
 #include <filesystem>
 #include <functional>
 #include <string>
+#include <string_view>
 
 namespace trelvane {
+
+// The bytes a percent-encoding leaves as they are; the sets grow from one to the next.
+enum class UrlChars {
+    unreserved, // letters, digits and "-._~": a form field's key or value
+    path,       // those and "!$&'()*+,/:;=@": the path of a file URL
+    printable,  // every printable ASCII character but "%": exact bytes told beside a repaired text
+};
+
+// Every byte outside `keep` as "%XX" in upper-case hex, non-ASCII bytes one by one; "%" itself is
+// always encoded, so the result decodes back to `bytes` exactly.
+std::string percentEncoded(std::string_view bytes, UrlChars keep);
 
 // A file URL: a value over an absolute, lexically normalised path. Two URLs are equal exactly when
 // their paths are; nothing touches the file system. Paths are kept as the bytes the OS gave, so a

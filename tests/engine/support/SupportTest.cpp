@@ -6,10 +6,12 @@
 #include "TrelvaneEngine/support/Uuid.hpp"
 #include "TrelvaneEngine/support/WorkerWindow.hpp"
 
+#include <array>
 #include <atomic>
 #include <gtest/gtest.h>
 #include <regex>
 #include <set>
+#include <string_view>
 
 using namespace trelvane;
 
@@ -42,6 +44,23 @@ TEST(Support, UrlsAreAbsoluteNormalisedValues) {
     EXPECT_EQ(Url::fromPath("/").deletingLastPathComponent().path(), "/");
     EXPECT_EQ(Url::fromPath("/a").deletingLastPathComponent().path(), "/");
     EXPECT_TRUE(Url::fromPath("relative/x.wav").path().starts_with("/"));
+}
+
+TEST(Support, PercentEncodingKeepsOnlyItsCharacterSet) {
+    // The input; then as a form field, a URL path and a report's exact bytes.
+    const std::array<std::string_view, 4> cases[] = {
+        {"AZaz09-._~", "AZaz09-._~", "AZaz09-._~", "AZaz09-._~"},
+        {"!$&'()*+,/:;=@", "%21%24%26%27%28%29%2A%2B%2C%2F%3A%3B%3D%40", "!$&'()*+,/:;=@", "!$&'()*+,/:;=@"},
+        {"\"#<>?[\\]^`{|}", "%22%23%3C%3E%3F%5B%5C%5D%5E%60%7B%7C%7D",
+         "%22%23%3C%3E%3F%5B%5C%5D%5E%60%7B%7C%7D", "\"#<>?[\\]^`{|}"},
+        {"% \n\x7F\xFFé", "%25%20%0A%7F%FF%C3%A9", "%25%20%0A%7F%FF%C3%A9", "%25%20%0A%7F%FF%C3%A9"},
+    };
+    for (const auto& [bytes, form, path, printable] : cases) {
+        EXPECT_EQ(percentEncoded(bytes, UrlChars::unreserved), form);
+        EXPECT_EQ(percentEncoded(bytes, UrlChars::path), path);
+        EXPECT_EQ(percentEncoded(bytes, UrlChars::printable), printable);
+    }
+    EXPECT_EQ(percentEncoded(std::string_view("\0", 1), UrlChars::printable), "%00");
 }
 
 TEST(Support, UuidsAreRandomVersion4AndRoundTrip) {
