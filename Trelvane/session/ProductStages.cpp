@@ -23,23 +23,23 @@ SessionStages productStages() {
     stages.applyCameraGroups = IngestEngine::applyCameraGroups;
     stages.detectDayRegions = IngestEngine::detectDayRegions;
     stages.applyDayRegions = IngestEngine::applyDayRegions;
-    stages.extractClip = [](const Url& url, int factor, double expectedSeconds,
-                            const std::function<void(double)>& onSub, std::stop_token stop) {
+    stages.extractClip = [](const Url& url, int factor, double expectedSeconds, const ProgressFn& onProgress,
+                            std::stop_token stop) {
         return ClipAnalysis::analyse(
-            url, factor, expectedSeconds, onSub, std::move(stop),
+            url, factor, expectedSeconds, onProgress, std::move(stop),
             [](const std::string& ext) { return FormatAdvisory::catalog().contains(ext); });
     };
     stages.pruneCache = [](std::int64_t ceilingBytes) {
         EnvelopeCache::prune(dateNow(), EnvelopeCache::cacheDir(), ceilingBytes);
     };
-    stages.buildStacks = [](Sources sources, std::function<void(double)> onProgress, std::stop_token stop) {
+    stages.buildStacks = [](Sources sources, ProgressFn onProgress, std::stop_token stop) {
         return StackBuilder::build(sources, onProgress, std::move(stop));
     };
     stages.stackAdvice = [](Sources sources, int maxProbes) {
         return StackBuilder::advice(sources, maxProbes);
     };
-    stages.synchronise = [](Sources sources, SessionStages::SyncProgress progress,
-                            SessionStages::SyncPlace place, std::stop_token stop) {
+    stages.synchronise = [](Sources sources, ProgressFn progress, SessionStages::SyncPlace place,
+                            std::stop_token stop) {
         // 0 lets the engine use every processor.
         return SyncEngine::synchronise(std::move(sources), progress, place, std::move(stop),
                                        WorkerWindow::requestedWorkers().value_or(0));

@@ -7,10 +7,12 @@
 //
 // Threads: the slots marked "worker" are called on a worker thread with a copy of the session and
 // must not throw; their callbacks may be called from any thread. The others run on the main thread.
+// Progress and stops follow the one rule of every stage (TrelvaneEngine/support/Progress.hpp).
 
 #include "Trelvane/session/Extraction.hpp"
 #include "TrelvaneEngine/model/TrackModels.hpp"
 #include "TrelvaneEngine/stacks/StackBuilder.hpp"
+#include "TrelvaneEngine/support/Progress.hpp"
 #include "TrelvaneEngine/sync/GapCloser.hpp"
 
 #include <cstdint>
@@ -40,23 +42,22 @@ struct SessionStages {
     std::function<Sources(Sources, const std::vector<DayRegionProposal>&, const std::set<Uuid>&)>
         applyDayRegions;
 
-    // Worker. One clip's analysis: `factor` is the envelope's decimation, `onSub` a fraction 0…1.
-    // A stop ends a decode under way; what it then returns is dropped.
-    std::function<ExtractOutcome(const Url& url, int factor, double expectedSeconds,
-                                 const std::function<void(double)>& onSub, std::stop_token stop)>
+    // Worker. One clip's analysis: `factor` is the envelope's decimation. A stop ends a decode
+    // under way and gives nothing.
+    std::function<std::optional<ExtractOutcome>(const Url& url, int factor, double expectedSeconds,
+                                                const ProgressFn& onProgress, std::stop_token stop)>
         extractClip;
 
     // Worker. Holds the feature cache to its rules (age, and at most `ceilingBytes` in all), once
     // an analysis has read and written it.
     std::function<void(std::int64_t ceilingBytes)> pruneCache;
 
-    // Worker. The track-mode sync: progress (fraction, clip name) and each placement as it happens.
-    using SyncProgress = std::function<void(double, const std::string&)>;
+    // Worker. The track-mode sync: its progress and each placement as it happens.
     using SyncPlace = std::function<void(const Uuid&, double, SyncStatus)>;
-    std::function<Sources(Sources, SyncProgress, SyncPlace, std::stop_token)> synchronise;
+    std::function<Sources(Sources, ProgressFn, SyncPlace, std::stop_token)> synchronise;
 
     // Worker. Stack mode.
-    std::function<StackBuilder::Result(Sources, std::function<void(double)>, std::stop_token)> buildStacks;
+    std::function<StackBuilder::Result(Sources, ProgressFn, std::stop_token)> buildStacks;
     // Worker, low priority: whether the material looks like repeated takes.
     std::function<std::optional<StackBuilder::Advice>(Sources, int maxProbes)> stackAdvice;
 };

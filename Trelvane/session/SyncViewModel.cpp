@@ -441,21 +441,22 @@ void SyncViewModel::extractWaveforms(std::uint64_t generation, Step done) {
     ingestStop_ = tasks_.spawn([jobs, window, totalWork, weight, post, extract = stages_.extractClip,
                                 prune = stages_.pruneCache, ceiling = settings_.cacheCeilingBytes(),
                                 done](std::stop_token stop) {
-        WorkerWindow::run<ExtractOutcome>(
+        WorkerWindow::run<std::optional<ExtractOutcome>>(
             window, jobs.size(),
             [&](std::size_t i) {
                 const ExtractJob& job = jobs[i];
-                auto onSub = [&post, job, weight, totalWork](double fraction) {
-                    post([job, fraction, weight, totalWork](SyncViewModel& vm) {
+                auto onSub = [&post, job, weight, totalWork](const Progress& p) {
+                    post([job, fraction = p.fraction, weight, totalWork](SyncViewModel& vm) {
                         vm.extractSubProgress_[job.id] = fraction * weight(job);
                         vm.reportExtractProgress(totalWork, job.name);
                     });
                 };
                 return extract(job.url, kEnvelopeFactor, job.duration, onSub, stop);
             },
-            [&](std::size_t i, ExtractOutcome outcome) {
+            [&](std::size_t i, std::optional<ExtractOutcome> analysed) {
+                if (!analysed) return; // stopped: the clip stays as it was
                 const ExtractJob job = jobs[i];
-                post([job, outcome = std::move(outcome), weight, totalWork](SyncViewModel& vm) {
+                post([job, outcome = std::move(*analysed), weight, totalWork](SyncViewModel& vm) {
                     vm.extractSubProgress_.erase(job.id);
                     vm.extractDoneWork_ += weight(job);
                     vm.reportExtractProgress(totalWork, job.name);
@@ -697,8 +698,8 @@ void SyncViewModel::synchronizeTracks() {
         [sync = stages_.synchronise, copy = sources_](std::stop_token stop, const Poster& post) mutable {
             Sources result = sync(
                 std::move(copy),
-                [&post](double fraction, const std::string&) {
-                    post([fraction](SyncViewModel& vm) { vm.setSyncProgress(fraction); });
+                [&post](const Progress& p) {
+                    post([fraction = p.fraction](SyncViewModel& vm) { vm.setSyncProgress(fraction); });
                 },
                 [&post](const Uuid& id, double offset, SyncStatus status) {
                     post([id, offset, status](SyncViewModel& vm) {
@@ -777,8 +778,8 @@ void SyncViewModel::synchronizeStacks() {
     startSyncTask([build = stages_.buildStacks, copy = sources_](std::stop_token stop, const Poster& post) {
         StackBuilder::Result result = build(
             copy,
-            [&post](double fraction) {
-                post([fraction](SyncViewModel& vm) { vm.setSyncProgress(fraction); });
+            [&post](const Progress& p) {
+                post([fraction = p.fraction](SyncViewModel& vm) { vm.setSyncProgress(fraction); });
             },
             stop);
         if (stop.stop_requested()) return;

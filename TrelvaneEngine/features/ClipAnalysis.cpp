@@ -61,11 +61,11 @@ std::vector<float> waveform(std::span<const float> samples, double duration) {
     return out;
 }
 
-ExtractOutcome analyse(const Url& url, int factor, double expectedSeconds,
-                       const std::function<void(double)>& onProgress, std::stop_token stop,
-                       const KnownFormat& knownFormat) {
+std::optional<ExtractOutcome> analyse(const Url& url, int factor, double expectedSeconds,
+                                      const ProgressFn& onProgress, std::stop_token stop,
+                                      const KnownFormat& knownFormat) {
     auto report = [&onProgress](double fraction) {
-        if (onProgress) onProgress(fraction);
+        if (onProgress) onProgress({fraction, {}});
     };
     std::optional<EnvelopeCache::Pair> pair = EnvelopeCache::loadPair(url);
     std::optional<SpectralBands::Feature> bands = EnvelopeCache::loadBands(url);
@@ -83,11 +83,12 @@ ExtractOutcome analyse(const Url& url, int factor, double expectedSeconds,
     AudioExtractor::Extraction audio;
     try {
         audio = AudioExtractor::extract(
-            url, expectedSeconds, [&report](double p) { report(p * 0.8); }, std::move(stop));
+            url, expectedSeconds, [&report](const Progress& p) { report(p.fraction * 0.8); },
+            std::move(stop));
     } catch (const TrelvaneError& e) {
         using K = TrelvaneError::Kind;
-        // Nobody waits for this outcome any more, and the clip is not at fault.
-        if (e.kind() == K::stopped) return ExtractFailed{e.description()};
+        // The clip is not at fault: it stays as it was.
+        if (e.kind() == K::stopped) return std::nullopt;
         if (e.kind() == K::noAudioTrack || e.kind() == K::emptySamples)
             return NoUsableAudio{AudioUsability::none, e.description(), std::nullopt};
         if (e.kind() == K::silentAudio)

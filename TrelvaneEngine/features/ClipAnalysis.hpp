@@ -7,6 +7,7 @@
 
 #include "TrelvaneEngine/features/SpectralBands.hpp"
 #include "TrelvaneEngine/model/TrackModels.hpp"
+#include "TrelvaneEngine/support/Progress.hpp"
 
 #include <functional>
 #include <optional>
@@ -56,12 +57,12 @@ using KnownFormat = std::function<bool(const std::string& ext)>;
 
 // From the feature cache when both parts are there (the media file is not read), else decoded;
 // what was computed is stored back in the cache. `factor` is the envelope's decimation,
-// `onProgress` a fraction 0…1 of which decoding is the first 80 %, and `stop` ends a decode where
-// it stands (what is then returned means nothing). Decoder errors become an outcome, never an
+// `onProgress` hears fractions 0…1 of which decoding is the first 80 %, and `stop` ends a decode
+// where it stands: a stopped analysis gives nothing. Decoder errors become an outcome, never an
 // exception.
-ExtractOutcome analyse(const Url& url, int factor, double expectedSeconds,
-                       const std::function<void(double)>& onProgress, std::stop_token stop,
-                       const KnownFormat& knownFormat);
+std::optional<ExtractOutcome> analyse(const Url& url, int factor, double expectedSeconds,
+                                      const ProgressFn& onProgress, std::stop_token stop,
+                                      const KnownFormat& knownFormat);
 
 // The peak bars drawn in the timeline from 16 kHz samples: one bar a second, 10 to 1000 bars,
 // each the square root of its block's RMS over the largest RMS (the root lifts quiet passages

@@ -81,7 +81,8 @@ struct IngestEngine {
     // the clip's fields, then recomputeOffsets on its track, then `onClipUpdated` (if set) with
     // the whole list, on the calling thread. Blocking; meant for a worker thread. At the end it
     // logs one "[Ingest] clock track …" line per track. Once `stop` is requested no further clip
-    // is started and the list is returned as merged so far, without the clock lines. A clip
+    // is started and the list comes back as it was given, without the clock lines (what
+    // `onClipUpdated` heard meanwhile stands for a caller that keeps it). A clip
     // whose length can't be read keeps duration 0 and is read again by the next call.
     static std::vector<TrackSource>
     loadMetadata(std::vector<TrackSource> sources,

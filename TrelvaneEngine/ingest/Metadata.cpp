@@ -141,9 +141,14 @@ IngestEngine::loadMetadata(std::vector<TrackSource> sources,
                            std::stop_token stop) {
     // A clip that has a length is never read again, so a second drop reads only the new files.
     std::vector<std::pair<Uuid, Url>> work;
-    for (const auto& track : sources)
-        for (const auto& clip : track.clips)
+    // Only the tracks that get work change, so only they are kept to give back after a stop.
+    std::vector<std::pair<std::size_t, TrackSource>> before;
+    for (std::size_t i = 0; i < sources.size(); ++i) {
+        const std::size_t had = work.size();
+        for (const auto& clip : sources[i].clips)
             if (clip.duration == 0.0) work.emplace_back(clip.id, clip.url);
+        if (work.size() > had) before.emplace_back(i, sources[i]);
+    }
 
     WorkerWindow::run<ClipMeta>(
         kClipsInWork, work.size(), [&work](std::size_t i) { return readClip(work[i].first, work[i].second); },
@@ -153,8 +158,11 @@ IngestEngine::loadMetadata(std::vector<TrackSource> sources,
         },
         stop);
 
-    // A stopped load is dropped by its caller; its clock lines would describe nothing.
-    if (stop.stop_requested()) return sources;
+    if (stop.stop_requested()) {
+        for (auto& [i, track] : before)
+            sources[i] = std::move(track);
+        return sources;
+    }
     logClockLines(sources);
     return sources;
 }

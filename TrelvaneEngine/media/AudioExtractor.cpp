@@ -105,7 +105,7 @@ SwrPtr makeResampler(int channels, AVSampleFormat format, int rate, int to) {
 // so streams are summed sample by sample and the shorter ones are padded with silence.
 class Mix {
   public:
-    Mix(std::string name, double expectedSeconds, const Progress& onProgress)
+    Mix(std::string name, double expectedSeconds, const ProgressFn& onProgress)
         : name_(std::move(name)), onProgress_(onProgress) {
         expected_ = expectedSeconds > 0 ? expectedSeconds * kAnalysisRate : 0;
     }
@@ -153,12 +153,12 @@ class Mix {
         if (!onProgress_ || expected_ <= 0) return;
         const double p = std::min(static_cast<double>(samples_.size()) / expected_, 1.0);
         if (p - lastReported_ < 0.01) return;
-        onProgress_(p);
+        onProgress_({p, {}});
         lastReported_ = p;
     }
 
     std::string name_;
-    const Progress& onProgress_;
+    const ProgressFn& onProgress_;
     double expected_ = 0;
     double lastReported_ = 0;
     std::vector<float> samples_;
@@ -184,7 +184,7 @@ struct ReadFailure {};
 
 class Reader {
   public:
-    Reader(const Url& url, double expectedSeconds, const Progress& onProgress, std::stop_token stop)
+    Reader(const Url& url, double expectedSeconds, const ProgressFn& onProgress, std::stop_token stop)
         : url_(url), name_(url.lastPathComponent()), mix_(name_, expectedSeconds, onProgress),
           stop_(std::move(stop)) {}
 
@@ -468,7 +468,8 @@ Extraction finish(std::vector<float> samples, const std::string& name) {
 
 } // namespace
 
-Extraction extract(const Url& url, double expectedSeconds, const Progress& onProgress, std::stop_token stop) {
+Extraction extract(const Url& url, double expectedSeconds, const ProgressFn& onProgress,
+                   std::stop_token stop) {
     if (Files::lowercased(url.pathExtension()) == "braw") return detail::extractBRAW(url, onProgress);
     Reader reader(url, expectedSeconds, onProgress, std::move(stop));
     Extraction result = finish(reader.run(), url.lastPathComponent());
@@ -478,17 +479,17 @@ Extraction extract(const Url& url, double expectedSeconds, const Progress& onPro
 
 namespace detail {
 
-Extraction extractBRAW(const Url& url, const Progress& onProgress) {
+Extraction extractBRAW(const Url& url, const ProgressFn& onProgress) {
     if (!BRAWAudio::isAvailable()) throw TrelvaneError::readFailed(BRAWAudio::availabilityNote());
-    BRAWAudio::Progress scaled;
-    if (onProgress) scaled = [&onProgress](double fraction) { onProgress(fraction * 0.8); };
+    ProgressFn scaled;
+    if (onProgress) scaled = [&onProgress](const Progress& p) { onProgress({p.fraction * 0.8, p.current}); };
     auto read = BRAWAudio::readAudio(url.path(), scaled);
     if (!read.audio) throw TrelvaneError::readFailed(read.error);
     return analysisFromInterleaved(*read.audio, url.lastPathComponent(), onProgress);
 }
 
 Extraction analysisFromInterleaved(const BRAWAudio::Audio& audio, const std::string& name,
-                                   const Progress& onProgress) {
+                                   const ProgressFn& onProgress) {
     const std::uint64_t frames = audio.frameCount;
     const std::uint64_t channels = audio.channelCount;
     if (frames == 0 || channels == 0 || !(audio.sampleRate > 0)) throw TrelvaneError::noAudioTrack(name);
@@ -507,7 +508,7 @@ Extraction analysisFromInterleaved(const BRAWAudio::Audio& audio, const std::str
             mono[f] = sum * weight;
         }
     }
-    if (onProgress) onProgress(0.9);
+    if (onProgress) onProgress({0.9, {}});
     std::vector<float> samples = resampleMono(mono, audio.sampleRate, kAnalysisRate);
     mono = {};
     // Here an empty stream is silence, not a failed read.

@@ -10,6 +10,7 @@
 // AudioMetadata.hpp.
 
 #include "TrelvaneEngine/media/BRAWAudio.hpp"
+#include "TrelvaneEngine/support/Progress.hpp"
 #include "TrelvaneEngine/support/Url.hpp"
 
 #include <functional>
@@ -35,9 +36,6 @@ struct Extraction {
     bool cutShort = false;
 };
 
-// A fraction from 0 to 1; may be called on any thread (the one that runs `extract`).
-using Progress = std::function<void(double)>;
-
 // Decodes every audio stream of the file at `url`. Each stream is mixed to mono (all its
 // channels with equal weight) and resampled to 16 kHz; the streams are then summed sample by
 // sample on the file's timeline, clipped to [-1, 1] and levelled (levelAudio).
@@ -48,8 +46,8 @@ using Progress = std::function<void(double)>;
 // A ".braw" file (any case) is read through the Blackmagic RAW SDK instead.
 //
 // `expectedSeconds` is the caller's estimate of the length (0 or less: unknown). Only when it is
-// above 0 does `onProgress` hear of the decoding: min(decoded / expected, 1), in steps of at
-// least 0.01.
+// above 0 does `onProgress` hear of the decoding, on the thread that runs `extract`: the fraction
+// min(decoded / expected, 1), in steps of at least 0.01, with no clip name.
 //
 // Throws TrelvaneError:
 //   readerStartFailed  the file can't be opened as media (FFmpeg's message), or none of its
@@ -62,7 +60,7 @@ using Progress = std::function<void(double)>;
 //                      .braw clip that can't be read (with the SDK's or availability message);
 //   stopped            `stop` was requested while the file was read: a long recording takes many
 //                      seconds to decode, and a user who cancels should not wait for it.
-Extraction extract(const Url& url, double expectedSeconds, const Progress& onProgress = {},
+Extraction extract(const Url& url, double expectedSeconds, const ProgressFn& onProgress = {},
                    std::stop_token stop = {});
 
 // ---- exposed for tests -----------------------------------------------------------------------
@@ -72,14 +70,14 @@ namespace detail {
 // A .braw clip through BRAWAudio: readFailed with the availability note when the SDK is
 // missing, readFailed with the SDK's message when the clip can't be read, then as
 // analysisFromInterleaved. The bridge's progress is scaled by 0.8.
-Extraction extractBRAW(const Url& url, const Progress& onProgress = {});
+Extraction extractBRAW(const Url& url, const ProgressFn& onProgress = {});
 
 // The analysis stream of audio given as interleaved floats: noAudioTrack(name) for no frames,
 // no channels, a rate of 0 or less, or fewer values than frameCount * channelCount; else the
 // channels averaged to mono, 0.9 reported, resampled to 16 kHz, clipped, tested for silence
 // (silentAudio(name), also for an empty result) and levelled.
 Extraction analysisFromInterleaved(const BRAWAudio::Audio& audio, const std::string& name,
-                                   const Progress& onProgress = {});
+                                   const ProgressFn& onProgress = {});
 
 // `samples` at `from` Hz resampled to `to` Hz with libswresample, about to * n / from samples.
 // Returned untouched when the rates differ by 0.5 Hz or less. readFailed("resampler") for a

@@ -164,7 +164,7 @@ bool appendPCM(std::span<const std::byte> bytes, int bytesPerSample, int bitDept
     return true;
 }
 
-ReadResult readAudio(const std::string& path, const Progress& progress) {
+ReadResult readAudio(const std::string& path, const ProgressFn& progress) {
     const CreateFactory create = findFactory();
     if (!create) return failure(availabilityNote());
     const std::string name = Url::fromPath(path).lastPathComponent();
@@ -234,7 +234,7 @@ ReadResult readAudio(const std::string& path, const Progress& progress) {
                        static_cast<int>(bitDepth), audio.interleaved))
             return failure(fmt::format("The audio of {} is in a form this build can't read", name));
         at += framesRead;
-        if (progress) progress(static_cast<double>(at) / static_cast<double>(frames));
+        if (progress) progress({static_cast<double>(at) / static_cast<double>(frames), {}});
     }
     return result;
 }

@@ -19,6 +19,8 @@
 // Every function may be called from any thread, any number at once; each read opens its own
 // codec and clip.
 
+#include "TrelvaneEngine/support/Progress.hpp"
+
 #include <cstddef>
 #include <cstdint>
 #include <functional>
@@ -44,9 +46,6 @@ struct ReadResult {
     std::string error;
 };
 
-// The fraction of a read done so far, 0 to 1; called on the reading thread.
-using Progress = std::function<void(double)>;
-
 // Whether the SDK can be loaded now.
 bool isAvailable();
 
@@ -56,8 +55,9 @@ std::string availabilityNote();
 // The whole audio of the clip at `path`. No result (with a reason) when the SDK is missing, the
 // clip can't be opened, its audio can't be read, or it would be longer than the longest
 // analysis stream (AudioExtractor::kLongestExtraction seconds). A clip without audio comes back
-// as an `Audio` with no frames or channels. `progress` (optional) is told the fraction read.
-ReadResult readAudio(const std::string& path, const Progress& progress = {});
+// as an `Audio` with no frames or channels. `progress` (optional) is told the fraction read, on
+// the reading thread.
+ReadResult readAudio(const std::string& path, const ProgressFn& progress = {});
 
 // The places looked at after $TRELVANE_BRAW_SDK, in order.
 std::vector<std::string> libraryCandidates();

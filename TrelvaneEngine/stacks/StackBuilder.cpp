@@ -261,8 +261,8 @@ bool isVideo(const ClipItem& clip) {
 
 // ---- build ------------------------------------------------------------------------------------------------
 
-Result build(const std::vector<TrackSource>& sources, const std::function<void(double)>& onProgress,
-             std::stop_token stop, int workers) {
+Result build(const std::vector<TrackSource>& sources, const ProgressFn& onProgress, std::stop_token stop,
+             int workers) {
     Result result;
     std::vector<ClipItem> clips;
     for (const auto& t : sources)
@@ -311,7 +311,7 @@ Result build(const std::vector<TrackSource>& sources, const std::function<void(d
             outcomes[k] = std::move(outcome);
             ++finished;
             if (finished % kProgressEvery == 0 && onProgress)
-                onProgress(static_cast<double>(finished) / static_cast<double>(pairCount));
+                onProgress({static_cast<double>(finished) / static_cast<double>(pairCount), {}});
         },
         stop);
     if (stop.stop_requested()) {

@@ -11,6 +11,7 @@
 // under the tag "[Stacks]", in the same order whatever the number of workers.
 
 #include "TrelvaneEngine/model/TrackModels.hpp"
+#include "TrelvaneEngine/support/Progress.hpp"
 #include "TrelvaneEngine/support/WorkerWindow.hpp"
 #include "TrelvaneEngine/sync/PairwiseOffsetSolver.hpp"
 
@@ -110,10 +111,10 @@ inline int defaultWorkers() {
 }
 
 // Stacks the clips of `sources` (features extracted). `onProgress` (optional) hears fractions
-// 0…1 on the calling thread. Blocking; meant for a worker thread. Once `stop` is requested no
-// further pair is compared and the given tracks come back unchanged, with nothing else in the
+// 0…1, with no clip name, on the calling thread. Blocking; meant for a worker thread. Once `stop` is
+// requested no further pair is compared and the given tracks come back unchanged, with nothing else in the
 // result. The result does not depend on `workers`.
-Result build(const std::vector<TrackSource>& sources, const std::function<void(double)>& onProgress = {},
+Result build(const std::vector<TrackSource>& sources, const ProgressFn& onProgress = {},
              std::stop_token stop = {}, int workers = defaultWorkers());
 
 // Whether clips of one device share audio, from an even sample of each device's clips, at most

@@ -42,7 +42,7 @@ PriorContext Run::priorContext(int si) const {
 
 void Run::advance(double steps, const std::string& clipName) {
     if (totalClips > 0) progress = std::min(progress + steps * 0.999 / totalClips, 0.999);
-    if (onProgress) onProgress(progress, clipName);
+    if (onProgress) onProgress({progress, clipName});
 }
 
 void Run::setClip(int si, int ci, double pos, Placement placement) {
@@ -667,7 +667,7 @@ void syncRegion(Run& run, const std::string& key, const std::vector<ClipKey>& me
 
 } // namespace
 
-std::vector<TrackSource> synchronise(std::vector<TrackSource> sources, const Progress& onProgress,
+std::vector<TrackSource> synchronise(std::vector<TrackSource> sources, const ProgressFn& onProgress,
                                      const Place& onPlace, std::stop_token stop, int workers) {
     if (sources.size() < 2) return sources;
     Run run(sources, onProgress, onPlace, stop,

@@ -11,6 +11,7 @@
 
 #include "TrelvaneEngine/features/SpectralBands.hpp"
 #include "TrelvaneEngine/model/TrackModels.hpp"
+#include "TrelvaneEngine/support/Progress.hpp"
 
 #include <array>
 #include <functional>
@@ -181,14 +182,14 @@ void logReport(const std::vector<TrackSource>& tracks, const std::map<Uuid, Matc
 
 // ---- the run ------------------------------------------------------------------------------------
 
-using Progress = std::function<void(double fraction, const std::string& clipName)>;
 using Place = std::function<void(const Uuid& clipID, double offset, SyncStatus status)>;
 
 // Places every clip of `sources` (features already extracted) on one timeline and sets its result
-// fields. Returns `sources` unchanged when there are fewer than two tracks or when `stop` is
-// requested during the run. `workers` is the size of the parallel search window; 0 means
+// fields. `onProgress` hears the fraction done and the clip just handled, on the calling thread.
+// Returns `sources` unchanged when there are fewer than two tracks or when `stop` is requested
+// during the run. `workers` is the size of the parallel search window; 0 means
 // max(processors, 2). The result does not depend on it.
-std::vector<TrackSource> synchronise(std::vector<TrackSource> sources, const Progress& onProgress,
+std::vector<TrackSource> synchronise(std::vector<TrackSource> sources, const ProgressFn& onProgress,
                                      const Place& onPlace, std::stop_token stop = {}, int workers = 0);
 
 } // namespace trelvane::SyncEngine

@@ -43,12 +43,12 @@ inline Span spanOf(const ClipItem& clip) {
 }
 
 struct Run {
-    Run(std::vector<TrackSource> t, const Progress& progressFn, const Place& placeFn, std::stop_token s,
+    Run(std::vector<TrackSource> t, const ProgressFn& progressFn, const Place& placeFn, std::stop_token s,
         int w)
         : tracks(std::move(t)), onProgress(progressFn), onPlace(placeFn), stop(std::move(s)), workers(w) {}
 
     std::vector<TrackSource> tracks;
-    const Progress& onProgress;
+    const ProgressFn& onProgress;
     const Place& onPlace;
     std::stop_token stop;
     int workers = 2;

@@ -61,9 +61,8 @@ struct Doubles {
     std::vector<CameraGroupProposal> cameraProposals;
     std::vector<DayRegionProposal> dayProposals;
     std::set<Uuid> acceptedGroups, acceptedRegions;
-    std::function<Sources(Sources, SessionStages::SyncProgress, SessionStages::SyncPlace, std::stop_token)>
-        sync;
-    std::function<StackBuilder::Result(Sources, std::function<void(double)>, std::stop_token)> stacks;
+    std::function<Sources(Sources, ProgressFn, SessionStages::SyncPlace, std::stop_token)> sync;
+    std::function<StackBuilder::Result(Sources, ProgressFn, std::stop_token)> stacks;
     std::optional<StackBuilder::Advice> advice;
 
     SessionStages stages() {
@@ -111,14 +110,14 @@ struct Doubles {
             acceptedRegions = a;
             return src;
         };
-        s.extractClip = [this](const Url& url, int factor, double expected,
-                               const std::function<void(double)>& onSub, std::stop_token stop) {
+        s.extractClip = [this](const Url& url, int factor, double expected, const ProgressFn& onSub,
+                               std::stop_token stop) {
             EXPECT_EQ(factor, 160);
             ++extractEntered;
             if (extractGate) extractGate->wait(stop);
             if (stop.stop_requested()) ++extractStopped;
             ++extractCalls;
-            onSub(0.5);
+            onSub({0.5, {}});
             const std::string ext = url.pathExtension();
             if (ext == "mxf" || ext == "braw")
                 return ExtractOutcome(
@@ -130,9 +129,9 @@ struct Doubles {
             extractCallsAtPrune = extractCalls.load();
             pruneCeiling = ceiling;
         };
-        s.synchronise = [this](Sources src, SessionStages::SyncProgress p, SessionStages::SyncPlace place,
+        s.synchronise = [this](Sources src, ProgressFn p, SessionStages::SyncPlace place,
                                std::stop_token stop) { return sync(std::move(src), p, place, stop); };
-        s.buildStacks = [this](Sources src, std::function<void(double)> p, std::stop_token stop) {
+        s.buildStacks = [this](Sources src, ProgressFn p, std::stop_token stop) {
             return stacks(std::move(src), p, stop);
         };
         s.stackAdvice = [this](Sources, int maxProbes) {
@@ -144,8 +143,7 @@ struct Doubles {
 };
 
 // Places every clip of track i at 100 * i + 5 * k, synced, with a score.
-Sources placeAll(Sources src, const SessionStages::SyncProgress& progress,
-                 const SessionStages::SyncPlace& place) {
+Sources placeAll(Sources src, const ProgressFn& progress, const SessionStages::SyncPlace& place) {
     for (std::size_t i = 0; i < src.size(); ++i)
         for (std::size_t k = 0; k < src[i].clips.size(); ++k) {
             auto& c = src[i].clips[k];
@@ -154,7 +152,7 @@ Sources placeAll(Sources src, const SessionStages::SyncProgress& progress,
             c.matchScore = 9.5f;
             c.placementPass = i == 0 ? PlacementPass::reference : PlacementPass::chain;
             place(c.id, c.startOffset, c.syncStatus);
-            progress(0.5, c.url.baseName());
+            progress({0.5, c.url.baseName()});
         }
     return src;
 }
@@ -307,9 +305,9 @@ TEST_F(SessionTest, SynchronizeRefusesWithoutTwoExtractedTracksButStacksNeedOnly
     EXPECT_EQ(vm->errorMessage(), "Need at least 2 extracted tracks");
 
     settings->setString(Settings::kSyncModeKey, "stacks");
-    doubles.stacks = [](Sources src, std::function<void(double)> p, std::stop_token) {
+    doubles.stacks = [](Sources src, ProgressFn p, std::stop_token) {
         StackBuilder::Result r;
-        p(0.5);
+        p({0.5, {}});
         for (auto& t : src)
             for (auto& c : t.clips) {
                 c.syncStatus = SyncStatus::synced;
@@ -402,7 +400,7 @@ TEST_F(SessionTest, StoppingASyncBringsBackThePositionsAndDropsTheLateResult) {
 TEST_F(SessionTest, StackResultsAreUndoneByAnAddAndASecondStackingKeepsTheFirstList) {
     settings->setString(Settings::kSyncModeKey, "stacks");
     int stackRuns = 0;
-    doubles.stacks = [&stackRuns](Sources src, std::function<void(double)>, std::stop_token) {
+    doubles.stacks = [&stackRuns](Sources src, ProgressFn, std::stop_token) {
         ++stackRuns;
         StackBuilder::Result r;
         TrackSource merged;

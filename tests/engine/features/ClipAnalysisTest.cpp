@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 #include "TrelvaneEngine/features/ClipAnalysis.hpp"
+#include "MediaSupport.hpp"
 
 #include <cmath>
 #include <gtest/gtest.h>
@@ -31,4 +32,14 @@ TEST(ClipAnalysis, WaveformBarsAreRootsOfRmsOverThePeak) {
     // All silent: the bars stand as computed.
     const auto silent = ClipAnalysis::waveform(std::vector<float>(160000, 0.0f), 10);
     EXPECT_EQ(silent, std::vector<float>(10, 0.0f));
+}
+
+// A stopped analysis gives nothing, so the clip is left as it was rather than marked unreadable.
+TEST(ClipAnalysis, AStoppedAnalysisGivesNothing) {
+    test::TempDir tmp;
+    const auto file = tmp / "take.wav";
+    test::ffmpeg(test::sineInput(20) + " " + test::quoted(file.string()));
+    std::stop_source stop;
+    stop.request_stop();
+    EXPECT_FALSE(ClipAnalysis::analyse(Url::fromPath(file), kEnvelopeFactor, 20, {}, stop.get_token(), {}));
 }

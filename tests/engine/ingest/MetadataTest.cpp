@@ -187,4 +187,13 @@ TEST_F(LoadMetadata, AStopBeforeTheStartReadsNothingAndLogsNothing) {
     EXPECT_EQ(calls, 0);
     EXPECT_EQ(result[0].clips[0].duration, 0.0);
     EXPECT_TRUE(clockLines(log).empty());
+
+    // Stopped after a clip was merged, the list still comes back as it was given.
+    std::stop_source midway;
+    const auto stopped = IngestEngine::loadMetadata(
+        {track("Zoom", {clipAt(a_), clipAt(a_)})},
+        [&](const std::vector<TrackSource>&) { midway.request_stop(); }, midway.get_token());
+    EXPECT_EQ(stopped[0].clips[0].duration, 0.0);
+    EXPECT_EQ(stopped[0].clips[1].duration, 0.0);
+    EXPECT_TRUE(clockLines(log).empty());
 }

@@ -42,8 +42,7 @@ bool ffmpeg(const std::string& args, const std::filesystem::path& out) {
     return sh("ffmpeg -nostdin -v error -y " + args + " " + q(out));
 }
 
-AE::Extraction extract(const std::filesystem::path& p, double expected = 0,
-                       const AE::Progress& progress = {}) {
+AE::Extraction extract(const std::filesystem::path& p, double expected = 0, const ProgressFn& progress = {}) {
     return AE::extract(Url::fromPath(p), expected, progress);
 }
 
@@ -301,7 +300,7 @@ TEST(AudioExtractor, ReportsProgressInStepsOfAtLeastOnePercentNeverAboveOne) {
 
     const auto check = [&](double expected) {
         std::vector<double> seen;
-        extract(file, expected, [&](double p) { seen.push_back(p); });
+        extract(file, expected, [&](const Progress& p) { seen.push_back(p.fraction); });
         for (std::size_t i = 0; i < seen.size(); ++i) {
             EXPECT_GT(seen[i], 0.0);
             EXPECT_LE(seen[i], 1.0);
@@ -339,9 +338,9 @@ TEST(AudioExtractor, AStopEndsTheReadWhereItStands) {
     try {
         AE::extract(
             url, 120,
-            [&](double p) {
-                lastSeen = p;
-                if (p >= 0.5) halfWay.request_stop();
+            [&](const Progress& p) {
+                lastSeen = p.fraction;
+                if (p.fraction >= 0.5) halfWay.request_stop();
             },
             halfWay.get_token());
         ADD_FAILURE() << "the read went on to the end";
@@ -356,7 +355,7 @@ TEST(AudioExtractor, AStopEndsTheReadWhereItStands) {
     int reports = 0;
     try {
         AE::extract(
-            url, 120, [&](double) { ++reports; }, before.get_token());
+            url, 120, [&](const Progress&) { ++reports; }, before.get_token());
         ADD_FAILURE() << "a stopped read decoded the file";
     } catch (const TrelvaneError& e) {
         EXPECT_EQ(e.kind(), TrelvaneError::Kind::stopped);
@@ -490,8 +489,9 @@ TEST(AudioExtractorBRAW, AveragesInterleavedChannelsAndResamplesToTheAnalysisRat
     const auto tone = sine(440, 44100, 44100);
     const std::vector<float> quiet(44100, 0.0f);
     std::vector<double> progress;
-    const auto r = AE::detail::analysisFromInterleaved(interleaved(44100, 2, 44100, {tone, quiet}),
-                                                       "A001.braw", [&](double p) { progress.push_back(p); });
+    const auto r =
+        AE::detail::analysisFromInterleaved(interleaved(44100, 2, 44100, {tone, quiet}), "A001.braw",
+                                            [&](const Progress& p) { progress.push_back(p.fraction); });
     EXPECT_NEAR(static_cast<double>(r.samples.size()), 16000, 2);
     EXPECT_DOUBLE_EQ(r.duration, static_cast<double>(r.samples.size()) / 16000);
     EXPECT_NEAR(peakOf(r.samples), 0.5f, 1e-6f);
@@ -678,7 +678,8 @@ TEST(AudioExtractorBRAW, ReadsAClipThroughALibraryWithTheSdksInterface) {
 
     const auto clip = tmp.file("A001_C002.braw", "picture and sound");
     std::vector<double> progress;
-    const auto r = AE::extract(Url::fromPath(clip), 0, [&](double p) { progress.push_back(p); });
+    const auto r =
+        AE::extract(Url::fromPath(clip), 0, [&](const Progress& p) { progress.push_back(p.fraction); });
     EXPECT_NEAR(static_cast<double>(r.samples.size()), 32000, 2);
     EXPECT_NEAR(peakOf(r.samples), 0.5f, 1e-6f);
     EXPECT_NEAR(frequencyOf(r.samples, 16000), 440, 1);

@@ -349,10 +349,10 @@ TEST(StackBuilder, MoreThanTwoThousandPairsAreWarnedOfAndStillCompared) {
         LogCapture log;
         int reports = 0;
         double last = 0;
-        const auto r = SB::build({trackOf("Rec", many)}, [&](double f) {
+        const auto r = SB::build({trackOf("Rec", many)}, [&](const Progress& p) {
             ++reports;
-            EXPECT_GT(f, last);
-            last = f;
+            EXPECT_GT(p.fraction, last);
+            last = p.fraction;
         });
         EXPECT_TRUE(
             log.contains("[Stacks] WARNING: 2016 comparisons — this looks like a whole shoot, not a set of "
@@ -566,7 +566,7 @@ TEST_F(StackBuilderTakes, EachSongIsOneStackAlignedWithinAFrameInShootingOrderWh
         LogCapture log;
         std::vector<double> progress;
         auto r = SB::build(
-            sources_, [&](double f) { progress.push_back(f); }, {}, workers);
+            sources_, [&](const Progress& p) { progress.push_back(p.fraction); }, {}, workers);
         return std::make_tuple(std::move(r), log.lines(), progress);
     };
     const auto [r, lines, progress] = run(6);

@@ -134,11 +134,11 @@ TEST(SyncEngine, ProgressStaysBelowOneAndNamesTheClips) {
     bool named = true;
     SyncEngine::synchronise(
         recorderAndCamera(),
-        [&](double f, const std::string& name) {
+        [&](const Progress& p) {
             ++calls;
-            last = f;
-            highest = std::max(highest, f);
-            named = named && !name.empty() && name.find('.') == std::string::npos;
+            last = p.fraction;
+            highest = std::max(highest, p.fraction);
+            named = named && !p.current.empty() && p.current.find('.') == std::string::npos;
         },
         nullptr, {}, 2);
     EXPECT_GT(calls, 5);
