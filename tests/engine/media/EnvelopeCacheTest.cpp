@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
-// Entries damaged in every other way, and what a read entry promises, are left to
-// fuzz/EnvelopeCacheFuzz.cpp; these tests pin the format, the keys, the files and the housekeeping.
+// Entries damaged in every other way, and what a read entry promises (exact size, finite values,
+// the same bytes written back), are left to fuzz/EnvelopeCacheFuzz.cpp; these tests pin the format,
+// the keys, the files and the housekeeping.
 #include "TrelvaneEngine/media/EnvelopeCache.hpp"
 #include "TestSupport.hpp"
 
@@ -18,8 +19,6 @@
 #include <unistd.h>
 
 using namespace trelvane;
-using trelvane::test::LogCapture;
-using trelvane::test::ScopedEnv;
 using trelvane::test::TempDir;
 namespace fs = std::filesystem;
 namespace EC = trelvane::EnvelopeCache;
@@ -61,20 +60,18 @@ BandFeature featureOf(std::size_t bands, int frames, float value = 0.5f) {
     return {std::vector(bands, std::vector(static_cast<std::size_t>(frames), value)), frames};
 }
 
-void putLe(Bytes& out, std::uint64_t v, int size) {
-    for (int i = 0; i < size; ++i)
-        out.push_back(static_cast<std::uint8_t>(v >> (8 * i)));
-}
-
 // An entry made by hand: the version, the key text, the given bytes and a valid checksum, so that
 // only what the bytes say is on trial.
 Bytes sealed(std::uint32_t version, const std::string& key, const Bytes& body) {
     Bytes out;
-    putLe(out, version, 4);
-    putLe(out, key.size(), 4);
+    for (const auto v : {version, static_cast<std::uint32_t>(key.size())})
+        for (int i = 0; i < 4; ++i)
+            out.push_back(static_cast<std::uint8_t>(v >> (8 * i)));
     out.insert(out.end(), key.begin(), key.end());
     out.insert(out.end(), body.begin(), body.end());
-    putLe(out, EC::crc32(out), 4);
+    const auto crc = EC::crc32(out);
+    for (int i = 0; i < 4; ++i)
+        out.push_back(static_cast<std::uint8_t>(crc >> (8 * i)));
     return out;
 }
 
@@ -93,9 +90,6 @@ EC::Pair pairOf(std::vector<float> preview, std::vector<float> envelope, double 
     return EC::Pair{std::move(preview), std::move(envelope), duration};
 }
 
-constexpr long long kNowSeconds = 1'800'000'000, kDay = 86'400;
-const Date kNow = dateFromUnixSeconds(kNowSeconds);
-
 } // namespace
 
 // ---- formats ----------------------------------------------------------------------------------
@@ -103,7 +97,6 @@ const Date kNow = dateFromUnixSeconds(kNowSeconds);
 TEST(EnvelopeCache, EntriesAreVersionKeyTextCountedValuesAndCrc32) {
     // The checksum is the CRC-32 of zlib and PNG: its published check value.
     EXPECT_EQ(EC::crc32(Bytes{'1', '2', '3', '4', '5', '6', '7', '8', '9'}), 0xcbf43926u);
-    EXPECT_EQ(EC::crc32({}), 0u);
     // 2.5 as a double; {1, -2.5} and {0.5} as counted floats.
     EXPECT_EQ(EC::serialize("k", pairOf({1.0f, -2.5f}, {0.5f}, 2.5)),
               sealed(5, "k", {0,    0,    0, 0, 0,    0,    0x04, 0x40, 2, 0, 0, 0, 0, 0,
@@ -113,52 +106,52 @@ TEST(EnvelopeCache, EntriesAreVersionKeyTextCountedValuesAndCrc32) {
               sealed(7, "k", {2, 0, 0, 0, 1, 0, 0, 0, 0, 0, 0x80, 0x3f, 0, 0, 0, 0x40}));
 }
 
-TEST(EnvelopeCache, BothFormatsRoundTripBitExact) {
-    // Floats whose bits a careless copy would change: negative zero, denormals, the extremes.
+TEST(EnvelopeCache, EntriesRoundTripBitExactAndWhatCantBeReadBackIsNotWritten) {
+    // Floats whose bits a careless copy would change: negative zero, denormals, the extremes; and a
+    // length that is a sample count over the rate, not a short decimal.
     using L = std::numeric_limits<float>;
-    const std::vector<float> awkward{0.0f,     -0.0f,     1.0f,     -2.5f, L::denorm_min(),
+    const std::vector<float> awkward{0.0f,     -0.0f,     -2.5f,    L::denorm_min(),
                                      L::max(), -L::max(), L::min(), 0.1f};
-    std::vector<float> envelope(awkward.rbegin(), awkward.rend());
-    envelope.push_back(3.0f);
-    // The decoder's lengths are sample counts over the rate: not short decimals.
     const double duration = 1234567.0 / 16000.0;
-    const auto pair = EC::deserialize(*EC::serialize(kKey, pairOf(awkward, envelope, duration)), kKey);
+    const auto pair = EC::deserialize(*EC::serialize(kKey, pairOf(awkward, {3.0f}, duration)), kKey);
     ASSERT_TRUE(pair);
     EXPECT_EQ(bitsOf(pair->preview), bitsOf(awkward));
-    EXPECT_EQ(bitsOf(pair->envelope), bitsOf(envelope));
     EXPECT_EQ(std::bit_cast<std::uint64_t>(pair->duration), std::bit_cast<std::uint64_t>(duration));
-
     BandFeature feature = featureOf(8, static_cast<int>(awkward.size()));
     feature.bands[3] = awkward;
-    const auto back = EC::deserializeBands(*EC::serializeBands(kKey, feature), kKey);
-    ASSERT_TRUE(back);
-    EXPECT_EQ(back, feature);
-    EXPECT_EQ(bitsOf(back->bands[3]), bitsOf(awkward));
-
+    EXPECT_EQ(bitsOf(EC::deserializeBands(*EC::serializeBands(kKey, feature), kKey).value().bands[3]),
+              bitsOf(awkward));
     // Empty values are entries too: a clip too short for a feature caches the empty one.
     EXPECT_EQ(EC::deserialize(*EC::serialize(kKey, {}), kKey), EC::Pair{});
     EXPECT_EQ(EC::deserializeBands(*EC::serializeBands(kKey, {}), kKey), BandFeature{});
+
+    const float nan = std::numeric_limits<float>::quiet_NaN();
+    for (const auto& bad : {pairOf({nan}, {}), pairOf({}, {L::infinity()}), pairOf({}, {}, -0.5)})
+        EXPECT_FALSE(EC::serialize(kKey, bad));
+    auto withNaN = featureOf(2, 3), ragged = featureOf(8, 10);
+    withNaN.bands[1][2] = nan;
+    ragged.bands[7].pop_back();
+    for (const auto& bad : {withNaN, ragged, BandFeature{{}, 5}, BandFeature{{{}, {}}, 0}})
+        EXPECT_FALSE(EC::serializeBands(kKey, bad)) << bad.bands.size() << " x " << bad.frames;
 }
 
 // An entry of another version, a flipped bit, a byte too few or too many, or another file's key
 // text is a miss; the rest of each entry is intact and sealed.
 TEST(EnvelopeCache, EntriesThatAreOffAreMisses) {
     const auto pair = *EC::serialize(kKey, pairOf({0.25f, 1.0f}, {0.5f}, 3.0));
-    auto flipped = pair;
+    auto flipped = pair, padded = pair;
     flipped[pair.size() - 8] ^= 0x10; // in the envelope value
-    auto padded = pair;
     padded.push_back(0);
     // The same body sealed under the other format's version.
     const auto swapped = [](const Bytes& b) {
         return sealed(b[0] == 5 ? 7 : 5, kKey,
                       Bytes(b.begin() + 8 + static_cast<long>(kKey.size()), b.end() - 4));
     };
-    for (const auto& bytes : {swapped(pair), flipped, Bytes(pair.begin(), pair.end() - 1), padded,
-                              *EC::serialize(kKey + "1", pairOf({1.0f}, {}))})
+    for (const auto& bytes : {swapped(pair), flipped, padded, *EC::serialize(kKey + "1", pairOf({1.0f}, {}))})
         EXPECT_FALSE(EC::deserialize(bytes, kKey));
     EXPECT_FALSE(EC::deserializeBands(swapped(*EC::serializeBands(kKey, featureOf(2, 1))), kKey));
 
-    // The same through a file on disk, cut short as a crash or a full disk would leave it.
+    // An entry on disk cut short, as a crash or a full disk would leave it.
     TempDir tmp;
     const auto media = Url::fromPath(tmp.file("clip.mov", "movie"));
     ASSERT_TRUE(EC::savePair(media, pairOf({1.0f, 2.0f}, {3.0f}), tmp / "cache"));
@@ -167,65 +160,37 @@ TEST(EnvelopeCache, EntriesThatAreOffAreMisses) {
     EXPECT_FALSE(EC::loadPair(media, tmp / "cache"));
 }
 
-// Values that can't be read back, and features that are not one, are never written.
-TEST(EnvelopeCache, WhatCantBeReadBackIsNotWritten) {
-    const float nan = std::numeric_limits<float>::quiet_NaN();
-    for (const auto& pair : {pairOf({nan}, {}), pairOf({}, {std::numeric_limits<float>::infinity()}),
-                             pairOf({}, {}, std::nan("")), pairOf({}, {}, -0.5)})
-        EXPECT_FALSE(EC::serialize(kKey, pair));
-    auto withNaN = featureOf(2, 3), ragged = featureOf(8, 10), miscounted = featureOf(8, 10);
-    withNaN.bands[1][2] = nan;
-    ragged.bands[7].pop_back();
-    miscounted.frames = 9;
-    for (const auto& feature : {withNaN, ragged, miscounted, BandFeature{{}, 5}, BandFeature{{{}, {}}, 0}})
-        EXPECT_FALSE(EC::serializeBands(kKey, feature)) << feature.bands.size() << " x " << feature.frames;
-}
-
 // ---- keys -------------------------------------------------------------------------------------
 
 TEST(EnvelopeCache, KeyIsDjb2OfPathSizeAndWholeSecondsTruncatedTowardZero) {
     EXPECT_EQ(djb2Key(""), "0000000000001505");
     EXPECT_EQ(djb2Key("/tmp/clip.wav|5|1700000000"), "6c0d7c56434e2fad");
     TempDir tmp;
-    const auto keyOf = [&](const std::string& name, const std::string& content, long long seconds,
-                           long nanos) {
-        const auto p = tmp.file(name, content);
-        setModificationTime(p, seconds, nanos);
-        return EC::cacheKey(Url::fromPath(p));
+    const auto keyOf = [&](const std::string& name, long long seconds, long nanos) {
+        setModificationTime(tmp.file(name, "12345"), seconds, nanos);
+        return EC::cacheKey(Url::fromPath(tmp / name));
     };
-    const auto pathOf = [&](const std::string& name) { return Url::fromPath(tmp / name).path(); };
-    const auto key = keyOf("A001 Clip é.MOV", "12345", 1'700'000'000, 750'000'000);
-    EXPECT_EQ(key, djb2Key(pathOf("A001 Clip é.MOV") + "|5|1700000000"));
-    // Only whole seconds count: a touch within the second keeps the key, one to the next changes it.
-    EXPECT_EQ(keyOf("A001 Clip é.MOV", "12345", 1'700'000'000, 100'000'000), key);
-    EXPECT_NE(keyOf("A001 Clip é.MOV", "12345", 1'700'000'001, 0), key);
-    // A link gets its own key, but from the status of the file it points at.
-    fs::create_symlink(tmp / "A001 Clip é.MOV", tmp / "link.wav");
-    EXPECT_EQ(EC::cacheKey(Url::fromPath(tmp / "link.wav")), djb2Key(pathOf("link.wav") + "|5|1700000001"));
+    const auto path = Url::fromPath(tmp / "A001 Clip é.MOV").path();
+    EXPECT_EQ(keyOf("A001 Clip é.MOV", 1'700'000'000, 750'000'000), djb2Key(path + "|5|1700000000"));
     // Before 1970 the whole seconds are truncated toward zero: -1.5 s gives -1.
-    const auto old = keyOf("old.wav", "12345", -2, 500'000'000);
-    if (modificationSeconds(tmp / "old.wav") != -2)
-        GTEST_SKIP() << "this file system holds no time before 1970";
-    EXPECT_EQ(old, djb2Key(pathOf("old.wav") + "|5|-1"));
-    EXPECT_EQ(keyOf("old.wav", "12345", -3, 0), djb2Key(pathOf("old.wav") + "|5|-3"));
+    const auto early = keyOf("A001 Clip é.MOV", -2, 500'000'000);
+    if (modificationSeconds(tmp / "A001 Clip é.MOV") != -2) GTEST_SKIP() << "no time before 1970 here";
+    EXPECT_EQ(early, djb2Key(path + "|5|-1"));
 }
 
 TEST(EnvelopeCache, FilesThatCantBeReadHaveNoKeyAndAreNeverCached) {
     TempDir tmp;
-    const auto folder = tmp / "cache";
-    fs::create_symlink(tmp / "gone.wav", tmp / "dangling.wav");
     std::vector<Url> unreadable{Url(), Url::fromPath(tmp / "missing.wav"),
-                                Url::fromPath(tmp.dir("folder.wav")), Url::fromPath(tmp / "dangling.wav")};
+                                Url::fromPath(tmp.dir("folder.wav"))};
     if (::geteuid() != 0) {
         fs::permissions(tmp.file("locked.wav", "data"), fs::perms::none);
         unreadable.push_back(Url::fromPath(tmp / "locked.wav"));
     }
     for (const auto& url : unreadable) {
         EXPECT_FALSE(EC::cacheKey(url)) << url.path();
-        EXPECT_FALSE(EC::savePair(url, pairOf({1.0f}, {1.0f}), folder)) << url.path();
-        EXPECT_FALSE(EC::loadPair(url, folder)) << url.path();
+        EXPECT_FALSE(EC::savePair(url, pairOf({1.0f}, {1.0f}), tmp / "cache")) << url.path();
     }
-    EXPECT_FALSE(fs::exists(folder));
+    EXPECT_FALSE(fs::exists(tmp / "cache"));
 }
 
 // ---- files ------------------------------------------------------------------------------------
@@ -236,19 +201,14 @@ TEST(EnvelopeCache, SavesReplaceEntriesWholeAndLoadThemBackWithoutOpeningTheMedi
     const auto url = Url::fromPath(media);
     const auto folder = tmp / "cache/nested/Trelvane";
     EXPECT_FALSE(EC::loadPair(url, folder));
-    EXPECT_FALSE(EC::loadBands(url, folder));
     ASSERT_TRUE(EC::savePair(url, pairOf(std::vector(1000, 1.0f), std::vector(100, 2.0f)), folder));
     ASSERT_TRUE(EC::saveBands(url, featureOf(8, 50), folder));
     const auto stored = pairOf({3.0f}, {}, 0.5);
     const auto feature = featureOf(8, 40, 1.5f);
     ASSERT_TRUE(EC::savePair(url, stored, folder));
     ASSERT_TRUE(EC::saveBands(url, feature, folder));
-    // A feature that is not one is not written, and what was there stays.
-    auto ragged = featureOf(8, 5);
-    ragged.bands[0].push_back(0.0f);
-    EXPECT_FALSE(EC::saveBands(url, ragged, folder));
 
-    // The files hold exactly what serialising gives, and nothing else is left behind.
+    // The files hold exactly what serialising gives under the key text, and nothing else is left.
     const auto text = *EC::keyText(url);
     EXPECT_EQ(text, url.path() + "|15|" + std::to_string(modificationSeconds(media)));
     const auto key = *EC::cacheKey(url);
@@ -271,53 +231,33 @@ TEST(EnvelopeCache, SavesReplaceEntriesWholeAndLoadThemBackWithoutOpeningTheMedi
     ::close(watcher);
 }
 
-TEST(EnvelopeCache, HostileEntriesAreMissesWithoutHanging) {
+TEST(EnvelopeCache, HostileEntriesAreMissesWithoutHangingAndAnUnwritableFolderFailsQuietly) {
     TempDir tmp;
     const auto folder = tmp.dir("cache");
-    const auto fifo = Url::fromPath(tmp.file("fifo.wav", "1")), dir = Url::fromPath(tmp.file("dir.wav", "2")),
-               zero = Url::fromPath(tmp.file("zero.wav", "3")), big = Url::fromPath(tmp.file("big.wav", "4"));
-    // A FIFO would block a plain open until a writer came.
+    const auto fifo = Url::fromPath(tmp.file("fifo.wav", "1")), big = Url::fromPath(tmp.file("big.wav", "2"));
+    // A FIFO would block a plain open until a writer came; a valid head on a file beyond the
+    // largest entry is refused before it is read.
     ASSERT_EQ(::mkfifo((folder / *EC::cacheKey(fifo)).c_str(), 0600), 0);
-    ASSERT_EQ(::mkfifo((folder / (*EC::cacheKey(fifo) + ".bands")).c_str(), 0600), 0);
-    fs::create_directory(folder / *EC::cacheKey(dir));
-    fs::create_symlink("/dev/zero", folder / *EC::cacheKey(zero));
-    fs::create_symlink("/dev/zero", folder / (*EC::cacheKey(zero) + ".bands"));
-    // A valid head on a file beyond the largest entry: refused before it is read.
     const auto head = *EC::serialize(*EC::keyText(big), {});
     fs::resize_file(tmp.file("cache/" + *EC::cacheKey(big), std::string(head.begin(), head.end())),
                     EC::kMaxEntryBytes + 1);
-    for (const auto& url : {fifo, dir, zero, big}) {
-        EXPECT_FALSE(EC::loadPair(url, folder)) << url.path();
-        EXPECT_FALSE(EC::loadBands(url, folder)) << url.path();
-    }
-}
+    EXPECT_FALSE(EC::loadPair(fifo, folder));
+    EXPECT_FALSE(EC::loadPair(big, folder));
 
-TEST(EnvelopeCache, UnwritableFolderMakesSavesFailQuietly) {
-    TempDir tmp;
-    const auto url = Url::fromPath(tmp.file("clip.wav", "wave"));
     const auto notAFolder = tmp.file("plain-file", "x");
-    std::vector<fs::path> folders{notAFolder, notAFolder / "Trelvane", "/proc/self/Trelvane"};
-    if (::geteuid() != 0) {
-        folders.push_back(tmp.dir("locked"));
-        fs::permissions(folders.back(), fs::perms::owner_read | fs::perms::owner_exec);
-    }
-    for (const auto& folder : folders) {
-        EXPECT_FALSE(EC::savePair(url, pairOf({1.0f}, {1.0f}), folder)) << folder;
-        EXPECT_FALSE(EC::saveBands(url, featureOf(8, 5), folder)) << folder;
-        EXPECT_EQ(EC::cacheSize(folder), 0) << folder;
-        EXPECT_EQ(EC::prune(kNow, folder).removed, 0) << folder;
+    for (const auto& unwritable : {notAFolder, notAFolder / "Trelvane"}) {
+        EXPECT_FALSE(EC::savePair(fifo, pairOf({1.0f}, {1.0f}), unwritable)) << unwritable;
+        EXPECT_FALSE(EC::saveBands(fifo, featureOf(8, 5), unwritable)) << unwritable;
+        EXPECT_EQ(EC::cacheSize(unwritable), 0) << unwritable;
     }
     EXPECT_EQ(trelvane::test::slurp(notAFolder), "x");
 }
 
 TEST(EnvelopeCache, PlainCallsUseTheUserCacheFolderWhichCacheSizeCountsAndClearAllEmpties) {
     TempDir tmp;
-    ScopedEnv cacheHome("XDG_CACHE_HOME", tmp.path().string());
+    const trelvane::test::ScopedEnv cacheHome("XDG_CACHE_HOME", tmp.path().string());
     const auto folder = tmp / "Trelvane";
     EXPECT_EQ(EC::cacheDir(), folder);
-    EXPECT_EQ(EC::cacheSize(), 0);
-    EC::clearAll(); // a missing folder is nothing to clear
-    EXPECT_FALSE(fs::exists(folder));
     const auto a = Url::fromPath(tmp.file("media/a.wav", "a")),
                b = Url::fromPath(tmp.file("media/b.wav", "b"));
     ASSERT_TRUE(EC::savePair(a, pairOf({1.0f}, {2.0f})));
@@ -326,7 +266,6 @@ TEST(EnvelopeCache, PlainCallsUseTheUserCacheFolderWhichCacheSizeCountsAndClearA
     EXPECT_EQ(EC::loadBands(a), featureOf(8, 5));
     // Only the regular files directly in the folder are entries.
     tmp.file("Trelvane/sub/inside", "not counted");
-    fs::create_symlink(tmp / "media/a.wav", folder / "link");
     const auto textA = *EC::keyText(a);
     EXPECT_EQ(EC::cacheSize(),
               static_cast<std::int64_t>(EC::serialize(textA, pairOf({1.0f}, {2.0f}))->size() +
@@ -334,14 +273,16 @@ TEST(EnvelopeCache, PlainCallsUseTheUserCacheFolderWhichCacheSizeCountsAndClearA
                                         EC::serialize(*EC::keyText(b), {})->size()));
     EC::clearAll();
     EXPECT_EQ(EC::cacheSize(), 0);
-    EXPECT_EQ(namesIn(folder), (std::vector<std::string>{"link", "sub"}));
+    EXPECT_EQ(namesIn(folder), std::vector<std::string>{"sub"});
     EXPECT_FALSE(EC::loadPair(a));
-    EXPECT_FALSE(EC::loadBands(a));
 }
 
 // ---- housekeeping -----------------------------------------------------------------------------
 
 namespace {
+
+constexpr long long kNowSeconds = 1'800'000'000, kDay = 86'400;
+const Date kNow = dateFromUnixSeconds(kNowSeconds);
 
 // A file in the cache folder of `size` bytes (sparse: the size counts, the blocks don't exist),
 // last changed `age` seconds before kNow.
@@ -353,27 +294,20 @@ void aged(const TempDir& tmp, const std::string& name, std::uintmax_t size, long
 
 } // namespace
 
-TEST(EnvelopeCache, PruneRemovesEntriesOlderThanSevenDaysWhateverTheTotal) {
+TEST(EnvelopeCache, PruneRemovesEntriesAndTemporariesOlderThanSevenDaysWhateverTheTotal) {
     TempDir tmp;
-    const auto folder = tmp.dir("cache");
     aged(tmp, "0000000000000001", 3 * 1048576, 7 * kDay + 1, 999'999'000); // 7 days and a microsecond
-    aged(tmp, "0000000000000002", 5, 7 * kDay);
-    aged(tmp, "0000000000000003.bands", 5, kDay);
-    aged(tmp, "0000000000000004", 6, -kDay);
-    LogCapture log;
-    const auto result = EC::prune(kNow, folder);
-    EXPECT_EQ(result.removed, 1);
-    EXPECT_EQ(result.bytesFreed, 3 * 1048576);
-    EXPECT_EQ(namesIn(folder),
-              (std::vector<std::string>{"0000000000000002", "0000000000000003.bands", "0000000000000004"}));
-    EXPECT_EQ(log.lines(), (std::vector<std::string>{"[Cache] pruned 1 entry (3 MB) — older than 7 days or "
+    aged(tmp, ".0000000000000002.AbCdEf", 4, 8 * kDay); // a stray temporary of an interrupted save
+    aged(tmp, "0000000000000003", 5, 7 * kDay);
+    aged(tmp, "0000000000000004.bands", 6, -kDay);
+    trelvane::test::LogCapture log;
+    const auto result = EC::prune(kNow, tmp / "cache");
+    EXPECT_EQ(result.removed, 2);
+    EXPECT_EQ(result.bytesFreed, 3 * 1048576 + 4);
+    EXPECT_EQ(namesIn(tmp / "cache"),
+              (std::vector<std::string>{"0000000000000003", "0000000000000004.bands"}));
+    EXPECT_EQ(log.lines(), (std::vector<std::string>{"[Cache] pruned 2 entries (3 MB) — older than 7 days or "
                                                      "over the 2 GB ceiling"}));
-    // Stray temporaries of an interrupted save age out like entries.
-    aged(tmp, ".0000000000000005.AbCdEf", 4, 8 * kDay);
-    aged(tmp, "0000000000000006", 3, 30 * kDay);
-    EXPECT_EQ(EC::prune(kNow, folder).bytesFreed, 7);
-    EXPECT_EQ(log.lines().back(),
-              "[Cache] pruned 2 entries (0 MB) — older than 7 days or over the 2 GB ceiling");
 }
 
 TEST(EnvelopeCache, PruneTrimsTheOldestWhileOverTheCeiling) {
@@ -386,29 +320,22 @@ TEST(EnvelopeCache, PruneTrimsTheOldestWhileOverTheCeiling) {
     aged(tmp, "d-second-oldest", quarter - 100, 3 * kDay - 1);
     aged(tmp, "e-small", 100, 60);
     fs::create_directory(folder / "not-an-entry"); // not counted, not removed
-    LogCapture log;
+    trelvane::test::LogCapture log;
     EXPECT_EQ(EC::cacheSize(folder), EC::kCeilingBytes);
     EXPECT_EQ(EC::prune(kNow, folder).removed, 0) << "exactly the ceiling is left alone";
-    EXPECT_TRUE(log.lines().empty());
+    EXPECT_TRUE(log.lines().empty()) << "nothing removed, nothing logged";
 
     // Far over: the oldest go one by one until the total is under; the newest stay.
-    aged(tmp, "e-small", 101, 60);
     aged(tmp, "f-huge", 2 * quarter, 5);
-    auto result = EC::prune(kNow, folder);
+    const auto result = EC::prune(kNow, folder);
     EXPECT_EQ(result.removed, 3);
     EXPECT_EQ(result.bytesFreed, 3 * quarter - 100);
     EXPECT_EQ(namesIn(folder), (std::vector<std::string>{"a-newest", "e-small", "f-huge", "not-an-entry"}));
-    EXPECT_EQ(log.lines().back(),
-              "[Cache] pruned 3 entries (1536 MB) — older than 7 days or over the 2 GB ceiling");
-
     // A ceiling of the user's: the same rule, and the log names it.
-    EXPECT_EQ(EC::prune(kNow, folder, 4 * EC::kCeilingBytes).removed, 0);
     EXPECT_EQ(EC::prune(kNow, folder, 2 * quarter).removed, 2);
     EXPECT_EQ(namesIn(folder), (std::vector<std::string>{"f-huge", "not-an-entry"}));
     EXPECT_EQ(log.lines().back(),
               "[Cache] pruned 2 entries (512 MB) — older than 7 days or over the 1 GB ceiling");
-    EXPECT_EQ(EC::prune(kNow, folder, 0).removed, 1);
-    EXPECT_EQ(EC::cacheSize(folder), 0);
 }
 
 // An entry read is an entry in use: reading it makes it new again, so that age and the ceiling take
@@ -422,9 +349,8 @@ TEST(EnvelopeCache, EntriesReadAreKeptByPrune) {
         ASSERT_TRUE(EC::savePair(url, pairOf({1.0f}, {1.0f}), folder));
         ASSERT_TRUE(EC::saveBands(url, featureOf(8, 5), folder));
     }
-    const auto now = static_cast<long long>(unixSeconds(dateNow()));
     for (const auto& name : namesIn(folder))
-        setModificationTime(folder / name, now - 8 * kDay);
+        setModificationTime(folder / name, static_cast<long long>(unixSeconds(dateNow())) - 8 * kDay);
     ASSERT_TRUE(EC::loadPair(used, folder));
     ASSERT_TRUE(EC::loadBands(used, folder));
     EXPECT_EQ(EC::prune(dateNow(), folder).removed, 2);
