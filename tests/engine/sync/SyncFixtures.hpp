@@ -7,6 +7,7 @@
 
 #include "TrelvaneEngine/features/SpectralBands.hpp"
 #include "TrelvaneEngine/model/TrackModels.hpp"
+#include "engine/sync/SyntheticBands.hpp"
 
 #include <chrono>
 #include <random>
@@ -84,6 +85,33 @@ inline TrackSource makeTrack(const Performance& perf, const std::string& name, S
         c.duration = spec.duration;
         if (spec.withAudio)
             c.bandFeature = perf.cut(spec.start, spec.duration, roughness, s++ * 7919u);
+        else
+            c.audioUsability = AudioUsability::silent;
+        if (spec.clock) c.recordingDate = dateAt(*spec.clock);
+        c.clockQuality = spec.quality;
+        t.clips.push_back(std::move(c));
+    }
+    return t;
+}
+
+// The same from band noise standing for the performance (no audio at all): cheap enough for shoots
+// of an hour. Each clip is its cut under `roughness` times its strength of noise of its own.
+inline TrackSource makeTrack(const SpectralBands::Feature& perf, const std::string& name, SourceType type,
+                             const std::vector<ClipSpec>& clips, float roughness = 0.6f, unsigned seed = 1) {
+    TrackSource t;
+    t.name = name;
+    t.type = type;
+    t.session = "/shoot";
+    unsigned s = seed;
+    for (const auto& spec : clips) {
+        ClipItem c;
+        c.url =
+            Url::fromPath("/shoot/" + name + "/" + spec.name + (type == SourceType::audio ? ".wav" : ".mov"));
+        c.duration = spec.duration;
+        if (spec.withAudio)
+            c.bandFeature = noisyBands(
+                cutBands(perf, static_cast<int>(spec.start * kFps), static_cast<int>(spec.duration * kFps)),
+                roughness, s++ * 7919u);
         else
             c.audioUsability = AudioUsability::silent;
         if (spec.clock) c.recordingDate = dateAt(*spec.clock);
