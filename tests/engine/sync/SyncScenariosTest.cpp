@@ -86,8 +86,7 @@ TEST(SyncScenarios, ALongBackupTiesTheTakesAndCalibratesOnlyTakesTwoWindowsAgree
            {"T3", 1250, SyncStatus::synced},
            {"T4", 1783, SyncStatus::weak}});
     EXPECT_EQ(s.log.countStartingWith("[SyncEngine]  long-backup 'Backup' clock disagreed with the ref"), 1);
-    EXPECT_EQ(s.log.countStartingWith("[SyncEngine]  ref 'Takes' take 2/4 calibrated -"),
-              1);
+    EXPECT_EQ(s.log.countStartingWith("[SyncEngine]  ref 'Takes' take 2/4 calibrated -"), 1);
     int calibrated = 0;
     for (const auto& line : s.log.lines())
         calibrated += line.find(" calibrated ") != std::string::npos;
@@ -128,12 +127,11 @@ TEST(SyncScenarios, TwoCamerasThePoolNeverHeardStayTogetherButWeak) {
         return clocked(name, start, dur, start + 3600, ClockQuality::filename);
     };
     Shoot s;
-    s.tracks = {
-        makeTrack(perf, "Rec", SourceType::audio, {clocked("R1", 0, 400, 0), clocked("R2", 560, 440, 560)},
-                  0.3f, 51),
-        makeTrack(perf, "CardA", SourceType::video, {cam("A1", 300, 100), cam("A2", 420, 100), cam("A3", 600, 100)},
-                  0.6f, 61),
-        makeTrack(perf, "CardB", SourceType::video, {cam("B2", 430, 80)}, 0.6f, 71)};
+    s.tracks = {makeTrack(perf, "Rec", SourceType::audio,
+                          {clocked("R1", 0, 400, 0), clocked("R2", 560, 440, 560)}, 0.3f, 51),
+                makeTrack(perf, "CardA", SourceType::video,
+                          {cam("A1", 300, 100), cam("A2", 420, 100), cam("A3", 600, 100)}, 0.6f, 61),
+                makeTrack(perf, "CardB", SourceType::video, {cam("B2", 430, 80)}, 0.6f, 71)};
     s.tracks[1].cameraGroup = s.tracks[2].cameraGroup = "cam-0";
     s.run({{"R1", 0, SyncStatus::synced}, {"A1", 300, SyncStatus::synced}, {"A3", 600, SyncStatus::synced}});
     const ClipItem &a2 = s.clip("A2"), &b2 = s.clip("B2");
@@ -151,8 +149,8 @@ TEST(SyncScenarios, TheWholePoolProbeFindsAClipItsClockAndItsWholeSoundBothMiss)
     // 2,000 s off, so Pass 1 looks elsewhere too; the probe's windows find it after the strong L1.
     const auto perf = noiseBands(700 * kFps, 801);
     Shoot s;
-    s.tracks = {makeTrack(perf, "Rec", SourceType::audio, {clocked("R1", 0, 300, 0), clocked("R2", 400, 250, 400)},
-                          0.3f, 81),
+    s.tracks = {makeTrack(perf, "Rec", SourceType::audio,
+                          {clocked("R1", 0, 300, 0), clocked("R2", 400, 250, 400)}, 0.3f, 81),
                 makeTrack(perf, "Lav", SourceType::audio,
                           {clocked("L1", 100, 150, 100), clocked("L2", 400, 250, 2400)}, 0.4f, 91)};
     s.run({{"L1", 100, SyncStatus::synced}, {"L2", 400, SyncStatus::synced}});
