@@ -89,38 +89,6 @@ class DayRegions : public ::testing::Test {
 
 } // namespace
 
-TEST_F(DayRegions, ATrackClockSpanTrustsTheBestClocksItHas) {
-    auto t = recorder("Rec", {2.0, 0.0, 1.0}, 600);
-    t.clips.push_back(t.clips[0]);
-    t.clips.back().recordingDate = hours(100); // a file date far away, not trusted
-    t.clips.back().clockQuality = ClockQuality::filesystem;
-    t.clips.back().duration = 50;
-    const auto span = IngestEngine::trackClockSpan(t, 7);
-    ASSERT_TRUE(span);
-    EXPECT_EQ(span->si, 7);
-    EXPECT_EQ(span->start, hours(0));
-    EXPECT_EQ(span->end, hours(2) + std::chrono::seconds(600));
-    EXPECT_EQ(span->median, hours(1));
-    EXPECT_EQ(span->quality, ClockQuality::embedded);
-    // Counts and length take every clip, dated or not.
-    EXPECT_EQ(span->clipCount, 4);
-    EXPECT_DOUBLE_EQ(span->totalDur, 1850);
-
-    // Without a trusted clock any clock will do; a date without a clock is none.
-    auto weak = recorder("Weak", {5.0, 3.0}, 60, ClockQuality::filesystem);
-    weak.clips.push_back(weak.clips[0]);
-    weak.clips.back().recordingDate = hours(-50);
-    weak.clips.back().clockQuality = ClockQuality::none;
-    const auto weakSpan = IngestEngine::trackClockSpan(weak, 0);
-    ASSERT_TRUE(weakSpan);
-    EXPECT_EQ(weakSpan->start, hours(3));
-    EXPECT_EQ(weakSpan->median, hours(5));
-    EXPECT_EQ(weakSpan->quality, ClockQuality::filesystem);
-
-    EXPECT_FALSE(IngestEngine::trackClockSpan(recorder("None", {std::nullopt, std::nullopt}, 60), 0));
-    EXPECT_FALSE(IngestEngine::trackClockSpan(TrackSource{}, 0));
-}
-
 TEST_F(DayRegions, SessionsWhoseClocksDontShowSeparateDaysStayWhole) {
     struct Case {
         const char* what;
