@@ -178,44 +178,7 @@ TEST(DeviceSplit, AMixedFolderBecomesOneTrackPerDeviceLargestFirst) {
                 ElementsAre("[Ingest] device-split 'Dump': SONY, ILCE-7SM3 (7654321)=3, Canon EOS R5=2"));
 }
 
-TEST(DeviceSplit, ATrackOfOneDeviceStaysAsItWasWithItsLabel) {
-    LogCapture log;
-    const TrackSource one = track("A001", {
-                                              clip(kDump + "C0002.MP4", "Sony FX6 1111111", 2.0),
-                                              clip(kDump + "C0001.MP4", "SONY FX6 2222222", 2.0),
-                                              clip(kDump + "C0003.MP4", "cam_hevc_3840", 2.0),
-                                          });
-    const auto out = IngestEngine::splitSourcesByDevice({one});
-    ASSERT_EQ(out.size(), 1u);
-    EXPECT_EQ(out[0].id, one.id);
-    EXPECT_EQ(out[0].name, "A001");
-    EXPECT_THAT(fileNames(out[0]), ElementsAre("C0002.MP4", "C0001.MP4", "C0003.MP4")) << "clips untouched";
-    EXPECT_EQ(out[0].deviceName, "Sony FX6 1111111");
-    EXPECT_THAT(splitLines(log), IsEmpty());
-}
-
-TEST(DeviceSplit, UnlabelledClipsJoinTheDeviceWhoseFilesShareTheirPrefix) {
-    LogCapture log;
-    const auto out =
-        IngestEngine::splitSourcesByDevice({track("Card", {
-                                                              clip(kDump + "C0001.MP4", "Sony FX6"),
-                                                              clip(kDump + "C0002.MP4"),
-                                                              clip(kDump + "DSC_0001.MOV", "Canon R5"),
-                                                              clip(kDump + "DSC_0002.MOV", "cam_h264"),
-                                                              clip(kDump + "DSC_0003.MOV", ""),
-                                                              clip(kDump + "GOPR0001.MP4"),
-                                                              clip(kDump + "notes.mov"),
-                                                          })});
-    ASSERT_EQ(names(out), (std::vector<std::string>{"Canon R5", "Sony FX6", "Card (other)"}));
-    EXPECT_THAT(fileNames(out[0]), ElementsAre("DSC_0001.MOV", "DSC_0002.MOV", "DSC_0003.MOV"));
-    EXPECT_THAT(fileNames(out[1]), ElementsAre("C0001.MP4", "C0002.MP4"));
-    EXPECT_THAT(fileNames(out[2]), ElementsAre("GOPR0001.MP4", "notes.mov"));
-    EXPECT_EQ(out[2].deviceName, std::nullopt) << "the rest has no device";
-    EXPECT_THAT(splitLines(log),
-                ElementsAre("[Ingest] device-split 'Card': Canon R5=3, Sony FX6=2, other=2"));
-}
-
-TEST(DeviceSplit, SmallKeysFoldIntoOtherOnlyOnTracksOfTwentyClipsOrMore) {
+TEST(DeviceSplit, UnlabelledClipsJoinByPrefixAndSmallKeysFoldOnlyOnTracksOfTwentyClips) {
     std::vector<ClipItem> loose;
     for (int i = 0; i < 12; ++i)
         loose.push_back(clip(kDump + fmt::format("misc-{}x.mov", static_cast<char>('a' + i))));
@@ -226,6 +189,13 @@ TEST(DeviceSplit, SmallKeysFoldIntoOtherOnlyOnTracksOfTwentyClipsOrMore) {
         std::vector<std::string> lines;
     };
     const std::vector<Case> cases{
+        // Unlabelled clips and codec fingerprints join the device whose files share their prefix.
+        {"unlabelled clips",
+         {clip(kDump + "C0001.MP4", "Sony FX6"), clip(kDump + "C0002.MP4"),
+          clip(kDump + "DSC_0001.MOV", "Canon R5"), clip(kDump + "DSC_0002.MOV", "cam_h264"),
+          clip(kDump + "DSC_0003.MOV", ""), clip(kDump + "GOPR0001.MP4"), clip(kDump + "notes.mov")},
+         {"Canon R5", "Sony FX6", "Dump (other)"},
+         {"[Ingest] device-split 'Dump': Canon R5=3, Sony FX6=2, other=2"}},
         {"19 clips never fold",
          concat({clips("A", 15, "Alpha"), clips("B", 3, "Bravo"), clips("C", 1, "Charlie")}),
          {"Alpha", "Bravo", "Charlie"},
@@ -275,7 +245,7 @@ TEST(DeviceSplit, NineDevicesKeepTheEightLargestAndSayToCheckByHand) {
                         "Device E=2, Device F=2, Device G=2, Device H=2, other=1");
 }
 
-TEST(DeviceSplit, LockedTracksSingleFolderRecordersAndCodecFingerprintsStayWhole) {
+TEST(DeviceSplit, OneDeviceLockedTracksSingleFolderRecordersAndCodecFingerprintsStayWhole) {
     LogCapture log;
     TrackSource card = track("A001",
                              {clip(kDump + "A.R3D", "RED KOMODO"), clip(kDump + "B.MOV", "Sony FX6"),
@@ -292,8 +262,15 @@ TEST(DeviceSplit, LockedTracksSingleFolderRecordersAndCodecFingerprintsStayWhole
         track("Body", {clip(kDump + "C0001.MP4", "cam_h264_1920"), clip(kDump + "X.MP4", "cam_hevc")});
     fingerprinted.deviceName = "cam_h264_1920";
 
-    const auto out = IngestEngine::splitSourcesByDevice({card, recorder, labelled, fingerprinted});
-    ASSERT_EQ(out.size(), 4u);
+    // One device under several serial numbers: the track stays as it was, clips untouched.
+    const TrackSource one = track("A001", {clip(kDump + "C0002.MP4", "Sony FX6 1111111"),
+                                           clip(kDump + "C0001.MP4", "SONY FX6 2222222"),
+                                           clip(kDump + "C0003.MP4", "cam_hevc_3840")});
+    const auto out = IngestEngine::splitSourcesByDevice({card, recorder, labelled, fingerprinted, one});
+    ASSERT_EQ(out.size(), 5u);
+    EXPECT_EQ(out[4].id, one.id);
+    EXPECT_THAT(fileNames(out[4]), ElementsAre("C0002.MP4", "C0001.MP4", "C0003.MP4"));
+    EXPECT_EQ(out[4].deviceName, "Sony FX6 1111111");
     EXPECT_EQ(out[0].id, card.id);
     EXPECT_EQ(out[0].clips.size(), 3u);
     EXPECT_EQ(out[0].deviceName, "Sony FX6");

@@ -117,7 +117,6 @@ TEST_F(TextSync, AWellFormedFileDecodesEveryField) {
     EXPECT_FALSE(file->ngram);
     ASSERT_EQ(file->regions.size(), 2u);
     const auto& r = file->regions[0];
-    EXPECT_EQ(r.regionKey, "day-0");
     EXPECT_EQ(r.label, "Day 1");
     EXPECT_EQ(r.trackNames, (std::vector<std::string>{"A", "B"}));
     ASSERT_EQ(r.supportEdges.value().size(), 1u);

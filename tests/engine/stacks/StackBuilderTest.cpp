@@ -267,8 +267,6 @@ TEST(StackBuilder, FewerThanTwoClipsOrAStopGiveTheTracksBackUntouched) {
     const std::vector<TrackSource> two{trackOf("Cam", {clipNamed("a.mov", 30), clipNamed("b.mov", 30)})};
     const auto stopped = SB::build(two, {}, stop.get_token());
     ASSERT_EQ(stopped.tracks.size(), 1u);
-    EXPECT_EQ(stopped.tracks[0].id, two[0].id);
-    EXPECT_EQ(stopped.tracks[0].clips[1].startOffset, 0.0);
     EXPECT_EQ(stopped.tracks[0].clips[1].syncStatus, SyncStatus::pending);
     EXPECT_TRUE(stopped.stacks.empty());
     EXPECT_TRUE(log.lines().empty());
@@ -386,28 +384,4 @@ TEST(StackBuilder, AdviceIsWithheldAtOneMatchInTwelveAndGivenAtThree) {
         EXPECT_FALSE(SB::advice({trackOf("B", others)}, 12));
         EXPECT_TRUE(log.lines().empty());
     }
-}
-
-TEST(StackBuilder, AdviceSamplesALongCardEvenlyAndSpendsTheRestOnTheNextDevice) {
-    // 100 clips on "A": only 0, 25, 50 and 75 are sampled, and they are the ones with audio.
-    const auto real = takesOf(400, "a", 4, "A");
-    std::vector<ClipItem> card;
-    for (int i = 0; i < 100; ++i) {
-        if (i % 25 == 0) {
-            card.push_back(real[static_cast<std::size_t>(i / 25)]);
-        } else {
-            card.push_back(clipNamed("filler" + std::to_string(i) + ".mov", 30));
-            card.back().bandFeature = SpectralBands::Feature{};
-            card.back().deviceName = "A";
-        }
-    }
-    // "B" (after "A" by key): 5 takes would make 10 pairs; 6 remain of the budget.
-    const auto b = takesOf(500, "b", 5, "B");
-    LogCapture log;
-    const auto got = SB::advice({trackOf("B", b), trackOf("A", card)}, 12);
-    ASSERT_TRUE(got.has_value());
-    EXPECT_EQ(got->probed, 12);
-    EXPECT_EQ(got->matches, 12);
-    EXPECT_EQ(got->example.first, "a1");
-    EXPECT_EQ(got->example.second, "a2");
 }
