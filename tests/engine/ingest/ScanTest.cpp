@@ -57,7 +57,7 @@ TEST(Scan, LooseFoldersShareTheirCommonAncestorAndACompleteShootKeepsItsOwnSessi
     EXPECT_EQ(engine.completeShootSessions.size(), 1u);
 }
 
-TEST(Scan, LeavesOfADropBecomeLockedTracksAndASingleFolderAnUnlockedOne) {
+TEST(Scan, LeavesOfADropBecomeLockedTracksASingleFolderAnUnlockedOneAndProxiesNone) {
     TempDir tmp;
     tmp.file("card/A/a1.MOV");
     tmp.file("card/B/b1.MOV");
@@ -80,25 +80,21 @@ TEST(Scan, LeavesOfADropBecomeLockedTracksAndASingleFolderAnUnlockedOne) {
     ASSERT_EQ(solo.size(), 1u);
     EXPECT_EQ(solo[0].name, "solo");
     EXPECT_FALSE(solo[0].lockedGrouping);
-}
 
-TEST(Scan, ProxyFoldersAreSkippedButStillCountAsContent) {
-    TempDir tmp;
+    // Proxy folders are skipped, but their media still count as content: a dropped proxy folder has
+    // no leaves, so its media form one group, and a WAV in a skipped LRV folder makes a complete shoot.
     tmp.file("proxy/p1.MP4");
     tmp.file("shoot/cam/C1.MP4");
     tmp.file("shoot/cam/Proxy/C1_proxy.MP4");
     tmp.file("shoot/cam/LRV/x.WAV");
-    IngestEngine engine;
-    const auto dropped = engine.ingest({url(tmp / "proxy")}, {});
-    ASSERT_EQ(dropped.size(), 1u) << "a dropped proxy folder has no leaves, so its media form one group";
+    const auto dropped = fresh.ingest({url(tmp / "proxy")}, {});
+    ASSERT_EQ(dropped.size(), 1u);
     EXPECT_EQ(clipNames(dropped[0]), std::vector<std::string>{"p1.MP4"});
     EXPECT_FALSE(dropped[0].lockedGrouping);
-
-    const auto shoot = engine.ingest({url(tmp / "shoot")}, {});
+    const auto shoot = fresh.ingest({url(tmp / "shoot")}, {});
     ASSERT_EQ(shoot.size(), 1u);
     EXPECT_EQ(clipNames(shoot[0]), std::vector<std::string>{"C1.MP4"});
-    // The WAV inside the skipped LRV folder still made the drop a complete shoot.
-    EXPECT_TRUE(engine.completeShootSessions.contains((tmp / "shoot").string()));
+    EXPECT_TRUE(fresh.completeShootSessions.contains((tmp / "shoot").string()));
 }
 
 TEST(Scan, FilesAlreadyInTheSessionAreNotAddedAgainExceptWithinOneDrop) {

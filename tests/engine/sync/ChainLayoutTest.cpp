@@ -55,32 +55,31 @@ struct Track {
 
 } // namespace
 
-TEST(ChainLayout, LongestChainCoversTheFootageBetweenItsHits) {
-    const std::vector<double> prefix{0, 10, 20, 30};
-    EXPECT_TRUE(longestConsistentChain(Hits{}, prefix, kChainSlack).empty());
-    EXPECT_EQ(longestConsistentChain(Hits{{2, 55.0}}, prefix, kChainSlack), std::vector<int>{2});
-
-    // Any pause between two hits is allowed.
-    EXPECT_EQ(longestConsistentChain(Hits{{0, 0.0}, {1, 1e6}}, prefix, kChainSlack),
-              (std::vector<int>{0, 1}));
-    // Exactly the footage less the slack is enough; a little less is not.
-    EXPECT_EQ(longestConsistentChain(Hits{{0, 0.0}, {1, 7.0}}, prefix, 3.0), (std::vector<int>{0, 1}));
-    EXPECT_EQ(longestConsistentChain(Hits{{0, 0.0}, {1, 6.5}}, prefix, 3.0), std::vector<int>{0});
-}
-
-TEST(ChainLayout, OutOfOrderHitsLeaveTheLongerChain) {
-    const std::vector<double> prefix{0, 10, 20, 30, 40};
-    // The second hit lies before the first: it cannot follow it, and the third follows the first.
-    EXPECT_EQ(longestConsistentChain(Hits{{0, 100.0}, {1, 50.0}, {2, 120.0}}, prefix, kChainSlack),
-              (std::vector<int>{0, 2}));
-    // Two chains of one: the earlier stands.
-    EXPECT_EQ(longestConsistentChain(Hits{{0, 100.0}, {1, 0.0}}, prefix, kChainSlack), std::vector<int>{0});
-    // A later, longer chain beats an early strong pair.
-    EXPECT_EQ(longestConsistentChain(Hits{{0, 500.0}, {1, 0.0}, {2, 10.0}, {3, 20.0}}, prefix, kChainSlack),
-              (std::vector<int>{1, 2, 3}));
-    // An index beyond the prefix sums can't be judged and chains with nothing.
-    EXPECT_EQ(longestConsistentChain(Hits{{0, 0.0}, {9, 50.0}, {2, 40.0}}, prefix, kChainSlack),
-              (std::vector<int>{0, 2}));
+TEST(ChainLayout, TheLongestChainCoversTheFootageBetweenItsHitsInClipOrder) {
+    const std::vector<double> prefix{0, 10, 20, 30, 40}; // clips of 10 s
+    struct Case {
+        const char* what;
+        Hits hits;
+        double slack;
+        std::vector<int> chain;
+    };
+    const std::vector<Case> cases{
+        {"no hits", {}, kChainSlack, {}},
+        {"one hit", {{2, 55.0}}, kChainSlack, {2}},
+        {"any pause between two hits", {{0, 0.0}, {1, 1e6}}, kChainSlack, {0, 1}},
+        {"the footage less the slack", {{0, 0.0}, {1, 7.0}}, 3.0, {0, 1}},
+        {"a little less", {{0, 0.0}, {1, 6.5}}, 3.0, {0}},
+        // The second hit lies before the first: it cannot follow it, and the third follows the first.
+        {"out of order", {{0, 100.0}, {1, 50.0}, {2, 120.0}}, kChainSlack, {0, 2}},
+        {"two chains of one: the earlier", {{0, 100.0}, {1, 0.0}}, kChainSlack, {0}},
+        {"a later, longer chain", {{0, 500.0}, {1, 0.0}, {2, 10.0}, {3, 20.0}}, kChainSlack, {1, 2, 3}},
+        {"an index beyond the prefix sums chains with nothing",
+         {{0, 0.0}, {9, 50.0}, {2, 40.0}},
+         kChainSlack,
+         {0, 2}},
+    };
+    for (const auto& c : cases)
+        EXPECT_EQ(longestConsistentChain(c.hits, prefix, c.slack), c.chain) << c.what;
 }
 
 TEST(ChainLayout, FreeClipsFollowTheirClocksFromTheAnchorsOrSpreadOverTheRoom) {

@@ -197,22 +197,6 @@ TEST(MatchPrimitives, MultiWindowMatchBelievesALoneVoteOnlyWhenAllowedAndStrong)
     EXPECT_FALSE(multiWindowMatch(&weak, 200.0, -kInf, kInf, spans, true));
 }
 
-TEST(MatchPrimitives, TimecodeWindowCoversEveryTimecodedSpan) {
-    const auto bands = noiseBands(10 * kFps, 11);
-    ClipItem clip;
-    clip.startTimecode = 3610.0;
-    const std::vector<Span> spans{spanOf(100.0, bands, 3600.0), spanOf(200.0, bands),
-                                  spanOf(500.0, bands, 7200.0)};
-
-    const auto w = tcWindow(clip, spans);
-    ASSERT_TRUE(w);
-    EXPECT_DOUBLE_EQ(w->lo, 500.0 + (3610.0 - 7200.0) - 1.5);
-    EXPECT_DOUBLE_EQ(w->hi, 111.5);
-
-    EXPECT_FALSE(tcWindow(clip, std::vector<Span>{spanOf(200.0, bands)}));
-    EXPECT_FALSE(tcWindow(ClipItem{}, spans));
-}
-
 TEST(MatchPrimitives, ClockWindowComesFromTextSyncOrATrustedClock) {
     TrackSource audio;
     audio.type = SourceType::audio;
@@ -313,26 +297,33 @@ TEST(MatchPrimitives, CompareClipsReadsTheOffsetFromAToB) {
     EXPECT_FALSE(compareClips(a, stranger, kMaxWindow, 0.5));
 }
 
-TEST(MatchPrimitives, TimecodeDisagreesBeyondTwoFramesOfTheNearestSpan) {
+TEST(MatchPrimitives, TimecodePutsAClipAgainstTheTimecodedSpans) {
     const auto bands = noiseBands(10 * kFps, 15);
     const std::vector<Span> spans{spanOf(100.0, bands, 3600.0), spanOf(120.0, bands, 3600.0),
-                                  spanOf(500.0, bands)};
+                                  spanOf(500.0, bands, 7200.0), spanOf(600.0, bands)};
     ClipItem clip;
-    clip.startTimecode = 3610.0; // 110 by the first span, 130 by the second
+    clip.startTimecode = 3610.0; // 110 by the first span, 130 by the second, -3090 by the third
     clip.frameRate = 25.0f;
+    // The search window covers every timecoded span, 1.5 s wider either side.
+    const auto w = tcWindow(clip, spans);
+    ASSERT_TRUE(w);
+    EXPECT_DOUBLE_EQ(w->lo, 500.0 + (3610.0 - 7200.0) - 1.5);
+    EXPECT_DOUBLE_EQ(w->hi, 131.5);
+    EXPECT_FALSE(tcWindow(clip, std::vector<Span>{spanOf(200.0, bands)}));
+    EXPECT_FALSE(tcWindow(ClipItem{}, spans));
 
+    // A placement disagrees beyond two frames of the nearest span's (1/12 s without a frame rate,
+    // two frames of at least one per second).
     EXPECT_FALSE(timecodeDisagrees(clip, 110.07, spans));
     EXPECT_TRUE(timecodeDisagrees(clip, 110.09, spans));
-    EXPECT_FALSE(timecodeDisagrees(clip, 130.0, spans)); // the nearest span decides
+    EXPECT_FALSE(timecodeDisagrees(clip, 130.0, spans));
     EXPECT_TRUE(timecodeDisagrees(clip, 120.0, spans));
-
-    clip.frameRate.reset(); // 1/12 s
+    clip.frameRate.reset();
     EXPECT_FALSE(timecodeDisagrees(clip, 110.08, spans));
     EXPECT_TRUE(timecodeDisagrees(clip, 110.09, spans));
-    clip.frameRate = 0.5f; // held to one frame per second at least: 2 s
+    clip.frameRate = 0.5f;
     EXPECT_FALSE(timecodeDisagrees(clip, 111.9, spans));
-
-    EXPECT_FALSE(timecodeDisagrees(clip, 900.0, std::vector<Span>{spanOf(500.0, bands)}));
+    EXPECT_FALSE(timecodeDisagrees(clip, 900.0, std::vector<Span>{spanOf(600.0, bands)}));
     EXPECT_FALSE(timecodeDisagrees(ClipItem{}, 900.0, spans));
 }
 
