@@ -2,10 +2,10 @@
 #pragma once
 
 // A small hand-made synced session, the one the golden documents are made from: a camera track at
-// 1080p (a six-channel file, a weak clip), a RED-style track with separate pictures and sidecar
-// sound (a failed take played at double speed), a four-channel recorder with a silent take, its
-// sibling channel, names that need escaping, and offsets either side of the middle of a frame. Ids are fixed
-// and no file exists, so the documents are the same on every machine.
+// 1080p (a six-channel file, a weak clip), a second camera at NTSC rates, a RED-style track with separate
+// pictures and sidecar sound (a failed take played at double speed), a four-channel recorder with a silent
+// take, its sibling channel, names that need escaping, and offsets either side of the middle of a frame. Ids
+// are fixed and no file exists, so the documents are the same on every machine.
 
 #include "TrelvaneEngine/model/TrackModels.hpp"
 
@@ -43,7 +43,15 @@ inline std::vector<TrackSource> exportSession() {
     auto c2 = exportClip("/shoot/Card01/Caf\xC3\xA9 100% & more.MOV", 20.0199, 8.0);
     c2.syncStatus = SyncStatus::weak;
     c2.matchScore = 0.31f;
-    for (auto* c : {&c1, &c2})
+
+    // Files keep their own rates and timecode in the documents: 29.97 drop-frame and 23.976.
+    auto n1 = exportClip("/shoot/Card01/CamC/C0001.MP4", 30.0, 10.01);
+    n1.frameRate = 29.97f;
+    n1.startTimecode = 3600.0;
+    auto n2 = exportClip("/shoot/Card01/CamC/C0002.MP4", 41.0, 8.0);
+    n2.frameRate = 23.976f;
+    n2.startTimecode = 60.0;
+    for (auto* c : {&c1, &c2, &n1, &n2})
         c->pixelWidth = 1920, c->pixelHeight = 1080;
 
     auto r1 = exportClip("/shoot/Card01/A001_C001.wav", 3.0, 10.512);
@@ -68,7 +76,8 @@ inline std::vector<TrackSource> exportSession() {
                                {exportClip("/shoot/Card01/Sound/ZOOM0001_Tr2.WAV", 1.021, 30.0, 1)});
     sibling.siblingOf = rec.id;
     return {exportTrack("Cam A & B", SourceType::video, {c1, c2}),
-            exportTrack("RED", SourceType::video, {r1}), rec, sibling};
+            exportTrack("Cam C", SourceType::video, {n1, n2}), exportTrack("RED", SourceType::video, {r1}),
+            rec, sibling};
 }
 
 } // namespace trelvane::test
