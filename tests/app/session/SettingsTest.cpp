@@ -9,7 +9,6 @@
 #include <fstream>
 #include <optional>
 #include <string>
-#include <thread>
 #include <vector>
 
 using namespace trelvane;
@@ -156,22 +155,4 @@ TEST(Settings, TheCacheCeilingComesFromTheEnvironmentThenTheFileThenTwoGB) {
         writeBytes(file, c.json);
         EXPECT_EQ(Settings(file).cacheCeilingBytes(), c.bytes) << c.env.value_or("(unset)") << " " << c.json;
     }
-}
-
-TEST(Settings, ConcurrentReadersAndWritersAreSafe) {
-    TempDir dir;
-    Settings s(dir.path() / "settings.json");
-    std::vector<std::jthread> threads;
-    for (int t = 0; t < 4; ++t)
-        threads.emplace_back([&s, t] {
-            for (int i = 0; i < 25; ++i) {
-                if (t % 2 == 0)
-                    s.setString(Settings::kSyncModeKey, i % 2 == 0 ? "stacks" : "tracks");
-                else
-                    EXPECT_NE(s.stringValue(Settings::kSyncModeKey), "");
-            }
-        });
-    threads.clear();
-    EXPECT_EQ(namesIn(dir.path()), std::vector<std::string>{"settings.json"});
-    EXPECT_TRUE(nlohmann::json::accept(slurp(dir.path() / "settings.json")));
 }
