@@ -1,15 +1,13 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
-// `trelvane sync` as a user runs it: two recorders that heard the same music, lined up, reported
-// and written for the editors.
+// `trelvane sync` as a user runs it: a camera and a recorder that heard the same sound, lined up,
+// reported and written for the editors; its refusals, its stops and its stacks.
 #include "MediaSupport.hpp"
 #include "e2e/CliRunner.hpp"
 
 #include <csignal>
 #include <filesystem>
 #include <fstream>
-#include <functional>
 #include <gtest/gtest.h>
-#include <map>
 #include <nlohmann/json.hpp>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -37,10 +35,7 @@ TEST(SyncCommand, OutputsAreCheckedBeforeTheAnalysisAndNeverWrittenOverMedia) {
                quoted((home / "shoot" / rec).string()));
     }
     const auto media = home / "shoot/RecB/B001.wav";
-    const std::string original = [&] {
-        std::ifstream in(media, std::ios::binary);
-        return std::string(std::istreambuf_iterator<char>(in), {});
-    }();
+    const std::string original = slurp(media);
     std::filesystem::create_hard_link(media, home / "hard.json");
     std::filesystem::create_symlink(media, home / "cut.xml");
     const std::string shoot = quoted((home / "shoot").string());
@@ -67,13 +62,10 @@ TEST(SyncCommand, OutputsAreCheckedBeforeTheAnalysisAndNeverWrittenOverMedia) {
         const auto r = runCli(home, c.args, true);
         EXPECT_EQ(r.status, c.status) << c.args << "\n" << r.out;
         EXPECT_NE(r.out.find(c.says), std::string::npos) << c.args << "\n" << r.out;
-        std::ifstream log(home / "data/Trelvane/Trelvane.log");
-        const std::string logText((std::istreambuf_iterator<char>(log)), {});
-        EXPECT_EQ(logText.find("Media analyzed"), std::string::npos)
+        EXPECT_EQ(slurp(home / "data/Trelvane/Trelvane.log").find("Media analyzed"), std::string::npos)
             << c.args << ": refused after the analysis";
     }
-    std::ifstream in(media, std::ios::binary);
-    EXPECT_EQ(std::string(std::istreambuf_iterator<char>(in), {}), original);
+    EXPECT_EQ(slurp(media), original);
     EXPECT_FALSE(std::filesystem::exists(home / "missing"));
 }
 
@@ -121,20 +113,14 @@ TEST(SyncCommand, CtrlCInEveryPhaseEndsTheSameWay) {
     }
 }
 
-// A camera that heard 5–55 s of the same pink noise as a 60 s recorder: the camera starts 5 s in.
+// A recorder's 60 s of pink noise, and a camera file (in the home folder) that heard 5–55 s of it.
 void makeNoiseShoot(const TempDir& home) {
-    const auto cam = home.dir("shoot/camA"), rec = home.dir("shoot/recB");
+    const auto rec = home.dir("shoot/recB");
     ffmpeg("-f lavfi -i anoisesrc=d=60:c=pink:r=48000:seed=5 -c:a pcm_s16le " +
            quoted((rec / "ZOOM0001.WAV").string()));
     ffmpeg("-ss 5 -t 50 -i " + quoted((rec / "ZOOM0001.WAV").string()) +
            " -f lavfi -i testsrc=size=160x120:rate=25 -t 50 -c:v mpeg4 -c:a aac -movflags +faststart " +
            quoted((home / "whole.mp4").string()));
-    std::filesystem::copy_file(home / "whole.mp4", cam / "C0001.MP4");
-}
-
-std::string bytesOf(const std::filesystem::path& file) {
-    std::ifstream in(file, std::ios::binary);
-    return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
 }
 
 // One run meets every way a file can fail to give its sound, and a camera file cut off after its
@@ -144,8 +130,7 @@ TEST(SyncCommand, SyncsWhatCanBeReadNamesWhatCantAndWritesOnlyWhatItIsAsked) {
     TempDir home;
     makeNoiseShoot(home);
     // The index is at the front: ffmpeg still decodes the first 45 s of the 50.
-    const std::string whole = bytesOf(home / "whole.mp4");
-    std::filesystem::remove(home / "shoot/camA/C0001.MP4");
+    const std::string whole = slurp(home / "whole.mp4");
     home.file("shoot/camA/C0001.MP4", whole.substr(0, whole.size() * 9 / 10));
     std::string random(200'000, '\0');
     for (std::size_t i = 0; i < random.size(); ++i)

@@ -51,31 +51,26 @@ std::vector<std::string> linesOf(const std::string& text) {
 }
 
 // A plain TCP listener on 127.0.0.1: proves that no request was made when none may be.
-class Listener {
-  public:
+struct Listener {
+    int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    int port = 0;
     Listener() {
-        fd_ = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
         sockaddr_in addr{};
         addr.sin_family = AF_INET;
         addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        addr.sin_port = 0;
-        if (fd_ < 0 || ::bind(fd_, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0 ||
-            ::listen(fd_, 4) != 0)
-            throw std::runtime_error("listener");
         socklen_t len = sizeof addr;
-        ::getsockname(fd_, reinterpret_cast<sockaddr*>(&addr), &len);
-        port_ = ntohs(addr.sin_port);
+        if (fd < 0 || ::bind(fd, reinterpret_cast<sockaddr*>(&addr), len) != 0 || ::listen(fd, 4) != 0 ||
+            ::getsockname(fd, reinterpret_cast<sockaddr*>(&addr), &len) != 0)
+            throw std::runtime_error("listener");
+        port = ntohs(addr.sin_port);
     }
-    ~Listener() { ::close(fd_); }
-    int port() const { return port_; }
+    ~Listener() { ::close(fd); }
+    Listener(const Listener&) = delete;
+    Listener& operator=(const Listener&) = delete;
     bool connectionArrivesWithin(int milliseconds) const {
-        pollfd p{fd_, POLLIN, 0};
+        pollfd p{fd, POLLIN, 0};
         return ::poll(&p, 1, milliseconds) > 0;
     }
-
-  private:
-    int fd_ = -1;
-    int port_ = 0;
 };
 
 // The capture server from https_capture_server.py with a fresh self-signed certificate for
@@ -239,7 +234,7 @@ TEST(AppLog, RedactPathsAndFormEncode) {
 // environment's endpoint, where not empty, wins over the configured one.
 TEST(AppLog, UploadThatMayNotBeSentSendsNothing) {
     Listener listener;
-    const std::string port = std::to_string(listener.port());
+    const std::string port = std::to_string(listener.port);
     const std::string notHttps = "[Diag] diagnostics endpoint is not HTTPS — report not sent";
     const std::string plain = "http://127.0.0.1:" + port + "/r", secure = "https://127.0.0.1:" + port + "/r";
     const struct {
@@ -281,7 +276,7 @@ TEST(AppLog, UploadPostsTheRedactedLogOverVerifiedHttpsOnly) {
     TempDir dir;
     AppLogReset reset;
     Listener listener;
-    EXPECT_FALSE(AppLog::postForm("http://127.0.0.1:" + std::to_string(listener.port()) + "/r", "a=b"));
+    EXPECT_FALSE(AppLog::postForm("http://127.0.0.1:" + std::to_string(listener.port) + "/r", "a=b"));
     EXPECT_FALSE(listener.connectionArrivesWithin(200));
     HttpsCaptureServer server(dir.path());
     EXPECT_FALSE(AppLog::postForm(server.url(), "a=b"));
