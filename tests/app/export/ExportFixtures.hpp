@@ -2,10 +2,11 @@
 #pragma once
 
 // A small hand-made synced session, the one the golden documents are made from: a camera track at
-// 1080p (a six-channel file, a weak clip), a second camera at NTSC rates, a RED-style track with separate
-// pictures and sidecar sound (a failed take played at double speed), a four-channel recorder with a silent
-// take, its sibling channel, names that need escaping, and offsets either side of the middle of a frame. Ids
-// are fixed and no file exists, so the documents are the same on every machine.
+// 1080p (a six-channel file, a weak clip), a second camera at NTSC rates, a RED-style track with
+// separate pictures and sidecar sound (a failed take at double speed, one at its own speed), a
+// four-channel recorder with a silent take, its sibling channel, names that need escaping, and
+// offsets either side of the middle of a frame. Ids are fixed and no file exists, so the
+// documents are the same on every machine.
 
 #include "TrelvaneEngine/model/TrackModels.hpp"
 
@@ -64,6 +65,16 @@ inline std::vector<TrackSource> exportSession() {
     r1.pixelHeight = 2160;
     r1.syncStatus = SyncStatus::failed;
     r1.matchScore.reset();
+    // The next take plays at its own speed.
+    auto r2 = r1;
+    r2.id = Uuid::named("A001_C002");
+    r2.url = Url::fromPath("/shoot/Card01/A001_C002.wav");
+    r2.pictureURL = Url::fromPath("/shoot/Card01/A001_C002_001.R3D");
+    r2.startOffset = 16.0;
+    r2.recordFrameRate = 25;
+    r2.pictureTimecode = 7300.0;
+    r2.syncStatus = SyncStatus::synced;
+    r2.matchScore = 0.9f;
 
     auto a2 = exportClip("/shoot/Card01/Sound/ZOOM0002.WAV", 40.0, 10.0, 4);
     a2.syncStatus = SyncStatus::pending;
@@ -76,8 +87,8 @@ inline std::vector<TrackSource> exportSession() {
                                {exportClip("/shoot/Card01/Sound/ZOOM0001_Tr2.WAV", 1.021, 30.0, 1)});
     sibling.siblingOf = rec.id;
     return {exportTrack("Cam A & B", SourceType::video, {c1, c2}),
-            exportTrack("Cam C", SourceType::video, {n1, n2}), exportTrack("RED", SourceType::video, {r1}),
-            rec, sibling};
+            exportTrack("Cam C", SourceType::video, {n1, n2}),
+            exportTrack("RED", SourceType::video, {r1, r2}), rec, sibling};
 }
 
 } // namespace trelvane::test

@@ -40,7 +40,7 @@ TEST(ExportOptions, NamesParsingSummaryAndDefaults) {
 
     const auto sources = test::exportSession();
     const auto s = makeExportSummary(sources);
-    EXPECT_EQ(std::vector<int>({s.trackCount, s.clipCount, s.maxChannels}), std::vector<int>({5, 8, 6}));
+    EXPECT_EQ(std::vector<int>({s.trackCount, s.clipCount, s.maxChannels}), std::vector<int>({5, 9, 6}));
     EXPECT_EQ(s.durationString(), "00:00:50");
     EXPECT_EQ(defaultFileName(sources, ExportTarget::premiere), "Card01_tv_premiere.xml");
     auto twoVolumes = sources;
