@@ -67,14 +67,14 @@ TEST(ExportOptions, NamesParsingSummaryAndDefaults) {
 TEST(ExportFlow, DefaultNameExtensionsAndOverwriteRules) {
     test::TempDir dir;
     const auto sources = sessionIn(dir);
-    test::LogCapture log;
     ExportRequest request;
     auto result = runExport(sources, request, dir.path());
     EXPECT_EQ(result.path, dir.path() / "Card01_tv_premiere.xml");
     EXPECT_EQ(result.options.fps, 25);
     const std::string first = slurp(result.path);
     EXPECT_TRUE(first.starts_with("<?xml"));
-    EXPECT_TRUE(log.contains("[Notify] Export finished — Card01_tv_premiere.xml saved."));
+    EXPECT_EQ(result.noticeTitle, "Export finished");
+    EXPECT_EQ(result.noticeBody, "Card01_tv_premiere.xml saved.");
 
     // No overwrite without force, and the old file stays as it was.
     request.fps = 50;
