@@ -54,13 +54,13 @@ TEST(ExportOptions, NamesParsingSummaryAndDefaults) {
 TEST(ExportFlow, NamesExtensionsAndRates) {
     test::TempDir dir;
     const auto sources = sessionIn(dir);
-    test::LogCapture log;
     ExportRequest request;
     auto result = runExport(sources, request, dir.path());
     EXPECT_EQ(result.path, dir.path() / "Card01_tv_premiere.xml");
     EXPECT_EQ(result.options.fps, 25);
     EXPECT_TRUE(slurp(result.path).starts_with("<?xml"));
-    EXPECT_TRUE(log.contains("[Notify] Export finished — Card01_tv_premiere.xml saved."));
+    EXPECT_EQ(result.noticeTitle, "Export finished");
+    EXPECT_EQ(result.noticeBody, "Card01_tv_premiere.xml saved.");
 
     const struct {
         ExportTarget target;
