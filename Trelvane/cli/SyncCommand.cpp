@@ -286,6 +286,7 @@ int runSync(const SyncOptions& options, const CommonOptions& common) {
         try {
             const auto written =
                 runExport(vm->sources(), requestFor(options, word), std::filesystem::current_path());
+            Notifier::stageDone(written.noticeTitle, written.noticeBody);
             out << word << ": " << terminalSafe(written.path.string()) << "  (" << written.summary.trackCount
                 << " tracks, " << written.summary.clipCount << " clips, " << written.summary.durationString()
                 << ")\n";

@@ -5,7 +5,6 @@
 #include "Trelvane/export/FCPXMLExporter.hpp"
 #include "Trelvane/export/OTIOExporter.hpp"
 #include "Trelvane/export/OutputFile.hpp"
-#include "Trelvane/session/Notifier.hpp"
 #include "TrelvaneEngine/support/Files.hpp"
 
 #include <cmath>
@@ -81,7 +80,8 @@ ExportResult runExport(const std::vector<TrackSource>& sources, const ExportRequ
     result.summary = makeExportSummary(sources);
     result.path = exportPath(sources, request, cwd);
     OutputFile::write(result.path, buildDocument(sources, result.options), request.force, sources);
-    Notifier::stageDone("Export finished", result.path.filename().string() + " saved.");
+    result.noticeTitle = "Export finished";
+    result.noticeBody = result.path.filename().string() + " saved.";
     return result;
 }
 

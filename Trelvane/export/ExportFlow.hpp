@@ -22,7 +22,8 @@
 //   file only with `force`; atomically, or in place for a pipe or a terminal.
 //
 // Failures throw ExportError, whose message is the sentence to show the user. When the file is
-// written, the notice "Export finished" / "<file name> saved." goes to the Notifier.
+// written, the result carries the notice for the user ("Export finished" / "<file name> saved.");
+// the flow shows nothing itself, its caller passes the notice on.
 // Runs on the calling thread; the string building takes well under a second for real sessions.
 
 #include "Trelvane/export/ExportOptions.hpp"
@@ -55,6 +56,9 @@ struct ExportResult {
     ExportSummary summary;
     // The options the document was built with (the rate filled in).
     ExportOptions options;
+    // What to tell the user: "Export finished" and "<file name> saved.".
+    std::string noticeTitle;
+    std::string noticeBody;
 };
 
 // The options a request stands for: the rate filled in from the clips where the request has none.
@@ -73,7 +77,7 @@ std::string buildDocument(const std::vector<TrackSource>& sources, const ExportO
 void checkExport(const std::vector<TrackSource>& sources, const ExportRequest& request,
                  const std::filesystem::path& cwd);
 
-// The whole flow: options, path, checks, document, atomic write, notice.
+// The whole flow: options, path, checks, document, atomic write; the notice comes back with the result.
 ExportResult runExport(const std::vector<TrackSource>& sources, const ExportRequest& request,
                        const std::filesystem::path& cwd);
 

@@ -46,6 +46,7 @@ struct State {
     std::filesystem::path path;
 };
 
+// Process-wide: one log file per process, which the engine's log sink writes to from any thread.
 State& state() {
     static State s;
     return s;
@@ -289,6 +290,7 @@ std::optional<std::string> diagnosticsEndpoint(const Settings& settings) {
 }
 
 bool postForm(const std::string& url, const std::string& body, const std::string& caFile) {
+    // Once per process, as curl's own global set-up asks.
     static std::once_flag globalInit;
     static bool initialised = false;
     std::call_once(globalInit, [] { initialised = curl_global_init(CURL_GLOBAL_DEFAULT) == CURLE_OK; });

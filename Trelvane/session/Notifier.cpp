@@ -14,6 +14,8 @@ std::mutex& presenterMutex() {
     return m;
 }
 
+// Process-wide: a process has one desktop (or terminal) to tell, installed once by its shell; the
+// controller and the command line call it, the engine and the exporters never do.
 Presenter& currentPresenter() {
     static Presenter presenter;
     return presenter;

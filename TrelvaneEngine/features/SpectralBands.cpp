@@ -9,14 +9,12 @@
 #include <cmath>
 #include <cstddef>
 #include <limits>
-#include <list>
 #include <map>
 #include <memory>
 #include <mutex>
 #include <numbers>
 #include <optional>
 #include <set>
-#include <unordered_map>
 #include <utility>
 #include <vector>
 
@@ -209,14 +207,18 @@ void forwardPacked(const SyncCorrelator::FFTSetup& setup, SyncCorrelator::FFTWor
     std::copy(ws.imag().begin(), ws.imag().end(), out.begin() + static_cast<std::ptrdiff_t>(half));
 }
 
-// What the search keeps of one reference between calls. Immutable identity (a copy of the bands,
-// compared exactly, so a reused address with new contents is never mistaken for the old); the
+} // namespace
+
+// What the searches keep of one reference between calls; the feature itself is the owner's. The
 // transforms grow on demand under `lock`. Entries are never shrunk, so spectra handed out stay
-// valid while the entry lives.
+// valid while the reference lives.
 struct ReferenceSpectra {
-    std::vector<const float*> addresses;
-    std::vector<std::vector<float>> bands;
-    int frames = 0;
+    ReferenceSpectra(const Feature& f, std::shared_ptr<std::atomic<std::size_t>> b)
+        : feature(f), budget(std::move(b)) {}
+
+    const Feature& feature;
+    // Bytes still free to the references sharing it; what is kept of this one counts against it.
+    const std::shared_ptr<std::atomic<std::size_t>> budget;
 
     std::mutex lock;
     // By transform length: Ra(d) of each band for the lags that length holds without wrapping.
@@ -231,149 +233,72 @@ struct ReferenceSpectra {
     // lag, so the same length with another C is another grid.
     std::map<std::pair<std::size_t, std::size_t>, Grid> grids;
     std::atomic<std::size_t> bytes = 0; // what the transforms hold; read without `lock`
-    // Live pins: while there are any, the feature at `addresses` is promised unchanged, so its
-    // contents need no comparing, and the cache keeps the entry.
-    std::atomic<int> pins = 0;
 
-    bool matches(const SpectralBands::Feature& f) const {
-        if (f.frames != frames || f.bands.size() != bands.size()) return false;
-        for (std::size_t b = 0; b < bands.size(); ++b)
-            if (f.bands[b].data() != addresses[b]) return false;
-        if (pins.load() > 0) return true;
-        for (std::size_t b = 0; b < bands.size(); ++b)
-            if (!std::equal(bands[b].begin(), bands[b].end(), f.bands[b].begin())) return false;
+    // Counts `size` bytes as kept, whatever the budget: what no search can do without.
+    void keep(std::size_t size) {
+        bytes += size;
+        std::size_t free = budget->load();
+        while (!budget->compare_exchange_weak(free, free - std::min(free, size))) {
+        }
+    }
+    // Counts `size` bytes as kept if the budget still has them.
+    bool tryKeep(std::size_t size) {
+        std::size_t free = budget->load();
+        do {
+            if (free < size) return false;
+        } while (!budget->compare_exchange_weak(free, free - size));
+        bytes += size;
         return true;
     }
-    std::size_t footprint() const {
-        return bytes.load() + sizeof(float) * static_cast<std::size_t>(frames) * bands.size();
-    }
 };
 
-// Recent references, the most recent first. A sync pass searches every clip of a track against
-// each span of the pool in turn, so the list must hold all the spans at once or a cycle through
-// them would miss every time; memory, not the count, is the usual limit. Entries are found by the
-// address of their first band, then checked in full.
-class ReferenceCache {
-  public:
-    using Entries = std::list<std::shared_ptr<ReferenceSpectra>>;
-
-    // The entry of `ref`, made when there is none; with `pin`, pinned before the lock is let go, so
-    // that no release in between can drop it.
-    std::shared_ptr<ReferenceSpectra> get(const SpectralBands::Feature& ref, bool pin = false) {
-        // Entries let go are freed after the lock is released (declared first, destroyed last):
-        // a large one takes a while to give back, and other searches wait on the lock.
-        std::vector<std::shared_ptr<ReferenceSpectra>> dropped;
-        std::lock_guard guard(lock_);
-        const float* key = ref.bands.empty() ? nullptr : ref.bands.front().data();
-        std::vector<Entries::iterator> stale;
-        const auto [first, last] = index_.equal_range(key);
-        for (auto it = first; it != last; ++it) {
-            const auto entry = it->second;
-            if ((*entry)->matches(ref)) {
-                entries_.splice(entries_.begin(), entries_, entry);
-                if (pin) ++entries_.front()->pins;
-                return entries_.front();
-            }
-            // Only one live feature can hold this address, and it isn't this entry's: what the
-            // entry keeps is of a feature gone, and would cost a comparison on every later call.
-            if ((*entry)->pins.load() == 0) stale.push_back(entry);
-        }
-        for (const auto entry : stale)
-            drop(entry, dropped);
-        auto fresh = std::make_shared<ReferenceSpectra>();
-        if (pin) ++fresh->pins;
-        fresh->frames = ref.frames;
-        fresh->bands = ref.bands;
-        for (const auto& band : ref.bands)
-            fresh->addresses.push_back(band.data());
-        entries_.push_front(fresh);
-        index_.emplace(key, entries_.begin());
-        // Trim by count and by memory, oldest first, never the newest nor a pinned entry; an entry
-        // still in use elsewhere lives on until released.
-        std::size_t total = 0, count = 0;
-        for (auto it = entries_.begin(); it != entries_.end();) {
-            const std::size_t size = (*it)->footprint();
-            if (it != entries_.begin() && (count + 1 > kMaxEntries || total + size > kMaxBytes) &&
-                (*it)->pins.load() == 0) {
-                it = drop(it, dropped);
-                continue;
-            }
-            total += size;
-            ++count;
-            ++it;
-        }
-        return fresh;
-    }
-
-    // Unpins `entry`; the last pin gone, the entry leaves the cache: what a run pinned it needed for
-    // the run only, and a desktop session should not hold it until other searches push it out.
-    void unpin(const std::shared_ptr<ReferenceSpectra>& entry) {
-        std::vector<std::shared_ptr<ReferenceSpectra>> dropped; // freed after the lock is let go
-        std::lock_guard guard(lock_);
-        if (--entry->pins > 0) return;
-        const float* key = entry->addresses.empty() ? nullptr : entry->addresses.front();
-        const auto [first, last] = index_.equal_range(key);
-        for (auto it = first; it != last; ++it)
-            if (*it->second == entry) {
-                drop(it->second, dropped);
-                return;
-            }
-    }
-
-    // What all entries hold, in bytes.
-    std::size_t footprint() {
-        std::lock_guard guard(lock_);
-        std::size_t total = 0;
-        for (const auto& entry : entries_)
-            total += entry->footprint();
-        return total;
-    }
-
-    static constexpr std::size_t kMaxEntries = 1024;
-    static constexpr std::size_t kMaxBytes = std::size_t{512} << 20;
-
-  private:
-    // Takes `entry` out of the list and the index, handing it to `dropped` to be freed later; the
-    // entry after it in the list.
-    Entries::iterator drop(Entries::iterator entry, std::vector<std::shared_ptr<ReferenceSpectra>>& dropped) {
-        forget(entry);
-        dropped.push_back(std::move(*entry));
-        return entries_.erase(entry);
-    }
-
-    void forget(Entries::iterator entry) {
-        const float* key = (*entry)->addresses.empty() ? nullptr : (*entry)->addresses.front();
-        const auto [first, last] = index_.equal_range(key);
-        for (auto it = first; it != last; ++it)
-            if (it->second == entry) {
-                index_.erase(it);
-                return;
-            }
-    }
-
-    std::mutex lock_;
-    Entries entries_;
-    std::unordered_multimap<const float*, Entries::iterator> index_;
+// The searches' way into a reference's spectra.
+struct ReferenceAccess {
+    static ReferenceSpectra& spectra(const Reference& ref) { return *ref.spectra_; }
 };
 
-ReferenceCache& referenceCache() {
-    static ReferenceCache cache;
-    return cache;
+Reference::Reference(const Feature& feature)
+    : Reference(feature, std::make_shared<std::atomic<std::size_t>>(kMaxKeptBytes)) {}
+
+Reference::Reference(const Feature& feature, std::shared_ptr<std::atomic<std::size_t>> budget)
+    : feature_(&feature), spectra_(std::make_shared<ReferenceSpectra>(feature, std::move(budget))) {}
+
+std::size_t Reference::keptBytes() const {
+    return spectra_->bytes.load();
 }
+
+ReferenceCache::ReferenceCache(std::size_t maxBytes)
+    : budget_(std::make_shared<std::atomic<std::size_t>>(maxBytes)) {}
+
+Reference ReferenceCache::reference(Key key, const Feature& feature) {
+    std::lock_guard guard(lock_);
+    if (const auto it = references_.find(key); it != references_.end()) return it->second;
+    return references_.emplace(key, Reference(feature, budget_)).first->second;
+}
+
+std::size_t ReferenceCache::keptBytes() const {
+    std::lock_guard guard(lock_);
+    std::size_t total = 0;
+    for (const auto& [key, ref] : references_)
+        total += ref.keptBytes();
+    return total;
+}
+
+namespace {
 
 // Ra of every band for the lags that a transform of `length` gives without wrapping. Kept by
 // length, so that the same reference and length always give the same values, whatever came before.
 const std::vector<std::vector<double>>* autocorrelation(ReferenceSpectra& ref, std::size_t length) {
     if (const auto it = ref.autocorrelations.find(length); it != ref.autocorrelations.end())
         return &it->second;
-    const std::size_t frames = static_cast<std::size_t>(ref.frames);
+    const std::size_t frames = static_cast<std::size_t>(ref.feature.frames);
     const std::size_t lags = std::min(length - frames + 1, frames);
     const auto* setup = SyncCorrelator::sharedFFTSetup(log2Of(length));
     if (setup == nullptr) return nullptr;
     auto ws = setup->makeWorkspace();
     const double scale = 1.0 / (4.0 * static_cast<double>(length)); // doubled forward, P-fold inverse
     std::vector<std::vector<double>> result;
-    for (const auto& band : ref.bands) {
+    for (const auto& band : ref.feature.bands) {
         auto signal = ws.signal();
         std::fill(signal.begin(), signal.end(), 0.0f);
         std::copy(band.begin(), band.end(), signal.begin());
@@ -391,7 +316,7 @@ const std::vector<std::vector<double>>* autocorrelation(ReferenceSpectra& ref, s
             ra[d] = static_cast<double>(ws.signal()[d]) * scale;
         result.push_back(std::move(ra));
     }
-    ref.bytes += sizeof(double) * lags * ref.bands.size();
+    ref.keep(sizeof(double) * lags * ref.feature.bands.size());
     return &ref.autocorrelations.emplace(length, std::move(result)).first->second;
 }
 
@@ -401,7 +326,7 @@ ReferenceSpectra::Grid* ensureGrid(ReferenceSpectra& ref, const BlockPlan& plan)
     if (!grid.weightSpectrum.empty()) return &grid;
     const std::size_t half = plan.size / 2;
     // Rb vanishes from the clip's length on, and the clip is at most F/2 long: lags below F/2 do.
-    const std::size_t length = ceilPow2(static_cast<std::size_t>(ref.frames) + half);
+    const std::size_t length = ceilPow2(static_cast<std::size_t>(ref.feature.frames) + half);
     if (length > (std::size_t{1} << SyncCorrelator::kMaxLog2n)) return nullptr;
     const auto* ras = autocorrelation(ref, length);
     if (ras == nullptr) return nullptr;
@@ -425,7 +350,7 @@ ReferenceSpectra::Grid* ensureGrid(ReferenceSpectra& ref, const BlockPlan& plan)
         spectra.push_back(std::move(w));
     }
     grid.weightSpectrum = std::move(spectra);
-    ref.bytes += sizeof(double) * (half + 1) * ref.bands.size();
+    ref.keep(sizeof(double) * (half + 1) * ref.feature.bands.size());
     return &grid;
 }
 
@@ -433,16 +358,16 @@ ReferenceSpectra::Grid* ensureGrid(ReferenceSpectra& ref, const BlockPlan& plan)
 std::unique_ptr<const Packed> blockSpectra(const ReferenceSpectra& ref, const BlockPlan& plan,
                                            SyncCorrelator::FFTWorkspace& ws, long long block) {
     const long long start = block * static_cast<long long>(plan.step) - static_cast<long long>(plan.clipPad);
-    const long long frames = ref.frames;
+    const long long frames = ref.feature.frames;
     const long long from = std::max(start, 0LL);
     const long long to = std::min(start + static_cast<long long>(plan.size), frames);
-    auto out = std::make_unique<Packed>(plan.size * ref.bands.size());
+    auto out = std::make_unique<Packed>(plan.size * ref.feature.bands.size());
     Packed one;
-    for (std::size_t b = 0; b < ref.bands.size(); ++b) {
+    for (std::size_t b = 0; b < ref.feature.bands.size(); ++b) {
         auto signal = ws.signal();
         std::fill(signal.begin(), signal.end(), 0.0f);
         if (from < to)
-            std::copy(ref.bands[b].begin() + from, ref.bands[b].begin() + to,
+            std::copy(ref.feature.bands[b].begin() + from, ref.feature.bands[b].begin() + to,
                       signal.begin() + (from - start));
         forwardPacked(*plan.setup, ws, one);
         std::copy(one.begin(), one.end(), out->begin() + static_cast<std::ptrdiff_t>(b * plan.size));
@@ -569,9 +494,8 @@ void fuseBlock(const PlannedJob& planned, const Packed& block, long long j,
 // Fills in `fused` of every job, all against `ref`. Jobs with the same plan take each block of the
 // reference in turn, so that a block read from memory serves all of them while it is cached. Each
 // job's values are those it would get alone.
-void fusedByBlocks(std::span<BlockJob> jobs, const Feature& ref) {
+void fusedByBlocks(std::span<BlockJob> jobs, ReferenceSpectra& spectra) {
     if (jobs.empty()) return;
-    auto spectra = referenceCache().get(ref);
     std::vector<PlannedJob> planned;
     for (BlockJob& job : jobs) {
         const auto plan = choosePlan(job.search->clip().frames, job.lo, job.hi);
@@ -579,7 +503,7 @@ void fusedByBlocks(std::span<BlockJob> jobs, const Feature& ref) {
         PlannedJob p;
         p.job = &job;
         p.plan = *plan;
-        if (!weigh(p, *spectra)) continue;
+        if (!weigh(p, spectra)) continue;
         if (p.usedBands.empty()) {
             job.fused = std::vector<float>{};
             continue;
@@ -608,18 +532,17 @@ void fusedByBlocks(std::span<BlockJob> jobs, const Feature& ref) {
         std::vector<std::pair<long long, const Packed*>> blocks;
         std::vector<std::unique_ptr<const Packed>> transient;
         {
-            std::lock_guard guard(spectra->lock);
-            auto& cached = spectra->grids[{plan.size, plan.clipPad}].blocks;
+            std::lock_guard guard(spectra.lock);
+            auto& cached = spectra.grids[{plan.size, plan.clipPad}].blocks;
             for (const long long j : needed) {
                 if (const auto it = cached.find(j); it != cached.end()) {
                     blocks.emplace_back(j, it->second.get());
                     continue;
                 }
-                auto made = blockSpectra(*spectra, plan, ws, j);
+                auto made = blockSpectra(spectra, plan, ws, j);
                 const std::size_t bytes = sizeof(float) * made->size();
                 blocks.emplace_back(j, made.get());
-                if (spectra->bytes + bytes <= ReferenceCache::kMaxBytes) {
-                    spectra->bytes += bytes;
+                if (spectra.tryKeep(bytes)) {
                     cached.emplace(j, std::move(made));
                 } else {
                     transient.push_back(std::move(made));
@@ -694,23 +617,10 @@ const ClipSearch::Transforms& ClipSearch::transforms(std::size_t setupLength) {
     return out;
 }
 
-ReferencePin::ReferencePin(const Feature& ref) {
-    auto entry = referenceCache().get(ref, true);
-    ReferenceSpectra* raw = entry.get();
-    held_ = std::shared_ptr<void>(raw, [entry = std::move(entry)](void*) mutable {
-        referenceCache().unpin(entry);
-        entry.reset();
-    });
-}
-
-std::size_t keptTransformBytes() {
-    return referenceCache().footprint();
-}
-
 std::vector<Peak> peaks(const Feature& clip, const Feature& ref, double minOffsetSec, double maxOffsetSec,
                         double minOverlapSec, int topK, double minSeparationSec) {
     ClipSearch search(clip);
-    return peaks(search, ref, minOffsetSec, maxOffsetSec, minOverlapSec, topK, minSeparationSec);
+    return peaks(search, Reference(ref), minOffsetSec, maxOffsetSec, minOverlapSec, topK, minSeparationSec);
 }
 
 namespace {
@@ -833,7 +743,7 @@ std::vector<Peak> pickPeaks(const std::vector<float>& values, int lo, int hi, in
 
 } // namespace
 
-std::vector<Peak> peaks(ClipSearch& search, const Feature& ref, double minOffsetSec, double maxOffsetSec,
+std::vector<Peak> peaks(ClipSearch& search, const Reference& ref, double minOffsetSec, double maxOffsetSec,
                         double minOverlapSec, int topK, double minSeparationSec) {
     const OffsetRange range{minOffsetSec, maxOffsetSec};
     ClipSearch* const one = &search;
@@ -841,11 +751,12 @@ std::vector<Peak> peaks(ClipSearch& search, const Feature& ref, double minOffset
         peaks(std::span(&one, 1), ref, std::span(&range, 1), minOverlapSec, topK, minSeparationSec).front());
 }
 
-std::vector<std::vector<Peak>> peaks(std::span<ClipSearch* const> searches, const Feature& ref,
+std::vector<std::vector<Peak>> peaks(std::span<ClipSearch* const> searches, const Reference& reference,
                                      std::span<const OffsetRange> ranges, double minOverlapSec, int topK,
                                      double minSeparationSec) {
     std::vector<std::vector<Peak>> result(searches.size());
     if (ranges.size() != searches.size()) return result;
+    const Feature& ref = reference.feature();
     std::vector<BlockJob> jobs;
     std::vector<std::size_t> owners;
     for (std::size_t i = 0; i < searches.size(); ++i) {
@@ -856,7 +767,7 @@ std::vector<std::vector<Peak>> peaks(std::span<ClipSearch* const> searches, cons
         owners.push_back(i);
     }
     // Only the searched lags are computed; values[i] is the fused correlation at lag lo + i.
-    fusedByBlocks(jobs, ref);
+    fusedByBlocks(jobs, ReferenceAccess::spectra(reference));
     for (std::size_t k = 0; k < jobs.size(); ++k) {
         BlockJob& job = jobs[k];
         const std::vector<float> values =

@@ -7,18 +7,22 @@
 // rather than waveforms make a match survive different microphones, levels and phase.
 //
 // All operations are pure functions of their arguments, callable from any thread. Refusals are an
-// empty result, never an exception. Besides the read-only FFT plans, `peaks` keeps the transforms
-// of recently searched references in a process-wide cache under its own lock (about 512 MB, oldest
-// dropped first, pinned references kept): its results never depend on what the cache holds.
+// empty result, never an exception. Besides the read-only FFT plans, nothing is kept between calls
+// unless the caller keeps it: a `Reference` holds the transforms of one searched feature for as long
+// as it lives, and a `ReferenceCache` hands out the references of one run by the names the run gives
+// them. Results never depend on what either holds.
 
 #include "TrelvaneEngine/model/BandFeature.hpp"
 
 #include <array>
+#include <atomic>
 #include <cstddef>
 #include <map>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <span>
+#include <utility>
 #include <vector>
 
 namespace trelvane::SpectralBands {
@@ -96,37 +100,78 @@ class ClipSearch {
     std::map<std::size_t, Transforms> byLength_;
 };
 
-// `peaks(search.clip(), ref, ...)`, the same values, with the clip's transforms taken from `search`.
-std::vector<Peak> peaks(ClipSearch& search, const Feature& ref, double minOffsetSec, double maxOffsetSec,
-                        double minOverlapSec, int topK, double minSeparationSec);
-
 struct OffsetRange {
     double minOffsetSec = 0;
     double maxOffsetSec = 0;
 };
 
+// The most the references sharing one budget keep. Block spectra past it are made for the call
+// and let go, so a search costs more but gives the same values. Still needed with an owner: a
+// reference holds up to twice its feature per transform grid and a run searches at several grids,
+// so what a run keeps grows with the hours of sound in its pools (some 430 MB for 26 hours of
+// clips); a longer shoot would otherwise hold gigabytes for the length of its run.
+inline constexpr std::size_t kMaxKeptBytes = std::size_t{512} << 20;
+
+struct ReferenceSpectra; // what is kept of one reference; defined where it is searched
+
+// A feature about to be searched in many times, with what the searches keep of it between calls:
+// its short autocorrelations and the spectra of its blocks, made on first use. Refers to the
+// feature, which must outlive every copy unchanged. Copies share what is kept; any number of
+// threads may search one at a time.
+class Reference {
+  public:
+    // A reference with a budget of its own, kept as long as it (or a copy) lives: for searches of
+    // one feature in a row that no run names (tests, a one-off comparison).
+    explicit Reference(const Feature& feature);
+    const Feature& feature() const { return *feature_; }
+    // What its searches have kept so far, in bytes.
+    std::size_t keptBytes() const;
+
+  private:
+    friend class ReferenceCache;
+    friend struct ReferenceAccess; // the searches, which read and fill `spectra_`
+    Reference(const Feature& feature, std::shared_ptr<std::atomic<std::size_t>> budget);
+
+    const Feature* feature_;
+    std::shared_ptr<ReferenceSpectra> spectra_;
+};
+
+// The references one run searches in (the spans of a sync run's pools, the clips of a stack build),
+// each made once under the name the run gives it and kept until the cache goes, all within one
+// budget of `maxBytes`. The owner promises that a name always stands for the same feature, alive
+// and unchanged while the cache lives: the cache never looks at the feature's address or contents
+// to tell references apart. Safe to use from any thread.
+class ReferenceCache {
+  public:
+    // Two numbers the owner names a reference by, e.g. (track, clip).
+    using Key = std::pair<int, int>;
+
+    explicit ReferenceCache(std::size_t maxBytes = kMaxKeptBytes);
+    ReferenceCache(const ReferenceCache&) = delete;
+    ReferenceCache& operator=(const ReferenceCache&) = delete;
+
+    // The reference named `key`, made from `feature` the first time the name is asked for.
+    Reference reference(Key key, const Feature& feature);
+    // What all its references keep, in bytes.
+    std::size_t keptBytes() const;
+
+  private:
+    mutable std::mutex lock_;
+    std::map<Key, Reference> references_;
+    std::shared_ptr<std::atomic<std::size_t>> budget_; // bytes still free
+};
+
+// `peaks(search.clip(), ref.feature(), ...)`, the same values, with the clip's transforms taken
+// from `search` and the reference's from `ref`.
+std::vector<Peak> peaks(ClipSearch& search, const Reference& ref, double minOffsetSec, double maxOffsetSec,
+                        double minOverlapSec, int topK, double minSeparationSec);
+
 // Several clips against one reference, each over its own range (the windows of one clip against a
 // span): result i is what `peaks(*searches[i], ref, ranges[i]...)` gives, computed together so that
 // the reference is read once for all. Every result empty when the two lists differ in length.
-std::vector<std::vector<Peak>> peaks(std::span<ClipSearch* const> searches, const Feature& ref,
+std::vector<std::vector<Peak>> peaks(std::span<ClipSearch* const> searches, const Reference& ref,
                                      std::span<const OffsetRange> ranges, double minOverlapSec, int topK,
                                      double minSeparationSec);
-
-// A promise that `ref` stays alive and unchanged as long as the pin (or a copy of it) lives. Searches
-// against a pinned reference find what the cache keeps of it by its address alone, without
-// comparing its contents on every call, and the cache never drops it while pinned; when the last pin
-// goes, what the cache keeps of it goes too. A run that searches the same references thousands of
-// times pins them for its duration.
-class ReferencePin {
-  public:
-    explicit ReferencePin(const Feature& ref);
-
-  private:
-    std::shared_ptr<void> held_; // unpins when the last copy goes
-};
-
-// What the cache keeps of searched references, in bytes: their copies and transforms.
-std::size_t keptTransformBytes();
 
 // `values` less their mean, divided by their standard deviation unless that is 1e-9 or less (then
 // only centred). The normalisation of every band; exposed for its tests.

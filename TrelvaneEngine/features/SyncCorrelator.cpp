@@ -19,7 +19,8 @@ namespace SyncCorrelator {
 namespace {
 
 // The FFT library's planner is not thread-safe, executing a finished plan on fresh arrays is: so
-// every plan of the process is made here, under this one lock, and never changed afterwards.
+// every plan of the process is made here, under this one lock, and never changed afterwards. The
+// lock and the plans are process-wide because the planner's own state is.
 std::mutex& fftSetupLock() {
     static std::mutex lock;
     return lock;

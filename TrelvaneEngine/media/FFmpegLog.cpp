@@ -16,7 +16,8 @@ namespace {
 
 void callback(void* avcl, int level, const char* fmt, va_list args) {
     if (level > AV_LOG_ERROR) return;
-    // FFmpeg may hand a line over in pieces; each thread gathers its own until the newline.
+    // FFmpeg may hand a line over in pieces; each thread gathers its own until the newline. The
+    // callback is process-wide and gets no pointer of ours, so the pieces can only be kept here.
     thread_local std::string pending;
     thread_local int printPrefix = 1;
     char buffer[1024];

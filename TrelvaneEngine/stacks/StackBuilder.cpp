@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 #include "TrelvaneEngine/stacks/StackBuilder.hpp"
 
-#include "TrelvaneEngine/features/SpectralBands.hpp"
 #include "TrelvaneEngine/ingest/IngestEngine.hpp"
 #include "TrelvaneEngine/support/EngineLog.hpp"
 #include "TrelvaneEngine/support/Text.hpp"
@@ -60,7 +59,8 @@ class Components {
 
 // ---- compare ----------------------------------------------------------------------------------------
 
-std::optional<Comparison> compare(const ClipItem& a, const ClipItem& b) {
+std::optional<Comparison> compare(const ClipItem& a, const ClipItem& b, const SpectralBands::Reference* aKept,
+                                  const SpectralBands::Reference* bKept) {
     if (!a.bandFeature || !b.bandFeature) return std::nullopt;
     if (a.audioUsability != AudioUsability::ok || b.audioUsability != AudioUsability::ok) return std::nullopt;
 
@@ -69,6 +69,8 @@ std::optional<Comparison> compare(const ClipItem& a, const ClipItem& b) {
     const ClipItem& longer = aShorter ? b : a;
     const double window = std::min(shorter.duration * 0.5, kLongestWindow);
     if (!(window >= kShortestWindow)) return std::nullopt;
+    const SpectralBands::Reference* kept = aShorter ? bKept : aKept;
+    const SpectralBands::Reference longerRef = kept ? *kept : SpectralBands::Reference(*longer.bandFeature);
 
     // Several windows, so that one passage repeated elsewhere in the song can't carry the pair.
     std::vector<Vote> votes;
@@ -79,9 +81,10 @@ std::optional<Comparison> compare(const ClipItem& a, const ClipItem& b) {
         if (start < 0) continue;
         const auto cut = SpectralBands::slice(*shorter.bandFeature, start, window);
         if (!cut || cut->frames >= longer.bandFeature->frames) continue;
-        const auto found = SpectralBands::peaks(
-            *cut, *longer.bandFeature, std::numeric_limits<double>::lowest(),
-            std::numeric_limits<double>::max(), kMinOverlapSec, kTopK, kMinSeparationSec);
+        SpectralBands::ClipSearch search(*cut);
+        const auto found = SpectralBands::peaks(search, longerRef, std::numeric_limits<double>::lowest(),
+                                                std::numeric_limits<double>::max(), kMinOverlapSec, kTopK,
+                                                kMinSeparationSec);
         if (found.empty() || !(found.front().score >= kVoteScore)) continue;
         votes.push_back({found.front().offsetSeconds - start, found.front().score});
     }
@@ -296,6 +299,17 @@ Result build(const std::vector<TrackSource>& sources, const ProgressFn& onProgre
             "stack mode is meant for a handful of takes over one playback",
             pairCount);
 
+    // Every clip is the longer of many pairs: what the searches keep of its feature serves them all
+    // and goes when the build ends.
+    SpectralBands::ReferenceCache references;
+    std::vector<std::optional<SpectralBands::Reference>> kept(clips.size());
+    for (std::size_t i = 0; i < clips.size(); ++i)
+        if (clips[i].bandFeature)
+            kept[i] = references.reference({0, static_cast<int>(i)}, *clips[i].bandFeature);
+    const auto keptOf = [&](int i) {
+        return kept[static_cast<std::size_t>(i)] ? &*kept[static_cast<std::size_t>(i)] : nullptr;
+    };
+
     // The comparisons run in parallel; their results are taken up in pair order afterwards, so the
     // outcome and the log do not depend on which worker finished first.
     std::vector<std::optional<Comparison>> outcomes(pairs.size());
@@ -305,7 +319,8 @@ Result build(const std::vector<TrackSource>& sources, const ProgressFn& onProgre
         [&](std::size_t k) -> std::optional<Comparison> {
             if (stop.stop_requested()) return std::nullopt;
             return compare(clips[static_cast<std::size_t>(pairs[k].i)],
-                           clips[static_cast<std::size_t>(pairs[k].j)]);
+                           clips[static_cast<std::size_t>(pairs[k].j)], keptOf(pairs[k].i),
+                           keptOf(pairs[k].j));
         },
         [&](std::size_t k, std::optional<Comparison> outcome) {
             outcomes[k] = std::move(outcome);

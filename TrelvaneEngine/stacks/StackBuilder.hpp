@@ -10,6 +10,7 @@
 // functions of their arguments, safe on any thread; nothing is raised. Log lines go to EngineLog
 // under the tag "[Stacks]", in the same order whatever the number of workers.
 
+#include "TrelvaneEngine/features/SpectralBands.hpp"
 #include "TrelvaneEngine/model/TrackModels.hpp"
 #include "TrelvaneEngine/support/Progress.hpp"
 #include "TrelvaneEngine/support/WorkerWindow.hpp"
@@ -102,8 +103,11 @@ struct Comparison {
 };
 
 // Nothing when either clip lacks a band feature or usable audio, when the shorter is under 20 s,
-// or when no window scores 7.0 or more.
-std::optional<Comparison> compare(const ClipItem& a, const ClipItem& b);
+// or when no window scores 7.0 or more. `aKept` and `bKept`, when given, are what the build keeps
+// of the clips' features.
+std::optional<Comparison> compare(const ClipItem& a, const ClipItem& b,
+                                  const SpectralBands::Reference* aKept = nullptr,
+                                  const SpectralBands::Reference* bKept = nullptr);
 
 // The pair comparisons run on worker threads, at most this many at a time.
 inline int defaultWorkers() {

@@ -13,6 +13,8 @@ std::mutex& sinkMutex() {
     return m;
 }
 
+// Process-wide: the engine log is one stream per process (stdout, or the application's log file),
+// written from every stage and worker; no run or session owns it.
 Sink& currentSink() {
     static Sink sink;
     return sink;

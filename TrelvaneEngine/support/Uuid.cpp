@@ -8,7 +8,8 @@
 namespace trelvane {
 
 Uuid Uuid::random() {
-    // One generator per thread, seeded from the OS: identifiers are made on workers too.
+    // One generator per thread, seeded from the OS: identifiers are made on workers too. Nothing
+    // depends on its state but the randomness of the identifiers, so nothing needs to own it.
     thread_local std::mt19937_64 engine = [] {
         std::random_device rd;
         std::seed_seq seq{rd(), rd(), rd(), rd(), rd(), rd(), rd(), rd()};

@@ -137,8 +137,11 @@ void cameraCross(Ladder& ladder) {
         const Bounds b = ladder.bracket(k);
         if (!(b.lo < b.hi)) continue;
         std::optional<Match> best;
+        const auto kept = ladder.kept(k);
         for (int other : ladder.anchors) {
-            auto m = compareClips(ladder.clip(k), ladder.clip(other), kCrossWindow, kCrossTolerance);
+            const auto otherKept = ladder.kept(other);
+            auto m = compareClips(ladder.clip(k), ladder.clip(other), kCrossWindow, kCrossTolerance,
+                                  kept ? &*kept : nullptr, otherKept ? &*otherKept : nullptr);
             if (!m) continue;
             const double candidate = ladder.posOf.at(other) - m->pos;
             if (candidate < b.lo - 3.0 || candidate > b.hi + 3.0) continue;
@@ -164,10 +167,15 @@ void cameraCluster(Ladder& ladder) {
     std::vector<int> parent(n);
     std::iota(parent.begin(), parent.end(), 0);
     std::function<int(int)> root = [&](int i) { return parent[i] == i ? i : parent[i] = root(parent[i]); };
+    std::vector<std::optional<SpectralBands::Reference>> kept;
+    for (int k : free)
+        kept.push_back(ladder.kept(k));
+    const auto keptOf = [&](int i) { return kept[i] ? &*kept[i] : nullptr; };
     for (int i = 0; i < n; ++i) {
         run.poll();
         for (int j = i + 1; j < n; ++j) {
-            auto m = compareClips(ladder.clip(free[i]), ladder.clip(free[j]), kCrossWindow, kCrossTolerance);
+            auto m = compareClips(ladder.clip(free[i]), ladder.clip(free[j]), kCrossWindow, kCrossTolerance,
+                                  keptOf(i), keptOf(j));
             if (!m) continue;
             measured.push_back({i, j, m->pos, m->score});
             parent[root(j)] = root(i);

@@ -107,7 +107,7 @@ void Run::refreshMatchSpans() {
                 if (!lenient && (pass == PlacementPass::interpolated || pass == PlacementPass::clock))
                     continue;
                 if (clip.duration < kShortestMatchableClip) continue;
-                spans.push_back(spanOf(clip));
+                spans.push_back(span(si, ci));
             }
             if (spans.size() > before) contributors.push_back(si);
         }
@@ -115,9 +115,18 @@ void Run::refreshMatchSpans() {
     };
     primaryPool = build(true, primaryTracks);
     fullPool = build(false, fullTracks);
-    for (const auto* pool : {&primaryPool, &fullPool})
-        for (const Span& span : *pool)
-            if (span.bands != nullptr && !pinned.count(span.bands)) pinned.emplace(span.bands, *span.bands);
+}
+
+Span Run::span(int si, int ci) {
+    Span s = spanOf(tracks[si].clips[ci]);
+    s.kept = kept(si, ci);
+    return s;
+}
+
+std::optional<SpectralBands::Reference> Run::kept(int si, int ci) {
+    const ClipItem& clip = tracks[si].clips[ci];
+    if (!clip.bandFeature) return std::nullopt;
+    return references.reference({si, ci}, *clip.bandFeature);
 }
 
 Bounds priorWindow(const Run& run, int si, int ci, std::span<const Span> spans) {

@@ -60,6 +60,8 @@ std::vector<std::optional<Match>> bestMatches(std::span<const Span> spans,
     std::vector<std::size_t> inSpan;
     std::vector<SpectralBands::ClipSearch*> chosen;
     std::vector<SpectralBands::OffsetRange> ranges;
+    // A clip searched as the reference of shorter spans keeps its transforms for all of them.
+    std::vector<std::optional<SpectralBands::Reference>> asReference(searches.size());
     for (const Span& span : spans) {
         if (span.bands == nullptr || span.bands->frames < SpectralBands::kMinimumFrames) continue;
         inSpan.clear();
@@ -73,15 +75,18 @@ std::vector<std::optional<Match>> bestMatches(std::span<const Span> spans,
                 chosen.push_back(&searches[i]);
                 ranges.push_back({lo - span.off, hi - span.off});
             } else if (span.bands->frames < feature.frames && span.off - hi < span.off - lo) {
-                const auto found = SpectralBands::peaks(*span.bands, feature, span.off - hi, span.off - lo,
-                                                        kMinOverlap, kTopK, kPeakSeparation);
+                if (!asReference[i]) asReference[i].emplace(feature);
+                SpectralBands::ClipSearch spanSearch(*span.bands);
+                const auto found = SpectralBands::peaks(spanSearch, *asReference[i], span.off - hi,
+                                                        span.off - lo, kMinOverlap, kTopK, kPeakSeparation);
                 if (!found.empty())
                     offer(i, Match{span.off - found.front().offsetSeconds, found.front().score});
             }
         }
         if (inSpan.empty()) continue;
         const auto found =
-            SpectralBands::peaks(chosen, *span.bands, ranges, kMinOverlap, kTopK, kPeakSeparation);
+            SpectralBands::peaks(chosen, span.kept ? *span.kept : SpectralBands::Reference(*span.bands),
+                                 ranges, kMinOverlap, kTopK, kPeakSeparation);
         for (std::size_t k = 0; k < inSpan.size(); ++k)
             if (!found[k].empty())
                 offer(inSpan[k], Match{span.off + found[k].front().offsetSeconds, found[k].front().score});
@@ -247,7 +252,9 @@ std::optional<Match> clipMatch(const TrackSource& track, const ClipItem& clip, d
     return bestMatch(spans, featureOf(clip), lo, hi);
 }
 
-std::optional<Match> compareClips(const ClipItem& a, const ClipItem& b, double maxWindow, double tolerance) {
+std::optional<Match> compareClips(const ClipItem& a, const ClipItem& b, double maxWindow, double tolerance,
+                                  const SpectralBands::Reference* aKept,
+                                  const SpectralBands::Reference* bKept) {
     if (!a.bandFeature || !b.bandFeature) return std::nullopt;
     if (a.audioUsability != AudioUsability::ok || b.audioUsability != AudioUsability::ok) return std::nullopt;
     const bool aIsProbe = a.duration <= b.duration;
@@ -255,6 +262,8 @@ std::optional<Match> compareClips(const ClipItem& a, const ClipItem& b, double m
     const ClipItem& longer = aIsProbe ? b : a;
     const double w = std::min(probe.duration * kPairWindowShare, maxWindow);
     if (!(w >= kShortWindow)) return std::nullopt;
+    const SpectralBands::Reference* kept = aIsProbe ? bKept : aKept;
+    const SpectralBands::Reference longerRef = kept ? *kept : SpectralBands::Reference(*longer.bandFeature);
 
     // Each vote is the probe's start relative to the longer clip's start.
     std::vector<Vote> votes;
@@ -263,8 +272,9 @@ std::optional<Match> compareClips(const ClipItem& a, const ClipItem& b, double m
         if (!s) continue;
         const auto window = SpectralBands::slice(*probe.bandFeature, *s, w);
         if (!window) continue;
-        const auto found = SpectralBands::peaks(*window, *longer.bandFeature, -kUnbounded, kUnbounded,
-                                                kMinOverlap, kTopK, kPeakSeparation);
+        SpectralBands::ClipSearch search(*window);
+        const auto found = SpectralBands::peaks(search, longerRef, -kUnbounded, kUnbounded, kMinOverlap,
+                                                kTopK, kPeakSeparation);
         if (!found.empty() && found.front().score >= kPairVoteFloor)
             votes.push_back({found.front().offsetSeconds - *s, found.front().score});
     }

@@ -237,7 +237,7 @@ void calibrateSegmentIfNeeded(Run& run, std::size_t segment, int backup) {
     std::vector<Span> spans;
     for (int ci : run.regionClips(backup)) {
         const ClipItem& c = run.tracks[backup].clips[ci];
-        if (c.duration >= kShortestMatchableClip) spans.push_back(spanOf(c));
+        if (c.duration >= kShortestMatchableClip) spans.push_back(run.span(backup, ci));
     }
     const double segmentStart = ref.clips[clips.front()].startOffset;
     std::vector<Vote> votes;

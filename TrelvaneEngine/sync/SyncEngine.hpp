@@ -49,6 +49,9 @@ struct Span {
     // The clip's band feature. Points into the run's working copy of the tracks, whose clip lists
     // never change size during a run, so it outlives every search that reads it.
     const SpectralBands::Feature* bands = nullptr;
+    // What the run keeps of `bands` between searches, searched in its place. None outside a run:
+    // each search then makes its own.
+    std::optional<SpectralBands::Reference> kept;
     std::optional<Date> date;
     ClockQuality quality = ClockQuality::none;
     std::optional<double> startTC; // seconds
@@ -130,7 +133,10 @@ std::optional<Match> clipMatch(const TrackSource& track, const ClipItem& clip, d
 // Two clips compared with each other by windows of the shorter (at most `maxWindow`, at least 10 s)
 // in the longer: `pos` is the offset from `a` to `b` (b's start less a's), `score` the best of the
 // agreeing votes. Nothing unless both have a band feature and usable audio, and two votes agree.
-std::optional<Match> compareClips(const ClipItem& a, const ClipItem& b, double maxWindow, double tolerance);
+// `aKept` and `bKept`, when given, are what the run keeps of the clips' features.
+std::optional<Match> compareClips(const ClipItem& a, const ClipItem& b, double maxWindow, double tolerance,
+                                  const SpectralBands::Reference* aKept = nullptr,
+                                  const SpectralBands::Reference* bKept = nullptr);
 
 // What the sound of two overlapping clips says of the timeline that holds them: a window of the
 // middle of their overlap (four fifths of it, at most 90 s) is cut from `a` and searched in `b`

@@ -76,9 +76,9 @@ struct Run {
     std::set<int> poolTracks, backboneTracks, heldTracks;
     bool holdOut = false;
     int poolVersion = 0; // grows whenever the pools may have changed
-    // The features of every span a pool has held, pinned for the run: they are searched against
-    // thousands of times, and the clip lists never change while the run lasts.
-    std::map<const SpectralBands::Feature*, SpectralBands::ReferencePin> pinned;
+    // What the searches keep of the clips they search in, by (track, clip): a pool's spans are
+    // searched thousands of times, and the clip lists and features never change while the run lasts.
+    SpectralBands::ReferenceCache references;
 
     void poll() const {
         if (stop.stop_requested()) throw Cancelled{};
@@ -96,6 +96,10 @@ struct Run {
     // timecode check for a match, and reports it.
     void setClip(int si, int ci, double pos, Placement placement);
     void refreshMatchSpans();
+    // The clip as a span of a pool, searched through what the run keeps of it.
+    Span span(int si, int ci);
+    // What the run keeps of the clip's feature; nothing without one.
+    std::optional<SpectralBands::Reference> kept(int si, int ci);
 };
 
 // The earliest and latest recording dates of the given tracks' clips in the region.
@@ -141,6 +145,9 @@ struct Ladder {
     const TrackSource& track(int k) const { return run.tracks[clips[k].first]; }
     double dur(int k) const { return clip(k).duration; }
     std::string name(int k) const { return clip(k).url.baseName(); }
+    std::optional<SpectralBands::Reference> kept(int k) const {
+        return run.kept(clips[k].first, clips[k].second);
+    }
 
     // From the end of the nearest anchor below `k` to the start of the nearest above less k's
     // duration; open where there is none. `strongOnly` brackets by strong anchors, 3 s wider.
