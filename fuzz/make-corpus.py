@@ -5,7 +5,8 @@
 Each seed is a small well-formed input, so that a run starts past the first checks of its reader
 and mutates real structure: cache entries of both kinds (with the key text the harness reads them
 as, and a valid checksum), WAVE files with the chunks the chunk walk reads (fmt, bext, iXML, ds64),
-and R3D headers with every record R3DHeader knows. The output is the same on every run; the seeds
+R3D headers with every record R3DHeader knows, and text-sync regions files with every key the
+reader knows. The output is the same on every run; the seeds
 are kept in git, and this script says how they were made.
 """
 import os
@@ -123,3 +124,21 @@ write("r3d_header_fuzz", "typical.r3d", r3d(full))
 minimal = record(0x20, 0x66, struct.pack(">f", 25.0)) + b"".join(
     record(0x50, 0x01, struct.pack(">I", i)) for i in range(7))
 write("r3d_header_fuzz", "minimal.r3d", r3d(minimal, 1920, 1080, 25, 1, 256))
+
+# ---- text_sync_store_fuzz: regions files as the transcription tool writes them ------------------
+
+REGIONS = b"""{
+  "min_support": 3, "ngram": 4,
+  "regions": [
+    {"region_key": "day-0", "label": "Friday", "track_names": ["CamA", "Zoom"],
+     "support_edges": [{"a": "CamA", "b": "Zoom", "support": 7, "approx_offset_sec": 12.5,
+                        "time_range_a": [1.5, 2.5], "time_range_b": null}]},
+    {"region_key": "day-1", "label": "Saturday", "track_names": ["CamB", "Tascam"]}
+  ],
+  "pairs": [{"a": "CamA", "b": "Zoom", "match_count": 9, "best": {"approx_offset_sec": 12.25, "support": 7}},
+            {"a": "CamB", "b": "Tascam"}]
+}
+"""
+write("text_sync_store_fuzz", "regions.json", REGIONS)
+write("text_sync_store_fuzz", "minimal.json", b'{"regions": []}')
+write("text_sync_store_fuzz", "session.txt", "  /Volumes/Drehtag Zürich/撮影 2\xa0".encode())

@@ -25,14 +25,15 @@ cd "$(dirname "$0")/.."
 command -v clang++ >/dev/null 2>&1 || { echo "fuzz: clang++ is missing (run scripts/setup.sh)" >&2; exit 1; }
 
 cmake --preset fuzz >/dev/null
-cmake --build --preset fuzz --target r3d_header_fuzz riff_fuzz envelope_cache_fuzz
+cmake --build --preset fuzz --target r3d_header_fuzz riff_fuzz envelope_cache_fuzz text_sync_store_fuzz
 
 # harness and the longest input worth making: R3D headers are read up to 16 KiB, a WAVE walk
-# needs a few KiB, cache entries exercise every check within 8 KiB.
+# needs a few KiB, cache entries exercise every check within 8 KiB, a regions file is a few KiB.
 harnesses=(
   "r3d_header_fuzz 20000"
   "riff_fuzz 4096"
   "envelope_cache_fuzz 8192"
+  "text_sync_store_fuzz 4096"
 )
 
 out=build/fuzz

@@ -17,8 +17,8 @@ PACKAGES=(
   libfftw3-dev nlohmann-json3-dev libcli11-dev libfmt-dev libcurl4-openssl-dev
   # tests and benchmarks
   libgtest-dev libgmock-dev libbenchmark-dev
-  # export tests: XML parser for reading documents back, xmllint for checking FCPXML against its DTD
-  libxml2-dev libxml2-utils
+  # export tests: xmllint reads documents back and checks FCPXML against its DTD
+  libxml2-utils
   # test media, the demo shoot, the HTTPS test server's certificate, the fuzzer
   ffmpeg sox openssl python3 clang libclang-rt-14-dev
   # real recorded sound for the demo shoot

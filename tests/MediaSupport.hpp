@@ -21,6 +21,12 @@ inline void ffmpeg(const std::string& args) {
     ASSERT_EQ(std::system(cmd.c_str()), 0) << cmd;
 }
 
+// Runs sox and fails the test when it fails; `args` are already quoted where needed.
+inline void sox(const std::string& args) {
+    const std::string cmd = "sox " + args;
+    ASSERT_EQ(std::system(cmd.c_str()), 0) << cmd;
+}
+
 // An input of a 440 Hz tone at 48 kHz for ffmpeg.
 inline std::string sineInput(double seconds) {
     return "-f lavfi -i " +

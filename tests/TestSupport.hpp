@@ -106,7 +106,6 @@ inline Date localDate(int y, int mo, int d, int h, int mi, int s) {
     return Date(std::chrono::seconds(std::mktime(&tm)));
 }
 
-// Quoted for the shell.
 // The whole content of a file, as bytes; empty when it can't be read.
 inline std::string slurp(const std::filesystem::path& p) {
     std::ifstream in(p, std::ios::binary);
@@ -115,6 +114,7 @@ inline std::string slurp(const std::filesystem::path& p) {
     return ss.str();
 }
 
+// Quoted for the shell.
 inline std::string quoted(const std::string& s) {
     std::string q = "'";
     for (char c : s)

@@ -2,188 +2,41 @@
 // The `trelvane` command as a user runs it: real process, real files, exit statuses.
 #include "e2e/CliRunner.hpp"
 
-#include <array>
 #include <cstdio>
 #include <cstdlib>
-#include <fstream>
 #include <gtest/gtest.h>
 #include <map>
 #include <nlohmann/json.hpp>
 #include <sstream>
-#include <sys/wait.h>
 
 using trelvane::test::cliEnvironment;
 using trelvane::test::quoted;
 using trelvane::test::runCli;
 using trelvane::test::runCliAsGiven;
 using trelvane::test::runShell;
+using trelvane::test::slurp;
 using trelvane::test::TempDir;
 
-TEST(Cli, VersionHelpAndUsageErrorsHaveTheirExitStatuses) {
-    TempDir home;
-    const auto version = runCli(home, "--version");
-    EXPECT_EQ(version.status, 0);
-    EXPECT_EQ(version.out, "trelvane 0.1.0\n");
-    const auto help = runCli(home, "--help");
-    EXPECT_EQ(help.status, 0);
-    EXPECT_NE(help.out.find("scan"), std::string::npos);
-    EXPECT_EQ(runCli(home, "").status, 2);
-    EXPECT_EQ(runCli(home, "scan").status, 2) << "scan needs a path";
-    EXPECT_EQ(runCli(home, "scan --no-such-flag " + quoted(home.path().string())).status, 2);
-    EXPECT_EQ(runCli(home, "frobnicate").status, 2);
-}
-
-TEST(Cli, AMissingPathIsNamedAndFails) {
-    TempDir home;
-    const std::string missing = (home / "no such folder").string();
-    const auto r = runCli(home, "scan " + quoted(missing), true);
-    EXPECT_EQ(r.status, 1);
-    EXPECT_NE(r.out.find("no such file or folder: " + missing), std::string::npos) << r.out;
-}
-
-TEST(Cli, ScanPrintsTheTracksAndWritesTheLog) {
-    TempDir home;
-    home.file("shoot/CamA/C0001.MP4");
-    home.file("shoot/CamA/C0002.MP4");
-    home.file("shoot/Zoom/ZOOM0001.WAV");
-    const auto r = runCli(home, "scan " + quoted((home / "shoot").string()));
-    ASSERT_EQ(r.status, 0) << r.out;
-    EXPECT_NE(r.out.find("CamA"), std::string::npos) << r.out;
-    EXPECT_NE(r.out.find("2 clips  ·  MP4"), std::string::npos) << r.out;
-    EXPECT_NE(r.out.find("2 tracks, 3 clips"), std::string::npos) << r.out;
-    std::ifstream logFile(home / "data/Trelvane/Trelvane.log");
-    const std::string logText((std::istreambuf_iterator<char>(logFile)), {});
-    EXPECT_TRUE(logText.starts_with("[Trelvane] log start ")) << logText;
-    EXPECT_NE(logText.find("[Drop] '" + (home / "shoot").string() + "' isDir=true"), std::string::npos);
-}
-
-TEST(Cli, ScanJsonHasTheSessionShape) {
-    TempDir home;
-    home.file("shoot/CamA/C0001.MP4");
-    home.file(std::string("shoot/Zoom/odd \"name\" & \xff.WAV"));
-    const auto r = runCli(home, "scan --json " + quoted((home / "shoot").string()));
-    ASSERT_EQ(r.status, 0) << r.out;
-    const auto doc = nlohmann::json::parse(r.out);
-    ASSERT_EQ(doc["tracks"].size(), 2u);
-    const auto& track = doc["tracks"][0];
-    EXPECT_EQ(track["name"], "CamA");
-    EXPECT_EQ(track["type"], "video");
-    EXPECT_EQ(track["lockedGrouping"], true);
-    EXPECT_TRUE(track["deviceName"].is_null());
-    EXPECT_TRUE(track["siblingOf"].is_null());
-    EXPECT_EQ(track["subtitle"], "1 clip  ·  MP4");
-    EXPECT_EQ(track["session"], (home / "shoot").string());
-    const auto& clip = track["clips"][0];
-    EXPECT_EQ(clip["url"], (home / "shoot/CamA/C0001.MP4").string());
-    EXPECT_EQ(clip["syncStatus"], "pending");
-    // Not a real movie: the metadata load finds no clock in it but the file's own date.
-    EXPECT_EQ(clip["clockQuality"], "filesystem");
-    EXPECT_EQ(clip["audioUsability"], "ok");
-    EXPECT_TRUE(clip["matchScore"].is_null());
-    EXPECT_TRUE(clip["failureBucket"].is_null());
-    EXPECT_EQ(clip["placementExplanation"], "Shorter than 5 s — not compared, placed between neighbours");
-    for (const char* heavy :
-         {"waveformPreview", "cachedEnvelope", "fingerprint", "bassOnsets", "bandFeature"})
-        EXPECT_FALSE(clip.contains(heavy)) << heavy;
-    // A name that is not valid UTF-8 still gives a valid document, and its exact bytes beside it.
-    const auto& odd = doc["tracks"][1]["clips"][0];
-    EXPECT_NE(odd["url"].get<std::string>().find("odd \"name\" & "), std::string::npos);
-    const std::string bytes = odd["urlBytes"];
-    std::string decoded;
-    for (std::size_t i = 0; i < bytes.size(); ++i) {
-        if (bytes[i] != '%') {
-            decoded += bytes[i];
-            continue;
-        }
-        decoded += static_cast<char>(std::stoi(bytes.substr(i + 1, 2), nullptr, 16));
-        i += 2;
-    }
-    EXPECT_EQ(decoded, (home / "shoot/Zoom/odd \"name\" & \xff.WAV").string()) << bytes;
-    EXPECT_FALSE(clip.contains("urlBytes"));
-    EXPECT_FALSE(track.contains("sessionBytes"));
-}
-
-TEST(Cli, FoldersThatCantBeSearchedAreCountedAndToldOnce) {
-    TempDir home;
-    const auto rec = home.dir("shoot/rec");
-    home.file("shoot/rec/R0001.WAV", "");
-    // One folder 70 levels down, one whose path runs past what the system takes: each is one
-    // folder not searched (the deeper folders under the first are never reached).
-    const std::string deep =
-        "cd " + quoted(rec.string()) + " && for i in $(seq 70); do mkdir d && cd d; done";
-    const std::string name(200, 'n');
-    const std::string longPath = "cd " + quoted((home / "shoot").string()) +
-                                 " && for i in $(seq 25); do mkdir " + name + " && cd " + name + "; done";
-    // bash: dash's cd refuses a path past the system's limit.
-    ASSERT_EQ(std::system(("bash -c " + quoted("(" + deep + ") && (" + longPath + ")")).c_str()), 0);
-    const auto r = runCli(home, "scan " + quoted((home / "shoot").string()), true);
-    EXPECT_EQ(r.status, 0) << r.out;
-    const std::string told =
-        "trelvane: 2 folders not searched — can't be read, too deep or with too long a path";
-    EXPECT_NE(r.out.find(told), std::string::npos) << r.out;
-    EXPECT_EQ(r.out.find(told, r.out.find(told) + 1), std::string::npos) << "told more than once:\n" << r.out;
-    std::ifstream log(home / "data/Trelvane/Trelvane.log");
-    const std::string text((std::istreambuf_iterator<char>(log)), std::istreambuf_iterator<char>());
-    EXPECT_NE(text.find("[Drop] 2 folder(s) not searched"), std::string::npos) << text;
-    // rm walks by descriptor, past the path length the library's removal is held to.
-    std::system(("rm -rf " + quoted((home / "shoot" / name).string())).c_str());
-}
-
-TEST(Cli, AnalyzeDecodesOnceThenServesTheCache) {
-    TempDir home;
-    const auto rec = home.dir("shoot/rec");
-    const std::string make = "ffmpeg -v error -f lavfi -i 'sine=frequency=440:duration=6' -ar 48000 -y " +
-                             quoted((rec / "R0001.WAV").string()) + " && ffmpeg -v error -f lavfi -i " +
-                             "'anullsrc=r=48000:cl=mono' -t 6 -y " + quoted((rec / "R0002.WAV").string());
-    ASSERT_EQ(std::system(make.c_str()), 0);
-    const std::string args = "scan --analyze " + quoted((home / "shoot").string());
-    const auto first = runCli(home, args);
-    ASSERT_EQ(first.status, 0) << first.out;
-    // 96,000 samples give (96000 - 1024) / 640 + 1 band frames and 600 envelope values.
-    EXPECT_NE(first.out.find("R0001.WAV  6.00     149          600       ok      decoded"), std::string::npos)
-        << first.out;
-    EXPECT_NE(first.out.find("R0002.WAV  6.00     -            -         silent  -"), std::string::npos)
-        << first.out;
-    const auto second = runCli(home, args);
-    ASSERT_EQ(second.status, 0) << second.out;
-    EXPECT_NE(second.out.find("ok      cache"), std::string::npos) << second.out;
-    EXPECT_EQ(second.out.find("decoded"), std::string::npos) << second.out;
-
-    // A file whose sound can't be read is failed in both columns, named, and fails the scan.
-    home.file("shoot/rec/R0003.WAV", "");
-    const auto broken = runCli(home, args, true);
-    EXPECT_EQ(broken.status, 1) << broken.out;
-    EXPECT_NE(broken.out.find("R0003.WAV  0.00     -            -         undecodable  failed"),
-              std::string::npos)
-        << broken.out;
-    EXPECT_NE(broken.out.find("can't read " + (rec / "R0003.WAV").string() + ": an empty file"),
-              std::string::npos)
-        << broken.out;
-    std::filesystem::remove(rec / "R0003.WAV");
-
-    EXPECT_EQ(runCli(home, "scan --camera-groups maybe " + quoted((home / "shoot").string())).status, 2);
-    EXPECT_EQ(
-        runCli(home, "scan --day-regions reject --camera-groups REJECT " + quoted((home / "shoot").string()))
-            .status,
-        0);
-}
-
-namespace {
-
-// What a user must never see: the parser's own types, ranges and conventions.
-const char* const kParserWords[] = {"ENUM", "->",       "FLOAT",  "TEXT",
-                                    "{",    "REQUIRED", "179769", "Run with --help"};
-
-} // namespace
-
-TEST(Cli, HelpAndUsageErrorsAreInTheProgramsOwnWords) {
+TEST(Cli, HelpVersionAndUsageErrorsAreInTheProgramsOwnWords) {
     TempDir home;
     const std::string p = quoted(home.dir("shoot").string());
+    const std::string missing = (home / "no such folder").string();
+    // What a user must never see: the parser's own types, ranges and conventions.
+    const char* const parserWords[] = {"ENUM", "->",       "FLOAT",  "TEXT",
+                                       "{",    "REQUIRED", "179769", "Run with --help"};
     const struct {
         std::string args;
         int status;
         std::string says;
     } cases[] = {
+        {"--version", 0, "trelvane 0.1.0\n"},
+        {"--help", 0, "Commands:\n  scan"},
+        {"help", 0, "Usage: trelvane [OPTIONS] COMMAND"},
+        {"help sync", 0, "Usage: trelvane sync [OPTIONS] PATH..."},
+        {"sync --help", 0, "  --fps RATE "},
+        {"help probe", 0, "Usage: trelvane probe [OPTIONS] FILE..."},
+        {"scan --day-regions reject --camera-groups REJECT " + p, 0, "0 tracks, 0 clips"},
+        {"scan " + quoted(missing), 1, "no such file or folder: " + missing},
         {"sync --fps abc " + p, 2, "trelvane: --fps: \"abc\" is not a number"},
         {"sync --fps 0 " + p, 2, "trelvane: --fps: 0 is out of range"},
         {"sync " + p + " --fps", 2, "trelvane: --fps needs a value"},
@@ -192,21 +45,17 @@ TEST(Cli, HelpAndUsageErrorsAreInTheProgramsOwnWords) {
         {"sync --mode chaos " + p, 2, "\"chaos\" is not one of tracks, stacks"},
         {"sync", 2,
          "trelvane: give at least one folder or media file of the shoot\nRun 'trelvane help sync'"},
+        {"scan", 2, "trelvane: give at least one folder or media file"},
         {"", 2, "trelvane: give a command: scan, sync, probe or help"},
         {"frobnicate", 2, "no command named \"frobnicate\""},
         {"scan --no-such-flag " + p, 2, "trelvane: unexpected --no-such-flag"},
         {"help nope", 2, "no command named \"nope\""},
-        {"--help", 0, "Commands:\n  scan"},
-        {"help", 0, "Usage: trelvane [OPTIONS] COMMAND"},
-        {"help sync", 0, "Usage: trelvane sync [OPTIONS] PATH..."},
-        {"sync --help", 0, "  --fps RATE "},
-        {"help probe", 0, "Usage: trelvane probe [OPTIONS] FILE..."},
     };
     for (const auto& c : cases) {
         const auto r = runCli(home, c.args, true);
         EXPECT_EQ(r.status, c.status) << c.args << "\n" << r.out;
         EXPECT_NE(r.out.find(c.says), std::string::npos) << c.args << "\n" << r.out;
-        for (const char* word : kParserWords)
+        for (const char* word : parserWords)
             EXPECT_EQ(r.out.find(word), std::string::npos) << c.args << " shows " << word << "\n" << r.out;
     }
     EXPECT_EQ(runCli(home, "help sync").out, runCli(home, "sync --help").out);
@@ -215,7 +64,7 @@ TEST(Cli, HelpAndUsageErrorsAreInTheProgramsOwnWords) {
 TEST(Cli, TheReadmeAndTheHelpListTheSameExitStatuses) {
     // "| 130 | interrupted … |" in the README, "  130  interrupted …" at the end of --help.
     std::map<int, std::string> readme, help;
-    std::ifstream file(std::string(TRELVANE_SOURCE_DIR) + "/README.md");
+    std::istringstream file(slurp(std::string(TRELVANE_SOURCE_DIR) + "/README.md"));
     bool inTable = false;
     for (std::string line; std::getline(file, line);) {
         if (line.starts_with("| Exit status |"))
@@ -237,9 +86,101 @@ TEST(Cli, TheReadmeAndTheHelpListTheSameExitStatuses) {
         int code = 0, used = 0;
         if (inList && std::sscanf(line.c_str(), " %d %n", &code, &used) == 1) help[code] = line.substr(used);
     }
-    EXPECT_FALSE(readme.empty()) << "no exit status table in the README";
-    EXPECT_TRUE(help.count(130)) << "Ctrl-C's status is missing from --help";
+    EXPECT_TRUE(readme.count(130)) << "no exit status table in the README";
     EXPECT_EQ(readme, help);
+}
+
+TEST(Cli, ScanPrintsTheTracksAndTheSessionAsJsonAndWritesTheLog) {
+    TempDir home;
+    home.file("shoot/CamA/C0001.MP4");
+    home.file("shoot/CamA/C0002.MP4");
+    const auto odd = home.file(std::string("shoot/Zoom/odd \"name\" & \xff.WAV"));
+    const std::string shoot = quoted((home / "shoot").string());
+    const auto r = runCli(home, "scan " + shoot);
+    ASSERT_EQ(r.status, 0) << r.out;
+    EXPECT_NE(r.out.find("2 clips  ·  MP4"), std::string::npos) << r.out;
+    EXPECT_NE(r.out.find("2 tracks, 3 clips"), std::string::npos) << r.out;
+    const std::string log = slurp(home / "data/Trelvane/Trelvane.log");
+    EXPECT_TRUE(log.starts_with("[Trelvane] log start ")) << log;
+    EXPECT_NE(log.find("[Drop] '" + (home / "shoot").string() + "' isDir=true"), std::string::npos) << log;
+
+    const auto doc = nlohmann::json::parse(runCli(home, "scan --json " + shoot).out);
+    ASSERT_EQ(doc["tracks"].size(), 2u);
+    const auto& track = doc["tracks"][0];
+    EXPECT_EQ(track["session"], (home / "shoot").string());
+    EXPECT_FALSE(track.contains("sessionBytes"));
+    const auto& clip = track["clips"][0];
+    EXPECT_EQ(clip["url"], (home / "shoot/CamA/C0001.MP4").string());
+    EXPECT_EQ(clip["placementExplanation"], "Shorter than 5 s — not compared, placed between neighbours");
+    for (const char* heavy : {"urlBytes", "waveformPreview", "cachedEnvelope", "fingerprint", "bandFeature"})
+        EXPECT_FALSE(clip.contains(heavy)) << heavy;
+    // A name that is not valid UTF-8 still gives a valid document, and its exact bytes beside it.
+    const std::string bytes = doc["tracks"][1]["clips"][0]["urlBytes"];
+    std::string decoded;
+    for (std::size_t i = 0; i < bytes.size(); ++i) {
+        if (bytes[i] != '%') {
+            decoded += bytes[i];
+            continue;
+        }
+        decoded += static_cast<char>(std::stoi(bytes.substr(i + 1, 2), nullptr, 16));
+        i += 2;
+    }
+    EXPECT_EQ(decoded, odd.string()) << bytes;
+}
+
+TEST(Cli, FoldersThatCantBeSearchedAreCountedAndToldOnce) {
+    TempDir home;
+    const auto rec = home.dir("shoot/rec");
+    home.file("shoot/rec/R0001.WAV", "");
+    // One folder 70 levels down, one whose path runs past what the system takes: each is one
+    // folder not searched (the deeper folders under the first are never reached).
+    const std::string deep =
+        "cd " + quoted(rec.string()) + " && for i in $(seq 70); do mkdir d && cd d; done";
+    const std::string name(200, 'n');
+    const std::string longPath = "cd " + quoted((home / "shoot").string()) +
+                                 " && for i in $(seq 25); do mkdir " + name + " && cd " + name + "; done";
+    // bash: dash's cd refuses a path past the system's limit.
+    ASSERT_EQ(std::system(("bash -c " + quoted("(" + deep + ") && (" + longPath + ")")).c_str()), 0);
+    const auto r = runCli(home, "scan " + quoted((home / "shoot").string()), true);
+    EXPECT_EQ(r.status, 0) << r.out;
+    const std::string told =
+        "trelvane: 2 folders not searched — can't be read, too deep or with too long a path";
+    EXPECT_NE(r.out.find(told), std::string::npos) << r.out;
+    EXPECT_EQ(r.out.find(told, r.out.find(told) + 1), std::string::npos) << "told more than once:\n" << r.out;
+    EXPECT_NE(slurp(home / "data/Trelvane/Trelvane.log").find("[Drop] 2 folder(s) not searched"),
+              std::string::npos);
+    // rm walks by descriptor, past the path length the library's removal is held to.
+    std::system(("rm -rf " + quoted((home / "shoot" / name).string())).c_str());
+}
+
+// The analysis table, the cache on a second run, and a file whose sound can't be read, which
+// fails the scan.
+TEST(Cli, AnalyzeDecodesOnceThenServesTheCache) {
+    TempDir home;
+    const auto rec = home.dir("shoot/rec");
+    const std::string make = "ffmpeg -v error -f lavfi -i 'sine=frequency=440:duration=6' -ar 48000 -y " +
+                             quoted((rec / "R0001.WAV").string()) + " && ffmpeg -v error -f lavfi -i " +
+                             "'anullsrc=r=48000:cl=mono' -t 6 -y " + quoted((rec / "R0002.WAV").string());
+    ASSERT_EQ(std::system(make.c_str()), 0);
+    const std::string args = "scan --analyze " + quoted((home / "shoot").string());
+    const auto first = runCli(home, args);
+    ASSERT_EQ(first.status, 0) << first.out;
+    // 96,000 samples give (96000 - 1024) / 640 + 1 band frames and 600 envelope values.
+    EXPECT_NE(first.out.find("R0001.WAV  6.00     149          600       ok      decoded"), std::string::npos)
+        << first.out;
+    EXPECT_NE(first.out.find("R0002.WAV  6.00     -            -         silent  -"), std::string::npos)
+        << first.out;
+    home.file("shoot/rec/R0003.WAV", "");
+    const auto second = runCli(home, args, true);
+    EXPECT_EQ(second.status, 1) << second.out;
+    EXPECT_NE(second.out.find("ok           cache"), std::string::npos) << second.out;
+    EXPECT_EQ(second.out.find("decoded"), std::string::npos) << second.out;
+    EXPECT_NE(second.out.find("R0003.WAV  0.00     -            -         undecodable  failed"),
+              std::string::npos)
+        << second.out;
+    EXPECT_NE(second.out.find("can't read " + (rec / "R0003.WAV").string() + ": an empty file"),
+              std::string::npos)
+        << second.out;
 }
 
 TEST(Cli, AFailedWriteToStandardOutputFailsTheRunWithAMessage) {
@@ -271,9 +212,8 @@ TEST(Cli, TheProgressBarShowsOnlyOnATerminalUnlessQuietAndEndsAtAHundredPercent)
         const std::string cmd = cliEnvironment(home) + " " + quoted(TRELVANE_CLI_PATH) + " " + flags + args;
         return runShell("script -qec " + quoted(cmd) + " /dev/null").out;
     };
-    const std::string full = "analysing [" + std::string(30, '#') + "] 100%";
     const auto shown = onTerminal("");
-    EXPECT_NE(shown.find(full), std::string::npos) << shown;
+    EXPECT_NE(shown.find("analysing [" + std::string(30, '#') + "] 100%"), std::string::npos) << shown;
     for (const char* flags : {"-q ", "--quiet ", "-v "})
         EXPECT_EQ(onTerminal(flags).find("analysing"), std::string::npos) << flags;
     const auto piped = runCli(home, args, true);

@@ -11,7 +11,7 @@ namespace trelvane::test {
 TEST(ContinuousIntegration, TheFcpxmlDtdCheckFailsThereWhenTheDtdIsMissingAndSkipsElsewhere) {
     const std::string run =
         "TRELVANE_FCPXML_DTD=/nonexistent/FCPXMLv1_10.dtd /proc/" + std::to_string(::getpid()) +
-        "/exe --gtest_filter=FCPXMLExporter.ValidatesAgainstDtdAndRoundTrips >/dev/null 2>&1";
+        "/exe --gtest_filter=FCPXMLExporter.ValidatesAgainstDtdAtEveryRate >/dev/null 2>&1";
     const auto status = [](const std::string& cmd) {
         const int raw = std::system(cmd.c_str());
         return WIFEXITED(raw) ? WEXITSTATUS(raw) : -1;

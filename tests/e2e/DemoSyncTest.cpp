@@ -11,7 +11,6 @@
 #include <gtest/gtest.h>
 #include <map>
 #include <nlohmann/json.hpp>
-#include <unistd.h>
 
 namespace trelvane::test {
 namespace {
@@ -24,26 +23,6 @@ std::string demoRoot() {
     EXPECT_EQ(std::system(("bash " + quoted(root + "/scripts/make-demo.sh") + " >/dev/null").c_str()), 0);
     return root;
 }
-
-std::string contentsOf(const std::filesystem::path& p) {
-    std::ifstream in(p, std::ios::binary);
-    return std::string(std::istreambuf_iterator<char>(in), {});
-}
-
-// Runs with the working folder changed for as long as the object lives: exports without `-o` land
-// there.
-class WorkingFolder {
-  public:
-    explicit WorkingFolder(const std::filesystem::path& p) : old_(std::filesystem::current_path()) {
-        std::filesystem::current_path(p);
-    }
-    ~WorkingFolder() { std::filesystem::current_path(old_); }
-    WorkingFolder(const WorkingFolder&) = delete;
-    WorkingFolder& operator=(const WorkingFolder&) = delete;
-
-  private:
-    std::filesystem::path old_;
-};
 
 struct Placed {
     double start = 0;
@@ -111,19 +90,18 @@ TEST(DemoSync, CacheStateAndWorkerCountNeverChangeTheAnswer) {
     const std::vector<std::string> outputs{"report.json", "shoot_tv_premiere.xml", "shoot_tv_fcp7.xml",
                                            "shoot_tv_fcp.fcpxml", "shoot_tv_otio.otio"};
     TempDir shared, alone, out;
-    const auto sync = [&](const TempDir& home, const std::string& name, std::optional<std::string> workers) {
-        const ScopedEnv env("TRELVANE_WORKERS", workers);
+    // Exports without -o land in the working folder.
+    const auto sync = [&](const TempDir& home, const std::string& name, const std::string& workers) {
         const auto folder = out.dir(name);
-        const WorkingFolder here(folder);
-        const auto run = runCli(home,
-                                "sync " + quoted(root + "/demo/shoot") +
-                                    " --report report.json --export premiere --export resolve"
-                                    " --export fcpxml --export otio",
-                                true);
+        const auto run =
+            runShell("cd " + quoted(folder.string()) + " && " + cliEnvironment(home) + " " + workers + " " +
+                     quoted(TRELVANE_CLI_PATH) + " sync " + quoted(root + "/demo/shoot") +
+                     " --report report.json --export premiere --export resolve"
+                     " --export fcpxml --export otio 2>&1");
         EXPECT_EQ(run.status, 0) << name << ": " << run.out;
         std::vector<std::string> bytes;
         for (const auto& o : outputs)
-            bytes.push_back(contentsOf(folder / o));
+            bytes.push_back(slurp(folder / o));
         return bytes;
     };
     const auto same = [&](const std::vector<std::string>& a, const std::vector<std::string>& b,
@@ -134,14 +112,14 @@ TEST(DemoSync, CacheStateAndWorkerCountNeverChangeTheAnswer) {
         }
     };
 
-    const auto cold = sync(shared, "cold", std::nullopt);
+    const auto cold = sync(shared, "cold", "");
     const auto cache = shared / "cache/Trelvane";
     std::vector<std::string> keys;
     for (const auto& e : std::filesystem::directory_iterator(cache))
         if (e.path().extension().empty()) keys.push_back(e.path().filename().string());
     std::sort(keys.begin(), keys.end());
     ASSERT_GE(keys.size(), 10u) << "the first run cached too little to cut";
-    same(sync(shared, "warm", std::nullopt), cold, "warm");
+    same(sync(shared, "warm", ""), cold, "warm");
 
     // Half the entries gone, one left with its pair only and one with its bands only.
     for (std::size_t k = 0; k < keys.size(); k += 2) {
@@ -150,10 +128,10 @@ TEST(DemoSync, CacheStateAndWorkerCountNeverChangeTheAnswer) {
     }
     std::filesystem::remove(cache / (keys[1] + ".bands"));
     std::filesystem::remove(cache / keys[3]);
-    same(sync(shared, "partial", std::nullopt), cold, "half a cache");
+    same(sync(shared, "partial", ""), cold, "half a cache");
 
-    same(sync(alone, "one-worker", "1"), cold, "empty cache, one worker");
-    same(sync(alone, "eight-workers", "8"), cold, "full cache, eight workers");
+    same(sync(alone, "one-worker", "TRELVANE_WORKERS=1"), cold, "empty cache, one worker");
+    same(sync(alone, "eight-workers", "TRELVANE_WORKERS=8"), cold, "full cache, eight workers");
 }
 
 } // namespace

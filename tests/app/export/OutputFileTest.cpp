@@ -72,6 +72,19 @@ TEST(OutputFile, WritesWhatItMayAndRefusesTheRestLeavingMediaAndOldFilesAlone) {
         {"a link that leads nowhere", [](auto& d) { return linkTo(d, d / "elsewhere.json"); }, true,
          "leads nowhere", [](auto& d) { EXPECT_FALSE(fs::exists(d / "elsewhere.json")); }},
         {"a folder", [](auto& d) { return d.dir("out"); }, true, "is a folder", {}},
+        {"a file in place of the folder",
+         [](auto& d) { return d.file("plain") / "r.json"; },
+         true,
+         "Not a directory",
+         {}},
+        {"a read-only folder",
+         [](auto& d) {
+             fs::permissions(d.dir("locked"), fs::perms::owner_read | fs::perms::owner_exec);
+             return d / "locked/r.json";
+         },
+         true,
+         ::geteuid() == 0 ? "" : "Cannot write",
+         {}}, // root writes anywhere
         {"/dev/null", [](auto&) { return fs::path("/dev/null"); }, false, "", stillDevice("/dev/null")},
         {"/dev/full", [](auto&) { return fs::path("/dev/full"); }, true, "No space left on device",
          stillDevice("/dev/full")},

@@ -72,6 +72,13 @@ std::set<Uuid> allOf(const std::vector<DayRegionProposal>& proposals) {
     return ids;
 }
 
+// The region key each clip was proposed into, by clip id; "-" for a clip of no proposal.
+std::string proposedRegion(const std::vector<DayRegionProposal>& proposals, const ClipItem& clip) {
+    for (const auto& p : proposals)
+        if (std::find(p.clipIDs.begin(), p.clipIDs.end(), clip.id) != p.clipIDs.end()) return p.regionKey;
+    return "-";
+}
+
 // Two recorders a day apart (the first with more audio) and a camera that shot on both days.
 std::vector<TrackSource> twoDaysWithACamera() {
     return {camera("Cam", {0.2, 1.2, 23.2, 24.2}), recorder("RecA", {0.0, 1.0, 2.0}, 1800),
@@ -89,85 +96,13 @@ class DayRegions : public ::testing::Test {
 
 } // namespace
 
-TEST_F(DayRegions, ATrackClockSpanTrustsTheBestClocksItHas) {
-    auto t = recorder("Rec", {2.0, 0.0, 1.0}, 600);
-    t.clips.push_back(t.clips[0]);
-    t.clips.back().recordingDate = hours(100); // a file date far away, not trusted
-    t.clips.back().clockQuality = ClockQuality::filesystem;
-    t.clips.back().duration = 50;
-    const auto span = IngestEngine::trackClockSpan(t, 7);
-    ASSERT_TRUE(span);
-    EXPECT_EQ(span->si, 7);
-    EXPECT_EQ(span->start, hours(0));
-    EXPECT_EQ(span->end, hours(2) + std::chrono::seconds(600));
-    EXPECT_EQ(span->median, hours(1));
-    EXPECT_EQ(span->quality, ClockQuality::embedded);
-    // Counts and length take every clip, dated or not.
-    EXPECT_EQ(span->clipCount, 4);
-    EXPECT_DOUBLE_EQ(span->totalDur, 1850);
-
-    // Without a trusted clock any clock will do; a date without a clock is none.
-    auto weak = recorder("Weak", {5.0, 3.0}, 60, ClockQuality::filesystem);
-    weak.clips.push_back(weak.clips[0]);
-    weak.clips.back().recordingDate = hours(-50);
-    weak.clips.back().clockQuality = ClockQuality::none;
-    const auto weakSpan = IngestEngine::trackClockSpan(weak, 0);
-    ASSERT_TRUE(weakSpan);
-    EXPECT_EQ(weakSpan->start, hours(3));
-    EXPECT_EQ(weakSpan->median, hours(5));
-    EXPECT_EQ(weakSpan->quality, ClockQuality::filesystem);
-
-    EXPECT_FALSE(IngestEngine::trackClockSpan(recorder("None", {std::nullopt, std::nullopt}, 60), 0));
-    EXPECT_FALSE(IngestEngine::trackClockSpan(TrackSource{}, 0));
-}
-
-TEST_F(DayRegions, SessionsWhoseClocksDontShowSeparateDaysStayWhole) {
-    struct Case {
-        const char* what;
-        std::vector<TrackSource> tracks;
-        std::string line; // the log line that says why, if any
-    };
-    const std::vector<Case> cases{
-        {"one recorder", {camera("Cam", {0.2, 30.0}), recorder("Rec", {0.0, 30.0, 60.0}, 1800)}, ""},
-        // RecA ends at 2:30, RecB starts at 5:00: closer than the three-hour margin.
-        {"recorders within three hours",
-         {camera("Cam", {0.2, 5.2}), recorder("RecA", {0.0, 1.0, 2.0}, 1800),
-          recorder("RecB", {5.0, 6.0}, 1800)},
-         ""},
-        {"untrusted recorder clocks",
-         {camera("Cam", {0.2, 23.2}), recorder("RecA", {0.0, 1.0}, 1800, ClockQuality::filesystem),
-          recorder("RecB", {23.0, 24.0}, 1800, ClockQuality::asset)},
-         "[Ingest] day-region: device clocks for 'Shoot' don't cohere within one day — treating as a single "
-         "day (audio-content sync)"},
-        // All of the camera goes to day 0, so day 1 is audio alone: the clocks disagree.
-        {"a camera dated on the first day only",
-         {camera("Cam", {0.2, 1.2, 1.5}), recorder("RecA", {0.0, 1.0, 2.0}, 1800),
-          recorder("RecB", {23.0, 24.0}, 1800)},
-         "[Ingest] day-region: audio-only vs video clock split for 'Shoot' — treating as one day (likely "
-         "wrong wall clock)"},
-    };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.what);
-        LogCapture log;
-        EXPECT_TRUE(IngestEngine::detectDayRegions(c.tracks).empty());
-        if (c.line.empty())
-            EXPECT_EQ(log.countStartingWith("[Ingest] day-region"), 0);
-        else
-            EXPECT_TRUE(log.contains(c.line));
-    }
-    // Without any camera in the session the recorders' days stand.
-    EXPECT_EQ(IngestEngine::detectDayRegions(
-                  {recorder("RecA", {0.0, 1.0, 2.0}, 1800), recorder("RecB", {23.0, 24.0}, 1800)})
-                  .size(),
-              2u);
-}
-
 TEST_F(DayRegions, TwoRecordersOnTwoDaysSendEachCameraClipToItsDay) {
     LogCapture log;
-    const auto tracks = twoDaysWithACamera();
+    auto tracks = twoDaysWithACamera();
+    // Another session with the same days is split on its own and proposes nothing here.
+    tracks.push_back(camera("Other", {0.2, 23.2}, 300, ClockQuality::filename, "/shoots/Other"));
     const auto proposals = IngestEngine::detectDayRegions(tracks);
     ASSERT_EQ(proposals.size(), 2u);
-
     const auto& d0 = proposals[0];
     EXPECT_EQ(d0.regionKey, "day-0");
     EXPECT_EQ(d0.label, "Region 1");
@@ -182,95 +117,143 @@ TEST_F(DayRegions, TwoRecordersOnTwoDaysSendEachCameraClipToItsDay) {
     EXPECT_EQ(d0.endDate, hours(2.5));
     EXPECT_EQ(d0.clockQuality, ClockQuality::embedded);
     EXPECT_FALSE(d0.rangeOverride);
-
-    const auto& d1 = proposals[1];
-    EXPECT_EQ(d1.regionKey, "day-1");
-    EXPECT_EQ(d1.label, "Region 2");
-    EXPECT_EQ(d1.trackNames, (std::vector<std::string>{"Cam (2 of 4)", "RecB"}));
-    EXPECT_EQ(d1.clipCount, 4);
-    EXPECT_EQ(d1.startDate, hours(23));
-    EXPECT_EQ(d1.endDate, hours(24.5));
-
+    EXPECT_EQ(proposals[1].regionKey, "day-1");
+    EXPECT_EQ(proposals[1].trackNames, (std::vector<std::string>{"Cam (2 of 4)", "RecB"}));
+    EXPECT_EQ(proposals[1].startDate, hours(23));
     EXPECT_TRUE(log.contains("[Ingest] day-region camera 'Cam' → day-0:2, day-1:2"));
     EXPECT_TRUE(log.contains("[Ingest] day-region propose 'day-0': Cam (2 of 4), RecA (5 clips, " +
                              formatClockTime(hours(0)) + " – " + formatClockTime(hours(2.5)) +
                              ", q=embedded)"));
 }
 
-TEST_F(DayRegions, TheDayWithMostAudioComesFirstAndEarlierDaysLast) {
-    LogCapture log;
-    // The second day has more audio, so it is region 0; the first day lies before it.
-    const std::vector<TrackSource> tracks{camera("Cam", {std::nullopt, std::nullopt, std::nullopt}),
-                                          recorder("RecA", {0.0}, 600),
-                                          recorder("RecB", {22.0, 23.0, 24.0}, 1800)};
-    const auto proposals = IngestEngine::detectDayRegions(tracks);
-    ASSERT_EQ(proposals.size(), 2u);
-    EXPECT_EQ(proposals[0].trackNames, (std::vector<std::string>{"Cam (1 of 3)", "RecB"}));
-    EXPECT_EQ(proposals[1].trackNames, (std::vector<std::string>{"Cam (2 of 3)", "RecA"}));
-    // The last region lies behind the first: undated footage after the first clip goes to it.
-    EXPECT_TRUE(log.contains("[Ingest] day-region camera 'Cam' → day-0:1, day-1:2"));
-}
-
-TEST_F(DayRegions, ARecorderWithItsClockInTheWrongYearIsLeftOutAndTheOthersDecide) {
-    LogCapture log;
-    auto tracks = twoDaysWithACamera();
-    tracks.push_back(recorder("RecC", {-2.0 * 365 * 24, -2.0 * 365 * 24 + 1}, 1800));
-    const auto proposals = IngestEngine::detectDayRegions(tracks);
-    EXPECT_TRUE(
-        log.contains("[Ingest] day-region: 1 audio device(s) have outlier clocks (>1 day from the group) — "
-                     "not trusting them to split days"));
-    ASSERT_EQ(proposals.size(), 2u);
-    // The recorder with the wrong clock stays with the main day, and its year doesn't widen its span.
-    EXPECT_EQ(proposals[0].trackNames, (std::vector<std::string>{"Cam (2 of 4)", "RecA", "RecC"}));
-    EXPECT_EQ(proposals[0].clipCount, 7);
-    EXPECT_EQ(proposals[0].startDate, hours(0));
-    EXPECT_EQ(proposals[1].trackNames, (std::vector<std::string>{"Cam (2 of 4)", "RecB"}));
-}
-
-TEST_F(DayRegions, CameraClipsWithoutATrustedDateArePlacedByLength) {
-    // Day 0 holds 1000 s of audio: four clips of 300 s pass 1050 s (1.05 times that) only with the
-    // fourth, so the fifth is the first to move to the last region. File dates seconds apart for
-    // clips of five minutes are those of a copy made on the second day: they don't place the clips.
+TEST_F(DayRegions, ProposalsFollowTheClocksTheyCanTrust) {
+    using Names = std::vector<std::vector<std::string>>;
     const std::optional<double> undated;
-    const std::vector<std::pair<TrackSource, std::string>> cases{
-        {camera("Cam", {undated, undated, undated, undated, undated}), "day-0:4, day-1:1"},
-        {camera("Cam", {23.0, 23.001, 23.002}, 300, ClockQuality::filesystem), "day-0:3"},
-    };
-    for (const auto& [cam, placed] : cases) {
-        SCOPED_TRACE(placed);
-        LogCapture log;
-        IngestEngine::detectDayRegions({cam, recorder("RecA", {0.0}, 1000), recorder("RecB", {23.0}, 500)});
-        EXPECT_TRUE(log.contains("[Ingest] day-region camera 'Cam' → " + placed));
-    }
-}
-
-TEST_F(DayRegions, TheCardsOfOneCameraGroupTakeOneDayEach) {
-    LogCapture log;
-    auto cardA = camera("CardA", {std::nullopt, std::nullopt});
-    auto cardB = camera("CardB", {std::nullopt});
-    auto cardC = camera("CardC", {std::nullopt});
+    auto cardA = camera("CardA", {undated, undated}), cardB = camera("CardB", {undated}),
+         cardC = camera("CardC", {undated});
     cardA.cameraGroup = cardB.cameraGroup = cardC.cameraGroup = "cam-0";
-    const std::vector<TrackSource> tracks{cardB, cardC, cardA, recorder("RecA", {0.0, 1.0, 2.0}, 1800),
-                                          recorder("RecB", {23.0, 24.0}, 1800)};
-    const auto proposals = IngestEngine::detectDayRegions(tracks);
-    EXPECT_TRUE(log.contains("[Ingest] day-region video 'CardA' → day-0 (group order 1/3)"));
-    EXPECT_TRUE(log.contains("[Ingest] day-region video 'CardB' → day-1 (group order 2/3)"));
-    // A third card has no third day: it is placed like any camera without a clock.
-    EXPECT_EQ(log.countStartingWith("[Ingest] day-region video 'CardC'"), 0);
-    EXPECT_TRUE(log.contains("[Ingest] day-region camera 'CardC' → day-0:1"));
-    ASSERT_EQ(proposals.size(), 2u);
-    EXPECT_EQ(proposals[0].trackNames, (std::vector<std::string>{"CardC", "CardA", "RecA"}));
-    EXPECT_EQ(proposals[1].trackNames, (std::vector<std::string>{"CardB", "RecB"}));
-}
-
-TEST_F(DayRegions, SessionsAreSplitOnTheirOwn) {
-    auto tracks = twoDaysWithACamera();
-    tracks.push_back(camera("Other", {0.2, 23.2}, 300, ClockQuality::filename, "/shoots/Other"));
-    tracks.push_back(recorder("OtherRec", {0.0, 1.0}, 1800, ClockQuality::embedded, "/shoots/Other"));
-    const auto proposals = IngestEngine::detectDayRegions(tracks);
-    ASSERT_EQ(proposals.size(), 2u);
-    for (const auto& p : proposals)
-        EXPECT_EQ(p.session, kSession);
+    // One camera over four cards, file dates only; the last clips of the second and fourth cards
+    // were rewritten together later (their dates overlap) and go with the clips before them.
+    std::vector<TrackSource> cards{camera("Card1", {0.1, 0.2}, 300, ClockQuality::filesystem),
+                                   camera("Card2", {0.3, 5000.0, 5000.001}, 300, ClockQuality::filesystem),
+                                   camera("Card3", {29.6, 29.7}, 300, ClockQuality::filesystem),
+                                   camera("Card4", {29.8, 5000.0, 5000.001}, 300, ClockQuality::filesystem)};
+    for (auto& card : cards)
+        card.cameraGroup = "cam-1";
+    cards.push_back(recorder("RecA", {0.0, 29.5}, 1800));
+    cards.push_back(recorder("RecB", {0.05, 29.55}, 1800));
+    // A recorder whose clock fell back to a wrong year part-way; its two channel files are one device.
+    auto left = recorder("Mix L", {0.0, 0.5, -20.0 * 365 * 24, 7 * 24.0}, 600);
+    auto right = recorder("Mix R", {0.0, 0.5, -20.0 * 365 * 24, 7 * 24.0}, 600);
+    right.siblingOf = left.id;
+    const std::string outliers = "[Ingest] day-region: 1 audio device(s) have outlier clocks (>1 day from "
+                                 "the group) — not trusting them "
+                                 "to split days";
+    auto withWrongYear = twoDaysWithACamera();
+    withWrongYear.push_back(recorder("RecC", {-2.0 * 365 * 24, -2.0 * 365 * 24 + 1}, 1800));
+    struct Case {
+        const char* what;
+        std::vector<TrackSource> tracks;
+        Names names; // the track names of each proposal
+        std::string line;
+    };
+    const std::vector<Case> cases{
+        {"one recorder", {camera("Cam", {0.2, 30.0}), recorder("Rec", {0.0, 30.0, 60.0}, 1800)}, {}, ""},
+        // RecA ends at 2:30, RecB starts at 5:00: closer than the three-hour margin.
+        {"recorders within three hours",
+         {camera("Cam", {0.2, 5.2}), recorder("RecA", {0.0, 1.0, 2.0}, 1800),
+          recorder("RecB", {5.0, 6.0}, 1800)},
+         {},
+         ""},
+        {"untrusted recorder clocks",
+         {camera("Cam", {0.2, 23.2}), recorder("RecA", {0.0, 1.0}, 1800, ClockQuality::filesystem),
+          recorder("RecB", {23.0, 24.0}, 1800, ClockQuality::asset)},
+         {},
+         "[Ingest] day-region: device clocks for 'Shoot' don't cohere within one day — treating as a single "
+         "day "
+         "(audio-content sync)"},
+        // All of the camera goes to day 0, so day 1 is audio alone: the clocks disagree.
+        {"a camera dated on the first day only",
+         {camera("Cam", {0.2, 1.2, 1.5}), recorder("RecA", {0.0, 1.0, 2.0}, 1800),
+          recorder("RecB", {23.0, 24.0}, 1800)},
+         {},
+         "[Ingest] day-region: audio-only vs video clock split for 'Shoot' — treating as one day (likely "
+         "wrong "
+         "wall clock)"},
+        {"no camera: the recorders' days stand",
+         {recorder("RecA", {0.0, 1.0, 2.0}, 1800), recorder("RecB", {23.0, 24.0}, 1800)},
+         {{"RecA"}, {"RecB"}},
+         ""},
+        // The second day has more audio, so it is region 0; undated footage after the first clip
+        // goes to the last region, which lies behind it.
+        {"the day with most audio first",
+         {camera("Cam", {undated, undated, undated}), recorder("RecA", {0.0}, 600),
+          recorder("RecB", {22.0, 23.0, 24.0}, 1800)},
+         {{"Cam (1 of 3)", "RecB"}, {"Cam (2 of 3)", "RecA"}},
+         "[Ingest] day-region camera 'Cam' → day-0:1, day-1:2"},
+        // Left out of the decision, it stays with the main day, its year not widening the span.
+        {"a recorder in the wrong year",
+         withWrongYear,
+         {{"Cam (2 of 4)", "RecA", "RecC"}, {"Cam (2 of 4)", "RecB"}},
+         outliers},
+        // Day 0 holds 1000 s of audio: four clips of 300 s pass 1050 s (1.05 times that) only with
+        // the fourth, so the fifth is the first to move to the last region.
+        {"undated camera clips by length",
+         {camera("Cam", {undated, undated, undated, undated, undated}), recorder("RecA", {0.0}, 1000),
+          recorder("RecB", {23.0}, 500)},
+         {{"Cam (4 of 5)", "RecA"}, {"Cam (1 of 5)", "RecB"}},
+         "[Ingest] day-region camera 'Cam' → day-0:4, day-1:1"},
+        // File dates seconds apart for clips of five minutes are those of a copy: they place nothing,
+        // and with the whole camera on the first day the clocks disagree.
+        {"copied file dates",
+         {camera("Cam", {23.0, 23.001, 23.002}, 300, ClockQuality::filesystem), recorder("RecA", {0.0}, 1000),
+          recorder("RecB", {23.0}, 500)},
+         {},
+         "[Ingest] day-region camera 'Cam' → day-0:3"},
+        // A third card has no third day: it is placed like any camera without a clock.
+        {"the cards of one group take one day each",
+         {cardB, cardC, cardA, recorder("RecA", {0.0, 1.0, 2.0}, 1800), recorder("RecB", {23.0, 24.0}, 1800)},
+         {{"CardC", "CardA", "RecA"}, {"CardB", "RecB"}},
+         "[Ingest] day-region video 'CardB' → day-1 (group order 2/3)"},
+        {"dated cards follow their dates",
+         cards,
+         {{"Card1", "Card2", "RecA (1 of 2)", "RecB (1 of 2)"},
+          {"Card3", "Card4", "RecA (1 of 2)", "RecB (1 of 2)"}},
+         ""},
+        // The undated clip lies between clips of the first day in file order: it is the first day's.
+        {"a recorder that worked on two days",
+         {camera("Cam", {0.1, 0.4, 29.6, 29.8}, 300, ClockQuality::filesystem),
+          recorder("RecA", {0.0, 0.3, undated, 29.5, 29.7}, 600), recorder("RecB", {0.05, 0.35}, 600)},
+         {{"Cam (2 of 4)", "RecA (3 of 5)", "RecB"}, {"Cam (2 of 4)", "RecA (2 of 5)"}},
+         ""},
+        // Nothing else recorded a month later, and the recorders disagree by more than a week.
+        {"one clock a month away",
+         {recorder("RecA", {0.0, 1.0}, 1800), recorder("RecB", {30 * 24.0}, 1800)},
+         {},
+         "[Ingest] day-region: 2 audio device(s) have outlier clocks (>1 day from the group) — not trusting "
+         "them "
+         "to split days"},
+        // The days a week apart that several clocks agree on stand.
+        {"a wrong year part-way",
+         {camera("Cam", {0.1, 7 * 24.1}, 300, ClockQuality::filesystem), left, right,
+          recorder("RecB", {0.2, 7 * 24 + 0.2}, 600)},
+         {{"Cam (1 of 2)", "Mix L (3 of 4)", "Mix R (3 of 4)", "RecB (1 of 2)"},
+          {"Cam (1 of 2)", "Mix L (1 of 4)", "Mix R (1 of 4)", "RecB (1 of 2)"}},
+         outliers},
+    };
+    for (const auto& c : cases) {
+        LogCapture log;
+        const auto proposals = IngestEngine::detectDayRegions(c.tracks);
+        Names names;
+        for (const auto& p : proposals)
+            names.push_back(p.trackNames);
+        EXPECT_EQ(names, c.names) << c.what;
+        if (c.line.empty()) {
+            EXPECT_EQ(log.countStartingWith("[Ingest] day-region: "), 0) << c.what;
+        } else {
+            EXPECT_TRUE(log.contains(c.line)) << c.what;
+        }
+    }
 }
 
 TEST_F(DayRegions, ApplyingWritesTheKeysOfAcceptedRegionsOnly) {
@@ -303,17 +286,6 @@ TEST_F(DayRegions, ApplyingWritesTheKeysOfAcceptedRegionsOnly) {
         for (const auto& c : t.clips)
             EXPECT_FALSE(c.dayRegion) << t.name;
     }
-}
-
-TEST_F(DayRegions, ATrackTakesTheRegionOfMostOfItsClips) {
-    const std::vector<TrackSource> tracks{camera("Cam", {0.2, 23.2, 23.5, 24.2}),
-                                          recorder("RecA", {0.0, 1.0, 2.0}, 1800),
-                                          recorder("RecB", {23.0, 24.0}, 1800)};
-    const auto proposals = IngestEngine::detectDayRegions(tracks);
-    ASSERT_EQ(proposals.size(), 2u);
-    const auto out = IngestEngine::applyDayRegions(tracks, proposals, allOf(proposals));
-    EXPECT_EQ(regionsOf(out[0]), (std::vector<std::string>{"day-0", "day-1", "day-1", "day-1"}));
-    EXPECT_EQ(out[0].dayRegion, "day-1");
 }
 
 TEST_F(DayRegions, TracksNoAcceptedRegionCoversFollowTheirClockOrTheFirstRegion) {
@@ -353,17 +325,6 @@ TEST_F(DayRegions, TracksNoAcceptedRegionCoversFollowTheirClockOrTheFirstRegion)
     EXPECT_EQ(single.countStartingWith("[Ingest] day-region orphan "), 0);
 }
 
-namespace {
-
-// The region key each clip was proposed into, by clip id; "-" for a clip of no proposal.
-std::string proposedRegion(const std::vector<DayRegionProposal>& proposals, const ClipItem& clip) {
-    for (const auto& p : proposals)
-        if (std::find(p.clipIDs.begin(), p.clipIDs.end(), clip.id) != p.clipIDs.end()) return p.regionKey;
-    return "-";
-}
-
-} // namespace
-
 TEST_F(DayRegions, EveryDayOfAShootIsItsOwnRegionHoweverFarApart) {
     // Day starts in hours. Every recorder and camera worked on every day, each in one track that
     // spans the whole shoot, as when the days' cards are copied into the same folders. The camera
@@ -393,75 +354,4 @@ TEST_F(DayRegions, EveryDayOfAShootIsItsOwnRegionHoweverFarApart) {
                 EXPECT_EQ(proposedRegion(proposals, tracks[t].clips[ci]), (*expected[t])[ci])
                     << tracks[t].name << " clip " << ci;
     }
-}
-
-TEST_F(DayRegions, ARecorderThatWorkedOnTwoDaysSplitsBetweenThem) {
-    LogCapture log;
-    // RecA recorded both days, RecB only the first; the camera's file dates back the second day.
-    const std::vector<TrackSource> tracks{
-        camera("Cam", {0.1, 0.4, 29.6, 29.8}, 300, ClockQuality::filesystem),
-        recorder("RecA", {0.0, 0.3, std::nullopt, 29.5, 29.7}, 600), recorder("RecB", {0.05, 0.35}, 600)};
-    const auto proposals = IngestEngine::detectDayRegions(tracks);
-    ASSERT_EQ(proposals.size(), 2u);
-    EXPECT_EQ(proposals[0].trackNames, (std::vector<std::string>{"Cam (2 of 4)", "RecA (3 of 5)", "RecB"}));
-    EXPECT_EQ(proposals[1].trackNames, (std::vector<std::string>{"Cam (2 of 4)", "RecA (2 of 5)"}));
-    // The undated clip lies between clips of the first day in file order: it is the first day's.
-    EXPECT_EQ(proposedRegion(proposals, tracks[1].clips[2]), "day-0");
-    EXPECT_EQ(proposals[1].startDate, hours(29.5));
-}
-
-TEST_F(DayRegions, ADayThatOneClockAloneClaimsAWeekAwayIsAWrongClock) {
-    LogCapture log;
-    // Nothing else recorded a month later, and the recorders disagree by more than a week: no day
-    // can be trusted.
-    EXPECT_TRUE(IngestEngine::detectDayRegions(
-                    {recorder("RecA", {0.0, 1.0}, 1800), recorder("RecB", {30 * 24.0}, 1800)})
-                    .empty());
-    EXPECT_TRUE(
-        log.contains("[Ingest] day-region: 2 audio device(s) have outlier clocks (>1 day from the group) — "
-                     "not trusting them to split days"));
-    EXPECT_EQ(log.countStartingWith("[Ingest] day-region: device clocks for 'Shoot' don't cohere"), 1);
-
-    // A recorder whose clock fell back to a wrong year part-way is wrong for those clips only; its
-    // two channel files are one device. The days of a week apart that several clocks agree on stand.
-    LogCapture reset;
-    auto left = recorder("Mix L", {0.0, 0.5, -20.0 * 365 * 24, 7 * 24.0}, 600);
-    auto right = recorder("Mix R", {0.0, 0.5, -20.0 * 365 * 24, 7 * 24.0}, 600);
-    right.siblingOf = left.id;
-    const std::vector<TrackSource> tracks{camera("Cam", {0.1, 7 * 24.1}, 300, ClockQuality::filesystem), left,
-                                          right, recorder("RecB", {0.2, 7 * 24 + 0.2}, 600)};
-    const auto proposals = IngestEngine::detectDayRegions(tracks);
-    EXPECT_TRUE(
-        reset.contains("[Ingest] day-region: 1 audio device(s) have outlier clocks (>1 day from the group) — "
-                       "not trusting them to split days"));
-    ASSERT_EQ(proposals.size(), 2u);
-    EXPECT_EQ(proposedRegion(proposals, tracks[1].clips[2]), "day-0");
-    EXPECT_EQ(proposedRegion(proposals, tracks[1].clips[3]), "day-1");
-    EXPECT_EQ(proposals[0].startDate, hours(0));
-}
-
-TEST_F(DayRegions, CardsWithDatesFollowThemAndUndatedClipsTheirNeighbours) {
-    LogCapture log;
-    // One camera over four cards, two cards a day, file dates only. The last clips of the second
-    // and fourth cards were rewritten together later (their dates overlap): they go with the
-    // clips before them.
-    auto card1 = camera("Card1", {0.1, 0.2}, 300, ClockQuality::filesystem);
-    auto card2 = camera("Card2", {0.3, 5000.0, 5000.001}, 300, ClockQuality::filesystem);
-    auto card3 = camera("Card3", {29.6, 29.7}, 300, ClockQuality::filesystem);
-    auto card4 = camera("Card4", {29.8, 5000.0, 5000.001}, 300, ClockQuality::filesystem);
-    for (auto* card : {&card1, &card2, &card3, &card4})
-        card->cameraGroup = "cam-0";
-    const std::vector<TrackSource> tracks{card1,
-                                          card2,
-                                          card3,
-                                          card4,
-                                          recorder("RecA", {0.0, 29.5}, 1800),
-                                          recorder("RecB", {0.05, 29.55}, 1800)};
-    const auto proposals = IngestEngine::detectDayRegions(tracks);
-    ASSERT_EQ(proposals.size(), 2u);
-    EXPECT_EQ(log.countStartingWith("[Ingest] day-region video "), 0);
-    EXPECT_EQ(proposals[0].trackNames,
-              (std::vector<std::string>{"Card1", "Card2", "RecA (1 of 2)", "RecB (1 of 2)"}));
-    EXPECT_EQ(proposals[1].trackNames,
-              (std::vector<std::string>{"Card3", "Card4", "RecA (1 of 2)", "RecB (1 of 2)"}));
 }

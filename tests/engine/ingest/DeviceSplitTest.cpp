@@ -63,13 +63,6 @@ std::vector<std::string> fileNames(const TrackSource& t) {
     return out;
 }
 
-std::vector<std::size_t> clipCounts(const std::vector<TrackSource>& tracks) {
-    std::vector<std::size_t> out;
-    for (const auto& t : tracks)
-        out.push_back(t.clips.size());
-    return out;
-}
-
 std::vector<std::string> splitLines(const LogCapture& log) {
     std::vector<std::string> out;
     for (const auto& line : log.lines())
@@ -176,8 +169,6 @@ TEST(DeviceSplit, AMixedFolderBecomesOneTrackPerDeviceLargestFirst) {
     for (const auto& t : out) {
         EXPECT_NE(t.id, dumpId);
         EXPECT_EQ(t.session, "/shoot");
-        EXPECT_EQ(t.type, SourceType::video);
-        EXPECT_FALSE(t.lockedGrouping);
     }
     EXPECT_EQ(out[0].clips[0].startOffset, 0.0);
     EXPECT_EQ(out[0].clips[1].startOffset, 1.0);
@@ -187,78 +178,44 @@ TEST(DeviceSplit, AMixedFolderBecomesOneTrackPerDeviceLargestFirst) {
                 ElementsAre("[Ingest] device-split 'Dump': SONY, ILCE-7SM3 (7654321)=3, Canon EOS R5=2"));
 }
 
-TEST(DeviceSplit, ATrackOfOneDeviceStaysAsItWasWithItsLabel) {
-    LogCapture log;
-    const TrackSource one = track("A001", {
-                                              clip(kDump + "C0002.MP4", "Sony FX6 1111111", 2.0),
-                                              clip(kDump + "C0001.MP4", "SONY FX6 2222222", 2.0),
-                                              clip(kDump + "C0003.MP4", "cam_hevc_3840", 2.0),
-                                          });
-    const auto out = IngestEngine::splitSourcesByDevice({one});
-    ASSERT_EQ(out.size(), 1u);
-    EXPECT_EQ(out[0].id, one.id);
-    EXPECT_EQ(out[0].name, "A001");
-    EXPECT_THAT(fileNames(out[0]), ElementsAre("C0002.MP4", "C0001.MP4", "C0003.MP4")) << "clips untouched";
-    EXPECT_EQ(out[0].deviceName, "Sony FX6 1111111");
-    EXPECT_THAT(splitLines(log), IsEmpty());
-}
-
-TEST(DeviceSplit, UnlabelledClipsJoinTheDeviceWhoseFilesShareTheirPrefix) {
-    LogCapture log;
-    const auto out =
-        IngestEngine::splitSourcesByDevice({track("Card", {
-                                                              clip(kDump + "C0001.MP4", "Sony FX6"),
-                                                              clip(kDump + "C0002.MP4"),
-                                                              clip(kDump + "DSC_0001.MOV", "Canon R5"),
-                                                              clip(kDump + "DSC_0002.MOV", "cam_h264"),
-                                                              clip(kDump + "DSC_0003.MOV", ""),
-                                                              clip(kDump + "GOPR0001.MP4"),
-                                                              clip(kDump + "notes.mov"),
-                                                          })});
-    ASSERT_EQ(names(out), (std::vector<std::string>{"Canon R5", "Sony FX6", "Card (other)"}));
-    EXPECT_THAT(fileNames(out[0]), ElementsAre("DSC_0001.MOV", "DSC_0002.MOV", "DSC_0003.MOV"));
-    EXPECT_THAT(fileNames(out[1]), ElementsAre("C0001.MP4", "C0002.MP4"));
-    EXPECT_THAT(fileNames(out[2]), ElementsAre("GOPR0001.MP4", "notes.mov"));
-    EXPECT_EQ(out[2].deviceName, std::nullopt) << "the rest has no device";
-    EXPECT_THAT(splitLines(log),
-                ElementsAre("[Ingest] device-split 'Card': Canon R5=3, Sony FX6=2, other=2"));
-}
-
-TEST(DeviceSplit, SmallKeysFoldIntoOtherOnlyOnTracksOfTwentyClipsOrMore) {
-    {
+TEST(DeviceSplit, UnlabelledClipsJoinByPrefixAndSmallKeysFoldOnlyOnTracksOfTwentyClips) {
+    std::vector<ClipItem> loose;
+    for (int i = 0; i < 12; ++i)
+        loose.push_back(clip(kDump + fmt::format("misc-{}x.mov", static_cast<char>('a' + i))));
+    struct Case {
+        const char* what;
+        std::vector<ClipItem> clips;
+        std::vector<std::string> tracks;
+        std::vector<std::string> lines;
+    };
+    const std::vector<Case> cases{
+        // Unlabelled clips and codec fingerprints join the device whose files share their prefix.
+        {"unlabelled clips",
+         {clip(kDump + "C0001.MP4", "Sony FX6"), clip(kDump + "C0002.MP4"),
+          clip(kDump + "DSC_0001.MOV", "Canon R5"), clip(kDump + "DSC_0002.MOV", "cam_h264"),
+          clip(kDump + "DSC_0003.MOV", ""), clip(kDump + "GOPR0001.MP4"), clip(kDump + "notes.mov")},
+         {"Canon R5", "Sony FX6", "Dump (other)"},
+         {"[Ingest] device-split 'Dump': Canon R5=3, Sony FX6=2, other=2"}},
+        {"19 clips never fold",
+         concat({clips("A", 15, "Alpha"), clips("B", 3, "Bravo"), clips("C", 1, "Charlie")}),
+         {"Alpha", "Bravo", "Charlie"},
+         {"[Ingest] device-split 'Dump': Alpha=15, Bravo=3, Charlie=1"}},
+        {"20 clips fold the key of one",
+         concat({clips("A", 16, "Alpha"), clips("B", 3, "Bravo"), clips("C", 1, "Charlie")}),
+         {"Alpha", "Bravo", "Dump (other)"},
+         {"[Ingest] device-split 'Dump': 1 device key(s) with fewer than 3 clips folded into '(other)'",
+          "[Ingest] device-split 'Dump': Alpha=16, Bravo=3, other=1"}},
+        // Every key is small: none folds.
+        {"only small keys",
+         concat({clips("A", 2, "Alpha"), clips("B", 2, "Bravo"), clips("C", 2, "Charlie"),
+                 clips("D", 2, "Delta"), loose}),
+         {"Alpha", "Bravo", "Charlie", "Delta", "Dump (other)"},
+         {"[Ingest] device-split 'Dump': Alpha=2, Bravo=2, Charlie=2, Delta=2, other=12"}},
+    };
+    for (const auto& c : cases) {
         LogCapture log;
-        const auto out = IngestEngine::splitSourcesByDevice({track(
-            "Dump", concat({clips("A", 15, "Alpha"), clips("B", 3, "Bravo"), clips("C", 1, "Charlie")}))});
-        EXPECT_EQ(names(out), (std::vector<std::string>{"Alpha", "Bravo", "Charlie"}))
-            << "19 clips never fold";
-        EXPECT_THAT(splitLines(log),
-                    ElementsAre("[Ingest] device-split 'Dump': Alpha=15, Bravo=3, Charlie=1"));
-    }
-    {
-        LogCapture log;
-        const auto out = IngestEngine::splitSourcesByDevice({track(
-            "Dump", concat({clips("A", 16, "Alpha"), clips("B", 3, "Bravo"), clips("C", 1, "Charlie")}))});
-        ASSERT_EQ(names(out), (std::vector<std::string>{"Alpha", "Bravo", "Dump (other)"}));
-        EXPECT_THAT(fileNames(out[2]), ElementsAre("C0001.MP4"));
-        EXPECT_THAT(
-            splitLines(log),
-            ElementsAre("[Ingest] device-split 'Dump': 1 device key(s) with fewer than 3 clips folded into "
-                        "'(other)'",
-                        "[Ingest] device-split 'Dump': Alpha=16, Bravo=3, other=1"));
-    }
-    {
-        // Four devices of two clips each and twelve loose files: every key is small, so none folds.
-        LogCapture log;
-        std::vector<ClipItem> loose;
-        for (int i = 0; i < 12; ++i)
-            loose.push_back(clip(kDump + fmt::format("misc-{}x.mov", static_cast<char>('a' + i))));
-        const auto out = IngestEngine::splitSourcesByDevice(
-            {track("Dump", concat({clips("A", 2, "Alpha"), clips("B", 2, "Bravo"), clips("C", 2, "Charlie"),
-                                   clips("D", 2, "Delta"), loose}))});
-        EXPECT_EQ(names(out),
-                  (std::vector<std::string>{"Alpha", "Bravo", "Charlie", "Delta", "Dump (other)"}));
-        EXPECT_EQ(clipCounts(out), (std::vector<std::size_t>{2, 2, 2, 2, 12}));
-        EXPECT_EQ(log.countStartingWith("[Ingest] device-split 'Dump': 4 device key"), 0);
+        EXPECT_EQ(names(IngestEngine::splitSourcesByDevice({track("Dump", c.clips)})), c.tracks) << c.what;
+        EXPECT_EQ(splitLines(log), c.lines) << c.what;
     }
 }
 
@@ -288,7 +245,7 @@ TEST(DeviceSplit, NineDevicesKeepTheEightLargestAndSayToCheckByHand) {
                         "Device E=2, Device F=2, Device G=2, Device H=2, other=1");
 }
 
-TEST(DeviceSplit, LockedTracksSingleFolderRecordersAndCodecFingerprintsStayWhole) {
+TEST(DeviceSplit, OneDeviceLockedTracksSingleFolderRecordersAndCodecFingerprintsStayWhole) {
     LogCapture log;
     TrackSource card = track("A001",
                              {clip(kDump + "A.R3D", "RED KOMODO"), clip(kDump + "B.MOV", "Sony FX6"),
@@ -305,31 +262,25 @@ TEST(DeviceSplit, LockedTracksSingleFolderRecordersAndCodecFingerprintsStayWhole
         track("Body", {clip(kDump + "C0001.MP4", "cam_h264_1920"), clip(kDump + "X.MP4", "cam_hevc")});
     fingerprinted.deviceName = "cam_h264_1920";
 
-    const auto out = IngestEngine::splitSourcesByDevice({card, recorder, labelled, fingerprinted});
-    ASSERT_EQ(out.size(), 4u);
+    // One device under several serial numbers: the track stays as it was, clips untouched.
+    const TrackSource one = track("A001", {clip(kDump + "C0002.MP4", "Sony FX6 1111111"),
+                                           clip(kDump + "C0001.MP4", "SONY FX6 2222222"),
+                                           clip(kDump + "C0003.MP4", "cam_hevc_3840")});
+    const auto out = IngestEngine::splitSourcesByDevice({card, recorder, labelled, fingerprinted, one});
+    ASSERT_EQ(out.size(), 5u);
+    EXPECT_EQ(out[4].id, one.id);
+    EXPECT_THAT(fileNames(out[4]), ElementsAre("C0002.MP4", "C0001.MP4", "C0003.MP4"));
+    EXPECT_EQ(out[4].deviceName, "Sony FX6 1111111");
     EXPECT_EQ(out[0].id, card.id);
     EXPECT_EQ(out[0].clips.size(), 3u);
     EXPECT_EQ(out[0].deviceName, "Sony FX6");
     EXPECT_EQ(out[0].type, SourceType::video) << "the type is still corrected from the clips";
-    EXPECT_TRUE(out[0].lockedGrouping);
     EXPECT_EQ(out[1].id, recorder.id);
     EXPECT_EQ(out[1].deviceName, "ZOOM F8");
-    EXPECT_EQ(out[1].type, SourceType::audio);
     EXPECT_EQ(out[2].deviceName, "ARRI ALEXA") << "a label the track has is kept where its clips give none";
     EXPECT_EQ(out[3].id, fingerprinted.id) << "codec fingerprints are no device";
     EXPECT_EQ(out[3].deviceName, std::nullopt);
     EXPECT_THAT(splitLines(log), IsEmpty());
-}
-
-TEST(DeviceSplit, AnAudioTrackOverSeveralFoldersIsSplitLikeAnyOther) {
-    const auto out = IngestEngine::splitSourcesByDevice(
-        {track("Audio",
-               {clip("/a/ZOOM0001.WAV", "ZOOM F8"), clip("/b/TASCAM_0001.WAV", "TASCAM DR-10L"),
-                clip("/a/ZOOM0002.WAV", "ZOOM F8")},
-               SourceType::audio)});
-    EXPECT_EQ(names(out), (std::vector<std::string>{"ZOOM F8", "TASCAM DR-10L"}));
-    for (const auto& t : out)
-        EXPECT_EQ(t.type, SourceType::audio);
 }
 
 TEST(DeviceSplit, NewTracksTakeNamesNotYetUsedByTheOutput) {

@@ -33,22 +33,7 @@ std::vector<std::string> clipNames(const TrackSource& t) {
 
 } // namespace
 
-TEST(Scan, LooseFoldersShareTheirCommonParentAsSession) {
-    TempDir tmp;
-    tmp.file("shoot/camA/C0001.MP4");
-    tmp.file("shoot/recorder/ZOOM0001.WAV");
-    IngestEngine engine;
-    const auto tracks = engine.ingest({url(tmp / "shoot/camA"), url(tmp / "shoot/recorder")}, {});
-    ASSERT_EQ(names(tracks), (std::vector<std::string>{"camA", "recorder"}));
-    EXPECT_EQ(tracks[0].type, SourceType::video);
-    EXPECT_EQ(tracks[1].type, SourceType::audio);
-    EXPECT_EQ(tracks[0].session, (tmp / "shoot").string());
-    EXPECT_EQ(tracks[1].session, (tmp / "shoot").string());
-    EXPECT_FALSE(tracks[0].lockedGrouping);
-    EXPECT_TRUE(engine.completeShootSessions.empty());
-}
-
-TEST(Scan, ACompleteShootKeepsItsOwnSessionWhenLooseMaterialArrivesLater) {
+TEST(Scan, LooseFoldersShareTheirCommonAncestorAndACompleteShootKeepsItsOwnSession) {
     TempDir tmp;
     tmp.file("day1/cam/C0001.MP4");
     tmp.file("day1/rec/R0001.WAV");
@@ -56,22 +41,23 @@ TEST(Scan, ACompleteShootKeepsItsOwnSessionWhenLooseMaterialArrivesLater) {
     tmp.file("elsewhere/cam2/D0001.MOV");
     IngestEngine engine;
     auto tracks = engine.ingest({url(tmp / "day1")}, {});
-    ASSERT_EQ(tracks.size(), 2u);
-    EXPECT_TRUE(tracks[0].lockedGrouping) << "two leaves of one drop are locked groups";
+    ASSERT_EQ(names(tracks), (std::vector<std::string>{"cam", "rec"}));
+    EXPECT_EQ(tracks[0].type, SourceType::video);
+    EXPECT_EQ(tracks[1].type, SourceType::audio);
     EXPECT_EQ(tracks[0].session, (tmp / "day1").string());
     EXPECT_TRUE(engine.completeShootSessions.contains((tmp / "day1").string()));
 
     tracks = engine.ingest({url(tmp / "other/extra")}, tracks);
     tracks = engine.ingest({url(tmp / "elsewhere/cam2")}, tracks);
     ASSERT_EQ(tracks.size(), 4u);
-    EXPECT_EQ(tracks[0].session, (tmp / "day1").string());
     EXPECT_EQ(tracks[1].session, (tmp / "day1").string());
     // The loose session follows the common ancestor of all loose material, old and new.
     EXPECT_EQ(tracks[2].session, tmp.path().string());
     EXPECT_EQ(tracks[3].session, tmp.path().string());
+    EXPECT_EQ(engine.completeShootSessions.size(), 1u);
 }
 
-TEST(Scan, LeavesOfADropBecomeLockedTracksAndASingleFolderAnUnlockedOne) {
+TEST(Scan, LeavesOfADropBecomeLockedTracksASingleFolderAnUnlockedOneAndProxiesNone) {
     TempDir tmp;
     tmp.file("card/A/a1.MOV");
     tmp.file("card/B/b1.MOV");
@@ -94,25 +80,21 @@ TEST(Scan, LeavesOfADropBecomeLockedTracksAndASingleFolderAnUnlockedOne) {
     ASSERT_EQ(solo.size(), 1u);
     EXPECT_EQ(solo[0].name, "solo");
     EXPECT_FALSE(solo[0].lockedGrouping);
-}
 
-TEST(Scan, ProxyFoldersAreSkippedButStillCountAsContent) {
-    TempDir tmp;
+    // Proxy folders are skipped, but their media still count as content: a dropped proxy folder has
+    // no leaves, so its media form one group, and a WAV in a skipped LRV folder makes a complete shoot.
     tmp.file("proxy/p1.MP4");
     tmp.file("shoot/cam/C1.MP4");
     tmp.file("shoot/cam/Proxy/C1_proxy.MP4");
     tmp.file("shoot/cam/LRV/x.WAV");
-    IngestEngine engine;
-    const auto dropped = engine.ingest({url(tmp / "proxy")}, {});
-    ASSERT_EQ(dropped.size(), 1u) << "a dropped proxy folder has no leaves, so its media form one group";
+    const auto dropped = fresh.ingest({url(tmp / "proxy")}, {});
+    ASSERT_EQ(dropped.size(), 1u);
     EXPECT_EQ(clipNames(dropped[0]), std::vector<std::string>{"p1.MP4"});
     EXPECT_FALSE(dropped[0].lockedGrouping);
-
-    const auto shoot = engine.ingest({url(tmp / "shoot")}, {});
+    const auto shoot = fresh.ingest({url(tmp / "shoot")}, {});
     ASSERT_EQ(shoot.size(), 1u);
     EXPECT_EQ(clipNames(shoot[0]), std::vector<std::string>{"C1.MP4"});
-    // The WAV inside the skipped LRV folder still made the drop a complete shoot.
-    EXPECT_TRUE(engine.completeShootSessions.contains((tmp / "shoot").string()));
+    EXPECT_TRUE(fresh.completeShootSessions.contains((tmp / "shoot").string()));
 }
 
 TEST(Scan, FilesAlreadyInTheSessionAreNotAddedAgainExceptWithinOneDrop) {
@@ -158,43 +140,36 @@ TEST(Scan, IdentifiersAreTheSameEveryRunDistinctAndNeverTaken) {
     EXPECT_EQ(IngestEngine::newTrackId("folder", first[0].clips, first), again);
 }
 
-TEST(Scan, TrackNamesClimbOverGenericFolders) {
+TEST(Scan, TrackNamesClimbOverGenericFoldersAndStayUnique) {
     TempDir tmp;
-    tmp.file("A001/CLIPS/c.MOV");
-    tmp.file("Card 2/CLIPS/c.MOV");
-    tmp.file("Shoot/DCIM/100MEDIA/d.MP4");
-    tmp.file("Desk/Media/m.MP4");
-    tmp.file("RedRoll.RDM/stuff/x.MOV");
-    EXPECT_EQ(IngestEngine::trackName(url(tmp / "A001/CLIPS")), "CLIPS");
-    EXPECT_EQ(IngestEngine::trackName(url(tmp / "Card 2/CLIPS")), "Card 2");
-    EXPECT_EQ(IngestEngine::trackName(url(tmp / "Shoot/DCIM/100MEDIA")), "Shoot");
-    EXPECT_EQ(IngestEngine::trackName(url(tmp / "RedRoll.RDM")), "RedRoll");
+    for (const auto& [folder, name] : {std::pair{"A001/CLIPS", "CLIPS"},
+                                       {"Card 2/CLIPS", "Card 2"},
+                                       {"Shoot/DCIM/100MEDIA", "Shoot"},
+                                       {"RedRoll.RDM", "RedRoll"}}) {
+        tmp.file(std::string(folder) + "/c.MOV");
+        EXPECT_EQ(IngestEngine::trackName(url(tmp / folder)), name) << folder;
+    }
     EXPECT_EQ(IngestEngine::trackName(url("/DCIM")), "DCIM") << "never climbs to the root";
+    for (const auto& [folder, generic] : {std::pair{"Clips 2", true},
+                                          {"101CANON", true},
+                                          {"PRIVATE", true},
+                                          {"Interview", false},
+                                          {"A001", false}})
+        EXPECT_EQ(IngestEngine::isGenericFolder(folder), generic) << folder;
 
-    EXPECT_TRUE(IngestEngine::isGenericFolder("Clips 2"));
-    EXPECT_TRUE(IngestEngine::isGenericFolder("101CANON"));
-    EXPECT_TRUE(IngestEngine::isGenericFolder("PRIVATE"));
-    EXPECT_FALSE(IngestEngine::isGenericFolder("Interview"));
-    EXPECT_FALSE(IngestEngine::isGenericFolder("A001"));
-}
-
-TEST(Scan, UniqueNamesCountUpAndGenericNamesBecomeTypeWords) {
     std::vector<std::string> existing;
     for (int i = 0; i < 3; ++i)
         existing.push_back(IngestEngine::uniqueName("Interview", SourceType::audio, existing));
     EXPECT_EQ(existing, (std::vector<std::string>{"Interview", "Interview 2", "Interview 3"}));
-    EXPECT_EQ(IngestEngine::uniqueName("Media", SourceType::video, {}), "CLIP");
     EXPECT_EQ(IngestEngine::uniqueName("Media", SourceType::video, {"CLIP"}), "CLIP 2");
     EXPECT_EQ(IngestEngine::uniqueName("music", SourceType::audio, {}), "Mic");
-    const std::string longName(50, 'x');
-    EXPECT_EQ(IngestEngine::uniqueName(longName, SourceType::audio, {std::string(40, 'x')}),
+    EXPECT_EQ(IngestEngine::uniqueName(std::string(50, 'x'), SourceType::audio, {std::string(40, 'x')}),
               std::string(40, 'x') + " 2");
     // Cut by characters, never inside one.
     std::string accented;
     for (int i = 0; i < 45; ++i)
         accented += "é";
-    const auto cut = IngestEngine::uniqueName(accented, SourceType::audio, {});
-    EXPECT_EQ(cut.size(), 80u);
+    EXPECT_EQ(IngestEngine::uniqueName(accented, SourceType::audio, {}).size(), 80u);
 }
 
 TEST(Scan, ClipsAreOrderedByNumberedNamesThenByDate) {
@@ -215,10 +190,10 @@ TEST(Scan, ClipsAreOrderedByNumberedNamesThenByDate) {
 }
 
 TEST(Scan, CommonAncestorPathAndSortOrder) {
-    EXPECT_EQ(IngestEngine::commonAncestorPath({}), "");
-    EXPECT_EQ(IngestEngine::commonAncestorPath({"/a/b/c.wav"}), "/a/b");
-    EXPECT_EQ(IngestEngine::commonAncestorPath({"/a/b/c", "/a/b/d", "/a/bx"}), "/a");
-    EXPECT_EQ(IngestEngine::commonAncestorPath({"/a/x", "/b/y"}), "/");
+    const std::pair<std::vector<std::string>, std::string> ancestors[] = {
+        {{}, ""}, {{"/a/b/c.wav"}, "/a/b"}, {{"/a/b/c", "/a/b/d", "/a/bx"}, "/a"}, {{"/a/x", "/b/y"}, "/"}};
+    for (const auto& [paths, ancestor] : ancestors)
+        EXPECT_EQ(IngestEngine::commonAncestorPath(paths), ancestor) << ancestor;
 
     std::vector<TrackSource> tracks(4);
     tracks[0].name = "Zoom";
@@ -289,17 +264,14 @@ TEST(Scan, ARedCardBecomesOneLockedTrackWithPictureFieldsFromItsHeader) {
     EXPECT_EQ(red.name, "A001_0614AB") << "a card's track comes first, named without .RDM";
     EXPECT_TRUE(red.lockedGrouping);
     EXPECT_EQ(red.deviceName, "RED V-RAPTOR");
-    EXPECT_EQ(red.type, SourceType::video);
     ASSERT_EQ(red.clips.size(), 2u);
 
     const ClipItem& withWav = red.clips[0];
     EXPECT_EQ(withWav.url.lastPathComponent(), "A001_C001_0614XY.wav");
     ASSERT_TRUE(withWav.pictureURL.has_value());
     EXPECT_EQ(withWav.pictureURL->lastPathComponent(), "A001_C001_0614XY_001.R3D");
-    EXPECT_EQ(withWav.recordFrameRate, 25.0f);
     EXPECT_EQ(withWav.conformFrameRate, 25.0f);
     EXPECT_EQ(withWav.pixelWidth, 8192);
-    EXPECT_EQ(withWav.pixelHeight, 4320);
     ASSERT_TRUE(withWav.pictureTimecode.has_value());
     EXPECT_NEAR(*withWav.pictureTimecode, 36001.0 + 12.0 / 25.0, 1e-9);
 
@@ -307,7 +279,6 @@ TEST(Scan, ARedCardBecomesOneLockedTrackWithPictureFieldsFromItsHeader) {
     const ClipItem& pictureOnly = red.clips[1];
     EXPECT_EQ(pictureOnly.url.lastPathComponent(), "A001_C002_0614XY_001.R3D");
     EXPECT_FALSE(pictureOnly.pictureURL.has_value());
-    EXPECT_FALSE(pictureOnly.recordFrameRate.has_value());
     EXPECT_FALSE(pictureOnly.pixelWidth.has_value());
 
     // The card makes the drop a complete shoot even though its picture isn't a plain video file.

@@ -6,7 +6,6 @@
 #include <gtest/gtest.h>
 
 #include <limits>
-#include <unistd.h>
 
 using namespace trelvane;
 using trelvane::test::TempDir;
@@ -18,17 +17,15 @@ Url url(const std::filesystem::path& p) {
     return Url::fromPath(p);
 }
 
-std::vector<std::string> roots(const std::vector<REDCard>& cards) {
+// The last path component of each card's root, or with `takesOf`, of that card's take folders.
+std::vector<std::string> names(const std::vector<REDCard>& cards, std::optional<std::size_t> takesOf = {}) {
     std::vector<std::string> out;
-    for (const auto& c : cards)
-        out.push_back(c.root.lastPathComponent());
-    return out;
-}
-
-std::vector<std::string> takeNames(const REDCard& card) {
-    std::vector<std::string> out;
-    for (const auto& t : card.takes)
-        out.push_back(t.folder.lastPathComponent());
+    if (!takesOf)
+        for (const auto& c : cards)
+            out.push_back(c.root.lastPathComponent());
+    else
+        for (const auto& t : cards.at(*takesOf).takes)
+            out.push_back(t.folder.lastPathComponent());
     return out;
 }
 
@@ -51,8 +48,7 @@ TEST(REDCard, CardListsItsTakesInNameOrderWithChunksWavAndHeader) {
     tmp.file(take2 + ".DS_Store", "finder");
     tmp.file(take1 + "A001_C001_0101AB_000.R3D", std::string(500, 'c'));
     tmp.file(take1 + "A001_C001_0101AB_002.R3D", std::string(1000, 'b'));
-    const auto first =
-        typicalR3DHeader("A001_C001_0101AB.WAV").write(tmp / (take1 + "A001_C001_0101AB_001.r3d"));
+    const auto first = typicalR3DHeader().write(tmp / (take1 + "A001_C001_0101AB_001.r3d"));
     tmp.file(take1 + "A001_C001_0101AB.wav", "RIFF");
     tmp.file(take1 + "Z.WAV", "RIFF");
     tmp.file(take1 + "._A001_C001_0101AB_001.R3D", "resource fork");
@@ -62,16 +58,15 @@ TEST(REDCard, CardListsItsTakesInNameOrderWithChunksWavAndHeader) {
     const auto cards = REDCard::cards(url(tmp / card));
     ASSERT_EQ(cards.size(), 1u);
     EXPECT_EQ(cards[0].root, url(tmp / card));
-    ASSERT_EQ(takeNames(cards[0]),
-              (std::vector<std::string>{"A001_C001_0101AB.RDC", "A001_C002_0101CD.rdc"}));
+    ASSERT_EQ(names(cards, 0), (std::vector<std::string>{"A001_C001_0101AB.RDC", "A001_C002_0101CD.rdc"}));
     const auto& a = cards[0].takes[0];
     EXPECT_EQ(a.folder, url(tmp / take1));
     EXPECT_EQ(a.picture, url(first)) << "the _001 chunk, not the first by name";
     EXPECT_EQ(a.wav, url(tmp / (take1 + "A001_C001_0101AB.wav")));
     EXPECT_EQ(a.chunkCount, 3);
     EXPECT_EQ(a.byteCount, std::filesystem::file_size(first) + 1000 + 500);
-    ASSERT_TRUE(a.header);
-    EXPECT_EQ(a.header->sidecarWAV, "A001_C001_0101AB.WAV");
+    EXPECT_EQ(a.header, R3DHeader::read(url(first)));
+    EXPECT_TRUE(a.header);
     EXPECT_FALSE(a.pictureFrames);
     const auto& b = cards[0].takes[1];
     EXPECT_EQ(b.picture.lastPathComponent(), "CLIP.r3D") << "no _001 chunk: the first by name";
@@ -81,22 +76,10 @@ TEST(REDCard, CardListsItsTakesInNameOrderWithChunksWavAndHeader) {
     EXPECT_FALSE(b.header) << "a picture without a header";
 
     // Dropping the shoot folder above finds the same card.
-    EXPECT_EQ(roots(REDCard::cards(url(tmp.path()))), std::vector<std::string>{card});
+    EXPECT_EQ(names(REDCard::cards(url(tmp.path()))), std::vector<std::string>{card});
 }
 
-TEST(REDCard, LooseTakeFolderIsACardOfItsOwn) {
-    TempDir tmp;
-    makeTake(tmp, "drop/A002_C007_0102EF.RDC");
-    const Url take = url(tmp / "drop/A002_C007_0102EF.RDC");
-    const auto cards = REDCard::cards(take);
-    ASSERT_EQ(cards.size(), 1u);
-    EXPECT_EQ(cards[0].root, take);
-    EXPECT_EQ(takeNames(cards[0]), std::vector<std::string>{"A002_C007_0102EF.RDC"});
-    // Its parent holds a take, so it is a card too, whatever its name.
-    EXPECT_EQ(roots(REDCard::cards(url(tmp / "drop"))), std::vector<std::string>{"drop"});
-}
-
-TEST(REDCard, FindsCardsAnywhereUnderAShootParentFirst) {
+TEST(REDCard, FindsCardsAnywhereUnderADropParentFirstAndATakeFolderAlone) {
     TempDir tmp;
     makeTake(tmp, "shoot/Z001.RDC");
     makeTake(tmp, "shoot/day1/B001_0101AB.RDM/B001_C001_0101AB.RDC");
@@ -111,12 +94,15 @@ TEST(REDCard, FindsCardsAnywhereUnderAShootParentFirst) {
     tmp.file("shoot/day3/C001_0103.RDM/C001_C001.RDC/C001_C001.WAV", "RIFF");
 
     const auto cards = REDCard::cards(url(tmp / "shoot"));
-    EXPECT_EQ(roots(cards),
+    EXPECT_EQ(names(cards),
               (std::vector<std::string>{"shoot", "A001_0101AB.RDM", "extras", "B001_0101AB.RDM"}));
-    ASSERT_EQ(cards.size(), 4u);
-    EXPECT_EQ(takeNames(cards[1]),
-              (std::vector<std::string>{"A001_C001_0101AB.RDC", "A001_C002_0101AB.RDC"}));
+    EXPECT_EQ(names(cards, 1), (std::vector<std::string>{"A001_C001_0101AB.RDC", "A001_C002_0101AB.RDC"}));
     EXPECT_TRUE(REDCard::cards(url(tmp / "shoot/day3")).empty());
+
+    // A take folder dropped alone is a card of its own.
+    const auto alone = REDCard::cards(url(tmp / "shoot/Z001.RDC"));
+    EXPECT_EQ(names(alone), std::vector<std::string>{"Z001.RDC"});
+    EXPECT_EQ(names(alone, 0), std::vector<std::string>{"Z001.RDC"});
 
     // Deeper than real layouts go, the walk gives up.
     std::string deep = "deep";
@@ -124,10 +110,10 @@ TEST(REDCard, FindsCardsAnywhereUnderAShootParentFirst) {
         deep += "/d";
     makeTake(tmp, deep + "/T.RDC");
     makeTake(tmp, "deep/d/d/T.RDC");
-    EXPECT_EQ(roots(REDCard::cards(url(tmp / "deep"))), std::vector<std::string>{"d"});
+    EXPECT_EQ(names(REDCard::cards(url(tmp / "deep"))), std::vector<std::string>{"d"});
 }
 
-TEST(REDCard, LinksInsideTheTreeAreNotFollowed) {
+TEST(REDCard, LinksInsideTheTreeAreNotFollowedAndOnlyFoldersNamedRdcAreTakes) {
     TempDir tmp;
     makeTake(tmp, "shoot/A001.RDM/A001_C001.RDC");
     makeTake(tmp, "elsewhere/B001.RDM/B001_C001.RDC");
@@ -136,17 +122,14 @@ TEST(REDCard, LinksInsideTheTreeAreNotFollowed) {
     std::filesystem::create_directory_symlink(tmp / "elsewhere/B001.RDM/B001_C001.RDC",
                                               tmp / "shoot/A001.RDM/B001_C001.RDC");
     const auto cards = REDCard::cards(url(tmp / "shoot"));
-    ASSERT_EQ(roots(cards), std::vector<std::string>{"A001.RDM"});
-    EXPECT_EQ(takeNames(cards[0]), std::vector<std::string>{"A001_C001.RDC"});
+    EXPECT_EQ(names(cards), std::vector<std::string>{"A001.RDM"});
+    EXPECT_EQ(names(cards, 0), std::vector<std::string>{"A001_C001.RDC"});
     // The dropped item itself may be a link.
-    EXPECT_EQ(roots(REDCard::cards(url(tmp / "shoot/linked.RDM"))), std::vector<std::string>{"linked.RDM"});
-}
+    EXPECT_EQ(names(REDCard::cards(url(tmp / "shoot/linked.RDM"))), std::vector<std::string>{"linked.RDM"});
 
-TEST(REDCard, OnlyFoldersNamedRdcAreTakesAndLooseChunksMakeNoCard) {
-    TempDir tmp;
     const auto loose = typicalR3DHeader().write(tmp / "loose/A_001.R3D");
-    for (const auto& p : {tmp.file("notes.RDC", "not a folder"), tmp / "missing.RDC", tmp.dir("A001.RDM"),
-                          tmp.dir("RDC"), loose, loose.parent_path()}) {
+    for (const auto& p : {tmp.file("notes.RDC", "not a folder"), tmp / "missing.RDC", tmp.dir("RDC"), loose,
+                          loose.parent_path()}) {
         EXPECT_FALSE(REDCard::isTakeFolder(url(p))) << p;
         EXPECT_TRUE(REDCard::cards(url(p)).empty()) << p;
     }
@@ -155,11 +138,7 @@ TEST(REDCard, OnlyFoldersNamedRdcAreTakesAndLooseChunksMakeNoCard) {
 }
 
 TEST(REDCard, TimecodeLabelsBecomeSecondsOnTheLabelClock) {
-    const struct {
-        const char* label;
-        double fps;
-        std::optional<double> seconds;
-    } cases[] = {
+    const std::tuple<const char*, double, double> cases[] = {
         {"01:00:00:00", 24, 3600.0},
         {"14:03:27:12", 23.976, 14 * 3600 + 3 * 60 + 27 + 0.5}, // frames count at 24
         {"01:02:03;15", 29.97, 3723.5},                         // drop-frame labels are not corrected
@@ -168,22 +147,16 @@ TEST(REDCard, TimecodeLabelsBecomeSecondsOnTheLabelClock) {
         {"25:00:00:00", 25, 90000.0},
         {"1:2:3:4", 25, 3723.16},
         {"00:00:05:00", 0.4, 5.0}, // at least one frame per second
-        {"00:00:01:00", std::numeric_limits<double>::max(), 1.0},
-        {"00:00:00:24", 23.976, std::nullopt},
-        {"00:60:00:00", 25, std::nullopt},
-        {"00:00:60:00", 25, std::nullopt},
-        {"00:00:01:01", 0.4, std::nullopt},
-        {"00:00:00:00", 0, std::nullopt},
-    };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(std::string(c.label) + " at " + std::to_string(c.fps));
-        const auto seconds = REDCard::timecodeSeconds(c.label, c.fps);
-        ASSERT_EQ(seconds.has_value(), c.seconds.has_value());
-        if (seconds) {
-            EXPECT_DOUBLE_EQ(*seconds, *c.seconds);
-        }
-    }
-    for (const auto bad : {"", "00:00:00", "00:00:00:00:00", "aa:00:00:00", "00:00:00:+1",
-                           "00:00:00:", "00.00:00:00", "00:00:00/00", " 00:00:00:00", "0000000000:00:00:00"})
-        EXPECT_FALSE(REDCard::timecodeSeconds(bad, 25)) << bad;
+        {"00:00:01:00", std::numeric_limits<double>::max(), 1.0}};
+    for (const auto& [label, fps, seconds] : cases)
+        EXPECT_DOUBLE_EQ(REDCard::timecodeSeconds(label, fps).value_or(-1), seconds)
+            << label << " at " << fps;
+    const std::pair<const char*, double> bad[] = {
+        {"00:00:00:24", 23.976}, {"00:60:00:00", 25},    {"00:00:60:00", 25},
+        {"00:00:01:01", 0.4},    {"00:00:00:00", 0},     {"", 25},
+        {"00:00:00", 25},        {"00:00:00:00:00", 25}, {"aa:00:00:00", 25},
+        {"00:00:00:+1", 25},     {"00:00:00:", 25},      {"00.00:00:00", 25},
+        {"00:00:00/00", 25},     {" 00:00:00:00", 25},   {"0000000000:00:00:00", 25}};
+    for (const auto& [label, fps] : bad)
+        EXPECT_FALSE(REDCard::timecodeSeconds(label, fps)) << label << " at " << fps;
 }

@@ -1,6 +1,5 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 #include "TrelvaneEngine/stacks/StackBuilder.hpp"
-#include "MediaSupport.hpp"
 #include "TestSupport.hpp"
 #include "TrelvaneEngine/features/SpectralBands.hpp"
 
@@ -18,7 +17,6 @@
 
 using namespace trelvane;
 using trelvane::test::LogCapture;
-using trelvane::test::TempDir;
 namespace SB = trelvane::StackBuilder;
 using M = PairwiseOffsetSolver::Measurement;
 
@@ -75,22 +73,14 @@ std::map<std::string, const ClipItem*> clipsByName(const SB::Result& r) {
     return out;
 }
 
-// The stack (by place on the timeline) that holds the clip.
-int stackOf(const SB::Result& r, const Uuid& id) {
-    for (std::size_t k = 0; k < r.stacks.size(); ++k)
-        if (r.stacks[k].positions.contains(id)) return static_cast<int>(k);
-    return -1;
-}
-
 } // namespace
 
 // ---- compare -------------------------------------------------------------------------------------------
 
-TEST(StackBuilder, CompareSaysWhereTheSecondClipStartsFromEitherSide) {
+TEST(StackBuilder, CompareSaysWhereTheSecondClipStartsAndRefusesWhatCannotBeMatched) {
     const auto source = playback(1, 70);
     const ClipItem a = cut(source, "a", 4.0, 40.0);
     const ClipItem b = cut(source, "b", 10.0, 30.0);
-
     const auto ab = SB::compare(a, b);
     ASSERT_TRUE(ab.has_value());
     EXPECT_TRUE(ab->confident);
@@ -99,35 +89,18 @@ TEST(StackBuilder, CompareSaysWhereTheSecondClipStartsFromEitherSide) {
     EXPECT_GE(ab->alternatives.size(), 2u);
     for (double v : ab->alternatives)
         EXPECT_NEAR(v, ab->offset, SB::kVoteAgreement);
+    EXPECT_NEAR(SB::compare(b, a)->offset, -ab->offset, 1e-9);
 
-    const auto ba = SB::compare(b, a);
-    ASSERT_TRUE(ba.has_value());
-    EXPECT_NEAR(ba->offset, -6.0, 0.04);
-    EXPECT_NEAR(ba->offset, -ab->offset, 1e-9);
-}
-
-TEST(StackBuilder, CompareRefusesWhatCannotBeMatched) {
-    const auto source = playback(2, 70);
-    const ClipItem a = cut(source, "a", 0.0, 40.0);
-    ClipItem b = cut(source, "b", 5.0, 30.0);
-
-    ClipItem noFeature = b;
+    ClipItem noFeature = b, silent = b;
     noFeature.bandFeature.reset();
+    silent.audioUsability = AudioUsability::silent;
     EXPECT_FALSE(SB::compare(a, noFeature));
     EXPECT_FALSE(SB::compare(noFeature, a));
-
-    ClipItem silent = b;
-    silent.audioUsability = AudioUsability::silent;
     EXPECT_FALSE(SB::compare(a, silent));
-
     // Under 20 s the window would be under 10 s: never compared, even against its own source.
-    const ClipItem shortTake = cut(source, "short", 5.0, 19.8);
-    EXPECT_FALSE(SB::compare(a, shortTake));
+    EXPECT_FALSE(SB::compare(a, cut(source, "short", 5.0, 19.8)));
     EXPECT_TRUE(SB::compare(a, cut(source, "twenty", 5.0, 20.4)));
-
-    // Another playback shares nothing.
-    const auto other = playback(3, 40);
-    EXPECT_FALSE(SB::compare(a, cut(other, "other", 0.0, 36.0)));
+    EXPECT_FALSE(SB::compare(a, cut(playback(3, 40), "other", 0.0, 36.0))) << "another playback";
 }
 
 // ---- solve, reconcile, pack ---------------------------------------------------------------------------
@@ -204,10 +177,6 @@ TEST(StackBuilder, AmbiguousPairsAreDecidedByTheFirmPairs) {
     ASSERT_EQ(decided.size(), 1u);
     EXPECT_DOUBLE_EQ(decided[0].offset, 6.1);
     EXPECT_FLOAT_EQ(decided[0].weight, 8.0f);
-
-    LogCapture none;
-    EXPECT_TRUE(SB::reconcile({}, firm, 5).empty());
-    EXPECT_TRUE(none.lines().empty());
 }
 
 TEST(StackBuilder, PackFillsTheFirstRowThatHasRoom) {
@@ -229,11 +198,12 @@ TEST(StackBuilder, PackFillsTheFirstRowThatHasRoom) {
 }
 
 TEST(StackBuilder, PictureClipsAreToldByPictureFileOrVideoExtension) {
-    EXPECT_TRUE(SB::isVideo(clipNamed("A001.MOV", 1)));
-    EXPECT_TRUE(SB::isVideo(clipNamed("clip.braw", 1)));
-    EXPECT_TRUE(SB::isVideo(clipNamed("x.Mxf", 1)));
-    EXPECT_FALSE(SB::isVideo(clipNamed("take.wav", 1)));
-    EXPECT_FALSE(SB::isVideo(clipNamed("noext", 1)));
+    for (const auto& [name, video] : {std::pair{"A001.MOV", true},
+                                      {"clip.braw", true},
+                                      {"x.Mxf", true},
+                                      {"take.wav", false},
+                                      {"noext", false}})
+        EXPECT_EQ(SB::isVideo(clipNamed(name, 1)), video) << name;
     ClipItem red = clipNamed("A001_C002.wav", 1);
     red.pictureURL = Url::fromPath("/shoot/A001_C002.R3D");
     EXPECT_TRUE(SB::isVideo(red));
@@ -268,30 +238,19 @@ TEST(StackBuilder, TakesAloneStandInShootingOrderTwoSecondsApart) {
     }
     EXPECT_EQ(r.stacks[0].recordedAt, c.recordingDate);
     EXPECT_FALSE(r.stacks[3].recordedAt.has_value());
-    EXPECT_DOUBLE_EQ(r.stacks[1].length, 30.0);
 
-    // One row per kind, picture rows first; names, session of the first track, locked.
+    // One row per kind, picture rows first, in the session of the first track, locked.
     ASSERT_EQ(r.tracks.size(), 2u);
     EXPECT_EQ(r.tracks[0].name, "Stack 1");
     EXPECT_EQ(r.tracks[0].type, SourceType::video);
     EXPECT_EQ(r.tracks[1].name, "Audio 1");
-    EXPECT_EQ(r.tracks[1].type, SourceType::audio);
     for (const auto& t : r.tracks) {
         EXPECT_EQ(t.session, "day1");
         EXPECT_TRUE(t.lockedGrouping);
-        EXPECT_FALSE(t.deviceName.has_value());
-        EXPECT_NE(t.id, sources[0].id);
-        EXPECT_NE(t.id, sources[1].id);
     }
-    ASSERT_EQ(r.tracks[0].clips.size(), 2u);
-    EXPECT_EQ(r.tracks[0].clips[0].url.baseName(), "c");
-    EXPECT_EQ(r.tracks[0].clips[1].url.baseName(), "a");
-
     EXPECT_TRUE(log.contains("[Stacks] 6 comparison(s), 0 match(es) → 4 stack(s), 2 row(s), 4 unmatched"));
-    EXPECT_TRUE(log.contains("[Stacks]   stack 1: 1 take(s), 35.0s at 0.0s"));
     EXPECT_TRUE(log.contains("[Stacks]   stack 4: 1 take(s), 25.0s at 111.0s"));
     EXPECT_TRUE(log.contains("[Stacks]   unmatched: a, c, b, d"));
-    EXPECT_EQ(log.countStartingWith("[Stacks] WARNING"), 0);
 }
 
 TEST(StackBuilder, FewerThanTwoClipsOrAStopGiveTheTracksBackUntouched) {
@@ -308,8 +267,6 @@ TEST(StackBuilder, FewerThanTwoClipsOrAStopGiveTheTracksBackUntouched) {
     const std::vector<TrackSource> two{trackOf("Cam", {clipNamed("a.mov", 30), clipNamed("b.mov", 30)})};
     const auto stopped = SB::build(two, {}, stop.get_token());
     ASSERT_EQ(stopped.tracks.size(), 1u);
-    EXPECT_EQ(stopped.tracks[0].id, two[0].id);
-    EXPECT_EQ(stopped.tracks[0].clips[1].startOffset, 0.0);
     EXPECT_EQ(stopped.tracks[0].clips[1].syncStatus, SyncStatus::pending);
     EXPECT_TRUE(stopped.stacks.empty());
     EXPECT_TRUE(log.lines().empty());
@@ -345,28 +302,20 @@ TEST(StackBuilder, MoreThanTwoThousandPairsAreWarnedOfAndStillCompared) {
     std::vector<ClipItem> many;
     for (int i = 0; i < 64; ++i)
         many.push_back(clipNamed("take" + std::to_string(i) + ".wav", 30));
-    {
-        LogCapture log;
-        int reports = 0;
-        double last = 0;
-        const auto r = SB::build({trackOf("Rec", many)}, [&](double f) {
-            ++reports;
-            EXPECT_GT(f, last);
-            last = f;
-        });
-        EXPECT_TRUE(
-            log.contains("[Stacks] WARNING: 2016 comparisons — this looks like a whole shoot, not a set of "
-                         "takes; stack mode is meant for a handful of takes over one playback"));
-        EXPECT_EQ(r.comparisons, 2016);
-        EXPECT_EQ(r.stacks.size(), 64u);
-        EXPECT_EQ(reports, 2016 / SB::kProgressEvery);
-        EXPECT_DOUBLE_EQ(last, 2016.0 / 2016.0);
-    }
-    many.pop_back(); // 63 takes: 1,953 pairs
     LogCapture log;
-    const auto r = SB::build({trackOf("Rec", many)});
-    EXPECT_EQ(r.comparisons, 1953);
-    EXPECT_EQ(log.countStartingWith("[Stacks] WARNING"), 0);
+    int reports = 0;
+    double last = 0;
+    const auto r = SB::build({trackOf("Rec", many)}, [&](double f) {
+        ++reports;
+        EXPECT_GT(f, last);
+        last = f;
+    });
+    EXPECT_TRUE(
+        log.contains("[Stacks] WARNING: 2016 comparisons — this looks like a whole shoot, not a set of "
+                     "takes; stack mode is meant for a handful of takes over one playback"));
+    EXPECT_EQ(r.comparisons, 2016);
+    EXPECT_EQ(reports, 2016 / SB::kProgressEvery);
+    EXPECT_DOUBLE_EQ(last, 1.0);
 }
 
 // ---- advice -------------------------------------------------------------------------------------------
@@ -435,247 +384,4 @@ TEST(StackBuilder, AdviceIsWithheldAtOneMatchInTwelveAndGivenAtThree) {
         EXPECT_FALSE(SB::advice({trackOf("B", others)}, 12));
         EXPECT_TRUE(log.lines().empty());
     }
-}
-
-TEST(StackBuilder, AdviceSamplesALongCardEvenlyAndSpendsTheRestOnTheNextDevice) {
-    // 100 clips on "A": only 0, 25, 50 and 75 are sampled, and they are the ones with audio.
-    const auto real = takesOf(400, "a", 4, "A");
-    std::vector<ClipItem> card;
-    for (int i = 0; i < 100; ++i) {
-        if (i % 25 == 0) {
-            card.push_back(real[static_cast<std::size_t>(i / 25)]);
-        } else {
-            card.push_back(clipNamed("filler" + std::to_string(i) + ".mov", 30));
-            card.back().bandFeature = SpectralBands::Feature{};
-            card.back().deviceName = "A";
-        }
-    }
-    // "B" (after "A" by key): 5 takes would make 10 pairs; 6 remain of the budget.
-    const auto b = takesOf(500, "b", 5, "B");
-    LogCapture log;
-    const auto got = SB::advice({trackOf("B", b), trackOf("A", card)}, 12);
-    ASSERT_TRUE(got.has_value());
-    EXPECT_EQ(got->probed, 12);
-    EXPECT_EQ(got->matches, 12);
-    EXPECT_EQ(got->example.first, "a1");
-    EXPECT_EQ(got->example.second, "a2");
-}
-
-TEST(StackBuilder, AdviceGroupsClipsWithoutDeviceByTrackAndIgnoresShortOnes) {
-    auto first = takesOf(600, "p", 2, "");
-    auto second = takesOf(700, "q", 2, "");
-    for (auto& c : first)
-        c.deviceName.reset();
-    for (auto& c : second)
-        c.deviceName.reset();
-    const auto got = SB::advice({trackOf("Folder 1", first), trackOf("Folder 2", second)}, 12);
-    ASSERT_TRUE(got.has_value());
-    EXPECT_EQ(got->probed, 2) << "one pair per track: no pair across the two";
-    EXPECT_EQ(got->matches, 2);
-
-    // Clips under 20 s don't count: a track of two such takes has nothing to sample.
-    const auto source = playback(800, 40);
-    std::vector<ClipItem> shortOnes{cut(source, "s1", 0, 19.5), cut(source, "s2", 2, 19.5)};
-    LogCapture log;
-    EXPECT_FALSE(SB::advice({trackOf("Short", shortOnes)}, 12));
-    EXPECT_TRUE(log.lines().empty());
-}
-
-// ---- build on real takes --------------------------------------------------------------------------------
-
-namespace {
-
-const std::filesystem::path kMusic = "/usr/share/games/wesnoth/1.16/data/core/music";
-
-struct TakePlan {
-    std::string name;
-    std::string song;
-    double from;    // seconds into the song
-    double seconds; // length of the take
-    std::string colour;
-    std::string noise; // anoisesrc colour
-    double noiseLevel;
-    bool picture;
-    std::optional<int> minute; // recorded at 9:<minute>, else undated
-};
-
-// One playback heard several times: each take starts and stops elsewhere, through its own
-// microphone (filters) and room noise.
-const std::vector<TakePlan> kTakes{
-    {"take-a1", "frantic", 60.0, 34.0, "highpass=f=250,lowpass=f=4000", "pink", 0.03, true, 50},
-    {"take-a2", "frantic", 71.32, 30.0, "equalizer=f=3000:t=q:w=1:g=8,volume=0.7", "brown", 0.05, true, 40},
-    {"take-a3", "frantic", 52.6, 38.0, "lowpass=f=2500,volume=0.5", "white", 0.01, false, 55},
-    {"take-a4", "frantic", 80.2, 26.0, "bandpass=f=1200:width_type=o:w=3,aecho=0.8:0.5:30:0.2", "pink", 0.02,
-     false, std::nullopt},
-    {"take-b1", "legends_of_the_north", 40.0, 32.0, "highpass=f=120,treble=g=-6", "pink", 0.04, true, 10},
-    {"take-b2", "legends_of_the_north", 49.48, 28.0, "lowpass=f=5000,bass=g=6", "white", 0.02, false, 0},
-    {"take-b3", "legends_of_the_north", 35.2, 36.0, "volume=1.4,highpass=f=400", "brown", 0.03, false, 20},
-    {"take-c1", "the_deep_path", 30.0, 30.0, "lowpass=f=3500", "pink", 0.03, false, 30},
-};
-
-class StackBuilderTakes : public ::testing::Test {
-  protected:
-    static void SetUpTestSuite() {
-        dir_ = std::make_unique<TempDir>();
-        std::vector<ClipItem> pictures, sounds;
-        unsigned seed = 1;
-        for (const auto& plan : kTakes) {
-            const auto out = *dir_ / (plan.name + ".wav");
-            const std::string graph =
-                fmt::format("[0:a]atrim=start={0}:duration={1},asetpts=PTS-STARTPTS,aresample=48000,"
-                            "aformat=channel_layouts=mono,{2}[s];"
-                            "[1:a]atrim=duration={1},aformat=channel_layouts=mono[n];"
-                            "[s][n]amix=inputs=2:duration=first:normalize=0[out]",
-                            plan.from, plan.seconds, plan.colour);
-            test::ffmpeg("-i " + test::quoted((kMusic / (plan.song + ".ogg")).string()) + " -f lavfi -i " +
-                         test::quoted(fmt::format("anoisesrc=color={}:amplitude={}:seed={}:sample_rate=48000",
-                                                  plan.noise, plan.noiseLevel, seed++)) +
-                         " -filter_complex " + test::quoted(graph) + " -map '[out]' -c:a pcm_s16le " +
-                         test::quoted(out.string()));
-            if (HasFatalFailure()) return;
-
-            ClipItem c = test::analysedClip(out);
-            if (plan.picture) c.pictureURL = Url::fromPath(*dir_ / (plan.name + ".mov"));
-            if (plan.minute) c.recordingDate = test::localDate(2024, 6, 2, 9, *plan.minute, 0);
-            c.deviceName = "cam";
-            (plan.picture ? pictures : sounds).push_back(std::move(c));
-        }
-        sources_ = {trackOf("Cam", pictures, "shoot"), trackOf("Recorder", sounds, "shoot")};
-    }
-    static void TearDownTestSuite() {
-        sources_.clear();
-        dir_.reset();
-    }
-
-    static const TakePlan& plan(const std::string& name) {
-        return *std::find_if(kTakes.begin(), kTakes.end(), [&](const TakePlan& p) { return p.name == name; });
-    }
-
-    static std::unique_ptr<TempDir> dir_;
-    static std::vector<TrackSource> sources_;
-};
-
-std::unique_ptr<TempDir> StackBuilderTakes::dir_;
-std::vector<TrackSource> StackBuilderTakes::sources_;
-
-} // namespace
-
-TEST_F(StackBuilderTakes, EachSongIsOneStackAlignedWithinAFrameInShootingOrderWhateverTheWorkers) {
-    ASSERT_FALSE(sources_.empty());
-    auto run = [](int workers) {
-        LogCapture log;
-        std::vector<double> progress;
-        auto r = SB::build(
-            sources_, [&](double f) { progress.push_back(f); }, {}, workers);
-        return std::make_tuple(std::move(r), log.lines(), progress);
-    };
-    const auto [r, lines, progress] = run(6);
-    const auto [one, oneLines, oneProgress] = run(1);
-
-    // One worker and many: the same tracks, positions, log and progress.
-    EXPECT_EQ(oneLines, lines);
-    EXPECT_EQ(oneProgress, progress);
-    EXPECT_EQ(progress, std::vector<double>{16.0 / 28.0});
-    EXPECT_EQ(one.matches, r.matches);
-    EXPECT_EQ(one.unmatched, r.unmatched);
-    ASSERT_EQ(one.tracks.size(), r.tracks.size());
-    for (std::size_t t = 0; t < one.tracks.size(); ++t) {
-        EXPECT_EQ(one.tracks[t].name, r.tracks[t].name);
-        ASSERT_EQ(one.tracks[t].clips.size(), r.tracks[t].clips.size());
-        for (std::size_t k = 0; k < one.tracks[t].clips.size(); ++k) {
-            EXPECT_EQ(one.tracks[t].clips[k].id, r.tracks[t].clips[k].id);
-            EXPECT_EQ(one.tracks[t].clips[k].startOffset, r.tracks[t].clips[k].startOffset);
-        }
-    }
-
-    const auto contains = [&lines](const std::string& line) {
-        return std::find(lines.begin(), lines.end(), line) != lines.end();
-    };
-    const auto byName = clipsByName(r);
-    ASSERT_EQ(byName.size(), kTakes.size()) << "every take on exactly one track";
-    ASSERT_EQ(r.stacks.size(), 3u);
-
-    // Stacks by recording date: b (9:00), then the lone c (9:30), then a (its earliest take 9:40).
-    const auto stackA = stackOf(r, byName.at("take-a1")->id);
-    const auto stackB = stackOf(r, byName.at("take-b1")->id);
-    const auto stackC = stackOf(r, byName.at("take-c1")->id);
-    EXPECT_EQ(stackB, 0);
-    EXPECT_EQ(stackC, 1);
-    EXPECT_EQ(stackA, 2);
-    for (const auto& [name, clip] : byName)
-        EXPECT_EQ(stackOf(r, clip->id), name[5] == 'a' ? stackA : name[5] == 'b' ? stackB : stackC) << name;
-    EXPECT_EQ(r.stacks[2].recordedAt, test::localDate(2024, 6, 2, 9, 40, 0));
-
-    // Within a stack each take stands where it lies in the song, to one frame.
-    for (const char song : {'a', 'b'}) {
-        double earliest = 1e9;
-        for (const auto& p : kTakes)
-            if (p.name[5] == song) earliest = std::min(earliest, p.from);
-        const int k = song == 'a' ? stackA : stackB;
-        for (const auto& p : kTakes) {
-            if (p.name[5] != song) continue;
-            const ClipItem* clip = byName.at(p.name);
-            EXPECT_NEAR(r.stacks[static_cast<std::size_t>(k)].positions.at(clip->id), p.from - earliest, 0.04)
-                << p.name;
-            EXPECT_EQ(clip->syncStatus, SyncStatus::synced) << p.name;
-            EXPECT_EQ(clip->placementPass, "stack") << p.name;
-        }
-    }
-    // Stacks follow one another 2 s apart; a clip's place is its stack's start plus its position.
-    double cursor = 0;
-    for (const auto& stack : r.stacks) {
-        for (const auto& [id, at] : stack.positions)
-            for (const auto& [name, clip] : byName)
-                if (clip->id == id) {
-                    EXPECT_NEAR(clip->startOffset, cursor + at, 1e-9) << name;
-                }
-        cursor += stack.length + SB::kStackGap;
-    }
-
-    // The third song's take shares nothing.
-    EXPECT_EQ(r.unmatched, std::vector<std::string>{"take-c1"});
-    EXPECT_EQ(byName.at("take-c1")->syncStatus, SyncStatus::failed);
-    EXPECT_EQ(byName.at("take-c1")->placementPass, "stack-alone");
-    EXPECT_EQ(r.stacks[1].positions.size(), 1u);
-    EXPECT_EQ(r.comparisons, 28);
-    EXPECT_GE(r.matches, 5) << "at least a spanning set: 3 edges for a, 2 for b";
-
-    // Rows: picture rows first, no overlap inside a row, every row in order of position.
-    ASSERT_GE(r.tracks.size(), 2u);
-    EXPECT_EQ(r.tracks.front().name, "Stack 1");
-    EXPECT_EQ(r.tracks.front().type, SourceType::video);
-    EXPECT_EQ(r.tracks.back().type, SourceType::audio);
-    for (const auto& t : r.tracks) {
-        EXPECT_TRUE(t.lockedGrouping);
-        EXPECT_EQ(t.session, "shoot");
-        for (std::size_t i = 1; i < t.clips.size(); ++i)
-            EXPECT_LE(t.clips[i - 1].startOffset + t.clips[i - 1].duration, t.clips[i].startOffset + 0.001)
-                << t.name;
-    }
-    EXPECT_TRUE(
-        contains(fmt::format("[Stacks] 28 comparison(s), {} match(es) → 3 stack(s), {} row(s), 1 unmatched",
-                             r.matches, r.tracks.size())));
-    EXPECT_TRUE(contains("[Stacks]   stack 2: 1 take(s), " + fmt::sprintf("%.1f", r.stacks[1].length) +
-                         "s at " + fmt::sprintf("%.1f", r.stacks[0].length + 2.0) + "s"));
-    EXPECT_TRUE(contains("[Stacks]   unmatched: take-c1"));
-    // a3 and a4 share only 10.4 s, so one window at most can vote: their pair is ambiguous, and
-    // the firm pairs of the stack decide it.
-    EXPECT_TRUE(contains("[Stacks] reconciled 1 ambiguous pair(s)  against the solved stacks"));
-}
-
-TEST_F(StackBuilderTakes, AdviceFindsTheTakesOfOneCamera) {
-    ASSERT_FALSE(sources_.empty());
-    // All eight takes are on "cam", so the sample is the 1st, 3rd, 5th and 7th of the flat order:
-    // a1, b1, a4 and b3. Of their six pairs, a1/a4 and b1/b3 share audio.
-    LogCapture log;
-    const auto got = SB::advice(sources_, 12);
-    ASSERT_TRUE(got.has_value());
-    EXPECT_EQ(got->probed, 6);
-    EXPECT_EQ(got->matches, 2);
-    EXPECT_EQ(got->example, (std::pair<std::string, std::string>{"take-a1", "take-a4"}));
-    // a4 starts 20.2 s into a1, which ends 13.8 s later.
-    EXPECT_NEAR(got->overlapSeconds, 13.8, 0.04);
-    EXPECT_TRUE(
-        log.contains("[Stacks] advice: 2 of 6 sampled pair(s) from one device share music (e.g. take-a1 / "
-                     "take-a4, 13s in common)"));
 }

@@ -55,177 +55,154 @@ struct Track {
 
 } // namespace
 
-TEST(ChainLayout, LongestChainCoversTheFootageBetweenItsHits) {
-    const std::vector<double> prefix{0, 10, 20, 30};
-    EXPECT_TRUE(longestConsistentChain(Hits{}, prefix, kChainSlack).empty());
-    EXPECT_EQ(longestConsistentChain(Hits{{2, 55.0}}, prefix, kChainSlack), std::vector<int>{2});
-
-    // Any pause between two hits is allowed.
-    EXPECT_EQ(longestConsistentChain(Hits{{0, 0.0}, {1, 1e6}}, prefix, kChainSlack),
-              (std::vector<int>{0, 1}));
-    // Exactly the footage less the slack is enough; a little less is not.
-    EXPECT_EQ(longestConsistentChain(Hits{{0, 0.0}, {1, 7.0}}, prefix, 3.0), (std::vector<int>{0, 1}));
-    EXPECT_EQ(longestConsistentChain(Hits{{0, 0.0}, {1, 6.5}}, prefix, 3.0), std::vector<int>{0});
+TEST(ChainLayout, TheLongestChainCoversTheFootageBetweenItsHitsInClipOrder) {
+    const std::vector<double> prefix{0, 10, 20, 30, 40}; // clips of 10 s
+    struct Case {
+        const char* what;
+        Hits hits;
+        double slack;
+        std::vector<int> chain;
+    };
+    const std::vector<Case> cases{
+        {"no hits", {}, kChainSlack, {}},
+        {"one hit", {{2, 55.0}}, kChainSlack, {2}},
+        {"any pause between two hits", {{0, 0.0}, {1, 1e6}}, kChainSlack, {0, 1}},
+        {"the footage less the slack", {{0, 0.0}, {1, 7.0}}, 3.0, {0, 1}},
+        {"a little less", {{0, 0.0}, {1, 6.5}}, 3.0, {0}},
+        // The second hit lies before the first: it cannot follow it, and the third follows the first.
+        {"out of order", {{0, 100.0}, {1, 50.0}, {2, 120.0}}, kChainSlack, {0, 2}},
+        {"two chains of one: the earlier", {{0, 100.0}, {1, 0.0}}, kChainSlack, {0}},
+        {"a later, longer chain", {{0, 500.0}, {1, 0.0}, {2, 10.0}, {3, 20.0}}, kChainSlack, {1, 2, 3}},
+        {"an index beyond the prefix sums chains with nothing",
+         {{0, 0.0}, {9, 50.0}, {2, 40.0}},
+         kChainSlack,
+         {0, 2}},
+    };
+    for (const auto& c : cases)
+        EXPECT_EQ(longestConsistentChain(c.hits, prefix, c.slack), c.chain) << c.what;
 }
 
-TEST(ChainLayout, OutOfOrderHitsLeaveTheLongerChain) {
-    const std::vector<double> prefix{0, 10, 20, 30, 40};
-    // The second hit lies before the first: it cannot follow it, and the third follows the first.
-    EXPECT_EQ(longestConsistentChain(Hits{{0, 100.0}, {1, 50.0}, {2, 120.0}}, prefix, kChainSlack),
-              (std::vector<int>{0, 2}));
-    // Two chains of one: the earlier stands.
-    EXPECT_EQ(longestConsistentChain(Hits{{0, 100.0}, {1, 0.0}}, prefix, kChainSlack), std::vector<int>{0});
-    // A later, longer chain beats an early strong pair.
-    EXPECT_EQ(longestConsistentChain(Hits{{0, 500.0}, {1, 0.0}, {2, 10.0}, {3, 20.0}}, prefix, kChainSlack),
-              (std::vector<int>{1, 2, 3}));
-    // An index beyond the prefix sums can't be judged and chains with nothing.
-    EXPECT_EQ(longestConsistentChain(Hits{{0, 0.0}, {9, 50.0}, {2, 40.0}}, prefix, kChainSlack),
-              (std::vector<int>{0, 2}));
-}
-
-TEST(ChainLayout, ATrackWithoutAnchorsButtJoinsFromTheBase) {
-    Track t({10, 20, 5});
-    auto counts = t.run(100.0);
-    EXPECT_EQ(counts.byInterp, 3);
-    EXPECT_EQ(counts.byClock, 0);
-    EXPECT_EQ(t.of(0).pos, 100.0);
-    EXPECT_EQ(t.of(1).pos, 110.0);
-    EXPECT_EQ(t.of(2).pos, 130.0);
-    EXPECT_EQ(t.of(2).placement, Placement::interp);
-
-    Track dated({10, 20, 5});
-    dated.dates[1] = at(0);
-    counts = dated.run(100.0);
-    EXPECT_EQ(counts.byClock, 3);
-    EXPECT_EQ(dated.of(0).placement, Placement::clock);
-    EXPECT_EQ(dated.of(2).pos, 130.0);
-}
-
-TEST(ChainLayout, FreeClipsBetweenAnchorsFollowTheirClocks) {
-    Track t({10, 10, 10, 10});
-    t.anchors = {0, 3};
-    t.posOf = {{0, 1000.0}, {3, 1100.0}};
-    t.dates = {at(0), at(20), at(50), at(100)};
-
-    const auto counts = t.run();
-    EXPECT_EQ(counts.byClock, 2);
-    EXPECT_EQ(counts.byInterp, 0);
-    ASSERT_EQ(t.written.size(), 4u);
-    EXPECT_EQ(t.of(0).placement, Placement::matched);
-    EXPECT_EQ(t.of(0).pos, 1000.0);
-    EXPECT_EQ(t.of(3).placement, Placement::matched);
-    EXPECT_EQ(t.of(1).pos, 1020.0); // measured from the next anchor
-    EXPECT_EQ(t.of(2).pos, 1050.0);
-    EXPECT_EQ(t.of(2).placement, Placement::clock);
-}
-
-TEST(ChainLayout, AClockSevenDaysFromTheAnchorCountsAsNone) {
-    Track t({10, 10, 10, 10});
-    t.anchors = {0, 3};
-    t.posOf = {{0, 1000.0}, {3, 1100.0}};
-    t.dates = {at(0), at(100 + kPlausiblePause), at(50), at(100)};
-
-    const auto counts = t.run();
-    EXPECT_EQ(counts.byClock, 1);
-    EXPECT_EQ(counts.byInterp, 1);
-    EXPECT_EQ(t.of(1).placement, Placement::interp);
-    EXPECT_EQ(t.of(1).pos, 1010.0); // at the cursor, right after the anchor
-    EXPECT_EQ(t.of(2).pos, 1050.0);
-}
-
-TEST(ChainLayout, AClockLaidTailStopsAtItsCeiling) {
-    // Tail from 10 s with 20 s of footage: the ceiling is 10 + 20 + 20 = 50.
-    Track below({10, 10, 10});
-    below.anchors = {0};
-    below.posOf = {{0, 0.0}};
-    below.dates = {at(0), at(10), at(39.9)};
-    {
-        LogCapture log;
-        EXPECT_EQ(below.run().byClock, 2);
-        EXPECT_EQ(log.countStartingWith("[SyncEngine]  clock-laid tail"), 0);
-    }
-    EXPECT_NEAR(below.of(2).pos, 39.9, 1e-5);
-
-    Track beyond({10, 10, 10});
-    beyond.anchors = {0};
-    beyond.posOf = {{0, 0.0}};
-    beyond.dates = {at(0), at(10), at(40.1)};
-    LogCapture log;
-    EXPECT_EQ(beyond.run().byClock, 2);
-    EXPECT_TRUE(
-        log.contains("[SyncEngine]  clock-laid tail of 2 clip(s) from 10s reached 50s (ceiling 50s) — the "
-                     "anchor it is measured from looks wrong, butt-joining instead"));
-    EXPECT_EQ(beyond.of(1).pos, 10.0);
-    EXPECT_EQ(beyond.of(2).pos, 20.0);
-    EXPECT_EQ(beyond.of(2).placement, Placement::clock);
-}
-
-TEST(ChainLayout, TooLittleRoomForTheClocksButtJoinsTheRange) {
-    // 20 s of clips in 15 s of room: the backward pass pushes the first below the room.
-    Track t({10, 10, 10, 10});
-    t.anchors = {0, 3};
-    t.posOf = {{0, 0.0}, {3, 25.0}};
-    t.dates = {at(0), at(10), at(20), at(25)};
-
-    const auto counts = t.run();
-    EXPECT_EQ(counts.byClock, 2);
-    EXPECT_EQ(t.of(1).pos, 10.0);
-    EXPECT_EQ(t.of(2).pos, 20.0);
-    EXPECT_EQ(t.of(1).placement, Placement::clock);
-}
-
-TEST(ChainLayout, ClipsWithoutEvidenceSpreadOverTheRoom) {
-    Track t({10, 10, 10, 10});
-    t.anchors = {0, 3};
-    t.posOf = {{0, 0.0}, {3, 100.0}};
-
-    auto counts = t.run();
-    EXPECT_EQ(counts.byInterp, 2);
+TEST(ChainLayout, FreeClipsFollowTheirClocksFromTheAnchorsOrSpreadOverTheRoom) {
+    using P = Placement;
+    const auto m = P::matched, c = P::clock, i = P::interp;
+    const std::optional<Date> none;
+    struct Case {
+        const char* what;
+        std::vector<double> durs;
+        std::map<int, double> anchors;
+        std::vector<std::optional<Date>> dates;
+        double base;
+        std::vector<double> pos;
+        std::vector<Placement> placement;
+    };
     const double gap = (100.0 - 10.0 - 20.0) / 3;
-    EXPECT_DOUBLE_EQ(t.of(1).pos, 10.0 + gap);
-    EXPECT_DOUBLE_EQ(t.of(2).pos, 10.0 + gap + 10.0 + gap);
-    EXPECT_EQ(t.of(1).placement, Placement::interp);
-
-    // One dated clip, but no dated anchor to measure it from: spread all the same, as clock.
-    Track one({10, 10, 10, 10});
-    one.anchors = {0, 3};
-    one.posOf = {{0, 0.0}, {3, 100.0}};
-    one.dates[2] = at(5);
-    counts = one.run();
-    EXPECT_EQ(counts.byClock, 2);
-    EXPECT_DOUBLE_EQ(one.of(1).pos, 10.0 + gap);
-    EXPECT_EQ(one.of(1).placement, Placement::clock);
-}
-
-TEST(ChainLayout, TheHeadEndsAtTheFirstAnchorOrWhereItsClocksSay) {
-    Track plain({10, 10, 10});
-    plain.anchors = {2};
-    plain.posOf = {{2, 100.0}};
-    plain.run();
-    EXPECT_EQ(plain.of(0).pos, 80.0);
-    EXPECT_EQ(plain.of(1).pos, 90.0);
-    EXPECT_EQ(plain.of(1).placement, Placement::interp);
-    // The head is written before the anchors.
-    EXPECT_EQ(plain.written.front().k, 0);
-    EXPECT_EQ(plain.written.back().k, 2);
-
-    Track dated({10, 10, 10});
-    dated.anchors = {2};
-    dated.posOf = {{2, 100.0}};
-    dated.dates = {at(-300), at(-50), at(0)};
-    EXPECT_EQ(dated.run().byClock, 2);
-    EXPECT_EQ(dated.of(0).pos, -200.0);
-    EXPECT_EQ(dated.of(1).pos, 50.0);
-}
-
-TEST(ChainLayout, AnchorsThatNameNoClipAreIgnored) {
+    const std::vector<Case> cases{
+        {"no anchor butt-joins from the base",
+         {10, 20, 5},
+         {},
+         {none, none, none},
+         100,
+         {100, 110, 130},
+         {i, i, i}},
+        {"no anchor, one clock", {10, 20, 5}, {}, {none, at(0), none}, 100, {100, 110, 130}, {c, c, c}},
+        // Measured from the next anchor.
+        {"clocks between anchors",
+         {10, 10, 10, 10},
+         {{0, 1000.0}, {3, 1100.0}},
+         {at(0), at(20), at(50), at(100)},
+         0,
+         {1000, 1020, 1050, 1100},
+         {m, c, c, m}},
+        {"a clock a week from the anchor is none",
+         {10, 10, 10, 10},
+         {{0, 1000.0}, {3, 1100.0}},
+         {at(0), at(100 + kPlausiblePause), at(50), at(100)},
+         0,
+         {1000, 1010, 1050, 1100},
+         {m, i, c, m}},
+        // 20 s of clips in 15 s of room: the backward pass pushes the first below the room.
+        {"too little room butt-joins",
+         {10, 10, 10, 10},
+         {{0, 0.0}, {3, 25.0}},
+         {at(0), at(10), at(20), at(25)},
+         0,
+         {0, 10, 20, 25},
+         {m, c, c, m}},
+        {"no evidence spreads",
+         {10, 10, 10, 10},
+         {{0, 0.0}, {3, 100.0}},
+         {none, none, none, none},
+         0,
+         {0, 10 + gap, 20 + 2 * gap, 100},
+         {m, i, i, m}},
+        // One dated clip, but no dated anchor to measure it from: spread all the same, as clock.
+        {"a clock without a dated anchor spreads",
+         {10, 10, 10, 10},
+         {{0, 0.0}, {3, 100.0}},
+         {none, none, at(5), none},
+         0,
+         {0, 10 + gap, 20 + 2 * gap, 100},
+         {m, c, c, m}},
+        {"the head ends at the first anchor",
+         {10, 10, 10},
+         {{2, 100.0}},
+         {none, none, none},
+         0,
+         {80, 90, 100},
+         {i, i, m}},
+        {"the head follows its clocks",
+         {10, 10, 10},
+         {{2, 100.0}},
+         {at(-300), at(-50), at(0)},
+         0,
+         {-200, 50, 100},
+         {c, c, m}},
+        // Tail from 10 s with 20 s of footage: the ceiling is 10 + 20 + 20 = 50.
+        {"a tail below its ceiling",
+         {10, 10, 10},
+         {{0, 0.0}},
+         {at(0), at(10), at(39.9)},
+         0,
+         {0, 10, 39.9},
+         {m, c, c}},
+        {"a tail beyond its ceiling butt-joins",
+         {10, 10, 10},
+         {{0, 0.0}},
+         {at(0), at(10), at(40.1)},
+         0,
+         {0, 10, 20},
+         {m, c, c}},
+    };
+    for (const auto& cs : cases) {
+        Track t(cs.durs);
+        t.dates = cs.dates;
+        t.posOf = cs.anchors;
+        for (const auto& [k, _] : cs.anchors)
+            t.anchors.push_back(k);
+        LogCapture log;
+        const auto counts = t.run(cs.base);
+        ASSERT_EQ(t.written.size(), cs.durs.size()) << cs.what;
+        int byClock = 0, byInterp = 0;
+        for (std::size_t k = 0; k < cs.durs.size(); ++k) {
+            EXPECT_NEAR(t.of(static_cast<int>(k)).pos, cs.pos[k], 1e-5) << cs.what << " " << k;
+            EXPECT_EQ(t.of(static_cast<int>(k)).placement, cs.placement[k]) << cs.what << " " << k;
+            byClock += cs.placement[k] == c;
+            byInterp += cs.placement[k] == i;
+        }
+        EXPECT_EQ(counts.byClock, byClock) << cs.what;
+        EXPECT_EQ(counts.byInterp, byInterp) << cs.what;
+        EXPECT_EQ(log.countStartingWith("[SyncEngine]  clock-laid tail"),
+                  std::string(cs.what).ends_with("butt-joins") && cs.anchors.size() == 1)
+            << cs.what;
+    }
+    // The head is written before the anchors; anchors that name no clip are ignored.
     Track t({10, 10});
     t.anchors = {5, -1, 1};
     t.posOf = {{1, 50.0}, {5, 0.0}};
     t.run();
     ASSERT_EQ(t.written.size(), 2u);
+    EXPECT_EQ(t.written.front().k, 0);
     EXPECT_EQ(t.of(0).pos, 40.0);
-    EXPECT_EQ(t.of(1).placement, Placement::matched);
 }
 
 TEST(ChainLayout, NeighbourNoteNamesTheNearestAnchors) {

@@ -43,36 +43,26 @@ Date at(double seconds) {
 
 } // namespace
 
-TEST(MatchPrimitives, BestMatchFindsAClipInsideALongerSpan) {
+TEST(MatchPrimitives, BestMatchFindsAClipInALongerSpanOrAShorterSpanInTheClip) {
     const auto ref = noiseBands(60 * kFps, 1);
     const auto clip = cutBands(ref, 12 * kFps, 20 * kFps);
     const std::vector<Span> spans{spanOf(100.0, ref)};
-
     const auto m = bestMatch(spans, &clip, -kInf, kInf);
     ASSERT_TRUE(m);
     EXPECT_NEAR(m->pos, 112.0, kFrame / 2);
     EXPECT_GE(m->score, kStrongScore);
-
     // The bounds limit the clip's start on the timeline, not its offset within the span.
     EXPECT_TRUE(bestMatch(spans, &clip, 111.0, 113.0));
     const auto outside = bestMatch(spans, &clip, 120.0, 130.0);
     EXPECT_FALSE(outside && std::abs(outside->pos - 112.0) < 1.0);
-}
 
-TEST(MatchPrimitives, BestMatchSearchesAShorterSpanInTheClip) {
-    const auto clip = noiseBands(120 * kFps, 2);
-    const auto piece = cutBands(clip, 30 * kFps, 40 * kFps);
-    const std::vector<Span> spans{spanOf(500.0, piece)};
-
-    const auto m = bestMatch(spans, &clip, -kInf, kInf);
-    ASSERT_TRUE(m);
-    EXPECT_NEAR(m->pos, 470.0, kFrame / 2);
-
-    const auto bounded = bestMatch(spans, &clip, 469.0, 471.0);
-    ASSERT_TRUE(bounded);
-    EXPECT_NEAR(bounded->pos, 470.0, kFrame / 2);
-    // Turned round, a single point of a range is no range at all.
-    EXPECT_FALSE(bestMatch(spans, &clip, 470.0, 470.0));
+    // A span shorter than the clip is searched in the clip, the bounds turned round.
+    const auto longClip = noiseBands(120 * kFps, 2);
+    const auto piece = cutBands(longClip, 30 * kFps, 40 * kFps);
+    const std::vector<Span> shorter{spanOf(500.0, piece)};
+    EXPECT_NEAR(bestMatch(shorter, &longClip, -kInf, kInf)->pos, 470.0, kFrame / 2);
+    EXPECT_NEAR(bestMatch(shorter, &longClip, 469.0, 471.0)->pos, 470.0, kFrame / 2);
+    EXPECT_FALSE(bestMatch(shorter, &longClip, 470.0, 470.0)) << "a single point is no range";
 }
 
 TEST(MatchPrimitives, BestMatchRefusesWhatItCannotSearch) {
@@ -207,65 +197,47 @@ TEST(MatchPrimitives, MultiWindowMatchBelievesALoneVoteOnlyWhenAllowedAndStrong)
     EXPECT_FALSE(multiWindowMatch(&weak, 200.0, -kInf, kInf, spans, true));
 }
 
-TEST(MatchPrimitives, TimecodeWindowCoversEveryTimecodedSpan) {
-    const auto bands = noiseBands(10 * kFps, 11);
-    ClipItem clip;
-    clip.startTimecode = 3610.0;
-    const std::vector<Span> spans{spanOf(100.0, bands, 3600.0), spanOf(200.0, bands),
-                                  spanOf(500.0, bands, 7200.0)};
-
-    const auto w = tcWindow(clip, spans);
-    ASSERT_TRUE(w);
-    EXPECT_DOUBLE_EQ(w->lo, 500.0 + (3610.0 - 7200.0) - 1.5);
-    EXPECT_DOUBLE_EQ(w->hi, 111.5);
-
-    EXPECT_FALSE(tcWindow(clip, std::vector<Span>{spanOf(200.0, bands)}));
-    EXPECT_FALSE(tcWindow(ClipItem{}, spans));
-}
-
 TEST(MatchPrimitives, ClockWindowComesFromTextSyncOrATrustedClock) {
     TrackSource audio;
     audio.type = SourceType::audio;
-    ClipItem clip;
-    clip.recordingDate = at(100.0);
-    clip.clockQuality = ClockQuality::embedded;
-    PriorContext context{"Ref", false, at(0.0), 50.0};
-
-    auto w = clockWindow(audio, clip, context);
-    ASSERT_TRUE(w);
-    EXPECT_DOUBLE_EQ(w->lo, 150.0 - 900.0);
-    EXPECT_DOUBLE_EQ(w->hi, 150.0 + 900.0);
-
-    clip.clockQuality = ClockQuality::filename;
-    w = clockWindow(audio, clip, context);
-    ASSERT_TRUE(w);
-    EXPECT_DOUBLE_EQ(w->lo, 150.0 - 1350.0);
-    EXPECT_DOUBLE_EQ(w->hi, 150.0 + 1350.0);
-
-    for (auto q : {ClockQuality::none, ClockQuality::filesystem, ClockQuality::asset}) {
-        clip.clockQuality = q;
-        EXPECT_FALSE(clockWindow(audio, clip, context));
-    }
-    clip.clockQuality = ClockQuality::embedded;
-    EXPECT_FALSE(clockWindow(audio, clip, PriorContext{"Ref", false, std::nullopt, 50.0}));
-    ClipItem undated = clip;
-    undated.recordingDate.reset();
-    EXPECT_FALSE(clockWindow(audio, undated, context));
-
-    // A text-sync offset to the reference outranks the clock, except on the reference itself.
-    audio.textSyncOffsetByPeer["Ref"] = 20.0;
-    w = clockWindow(audio, undated, context);
-    ASSERT_TRUE(w);
-    EXPECT_DOUBLE_EQ(w->lo, 30.0 - 360.0);
-    EXPECT_DOUBLE_EQ(w->hi, 30.0 + 360.0);
-    context.isReference = true;
-    w = clockWindow(audio, clip, context);
-    ASSERT_TRUE(w);
-    EXPECT_DOUBLE_EQ(w->lo, 150.0 - 900.0);
-
+    TrackSource synced = audio;
+    synced.textSyncOffsetByPeer["Ref"] = 20.0;
     TrackSource video = audio;
     video.type = SourceType::video;
-    EXPECT_FALSE(clockWindow(video, clip, context));
+    const PriorContext context{"Ref", false, at(0.0), 50.0}, asReference{"Ref", true, at(0.0), 50.0},
+        noEpoch{"Ref", false, std::nullopt, 50.0};
+    struct Case {
+        const char* what;
+        const TrackSource& track;
+        ClockQuality quality;
+        bool dated;
+        const PriorContext& context;
+        std::optional<double> centre, half; // none: no window
+    };
+    const std::optional<double> none;
+    const Case cases[] = {
+        {"embedded", audio, ClockQuality::embedded, true, context, 150.0, 900.0},
+        {"file name", audio, ClockQuality::filename, true, context, 150.0, 1350.0},
+        {"no clock", audio, ClockQuality::none, true, context, none, none},
+        {"file date", audio, ClockQuality::filesystem, true, context, none, none},
+        {"asset date", audio, ClockQuality::asset, true, context, none, none},
+        {"no epoch", audio, ClockQuality::embedded, true, noEpoch, none, none},
+        {"undated", audio, ClockQuality::embedded, false, context, none, none},
+        // A text-sync offset to the reference outranks the clock, except on the reference itself.
+        {"text sync", synced, ClockQuality::embedded, false, context, 30.0, 360.0},
+        {"text sync on the reference", synced, ClockQuality::embedded, true, asReference, 150.0, 900.0},
+        {"video", video, ClockQuality::embedded, true, context, none, none},
+    };
+    for (const auto& c : cases) {
+        ClipItem clip;
+        if (c.dated) clip.recordingDate = at(100.0);
+        clip.clockQuality = c.quality;
+        const auto w = clockWindow(c.track, clip, c.context);
+        ASSERT_EQ(w.has_value(), c.centre.has_value()) << c.what;
+        if (!w) continue;
+        EXPECT_DOUBLE_EQ(w->lo, *c.centre - *c.half) << c.what;
+        EXPECT_DOUBLE_EQ(w->hi, *c.centre + *c.half) << c.what;
+    }
 }
 
 TEST(MatchPrimitives, ClipMatchWithAClockPriorMissesAudioFarFromTheClock) {
@@ -289,13 +261,6 @@ TEST(MatchPrimitives, ClipMatchWithAClockPriorMissesAudioFarFromTheClock) {
     const auto bracketed = clipMatch(audio, clip, 0.0, 100.0, spans, true, context);
     ASSERT_TRUE(bracketed);
     EXPECT_NEAR(bracketed->pos, 30.0, kFrame / 2);
-
-    // Video keeps its bounds whatever its clock says.
-    TrackSource video = audio;
-    video.type = SourceType::video;
-    const auto camera = clipMatch(video, clip, -kInf, kInf, spans, true, context);
-    ASSERT_TRUE(camera);
-    EXPECT_NEAR(camera->pos, 30.0, kFrame / 2);
 
     // A clock that agrees narrows the search and still finds the clip.
     clip.recordingDate = at(30.0 + 200.0);
@@ -332,26 +297,33 @@ TEST(MatchPrimitives, CompareClipsReadsTheOffsetFromAToB) {
     EXPECT_FALSE(compareClips(a, stranger, kMaxWindow, 0.5));
 }
 
-TEST(MatchPrimitives, TimecodeDisagreesBeyondTwoFramesOfTheNearestSpan) {
+TEST(MatchPrimitives, TimecodePutsAClipAgainstTheTimecodedSpans) {
     const auto bands = noiseBands(10 * kFps, 15);
     const std::vector<Span> spans{spanOf(100.0, bands, 3600.0), spanOf(120.0, bands, 3600.0),
-                                  spanOf(500.0, bands)};
+                                  spanOf(500.0, bands, 7200.0), spanOf(600.0, bands)};
     ClipItem clip;
-    clip.startTimecode = 3610.0; // 110 by the first span, 130 by the second
+    clip.startTimecode = 3610.0; // 110 by the first span, 130 by the second, -3090 by the third
     clip.frameRate = 25.0f;
+    // The search window covers every timecoded span, 1.5 s wider either side.
+    const auto w = tcWindow(clip, spans);
+    ASSERT_TRUE(w);
+    EXPECT_DOUBLE_EQ(w->lo, 500.0 + (3610.0 - 7200.0) - 1.5);
+    EXPECT_DOUBLE_EQ(w->hi, 131.5);
+    EXPECT_FALSE(tcWindow(clip, std::vector<Span>{spanOf(200.0, bands)}));
+    EXPECT_FALSE(tcWindow(ClipItem{}, spans));
 
+    // A placement disagrees beyond two frames of the nearest span's (1/12 s without a frame rate,
+    // two frames of at least one per second).
     EXPECT_FALSE(timecodeDisagrees(clip, 110.07, spans));
     EXPECT_TRUE(timecodeDisagrees(clip, 110.09, spans));
-    EXPECT_FALSE(timecodeDisagrees(clip, 130.0, spans)); // the nearest span decides
+    EXPECT_FALSE(timecodeDisagrees(clip, 130.0, spans));
     EXPECT_TRUE(timecodeDisagrees(clip, 120.0, spans));
-
-    clip.frameRate.reset(); // 1/12 s
+    clip.frameRate.reset();
     EXPECT_FALSE(timecodeDisagrees(clip, 110.08, spans));
     EXPECT_TRUE(timecodeDisagrees(clip, 110.09, spans));
-    clip.frameRate = 0.5f; // held to one frame per second at least: 2 s
+    clip.frameRate = 0.5f;
     EXPECT_FALSE(timecodeDisagrees(clip, 111.9, spans));
-
-    EXPECT_FALSE(timecodeDisagrees(clip, 900.0, std::vector<Span>{spanOf(500.0, bands)}));
+    EXPECT_FALSE(timecodeDisagrees(clip, 900.0, std::vector<Span>{spanOf(600.0, bands)}));
     EXPECT_FALSE(timecodeDisagrees(ClipItem{}, 900.0, spans));
 }
 

@@ -7,6 +7,7 @@
 
 #include "TrelvaneEngine/features/SpectralBands.hpp"
 #include "TrelvaneEngine/model/TrackModels.hpp"
+#include "engine/sync/SyntheticBands.hpp"
 
 #include <chrono>
 #include <random>
@@ -70,8 +71,10 @@ struct ClipSpec {
     ClockQuality quality = ClockQuality::none;
 };
 
-inline TrackSource makeTrack(const Performance& perf, const std::string& name, SourceType type,
-                             const std::vector<ClipSpec>& clips, float roughness = 0.6f, unsigned seed = 1) {
+// A track of `clips`, each with the feature `featureOf(spec, seed)` gives it (seeds differ per clip).
+template <typename FeatureOf>
+TrackSource trackOf(const std::string& name, SourceType type, const std::vector<ClipSpec>& clips,
+                    unsigned seed, const FeatureOf& featureOf) {
     TrackSource t;
     t.name = name;
     t.type = type;
@@ -83,7 +86,7 @@ inline TrackSource makeTrack(const Performance& perf, const std::string& name, S
             Url::fromPath("/shoot/" + name + "/" + spec.name + (type == SourceType::audio ? ".wav" : ".mov"));
         c.duration = spec.duration;
         if (spec.withAudio)
-            c.bandFeature = perf.cut(spec.start, spec.duration, roughness, s++ * 7919u);
+            c.bandFeature = featureOf(spec, s++ * 7919u);
         else
             c.audioUsability = AudioUsability::silent;
         if (spec.clock) c.recordingDate = dateAt(*spec.clock);
@@ -91,6 +94,24 @@ inline TrackSource makeTrack(const Performance& perf, const std::string& name, S
         t.clips.push_back(std::move(c));
     }
     return t;
+}
+
+inline TrackSource makeTrack(const Performance& perf, const std::string& name, SourceType type,
+                             const std::vector<ClipSpec>& clips, float roughness = 0.6f, unsigned seed = 1) {
+    return trackOf(name, type, clips, seed, [&](const ClipSpec& spec, unsigned s) {
+        return perf.cut(spec.start, spec.duration, roughness, s);
+    });
+}
+
+// The same from band noise standing for the performance (no audio at all): cheap enough for shoots
+// of an hour. Each clip is its cut under `roughness` times its strength of noise of its own.
+inline TrackSource makeTrack(const SpectralBands::Feature& perf, const std::string& name, SourceType type,
+                             const std::vector<ClipSpec>& clips, float roughness = 0.6f, unsigned seed = 1) {
+    return trackOf(name, type, clips, seed, [&](const ClipSpec& spec, unsigned s) {
+        return noisyBands(
+            cutBands(perf, static_cast<int>(spec.start * kFps), static_cast<int>(spec.duration * kFps)),
+            roughness, s);
+    });
 }
 
 } // namespace trelvane::test
