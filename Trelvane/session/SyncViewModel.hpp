@@ -83,7 +83,7 @@ struct FlowEvent {
         clipPlaced, // the running sync placed a clip
         syncFinished,
         syncStopped,
-        positionsDropped, // the shown positions no longer hold: the layout went back to the tracks
+        positionsDropped, // the shown positions no longer hold: back from stacks, or a change of mode
         gapsClosed,
         gapsRestored,
         cleaned,
