@@ -3,13 +3,12 @@
 
 #include "Trelvane/session/AppLog.hpp"
 #include "Trelvane/session/Notifier.hpp"
+#include "Trelvane/session/TrackEditing.hpp"
 #include "TrelvaneEngine/support/EngineLog.hpp"
-#include "TrelvaneEngine/support/NaturalOrder.hpp"
 #include "TrelvaneEngine/support/Text.hpp"
 #include "TrelvaneEngine/support/WorkerWindow.hpp"
 
 #include <algorithm>
-#include <cmath>
 #include <fmt/printf.h>
 
 namespace trelvane {
@@ -53,23 +52,7 @@ SyncViewModel::~SyncViewModel() {
     if (ingestStop_) ingestStop_->request_stop();
 }
 
-// ---- observing and small setters ------------------------------------------------------------
-
-std::shared_ptr<void> SyncViewModel::observe(Observer observer) {
-    const auto id = nextObserverId_++;
-    observers_.emplace(id, std::move(observer));
-    std::weak_ptr<SyncViewModel> weak = weak_from_this();
-    return std::shared_ptr<void>(nullptr, [weak, id](void*) {
-        if (auto self = weak.lock()) self->observers_.erase(id);
-    });
-}
-
-void SyncViewModel::notify(Published what) {
-    // Copy first: an observer may add or drop observers while being told.
-    const auto observers = observers_;
-    for (const auto& [id, fn] : observers)
-        if (observers_.contains(id)) fn(what);
-}
+// ---- small setters ----------------------------------------------------------------------------
 
 void SyncViewModel::setSources(Sources sources) {
     sources_ = std::move(sources);
@@ -95,23 +78,20 @@ void SyncViewModel::refreshCounters() {
             if (c.syncStatus == SyncStatus::weak) ++weak;
             if (c.syncStatus == SyncStatus::failed && c.audioUsability == AudioUsability::ok) ++failed;
         }
-    syncedCount_ = synced;
-    weakCount_ = weak;
-    failedCount_ = failed;
+    outcome_.syncedCount = synced;
+    outcome_.weakCount = weak;
+    outcome_.failedCount = failed;
     notify(Published::counters);
 }
 
 void SyncViewModel::resetOutcome() {
-    for (auto& t : sources_)
-        for (auto& c : t.clips)
-            c.syncStatus = SyncStatus::pending;
+    TrackEditing::resetStatuses(sources_);
     notify(Published::sources);
-    syncedCount_ = weakCount_ = failedCount_ = 0;
+    outcome_ = {};
     notify(Published::counters);
-    setState(AppState::idle());
-    offsetsBeforeCloseGaps_.reset();
-    failureSummary_.reset();
     notify(Published::failureSummary);
+    notify(Published::syncWasStopped);
+    setState(AppState::idle());
 }
 
 bool SyncViewModel::isStackMode() const {
@@ -121,13 +101,6 @@ bool SyncViewModel::isStackMode() const {
 void SyncViewModel::postSelf(std::function<void(SyncViewModel&)> fn) {
     std::weak_ptr<SyncViewModel> weak = weak_from_this();
     queue_.post([weak, fn = std::move(fn)] {
-        if (auto self = weak.lock()) fn(*self);
-    });
-}
-
-void SyncViewModel::postSelfAfter(double seconds, std::function<void(SyncViewModel&)> fn) {
-    std::weak_ptr<SyncViewModel> weak = weak_from_this();
-    queue_.postAfter(seconds, [weak, fn = std::move(fn)] {
         if (auto self = weak.lock()) fn(*self);
     });
 }
@@ -183,22 +156,6 @@ std::vector<float> SyncViewModel::detectedFrameRates() const {
     return out;
 }
 
-double SyncViewModel::pxPerSec() const {
-    if (frozenPxPerSec_) return *frozenPxPerSec_;
-    const double total = totalDuration();
-    if (!(total > 0) || !(availableWidth_ > 0)) return 2.0;
-    return std::max(0.01, availableWidth_ / total * zoomMultiplier_);
-}
-
-double SyncViewModel::playbackTime() const {
-    std::optional<double> earliest;
-    for (const auto& t : sources_)
-        for (const auto& c : t.clips)
-            if (selectedClipIDs_.contains(c.id) && (!earliest || c.startOffset < *earliest))
-                earliest = c.startOffset;
-    return earliest.value_or(playheadTime_);
-}
-
 std::optional<std::string> SyncViewModel::summarizeFailures(const Sources& sources) {
     std::vector<std::string> parts;
     std::vector<std::pair<std::string, int>> buckets; // in order of first appearance
@@ -235,12 +192,6 @@ std::optional<std::string> SyncViewModel::summarizeFailures(const Sources& sourc
     return joined(parts, "  ·  ");
 }
 
-void SyncViewModel::recomputeOffsets(std::size_t sourceIndex) {
-    if (sourceIndex >= sources_.size()) return;
-    IngestEngine::recomputeOffsets(sources_[sourceIndex]);
-    notify(Published::sources);
-}
-
 // ---- adding media -------------------------------------------------------------------------------
 
 void SyncViewModel::browseFiles() {
@@ -256,9 +207,9 @@ void SyncViewModel::chooseFiles(const std::optional<std::vector<Url>>& urls) {
 
 void SyncViewModel::ingestURLs(const std::vector<Url>& urls) {
     // New media always joins the track layout, never a stack result.
-    if (sourcesBeforeStacks_) {
-        sources_ = std::move(*sourcesBeforeStacks_);
-        sourcesBeforeStacks_.reset();
+    if (outcome_.sourcesBeforeStacks) {
+        sources_ = std::move(*outcome_.sourcesBeforeStacks);
+        outcome_.sourcesBeforeStacks.reset();
     }
     setSources(ingestEngine_.ingest(urls, std::move(sources_)));
     if (state_.is(AppState::Kind::synced) || state_.is(AppState::Kind::error)) resetOutcome();
@@ -426,11 +377,7 @@ void SyncViewModel::extractWaveforms(std::uint64_t generation, Step done) {
 
     extractSubProgress_.clear();
     extractDoneWork_ = 0;
-    startBarEase();
-    extractionStartedAt_ = queue_.now();
-    clipReadyAt_.clear();
-    clipFXActive_ = true;
-    notify(Published::clipFXActive);
+    tell({FlowEvent::Kind::extractionStarted});
     setState(AppState::extracting(0, jobs.front().name));
 
     // The window bounds the memory of decoded audio: 2 to 4 clips at a time, or as few as the user
@@ -463,20 +410,18 @@ void SyncViewModel::extractWaveforms(std::uint64_t generation, Step done) {
                     if (const auto* payload = std::get_if<ExtractPayload>(&outcome)) {
                         vm.updateClip(job.url, payload->duration, *payload);
                         if (payload->fromCache) vm.clipsFromCache_.insert(job.id);
-                        vm.clipReadyAt_[job.id] = vm.queue_.now();
                     } else if (const auto* none = std::get_if<NoUsableAudio>(&outcome)) {
                         vm.markNoUsableAudio(job.url, none->usability, none->formatExt);
-                        vm.clipReadyAt_[job.id] = vm.queue_.now();
                         EngineLog::logf("[Extract] '%s': %s — will place by clock/interpolation", job.name,
                                         none->reason.empty() ? std::string("no usable audio") : none->reason);
                     } else if (const auto* failed = std::get_if<ExtractFailed>(&outcome)) {
                         // A file that can't be read ends its job like any other: marked, so the
                         // analysis counts as finished without it.
                         vm.markUnreadable(job.url, failed->reason);
-                        vm.clipReadyAt_[job.id] = vm.queue_.now();
                         EngineLog::logf("[Extract] '%s' can't be read: %s — left out of the matching",
                                         job.url.lastPathComponent(), failed->reason);
                     }
+                    vm.tell({.kind = FlowEvent::Kind::clipReady, .clipID = job.id});
                 });
             },
             stop);
@@ -486,16 +431,12 @@ void SyncViewModel::extractWaveforms(std::uint64_t generation, Step done) {
         if (stop.stop_requested()) return;
         post([done](SyncViewModel& vm) {
             vm.setState(AppState::ready());
-            vm.stopBarEaseSoon(0.6);
+            vm.tell({FlowEvent::Kind::extractionFinished});
             Notifier::stageDone("Media analyzed",
                                 fmt::format("{} clips ready — press Synchronize.", vm.totalClipCount()));
             vm.formatAdvisories_ = FormatAdvisory::fromCounts(vm.formatAdvisoryCounts_);
             vm.notify(Published::formatAdvisories);
             vm.formatAdvisoryCounts_.clear();
-            vm.postSelfAfter(0.8, [](SyncViewModel& v) {
-                v.clipFXActive_ = false;
-                v.notify(Published::clipFXActive);
-            });
             vm.maybeSuggestStackMode();
             done();
         });
@@ -521,7 +462,8 @@ void SyncViewModel::updateClip(const Url& url, std::optional<double> duration,
                 c.bandFeature = payload.bands;
                 c.audioCutShort = payload.cutShort;
                 // A corrected duration moves the clips after it.
-                recomputeOffsets(si);
+                TrackEditing::recomputeOffsets(sources_, si);
+                notify(Published::sources);
                 return;
             }
 }
@@ -613,14 +555,14 @@ void SyncViewModel::startSyncTask(std::function<void(std::stop_token, const Post
         [work = std::move(work), post = std::move(post)](std::stop_token stop) { work(stop, post); });
 }
 
-void SyncViewModel::beginSyncRun() {
-    offsetsBeforeCloseGaps_.reset();
-    syncWasStopped_ = false;
+void SyncViewModel::beginSyncRun(bool stacks) {
+    outcome_.offsetsBeforeCloseGaps.reset();
+    outcome_.syncWasStopped = false;
     notify(Published::syncWasStopped);
     setState(AppState::syncing());
     setSyncProgress(0);
     setErrorMessage(std::nullopt);
-    startBarEase();
+    tell({.kind = FlowEvent::Kind::syncStarted, .stacks = stacks});
 }
 
 void SyncViewModel::setSyncProgress(double progress) {
@@ -632,7 +574,7 @@ void SyncViewModel::installSyncOutcome(Sources result) {
     syncTask_.reset();
     setSources(std::move(result));
     refreshCounters();
-    failureSummary_ = summarizeFailures(sources_);
+    outcome_.failureSummary = summarizeFailures(sources_);
     notify(Published::failureSummary);
     setSyncProgress(1);
     setState(AppState::synced());
@@ -651,47 +593,8 @@ void SyncViewModel::synchronizeTracks() {
         setState(AppState::error());
         return;
     }
-    beginSyncRun();
-
-    // Opening of the animation: the longest track (audio preferred) end to end, every other track
-    // spread over the same width.
-    std::optional<std::size_t> chosen;
-    double chosenSum = -1, widest = 0;
-    const bool anyAudio = std::any_of(sources_.begin(), sources_.end(),
-                                      [](const TrackSource& t) { return t.type == SourceType::audio; });
-    for (std::size_t i = 0; i < sources_.size(); ++i) {
-        double sum = 0;
-        for (const auto& c : sources_[i].clips)
-            sum += c.duration;
-        widest = std::max(widest, sum);
-        if ((!anyAudio || sources_[i].type == SourceType::audio) && sum > chosenSum) {
-            chosen = i;
-            chosenSum = sum;
-        }
-    }
-    displayedOffsets_.clear();
-    animToOffsets_.clear();
-    for (std::size_t i = 0; i < sources_.size(); ++i) {
-        const auto& clips = sources_[i].clips;
-        double t = 0;
-        for (std::size_t k = 0; k < clips.size(); ++k) {
-            double at;
-            if (chosen && i == *chosen) {
-                at = t;
-                t += clips[k].duration;
-            } else {
-                at = widest * static_cast<double>(k) / static_cast<double>(clips.size());
-            }
-            displayedOffsets_[clips[k].id] = at;
-            animToOffsets_[clips[k].id] = at;
-        }
-    }
-    notify(Published::displayedOffsets);
-    beginLiveAnimation();
-
-    for (auto& t : sources_)
-        for (auto& c : t.clips)
-            c.syncStatus = SyncStatus::pending;
+    beginSyncRun(false);
+    TrackEditing::resetStatuses(sources_);
     notify(Published::sources);
 
     startSyncTask(
@@ -702,10 +605,7 @@ void SyncViewModel::synchronizeTracks() {
                     post([fraction = p.fraction](SyncViewModel& vm) { vm.setSyncProgress(fraction); });
                 },
                 [&post](const Uuid& id, double offset, SyncStatus status) {
-                    post([id, offset, status](SyncViewModel& vm) {
-                        vm.animToOffsets_[id] = offset;
-                        vm.markClipFound(id, status);
-                    });
+                    post([id, offset, status](SyncViewModel& vm) { vm.markClipFound(id, offset, status); });
                 },
                 stop);
             if (stop.stop_requested()) return;
@@ -715,7 +615,8 @@ void SyncViewModel::synchronizeTracks() {
         });
 }
 
-void SyncViewModel::markClipFound(const Uuid& id, SyncStatus status) {
+void SyncViewModel::markClipFound(const Uuid& id, double offset, SyncStatus status) {
+    tell({.kind = FlowEvent::Kind::clipPlaced, .clipID = id, .offset = offset});
     for (auto& t : sources_)
         for (auto& c : t.clips)
             if (c.id == id) {
@@ -729,30 +630,16 @@ void SyncViewModel::markClipFound(const Uuid& id, SyncStatus status) {
 void SyncViewModel::finishTrackSync(Sources result) {
     installSyncOutcome(std::move(result));
 
-    std::vector<std::string> parts{fmt::format("{} synced", syncedCount_)};
-    if (weakCount_ > 0) parts.push_back(fmt::format("{} weak", weakCount_));
-    if (failedCount_ > 0) parts.push_back(fmt::format("{} failed", failedCount_));
+    std::vector<std::string> parts{fmt::format("{} synced", outcome_.syncedCount)};
+    if (outcome_.weakCount > 0) parts.push_back(fmt::format("{} weak", outcome_.weakCount));
+    if (outcome_.failedCount > 0) parts.push_back(fmt::format("{} failed", outcome_.failedCount));
     std::string body;
     for (std::size_t i = 0; i < parts.size(); ++i)
         body += (i ? " · " : "") + parts[i];
     body += fmt::format(" of {} — ready to export.", totalClipCount());
     Notifier::stageDone("Synchronization finished", body);
-
-    std::optional<double> earliest;
-    for (const auto& t : sources_)
-        for (const auto& c : t.clips) {
-            if ((c.syncStatus == SyncStatus::synced || c.syncStatus == SyncStatus::weak) &&
-                (!earliest || c.startOffset < *earliest))
-                earliest = c.startOffset;
-            animToOffsets_[c.id] = c.startOffset;
-        }
-    if (earliest) {
-        playheadTime_ = *earliest;
-        notify(Published::playheadTime);
-    }
+    tell({.kind = FlowEvent::Kind::syncFinished, .stacks = false});
     if (settings_.boolValue(Settings::kAutoCloseGapsKey)) closeGaps(false);
-    postSelfAfter(1.6, [](SyncViewModel& vm) { vm.stopLiveAnimationSoon(); });
-    stopBarEaseSoon(0.6);
     AppLog::upload("sync", settings_);
 }
 
@@ -769,10 +656,8 @@ void SyncViewModel::synchronizeStacks() {
         setState(AppState::error());
         return;
     }
-    beginSyncRun();
-    for (auto& t : sources_)
-        for (auto& c : t.clips)
-            c.syncStatus = SyncStatus::pending;
+    beginSyncRun(true);
+    TrackEditing::resetStatuses(sources_);
     notify(Published::sources);
 
     startSyncTask([build = stages_.buildStacks, copy = sources_](std::stop_token stop, const Poster& post) {
@@ -791,47 +676,32 @@ void SyncViewModel::synchronizeStacks() {
 
 void SyncViewModel::finishStackSync(StackBuilder::Result result, Sources before) {
     // A second stack run keeps the list saved by the first.
-    if (!sourcesBeforeStacks_) sourcesBeforeStacks_ = std::move(before);
+    if (!outcome_.sourcesBeforeStacks) outcome_.sourcesBeforeStacks = std::move(before);
     installSyncOutcome(std::move(result.tracks));
     result.tracks.clear();
-    lastStacks_ = std::move(result);
+    outcome_.lastStacks = std::move(result);
 
-    const int unmatched = static_cast<int>(lastStacks_->unmatched.size());
+    const int unmatched = static_cast<int>(outcome_.lastStacks->unmatched.size());
     std::string body = plural(static_cast<int>(sources_.size()), "track");
     if (unmatched > 0) body += fmt::format(" · {} unmatched", unmatched);
     body += " — ready to export.";
     Notifier::stageDone("Takes stacked", body);
-
-    displayedOffsets_.clear();
-    animToOffsets_.clear();
-    std::optional<double> earliest;
-    for (const auto& t : sources_)
-        for (const auto& c : t.clips) {
-            displayedOffsets_[c.id] = c.startOffset;
-            animToOffsets_[c.id] = c.startOffset;
-            if (!earliest || c.startOffset < *earliest) earliest = c.startOffset;
-        }
-    notify(Published::displayedOffsets);
-    playheadTime_ = earliest.value_or(0);
-    notify(Published::playheadTime);
-    stopBarEaseSoon(0.6);
+    tell({.kind = FlowEvent::Kind::syncFinished, .stacks = true});
     AppLog::upload("sync", settings_);
 }
 
 void SyncViewModel::restoreSourcesAfterStacks() {
-    if (!sourcesBeforeStacks_) return;
-    setSources(std::move(*sourcesBeforeStacks_));
-    sourcesBeforeStacks_.reset();
+    if (!outcome_.sourcesBeforeStacks) return;
+    Sources before = std::move(*outcome_.sourcesBeforeStacks);
+    // The stack result and all that was said of it go.
+    outcome_ = {};
+    setSources(std::move(before));
     selectedClipIDs_.clear();
     notify(Published::selectedClipIDs);
-    displayedOffsets_.clear();
-    notify(Published::displayedOffsets);
-    animToOffsets_.clear();
-    offsetsBeforeCloseGaps_.reset();
-    failureSummary_.reset();
+    tell({FlowEvent::Kind::positionsDropped});
     notify(Published::failureSummary);
-    syncedCount_ = weakCount_ = failedCount_ = 0;
     notify(Published::counters);
+    notify(Published::syncWasStopped);
     if (state_.is(AppState::Kind::synced)) setState(allExtracted() ? AppState::ready() : AppState::idle());
     EngineLog::logf("[Stacks] restored the original %d track(s) after leaving stack mode",
                     static_cast<int>(sources_.size()));
@@ -842,29 +712,19 @@ void SyncViewModel::syncModeChanged() {
     if (!state_.is(AppState::Kind::synced) && !state_.is(AppState::Kind::error)) return;
     resetOutcome();
     setState(!sources_.empty() && allExtracted() ? AppState::ready() : AppState::idle());
-    displayedOffsets_.clear();
-    animToOffsets_.clear();
-    notify(Published::displayedOffsets);
+    tell({FlowEvent::Kind::positionsDropped});
 }
 
 void SyncViewModel::cancelSynchronization() {
     if (!state_.is(AppState::Kind::syncing)) return;
     if (syncTask_) syncTask_->request_stop();
     syncTask_.reset();
-    animTimer_.reset();
-    barTimer_.reset();
-    displayedOffsets_.clear();
-    animToOffsets_.clear();
-    notify(Published::displayedOffsets);
-    for (auto& t : sources_)
-        for (auto& c : t.clips)
-            c.syncStatus = SyncStatus::pending;
+    tell({FlowEvent::Kind::syncStopped});
+    TrackEditing::resetStatuses(sources_);
     notify(Published::sources);
     refreshCounters();
     setSyncProgress(0);
-    barFill_ = 0;
-    notify(Published::barFill);
-    syncWasStopped_ = true;
+    outcome_.syncWasStopped = true;
     notify(Published::syncWasStopped);
     setState(AppState::ready());
 }
@@ -887,39 +747,21 @@ void SyncViewModel::cleanProject() {
         notify(Published::pendingDayRegions);
     }
     notify(Published::ingestActive);
-    animTimer_.reset();
-    barTimer_.reset();
     if (syncTask_) syncTask_->request_stop();
     syncTask_.reset();
     setSources({});
-    sourcesBeforeStacks_.reset();
-    failureSummary_.reset();
+    outcome_ = {};
     notify(Published::failureSummary);
+    notify(Published::counters);
+    notify(Published::syncWasStopped);
     selectedClipIDs_.clear();
     notify(Published::selectedClipIDs);
-    displayedOffsets_.clear();
-    notify(Published::displayedOffsets);
-    animToOffsets_.clear();
-    clipReadyAt_.clear();
     extractSubProgress_.clear();
     extractDoneWork_ = 0;
     syncProgress_ = 0;
     notify(Published::syncProgress);
-    syncedCount_ = weakCount_ = failedCount_ = 0;
-    notify(Published::counters);
-    playheadTime_ = 0;
-    notify(Published::playheadTime);
-    barFill_ = 0;
-    notify(Published::barFill);
     setErrorMessage(std::nullopt);
-    clipFXActive_ = false;
-    notify(Published::clipFXActive);
-    frozenPxPerSec_.reset();
-    zoomMultiplier_ = 1;
-    notify(Published::zoom);
-    syncWasStopped_ = false;
-    notify(Published::syncWasStopped);
-    offsetsBeforeCloseGaps_.reset();
+    tell({FlowEvent::Kind::cleaned});
     setState(AppState::idle());
 }
 
@@ -937,23 +779,13 @@ void SyncViewModel::closeGaps(bool announce) {
         EngineLog::log("[CloseGaps] nothing to close");
         return;
     }
-    if (!offsetsBeforeCloseGaps_) {
-        offsetsBeforeCloseGaps_.emplace();
+    if (!outcome_.offsetsBeforeCloseGaps) {
+        auto& before = outcome_.offsetsBeforeCloseGaps.emplace();
         for (const auto& t : sources_)
             for (const auto& c : t.clips)
-                (*offsetsBeforeCloseGaps_)[c.id] = c.startOffset;
+                before[c.id] = c.startOffset;
     }
-    for (auto& t : sources_)
-        for (auto& c : t.clips)
-            if (auto it = closed->offsets.find(c.id); it != closed->offsets.end()) {
-                c.startOffset = it->second;
-                animToOffsets_[c.id] = it->second;
-            }
-    notify(Published::sources);
-    displayedOffsets_ = animToOffsets_;
-    notify(Published::displayedOffsets);
-    playheadTime_ = 0;
-    notify(Published::playheadTime);
+    setClipOffsets(closed->offsets, FlowEvent::Kind::gapsClosed);
     EngineLog::logf("[CloseGaps] removed %.1f min across %d gap(s)", closed->removed / 60.0, closed->gaps);
     if (announce)
         Notifier::stageDone("Gaps closed",
@@ -961,92 +793,16 @@ void SyncViewModel::closeGaps(bool announce) {
 }
 
 void SyncViewModel::restoreGaps() {
-    if (!offsetsBeforeCloseGaps_) return;
-    for (auto& t : sources_)
-        for (auto& c : t.clips)
-            if (auto it = offsetsBeforeCloseGaps_->find(c.id); it != offsetsBeforeCloseGaps_->end()) {
-                c.startOffset = it->second;
-                animToOffsets_[c.id] = it->second;
-            }
-    notify(Published::sources);
-    displayedOffsets_ = animToOffsets_;
-    notify(Published::displayedOffsets);
-    offsetsBeforeCloseGaps_.reset();
+    if (!outcome_.offsetsBeforeCloseGaps) return;
+    setClipOffsets(*outcome_.offsetsBeforeCloseGaps, FlowEvent::Kind::gapsRestored);
+    outcome_.offsetsBeforeCloseGaps.reset();
     EngineLog::log("[CloseGaps] restored the synced timeline");
 }
 
-// ---- animation ------------------------------------------------------------------------------------
-
-void SyncViewModel::beginLiveAnimation() {
-    std::weak_ptr<SyncViewModel> weak = weak_from_this();
-    animTimer_ = queue_.every(1.0 / 30.0, [weak] {
-        if (auto self = weak.lock()) self->tickLive();
-    });
-}
-
-void SyncViewModel::tickLive() {
-    if (animToOffsets_.empty()) return;
-    std::map<Uuid, double> next = displayedOffsets_;
-    for (const auto& [id, target] : animToOffsets_) {
-        const auto it = displayedOffsets_.find(id);
-        const double current = it != displayedOffsets_.end() ? it->second : target;
-        double value = current + (target - current) * 0.18;
-        if (std::fabs(target - value) < 0.25) value = target;
-        next[id] = value;
-    }
-    displayedOffsets_ = std::move(next);
-    notify(Published::displayedOffsets);
-}
-
-void SyncViewModel::stopLiveAnimationSoon() {
-    animTimer_.reset();
-    displayedOffsets_ = animToOffsets_;
-    notify(Published::displayedOffsets);
-}
-
-void SyncViewModel::startBarEase() {
-    barFill_ = 0;
-    notify(Published::barFill);
-    std::weak_ptr<SyncViewModel> weak = weak_from_this();
-    barTimer_ = queue_.every(1.0 / 60.0, [weak] {
-        if (auto self = weak.lock()) self->tickBar();
-    });
-}
-
-void SyncViewModel::tickBar() {
-    double target = 0;
-    switch (state_.kind) {
-    case AppState::Kind::extracting:
-        target = state_.progress;
-        break;
-    case AppState::Kind::syncing:
-        target = syncProgress_;
-        break;
-    case AppState::Kind::ready:
-    case AppState::Kind::synced:
-        target = 1;
-        break;
-    case AppState::Kind::idle:
-    case AppState::Kind::error:
-        target = 0;
-        break;
-    }
-    const double before = barFill_;
-    if (target >= 1 || state_.is(AppState::Kind::ready) || state_.is(AppState::Kind::synced)) {
-        barFill_ += (1 - barFill_) * 0.15;
-        if (barFill_ > 0.999) barFill_ = 1;
-    } else if (target - barFill_ > 0.004) {
-        barFill_ += (target - barFill_) * 0.15;
-    } else {
-        // Level with the target: creep a little so that the bar never looks stuck.
-        const double ceiling = std::min(target + 0.12, 0.97);
-        if (ceiling > barFill_) barFill_ += (ceiling - barFill_) * 0.018 + 0.0004;
-    }
-    if (barFill_ != before) notify(Published::barFill);
-}
-
-void SyncViewModel::stopBarEaseSoon(double delay) {
-    postSelfAfter(delay, [](SyncViewModel& vm) { vm.barTimer_.reset(); });
+void SyncViewModel::setClipOffsets(const std::map<Uuid, double>& offsets, FlowEvent::Kind kind) {
+    auto moved = TrackEditing::moveClips(sources_, offsets);
+    notify(Published::sources);
+    tell({.kind = kind, .moved = std::move(moved)});
 }
 
 // ---- editing ----------------------------------------------------------------------------------------
@@ -1057,17 +813,12 @@ void SyncViewModel::toggleClipSelection(const Uuid& id) {
 }
 
 void SyncViewModel::selectTrack(const Uuid& id) {
-    for (const auto& t : sources_)
-        if (t.id == id)
-            for (const auto& c : t.clips)
-                selectedClipIDs_.insert(c.id);
+    selectedClipIDs_.merge(TrackEditing::clipsOfTrack(sources_, id));
     notify(Published::selectedClipIDs);
 }
 
 void SyncViewModel::selectAllClips() {
-    for (const auto& t : sources_)
-        for (const auto& c : t.clips)
-            selectedClipIDs_.insert(c.id);
+    selectedClipIDs_.merge(TrackEditing::allClips(sources_));
     notify(Published::selectedClipIDs);
 }
 
@@ -1077,65 +828,19 @@ void SyncViewModel::clearSelection() {
 }
 
 void SyncViewModel::toggleMute(const Uuid& id) {
-    for (auto& t : sources_)
-        if (t.id == id) {
-            t.isMuted = !t.isMuted;
-            notify(Published::sources);
-            return;
-        }
+    if (TrackEditing::toggleMute(sources_, id)) notify(Published::sources);
 }
 
 void SyncViewModel::moveSelectedToNewTrack() {
     if (selectedClipIDs_.empty()) return;
     const std::set<Uuid> selection = selectedClipIDs_;
     // The edit applies to the tracks, never to a stack result.
-    if (sourcesBeforeStacks_) restoreSourcesAfterStacks();
-
-    std::vector<ClipItem> moved;
-    std::optional<std::string> session;
-    Sources kept;
-    for (auto& t : sources_) {
-        std::vector<ClipItem> stay;
-        bool lost = false;
-        for (auto& c : t.clips) {
-            if (selection.contains(c.id)) {
-                if (!session) session = t.session;
-                moved.push_back(std::move(c));
-                lost = true;
-            } else {
-                stay.push_back(std::move(c));
-            }
-        }
-        if (stay.empty() && lost) continue;
-        t.clips = std::move(stay);
-        if (lost) {
-            t.type = IngestEngine::inferredType(t.clips);
-            IngestEngine::recomputeOffsets(t);
-        }
-        kept.push_back(std::move(t));
-    }
-    sources_ = std::move(kept);
-    if (moved.empty()) {
+    if (outcome_.sourcesBeforeStacks) restoreSourcesAfterStacks();
+    if (!TrackEditing::moveToNewTrack(sources_, selection)) {
         notify(Published::sources);
         return;
     }
-    std::stable_sort(moved.begin(), moved.end(), [](const ClipItem& a, const ClipItem& b) {
-        return localizedStandardLess(a.url.lastPathComponent(), b.url.lastPathComponent());
-    });
-    TrackSource track;
-    track.type = IngestEngine::inferredType(moved);
-    std::vector<std::string> names;
-    for (const auto& t : sources_)
-        names.push_back(t.name);
-    track.name = IngestEngine::uniqueName(moved.front().url.baseName(), track.type, names);
-    track.id = IngestEngine::newTrackId("selection", moved, sources_);
-    track.clips = std::move(moved);
-    track.session = session.value_or("");
-    // Locked, so that later adds and the split by device keep the user's decision.
-    track.lockedGrouping = true;
-    IngestEngine::recomputeOffsets(track);
-    sources_.push_back(std::move(track));
-    setSources(IngestEngine::sortSources(std::move(sources_)));
+    notify(Published::sources);
     selectedClipIDs_.clear();
     notify(Published::selectedClipIDs);
     // The layout changed: an old result no longer holds.
@@ -1144,77 +849,15 @@ void SyncViewModel::moveSelectedToNewTrack() {
 
 void SyncViewModel::deleteSelected() {
     if (selectedClipIDs_.empty()) return;
-    auto removeFrom = [this](Sources& list, bool relayout) {
-        Sources kept;
-        for (auto& t : list) {
-            const auto before = t.clips.size();
-            std::erase_if(t.clips, [this](const ClipItem& c) { return selectedClipIDs_.contains(c.id); });
-            if (t.clips.empty()) continue;
-            if (relayout && t.clips.size() != before) IngestEngine::recomputeOffsets(t);
-            kept.push_back(std::move(t));
-        }
-        list = std::move(kept);
-    };
     // Leaving stack mode must not bring deleted clips back.
-    if (sourcesBeforeStacks_) removeFrom(*sourcesBeforeStacks_, false);
-    removeFrom(sources_, !state_.is(AppState::Kind::synced));
+    if (outcome_.sourcesBeforeStacks)
+        TrackEditing::deleteClips(*outcome_.sourcesBeforeStacks, selectedClipIDs_, false);
+    TrackEditing::deleteClips(sources_, selectedClipIDs_, !state_.is(AppState::Kind::synced));
     notify(Published::sources);
     selectedClipIDs_.clear();
     notify(Published::selectedClipIDs);
     if (sources_.empty()) setState(AppState::idle());
     refreshCounters();
-}
-
-void SyncViewModel::setPlayheadTime(double seconds) {
-    playheadTime_ = seconds;
-    notify(Published::playheadTime);
-}
-
-void SyncViewModel::setScrubbing(bool scrubbing) {
-    isScrubbing_ = scrubbing;
-    notify(Published::isScrubbing);
-}
-
-void SyncViewModel::setDebugSyncEnabled(bool enabled) {
-    debugSyncEnabled_ = enabled;
-    notify(Published::debugSyncEnabled);
-}
-
-void SyncViewModel::zoomIn() {
-    zoomMultiplier_ = std::min(64.0, zoomMultiplier_ * kZoomStep);
-    notify(Published::zoom);
-}
-
-void SyncViewModel::zoomOut() {
-    zoomMultiplier_ = std::max(1.0, zoomMultiplier_ / kZoomStep);
-    notify(Published::zoom);
-}
-
-void SyncViewModel::zoomReset() {
-    zoomMultiplier_ = 1;
-    frozenPxPerSec_.reset();
-    notify(Published::zoom);
-}
-
-void SyncViewModel::setAvailableWidth(double width) {
-    availableWidth_ = width;
-    notify(Published::zoom);
-}
-
-void SyncViewModel::beginSidebarDrag() {
-    // Hold the scale while the divider moves, so that the timeline does not jump.
-    frozenPxPerSec_ = pxPerSec();
-    notify(Published::zoom);
-}
-
-void SyncViewModel::endSidebarDrag() {
-    frozenPxPerSec_.reset();
-    notify(Published::zoom);
-}
-
-void SyncViewModel::setSidebarWidth(double width) {
-    sidebarWidth_ = width;
-    notify(Published::zoom);
 }
 
 } // namespace trelvane

@@ -5,7 +5,9 @@
 // stage, from dropped paths to a synced timeline. A user interface only observes its published state
 // and calls its operations; every user decision (the two grouping prompts, the stack-mode offer,
 // the file choice) is a pending value plus an operation that answers it, so a dialog, a command-line
-// flag or a test can drive it alike.
+// flag or a test can drive it alike. What only a drawing needs (zoom, playhead, the glide of the
+// clips, the eased progress bar) is kept by `TimelineViewState`, which a window makes over the
+// controller from its published state and its flow events; a command line goes without.
 //
 // Lifecycle: made with `create` on the main thread, then confined to it: every operation is called
 // there, and every change of state happens there. Work runs on worker threads with copies of the
@@ -14,6 +16,7 @@
 
 #include "Trelvane/session/FormatAdvisory.hpp"
 #include "Trelvane/session/MainQueue.hpp"
+#include "Trelvane/session/Observers.hpp"
 #include "Trelvane/session/SessionStages.hpp"
 #include "Trelvane/session/Settings.hpp"
 #include "Trelvane/session/TaskRunner.hpp"
@@ -57,22 +60,53 @@ enum class Published {
     errorMessage,
     syncProgress,
     counters,
-    playheadTime,
-    isScrubbing,
     selectedClipIDs,
     syncWasStopped,
     pendingCameraGroups,
     pendingDayRegions,
     failureSummary,
     formatAdvisories,
-    displayedOffsets,
-    barFill,
-    clipFXActive,
-    debugSyncEnabled,
-    zoom,
     pendingStackModeOffer,
     pendingFileChoice,
     ingestActive,
+};
+
+// A step of a flow that a view showing the clips on their way needs but that leaves no trace in
+// the published state: the tracks' own positions change only when a run ends, so where a running
+// sync puts each clip, and when an analysis or a run opens and ends, are told as they happen.
+struct FlowEvent {
+    enum class Kind {
+        extractionStarted,
+        clipReady, // a clip's analysis ended, whatever its outcome
+        extractionFinished,
+        syncStarted,
+        clipPlaced, // the running sync placed a clip
+        syncFinished,
+        syncStopped,
+        positionsDropped, // the shown positions no longer hold: back from stacks, or a change of mode
+        gapsClosed,
+        gapsRestored,
+        cleaned,
+    };
+    Kind kind;
+    bool stacks = false;            // syncStarted, syncFinished: a stack run
+    Uuid clipID{};                  // clipReady, clipPlaced
+    double offset = 0;              // clipPlaced
+    std::map<Uuid, double> moved{}; // gapsClosed, gapsRestored: the clips moved, by new start
+};
+
+// What the last sync or stack run left. A change of layout or a clean drops it as a whole.
+struct RunOutcome {
+    // Clips by outcome; `failedCount` counts only failed clips whose audio is usable.
+    int syncedCount = 0, weakCount = 0, failedCount = 0;
+    std::optional<std::string> failureSummary;
+    bool syncWasStopped = false;
+    // The synced positions, kept while gaps are closed.
+    std::optional<std::map<Uuid, double>> offsetsBeforeCloseGaps;
+    // The stacks of the last stack run (its tracks are the installed sources).
+    std::optional<StackBuilder::Result> lastStacks;
+    // The track list as it stood before the first stack result replaced it.
+    std::optional<Sources> sourcesBeforeStacks;
 };
 
 // The alert that offers stack mode, ready to show.
@@ -100,49 +134,46 @@ class SyncViewModel : public std::enable_shared_from_this<SyncViewModel> {
     SyncViewModel& operator=(const SyncViewModel&) = delete;
 
     // ---- observing --------------------------------------------------------------------------
-    using Observer = std::function<void(Published)>;
+    using Observer = Observers<Published>::Observer;
     // The observer is called on the main thread after each change; it stays until the returned
     // handle is destroyed.
-    [[nodiscard]] std::shared_ptr<void> observe(Observer observer);
+    [[nodiscard]] std::shared_ptr<void> observe(Observer observer) {
+        return observers_.add(std::move(observer));
+    }
+    // The steps of the flows, for a view that shows the clips on their way; same rules.
+    [[nodiscard]] std::shared_ptr<void> observeFlow(Observers<const FlowEvent&>::Observer observer) {
+        return flowObservers_.add(std::move(observer));
+    }
 
     // ---- published state --------------------------------------------------------------------
     const Sources& sources() const { return sources_; }
     const AppState& state() const { return state_; }
     const std::optional<std::string>& errorMessage() const { return errorMessage_; }
     double syncProgress() const { return syncProgress_; }
-    int syncedCount() const { return syncedCount_; }
-    int weakCount() const { return weakCount_; }
-    int failedCount() const { return failedCount_; }
-    double playheadTime() const { return playheadTime_; }
-    bool isScrubbing() const { return isScrubbing_; }
+    int syncedCount() const { return outcome_.syncedCount; }
+    int weakCount() const { return outcome_.weakCount; }
+    int failedCount() const { return outcome_.failedCount; }
     const std::set<Uuid>& selectedClipIDs() const { return selectedClipIDs_; }
-    bool syncWasStopped() const { return syncWasStopped_; }
+    bool syncWasStopped() const { return outcome_.syncWasStopped; }
     const std::optional<std::vector<CameraGroupProposal>>& pendingCameraGroups() const {
         return pendingCameraGroups_;
     }
     const std::optional<std::vector<DayRegionProposal>>& pendingDayRegions() const {
         return pendingDayRegions_;
     }
-    const std::optional<std::string>& failureSummary() const { return failureSummary_; }
+    const std::optional<std::string>& failureSummary() const { return outcome_.failureSummary; }
     const std::vector<FormatAdvisory>& formatAdvisories() const { return formatAdvisories_; }
-    const std::map<Uuid, double>& displayedOffsets() const { return displayedOffsets_; }
-    double barFill() const { return barFill_; }
-    bool clipFXActive() const { return clipFXActive_; }
-    bool debugSyncEnabled() const { return debugSyncEnabled_; }
-    double zoomMultiplier() const { return zoomMultiplier_; }
-    double availableWidth() const { return availableWidth_; }
-    double sidebarWidth() const { return sidebarWidth_; }
     const std::optional<StackModeOffer>& pendingStackModeOffer() const { return pendingStackModeOffer_; }
     const std::optional<FileChoiceRequest>& pendingFileChoice() const { return pendingFileChoice_; }
 
     // Unpublished state a driver or a test may read.
-    const std::optional<Sources>& sourcesBeforeStacks() const { return sourcesBeforeStacks_; }
-    // The stacks of the last stack run (its tracks are the installed sources); nothing before one.
-    const std::optional<StackBuilder::Result>& lastStacks() const { return lastStacks_; }
+    const RunOutcome& outcome() const { return outcome_; }
+    const std::optional<Sources>& sourcesBeforeStacks() const { return outcome_.sourcesBeforeStacks; }
+    // Nothing before a stack run.
+    const std::optional<StackBuilder::Result>& lastStacks() const { return outcome_.lastStacks; }
     const std::optional<std::map<Uuid, double>>& offsetsBeforeCloseGaps() const {
-        return offsetsBeforeCloseGaps_;
+        return outcome_.offsetsBeforeCloseGaps;
     }
-    const std::map<Uuid, double>& animToOffsets() const { return animToOffsets_; }
     bool didOfferStackMode() const { return didOfferStackMode_; }
     bool isSyncRunning() const { return syncTask_.has_value(); }
     // An add is running or waiting to run (metadata, grouping, prompts or extraction).
@@ -156,8 +187,6 @@ class SyncViewModel : public std::enable_shared_from_this<SyncViewModel> {
     double totalDuration() const;
     int totalClipCount() const;
     std::vector<float> detectedFrameRates() const;
-    double pxPerSec() const;
-    double playbackTime() const;
 
     // ---- session operations -----------------------------------------------------------------
     void browseFiles();
@@ -177,7 +206,7 @@ class SyncViewModel : public std::enable_shared_from_this<SyncViewModel> {
     // The advisory sheet was closed.
     void dismissFormatAdvisories();
 
-    // ---- editing ----------------------------------------------------------------------------
+    // ---- editing (the work is done by TrackEditing) --------------------------------------------
     void toggleClipSelection(const Uuid& id);
     void selectTrack(const Uuid& id);
     void selectAllClips();
@@ -185,23 +214,9 @@ class SyncViewModel : public std::enable_shared_from_this<SyncViewModel> {
     void toggleMute(const Uuid& id);
     void moveSelectedToNewTrack();
     void deleteSelected();
-    void setPlayheadTime(double seconds);
-    void setScrubbing(bool scrubbing);
-    void setDebugSyncEnabled(bool enabled);
-    void zoomIn();
-    void zoomOut();
-    void zoomReset();
-    void setAvailableWidth(double width);
-    void beginSidebarDrag();
-    void endSidebarDrag();
-    void setSidebarWidth(double width);
 
-    // ---- the analysis of one clip, on a worker ---------------------------------------------------
-    // ---- helpers shared with the stages' drivers ---------------------------------------------
     // The one-line summary of what failed, or nothing.
     static std::optional<std::string> summarizeFailures(const Sources& sources);
-    // Lays the clips of one track end to end from 0.
-    void recomputeOffsets(std::size_t sourceIndex);
 
   private:
     SyncViewModel(MainQueue& queue, Settings& settings, SessionStages stages);
@@ -214,16 +229,17 @@ class SyncViewModel : public std::enable_shared_from_this<SyncViewModel> {
     Poster posterFor(std::function<bool(const SyncViewModel&)> stillCurrent);
     Poster chainPoster(std::uint64_t generation);
 
-    void notify(Published what);
+    void notify(Published what) { observers_.notify(what); }
+    void tell(FlowEvent event) { flowObservers_.notify(event); }
     void setSources(Sources sources);
     void setState(AppState state);
     void setErrorMessage(std::optional<std::string> message);
     void refreshCounters();
+    // Drops the outcome as a whole, every clip back to pending and the state to idle.
     void resetOutcome();
     bool isStackMode() const;
     // Runs `fn` on the main queue later, only while this controller is alive.
     void postSelf(std::function<void(SyncViewModel&)> fn);
-    void postSelfAfter(double seconds, std::function<void(SyncViewModel&)> fn);
 
     // ingest chain
     void startNextAdd();
@@ -246,68 +262,41 @@ class SyncViewModel : public std::enable_shared_from_this<SyncViewModel> {
     void synchronizeTracks();
     void synchronizeStacks();
     void restoreSourcesAfterStacks();
-    void markClipFound(const Uuid& id, SyncStatus status);
+    void markClipFound(const Uuid& id, double offset, SyncStatus status);
     void finishTrackSync(Sources result);
     void finishStackSync(StackBuilder::Result result, Sources before);
     void startSyncTask(std::function<void(std::stop_token, const Poster&)> work);
-    void beginSyncRun();
+    void beginSyncRun(bool stacks);
     void setSyncProgress(double progress);
     void installSyncOutcome(Sources result);
-
-    // animation
-    void beginLiveAnimation();
-    void tickLive();
-    void stopLiveAnimationSoon();
-    void startBarEase();
-    void tickBar();
-    void stopBarEaseSoon(double delay);
+    void setClipOffsets(const std::map<Uuid, double>& offsets, FlowEvent::Kind kind);
 
     MainQueue& queue_;
     Settings& settings_;
     const SessionStages stages_;
     TaskRunner tasks_;
-    std::map<std::uint64_t, Observer> observers_;
-    std::uint64_t nextObserverId_ = 0;
+    Observers<Published> observers_;
+    Observers<const FlowEvent&> flowObservers_;
 
     // ---- published (main thread) ----
     Sources sources_;
     AppState state_;
     std::optional<std::string> errorMessage_;
     double syncProgress_ = 0;
-    int syncedCount_ = 0, weakCount_ = 0, failedCount_ = 0;
-    double playheadTime_ = 0;
-    bool isScrubbing_ = false;
     std::set<Uuid> selectedClipIDs_;
-    bool syncWasStopped_ = false;
     std::optional<std::vector<CameraGroupProposal>> pendingCameraGroups_;
     std::optional<std::vector<DayRegionProposal>> pendingDayRegions_;
-    std::optional<std::string> failureSummary_;
     std::vector<FormatAdvisory> formatAdvisories_;
-    std::map<Uuid, double> displayedOffsets_;
-    double barFill_ = 0;
-    bool clipFXActive_ = false;
-    bool debugSyncEnabled_ = false;
-    double zoomMultiplier_ = 1.0;
-    double availableWidth_ = 800;
-    double sidebarWidth_ = 280;
     std::optional<StackModeOffer> pendingStackModeOffer_;
     std::optional<FileChoiceRequest> pendingFileChoice_;
+    RunOutcome outcome_;
 
     // ---- unpublished (main thread) ----
-    std::optional<Sources> sourcesBeforeStacks_;
-    std::optional<StackBuilder::Result> lastStacks_;
     std::map<std::string, int> formatAdvisoryCounts_;
     std::optional<Continuation> cameraGroupContinuation_, dayRegionContinuation_;
-    std::map<Uuid, double> animToOffsets_;
-    Timer animTimer_, barTimer_;
-    double extractionStartedAt_ = 0;
-    std::map<Uuid, double> clipReadyAt_;
     std::set<Uuid> clipsFromCache_;
     double extractDoneWork_ = 0;
     std::map<Uuid, double> extractSubProgress_;
-    std::optional<double> frozenPxPerSec_;
-    static constexpr double kZoomStep = 1.6;
-    std::map<std::string, int> trackCounter_;
     IngestEngine ingestEngine_;
     // The chain of adds: how many wait, whether one runs, and a generation that a clean bumps so
     // that steps of a cancelled chain find themselves stale and stop.
@@ -319,7 +308,6 @@ class SyncViewModel : public std::enable_shared_from_this<SyncViewModel> {
     std::optional<std::stop_source> syncTask_;
     std::uint64_t syncRun_ = 0;
     bool didOfferStackMode_ = false;
-    std::optional<std::map<Uuid, double>> offsetsBeforeCloseGaps_;
 };
 
 } // namespace trelvane

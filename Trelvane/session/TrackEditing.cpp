@@ -1,0 +1,120 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+#include "Trelvane/session/TrackEditing.hpp"
+
+#include "TrelvaneEngine/ingest/IngestEngine.hpp"
+#include "TrelvaneEngine/support/NaturalOrder.hpp"
+
+#include <algorithm>
+#include <optional>
+
+namespace trelvane::TrackEditing {
+
+std::set<Uuid> clipsOfTrack(const Sources& sources, const Uuid& trackID) {
+    std::set<Uuid> out;
+    for (const auto& t : sources)
+        if (t.id == trackID)
+            for (const auto& c : t.clips)
+                out.insert(c.id);
+    return out;
+}
+
+std::set<Uuid> allClips(const Sources& sources) {
+    std::set<Uuid> out;
+    for (const auto& t : sources)
+        for (const auto& c : t.clips)
+            out.insert(c.id);
+    return out;
+}
+
+bool toggleMute(Sources& sources, const Uuid& trackID) {
+    for (auto& t : sources)
+        if (t.id == trackID) {
+            t.isMuted = !t.isMuted;
+            return true;
+        }
+    return false;
+}
+
+bool moveToNewTrack(Sources& sources, const std::set<Uuid>& clipIDs) {
+    const bool any = std::any_of(sources.begin(), sources.end(), [&](const TrackSource& t) {
+        return std::any_of(t.clips.begin(), t.clips.end(),
+                           [&](const ClipItem& c) { return clipIDs.contains(c.id); });
+    });
+    if (!any) return false;
+
+    std::vector<ClipItem> moved;
+    std::optional<std::string> session;
+    Sources kept;
+    for (auto& t : sources) {
+        std::vector<ClipItem> stay;
+        bool lost = false;
+        for (auto& c : t.clips) {
+            if (clipIDs.contains(c.id)) {
+                if (!session) session = t.session;
+                moved.push_back(std::move(c));
+                lost = true;
+            } else {
+                stay.push_back(std::move(c));
+            }
+        }
+        if (stay.empty() && lost) continue;
+        t.clips = std::move(stay);
+        if (lost) {
+            t.type = IngestEngine::inferredType(t.clips);
+            IngestEngine::recomputeOffsets(t);
+        }
+        kept.push_back(std::move(t));
+    }
+    std::stable_sort(moved.begin(), moved.end(), [](const ClipItem& a, const ClipItem& b) {
+        return localizedStandardLess(a.url.lastPathComponent(), b.url.lastPathComponent());
+    });
+    TrackSource track;
+    track.type = IngestEngine::inferredType(moved);
+    std::vector<std::string> names;
+    for (const auto& t : kept)
+        names.push_back(t.name);
+    track.name = IngestEngine::uniqueName(moved.front().url.baseName(), track.type, names);
+    track.id = IngestEngine::newTrackId("selection", moved, kept);
+    track.clips = std::move(moved);
+    track.session = session.value_or("");
+    track.lockedGrouping = true;
+    IngestEngine::recomputeOffsets(track);
+    kept.push_back(std::move(track));
+    sources = IngestEngine::sortSources(std::move(kept));
+    return true;
+}
+
+void deleteClips(Sources& sources, const std::set<Uuid>& clipIDs, bool relayout) {
+    Sources kept;
+    for (auto& t : sources) {
+        const auto before = t.clips.size();
+        std::erase_if(t.clips, [&](const ClipItem& c) { return clipIDs.contains(c.id); });
+        if (t.clips.empty()) continue;
+        if (relayout && t.clips.size() != before) IngestEngine::recomputeOffsets(t);
+        kept.push_back(std::move(t));
+    }
+    sources = std::move(kept);
+}
+
+void recomputeOffsets(Sources& sources, std::size_t sourceIndex) {
+    if (sourceIndex < sources.size()) IngestEngine::recomputeOffsets(sources[sourceIndex]);
+}
+
+std::map<Uuid, double> moveClips(Sources& sources, const std::map<Uuid, double>& offsets) {
+    std::map<Uuid, double> moved;
+    for (auto& t : sources)
+        for (auto& c : t.clips)
+            if (auto it = offsets.find(c.id); it != offsets.end()) {
+                c.startOffset = it->second;
+                moved[c.id] = it->second;
+            }
+    return moved;
+}
+
+void resetStatuses(Sources& sources) {
+    for (auto& t : sources)
+        for (auto& c : t.clips)
+            c.syncStatus = SyncStatus::pending;
+}
+
+} // namespace trelvane::TrackEditing

@@ -1,0 +1,47 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+#pragma once
+
+// The user's corrections of the machine's grouping, as functions over the track list: selecting,
+// muting, moving clips to a new track, deleting, and laying a track out again. They change only
+// the list they are given; the session controller calls them on its tracks and tells its
+// observers.
+
+#include "Trelvane/session/SessionStages.hpp"
+
+#include <cstddef>
+#include <map>
+#include <set>
+
+namespace trelvane::TrackEditing {
+
+// The ids of every clip of the tracks with id `trackID`; none when there is no such track.
+std::set<Uuid> clipsOfTrack(const Sources& sources, const Uuid& trackID);
+// The ids of every clip of every track.
+std::set<Uuid> allClips(const Sources& sources);
+
+// Flips `isMuted` of the first track with id `trackID`; false when there is none.
+bool toggleMute(Sources& sources, const Uuid& trackID);
+
+// Takes the clips in `clipIDs` out of their tracks, in track order, into a new track sorted by
+// file name. The new track is locked, so that later adds and the split by device keep the user's
+// decision; it takes the session of the first track that gave a clip, a name unlike the others
+// and a new id. A track that lost clips gets its type inferred and is laid out again; one left
+// empty goes. The list ends sorted for display. False, and the list unchanged, when no clip of
+// `clipIDs` is in it.
+bool moveToNewTrack(Sources& sources, const std::set<Uuid>& clipIDs);
+
+// Removes the clips in `clipIDs`; tracks left without clips go. With `relayout`, a track that
+// lost clips is laid out again; without, the survivors keep their places.
+void deleteClips(Sources& sources, const std::set<Uuid>& clipIDs, bool relayout);
+
+// Lays the clips of one track end to end from 0, in array order; an index past the end changes
+// nothing.
+void recomputeOffsets(Sources& sources, std::size_t sourceIndex);
+
+// Puts each clip named in `offsets` at its new start; returns the entries of the clips it found.
+std::map<Uuid, double> moveClips(Sources& sources, const std::map<Uuid, double>& offsets);
+
+// Every clip back to `pending`.
+void resetStatuses(Sources& sources);
+
+} // namespace trelvane::TrackEditing
