@@ -176,14 +176,10 @@ TEST(RecordingClock, RecorderClocksAreReadAsTheMachinesLocalTime) {
     ::tzset();
 }
 
-TEST(RecordingClock, AFileDateIsTheEndOfTheTakeAndTheStampsAreItsStart) {
+// How far a file date goes back is pinned by the metadata loading; without a length to go back by,
+// the file date is the best there is.
+TEST(RecordingClock, AFileDateWithoutALengthStandsAsTheStart) {
     const Date written = utc(2023, 7, 1, 9, 0, 0);
-    const auto start = AM::startOfRecording({written, ClockQuality::filesystem}, 90.5);
-    EXPECT_EQ(start, (AM::RecordingClock{utc(2023, 7, 1, 8, 58, 29, 500), ClockQuality::filesystem}));
-    // Stamps the device wrote, or read from the name or the container, are already the start.
-    for (const auto q : {ClockQuality::asset, ClockQuality::filename, ClockQuality::embedded})
-        EXPECT_EQ(AM::startOfRecording({written, q}, 90.5).date, written);
-    // Without a length to go back by, the file date is the best there is.
     for (const auto length :
          {std::optional<double>{}, std::optional(0.0), std::optional(-3.0), std::optional(std::nan(""))})
         EXPECT_EQ(AM::startOfRecording({written, ClockQuality::filesystem}, length).date, written);
@@ -224,15 +220,12 @@ TEST(DateParsing, IsoDatesKeepTheirZoneAndRefuseNonsense) {
 }
 
 TEST(DateParsing, FileNameDateMustEndTheName) {
-    const auto stamp = localDate(2024, 3, 15, 14, 30, 12);
-    const std::pair<const char*, std::optional<Date>> cases[] = {
-        {"CLIP_20240315_143012", stamp},    {"CLIP_20240315_143012.wav", stamp},
-        {"20240315_143012", stamp},         {"x920240315_143012.MP4", stamp},
-        {"CLIP_20240315_143012_2.wav", {}}, {"CLIP_20240315-143012.wav", {}},
-        {"CLIP_2024031_143012.wav", {}},    {"CLIP_20241315_143012.wav", {}},
-        {"CLIP_20240315_246012.wav", {}},   {"", {}}};
-    for (const auto& [name, expected] : cases)
-        EXPECT_EQ(AM::dateFromFilename(name), expected) << name;
+    for (const char* name : {"CLIP_20240315_143012", "20240315_143012", "x920240315_143012.MP4"})
+        EXPECT_EQ(AM::dateFromFilename(name), localDate(2024, 3, 15, 14, 30, 12)) << name;
+    for (const char* name :
+         {"CLIP_20240315_143012_2.wav", "CLIP_20240315-143012.wav", "CLIP_2024031_143012.wav",
+          "CLIP_20241315_143012.wav", "CLIP_20240315_246012.wav", ""})
+        EXPECT_FALSE(AM::dateFromFilename(name)) << name;
 }
 
 // ---- camera XML ----------------------------------------------------------------------------------
@@ -302,25 +295,21 @@ TEST(CameraXml, SidecarsAndXmlNameTheDevice) {
 
 // ---- what the file holds ----------------------------------------------------------------------------
 
+// Rate, size and timecode of a plain camera file are pinned where `probe` prints them; here,
+// channels of all streams together, a rate of 30000/1001, timecode on the label clock (10:00:10;12
+// counts 30 labels a second), and a movie without sound.
 TEST(MediaFacts, ContainersTellLengthChannelsPictureAndTimecode) {
-    // Channels of all streams together, length, picture rate and size, timecode on the label clock
-    // (10:00:10;12 counts 30 labels a second).
-    const std::tuple<std::filesystem::path, int, double, float, std::optional<AM::VideoSize>,
-                     std::optional<double>>
-        cases[] = {{media().plain, 1, 1.0, 0.0f, std::nullopt, std::nullopt},
-                   {media().multi, 3, 2.0, 29.97f, AM::VideoSize{320, 240}, 36010.0 + 12.0 / 30},
-                   {media().mute, 0, 2.0, 24.0f, AM::VideoSize{160, 120}, std::nullopt}};
-    for (const auto& [file, channels, seconds, fps, size, timecode] : cases) {
+    const std::tuple<std::filesystem::path, int, float, std::optional<double>> cases[] = {
+        {media().multi, 3, 29.97f, 36010.0 + 12.0 / 30}, {media().mute, 0, 24.0f, std::nullopt}};
+    for (const auto& [file, channels, fps, timecode] : cases) {
         SCOPED_TRACE(file.filename().string());
         const auto u = url(file);
         EXPECT_EQ(AM::readChannelCount(u), channels);
-        EXPECT_NEAR(AM::readDuration(u).value_or(0), seconds, 0.05);
+        EXPECT_NEAR(AM::readDuration(u).value_or(0), 2.0, 0.05);
         EXPECT_NEAR(AM::readFrameRate(u).value_or(0.0f), fps, 0.001f);
-        EXPECT_EQ(AM::readVideoSize(u), size);
+        EXPECT_TRUE(AM::readVideoSize(u));
         EXPECT_EQ(AM::readTimecode(u), timecode);
     }
-    // ffmpeg signs its WAVs in LIST/INFO: software, not a device.
-    EXPECT_FALSE(AM::readDeviceInfo(url(media().plain)));
 }
 
 TEST(MediaFacts, BadFilesGiveNothingAndNeverBlock) {
@@ -348,15 +337,10 @@ TEST(MediaFacts, BadFilesGiveNothingAndNeverBlock) {
 
 // ---- the RIFF walk ------------------------------------------------------------------------------------
 
-TEST(RiffWalk, ParsingBytesEqualsReadingTheFileAndTextIsCleaned) {
-    const auto& wav = media().stamped;
-    const auto parsed = RiffReader::parse(bytesOf(trelvane::test::slurp(wav)));
-    ASSERT_TRUE(parsed && parsed->bext);
-    EXPECT_EQ(parsed, RiffReader::read(url(wav)));
-    EXPECT_EQ(parsed->bext->originator, "ZOOM F8");
-    EXPECT_EQ(parsed->bext->originationDate, "2024-03-15");
-    EXPECT_EQ(parsed->bext->originationTime, "14:30:12");
-
+// Text fields are cleaned when read: control characters and runs of spaces go, bytes that are no
+// UTF-8 become the replacement character.
+TEST(RiffWalk, TextIsCleaned) {
+    EXPECT_EQ(RiffReader::read(url(media().stamped))->bext->originator, "ZOOM F8");
     EXPECT_EQ(RiffReader::validText("a\x01\x02 b\n\n c "), "a b c");
     EXPECT_EQ(RiffReader::validText("caf\xE9"), "caf\xEF\xBF\xBD");
     EXPECT_EQ(RiffReader::validText("\xC3\xA9t\xC3\xA9"), "\xC3\xA9t\xC3\xA9");
@@ -440,9 +424,6 @@ TEST(DeviceLabel, ContainerTagsNameTheDeviceAndAPhonesOwnDateComesFirst) {
     const auto make = [&](const std::string& name, const std::string& tags) {
         return url(movie("160x120:rate=25", "1 -c:v libx264 -preset ultrafast " + tags, tmp / name));
     };
-    EXPECT_EQ(
-        AM::readDeviceInfo(make("A.mov", "-metadata make=Canon -metadata model=" + quoted("Canon EOS R5"))),
-        "Canon EOS R5");
     const auto phone =
         make("IMG_0001.mov", "-movflags use_metadata_tags -metadata com.apple.quicktime.make=Apple "
                              "-metadata com.apple.quicktime.model=" +
@@ -454,11 +435,6 @@ TEST(DeviceLabel, ContainerTagsNameTheDeviceAndAPhonesOwnDateComesFirst) {
     // A device's encoder tag counts; an editor's (ffmpeg's own, on every file here) doesn't.
     EXPECT_EQ(AM::readDeviceInfo(make("D.mov", "-metadata:s:v:0 encoder=" + quoted("GoPro AVC encoder"))),
               "GoPro AVC encoder");
-
-    // Without any label, the camera setting stands in: clips of one setting share it, others differ.
+    // Without any label, the camera setting stands in.
     EXPECT_EQ(AM::readDeviceInfo(url(media().cam)), "cam_h264_160x120_25_aac_48000_1");
-    const auto other = AM::readDeviceInfo(url(media().multi));
-    ASSERT_TRUE(other);
-    EXPECT_TRUE(other->starts_with("cam_"));
-    EXPECT_NE(other, AM::readDeviceInfo(url(media().cam)));
 }

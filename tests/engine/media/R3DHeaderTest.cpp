@@ -8,8 +8,6 @@
 
 #include <gtest/gtest.h>
 
-#include <unistd.h>
-
 using namespace trelvane;
 using trelvane::test::R3DHeaderBuilder;
 using trelvane::test::TempDir;
@@ -56,6 +54,9 @@ TEST(R3DHeader, ReadsEveryFieldOfATypicalHeaderFromTheFileAsFromItsBytes) {
         {&M::ownFilename, "A001_C001_0101AB_001.R3D"}};
     for (const auto& [field, text] : texts)
         EXPECT_EQ((*meta).*field, text);
+    for (const auto& unreadable :
+         {Url::fromPath(tmp / "missing.R3D"), Url::fromPath(tmp.dir("folder.R3D")), Url()})
+        EXPECT_FALSE(R3DHeader::read(unreadable)) << unreadable.path();
 }
 
 TEST(R3DHeader, NeedsMoreThan128BytesTheMagicAndARateSidecarOrModel) {
@@ -121,7 +122,6 @@ TEST(R3DHeader, AWrongRecordTypeClearsItsFieldAndTheLastOfATagWins) {
 
 TEST(R3DHeader, ReelJoinsBothHalvesInTagOrderAndTextEndsAtItsFirstZero) {
     const auto reel = [](R3DHeaderBuilder b) { return parse(b).value().reel; };
-    EXPECT_EQ(reel(minimalHeader().text(kReelFirst, "A001").text(kReelSecond, "_01")), "A001_01");
     EXPECT_EQ(reel(minimalHeader().text(kReelSecond, "_01").text(kReelFirst, "A001")), "A001_01");
     EXPECT_FALSE(reel(minimalHeader().text(kReelFirst, "A001")));
     EXPECT_FALSE(reel(minimalHeader().text(kReelFirst, "A001").text(kReelSecond, "")));
@@ -154,18 +154,4 @@ TEST(R3DHeader, RecordsNeedEightInARowFromAStartBefore512AndTheLongestRunWins) {
         b.text(kModel, "EARLY").filler(first).raw({0, 0, 0, 0}).text(kModel, "LATE").filler(second);
         EXPECT_EQ(parse(b).value().model, expected) << first << " then " << second;
     }
-}
-
-TEST(R3DHeader, UnreadablePathsGiveNothing) {
-    TempDir tmp;
-    std::vector<Url> unreadable{Url::fromPath(tmp / "missing.R3D"), Url::fromPath(tmp.dir("folder.R3D")),
-                                Url()};
-    // Permissions don't bind the superuser.
-    if (::geteuid() != 0) {
-        std::filesystem::permissions(typicalR3DHeader().write(tmp / "locked.R3D"),
-                                     std::filesystem::perms::none);
-        unreadable.push_back(Url::fromPath(tmp / "locked.R3D"));
-    }
-    for (const auto& url : unreadable)
-        EXPECT_FALSE(R3DHeader::read(url)) << url.path();
 }
