@@ -57,26 +57,19 @@ TEST(REDCard, CardListsItsTakesInNameOrderWithChunksWavAndHeader) {
 
     const auto cards = REDCard::cards(url(tmp / card));
     ASSERT_EQ(cards.size(), 1u);
-    EXPECT_EQ(cards[0].root, url(tmp / card));
     ASSERT_EQ(names(cards, 0), (std::vector<std::string>{"A001_C001_0101AB.RDC", "A001_C002_0101CD.rdc"}));
     const auto& a = cards[0].takes[0];
-    EXPECT_EQ(a.folder, url(tmp / take1));
     EXPECT_EQ(a.picture, url(first)) << "the _001 chunk, not the first by name";
     EXPECT_EQ(a.wav, url(tmp / (take1 + "A001_C001_0101AB.wav")));
     EXPECT_EQ(a.chunkCount, 3);
     EXPECT_EQ(a.byteCount, std::filesystem::file_size(first) + 1000 + 500);
     EXPECT_EQ(a.header, R3DHeader::read(url(first)));
-    EXPECT_TRUE(a.header);
-    EXPECT_FALSE(a.pictureFrames);
     const auto& b = cards[0].takes[1];
     EXPECT_EQ(b.picture.lastPathComponent(), "CLIP.r3D") << "no _001 chunk: the first by name";
     EXPECT_FALSE(b.wav);
     EXPECT_EQ(b.chunkCount, 2);
     EXPECT_EQ(b.byteCount, 2u);
     EXPECT_FALSE(b.header) << "a picture without a header";
-
-    // Dropping the shoot folder above finds the same card.
-    EXPECT_EQ(names(REDCard::cards(url(tmp.path()))), std::vector<std::string>{card});
 }
 
 TEST(REDCard, FindsCardsAnywhereUnderADropParentFirstAndATakeFolderAlone) {
@@ -103,14 +96,6 @@ TEST(REDCard, FindsCardsAnywhereUnderADropParentFirstAndATakeFolderAlone) {
     const auto alone = REDCard::cards(url(tmp / "shoot/Z001.RDC"));
     EXPECT_EQ(names(alone), std::vector<std::string>{"Z001.RDC"});
     EXPECT_EQ(names(alone, 0), std::vector<std::string>{"Z001.RDC"});
-
-    // Deeper than real layouts go, the walk gives up.
-    std::string deep = "deep";
-    for (int i = 0; i < 40; ++i)
-        deep += "/d";
-    makeTake(tmp, deep + "/T.RDC");
-    makeTake(tmp, "deep/d/d/T.RDC");
-    EXPECT_EQ(names(REDCard::cards(url(tmp / "deep"))), std::vector<std::string>{"d"});
 }
 
 TEST(REDCard, LinksInsideTheTreeAreNotFollowedAndOnlyFoldersNamedRdcAreTakes) {
