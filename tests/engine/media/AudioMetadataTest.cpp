@@ -64,14 +64,11 @@ std::string movie(const std::string& picture, const std::string& rest, const std
 // Media every group below reads, made once: encoding them is the slow part of these tests.
 struct Media {
     TempDir tmp;
-    std::filesystem::path stamped = tmp / "stamped.wav", blank = tmp / "blank.wav", plain = tmp / "plain.wav",
-                          cam = tmp / "cam.mp4", xml = tmp / "C0001.MP4", mute = tmp / "mute.mov",
-                          multi = tmp / "multi.mov";
+    std::filesystem::path stamped = tmp / "stamped.wav", plain = tmp / "plain.wav", cam = tmp / "cam.mp4",
+                          xml = tmp / "C0001.MP4", mute = tmp / "mute.mov", multi = tmp / "multi.mov";
     Media() {
         // 172,800,000 samples at 48 kHz: one hour after midnight. The name is cleaned when read.
         bextWav(stamped, "2024-03-15", "14:30:12", 172800000, "  ZOOM\tF8 ");
-        // A recorder with an unset clock leaves the fields empty.
-        bextWav(blank, "''", "''", 0, "ZOOM F8");
         ffmpeg(sineInput(1.0) + " " + quoted(plain.string()));
         movie("160x120:rate=25",
               "1 " + sineInput(1.0) +
@@ -147,7 +144,6 @@ TEST(RecordingClock, EachSourceOfTheDateIsTakenInItsOrder) {
         // "creation_time", a time of day without a date, is no asset date.
         {bin, ClockQuality::filesystem, written},
         {copy(m.stamped, "CLIP_20200101_000000.wav"), ClockQuality::embedded, stamp},
-        {copy(m.blank, "CLIP_20200101_000001.wav"), ClockQuality::filename, localDate(2020, 1, 1, 0, 0, 1)},
         {copy(m.plain, "CLIP_20240315_143012.wav"), ClockQuality::filename, stamp},
         {plain, ClockQuality::filesystem, written},
         {m.cam, ClockQuality::asset, utc(2024, 3, 15, 14, 30, 12)},
@@ -162,15 +158,12 @@ TEST(RecordingClock, EachSourceOfTheDateIsTakenInItsOrder) {
 }
 
 TEST(RecordingClock, RecorderClocksAreReadAsTheMachinesLocalTime) {
-    TempDir tmp;
-    const auto named = tmp / "CLIP_20240315_143012.wav";
-    std::filesystem::copy_file(media().plain, named);
     {
         // UTC+3 (POSIX zone strings count west of Greenwich as positive).
         const trelvane::test::ScopedEnv zone("TZ", "TRV-3");
         ::tzset();
         EXPECT_EQ(AM::readBWFOriginationDate(url(media().stamped)), utc(2024, 3, 15, 11, 30, 12));
-        EXPECT_EQ(AM::readRecordingClock(url(named)).date, utc(2024, 3, 15, 11, 30, 12));
+        EXPECT_EQ(AM::dateFromFilename("CLIP_20240315_143012.wav"), utc(2024, 3, 15, 11, 30, 12));
         EXPECT_EQ(AM::parseISO8601Date("2024-03-15T14:30:12"), utc(2024, 3, 15, 11, 30, 12));
     }
     ::tzset();
@@ -184,11 +177,9 @@ TEST(DateParsing, BroadcastWavFieldsTakeAnySeparatorAndRefuseNonsense) {
     };
     for (const char* good : {"2024:03:15|14-30-12", "2024_03_15|14.30.12", "2024 03 15|14 30 12"})
         EXPECT_EQ(parse(good), localDate(2024, 3, 15, 14, 30, 12)) << good;
-    EXPECT_EQ(parse("2024-02-29|00:00:00"), localDate(2024, 2, 29, 0, 0, 0));
     for (const char* bad :
-         {"|", "2024-03-15|", "2023-02-29|00:00:00", "2024-13-01|00:00:00", "2024-00-10|00:00:00",
-          "2024-03-32|00:00:00", "2024-03-15|24:00:00", "2024-03-15|12:60:00", "2024-03-15|12:00:60",
-          "20240315  |14:30:12", "2024-03-1x|14:30:12", "2024-03-15|143012  ", "0000-00-00|00:00:00"})
+         {"|", "2024-03-15|", "2023-02-29|00:00:00", "2024-13-01|00:00:00", "2024-03-32|00:00:00",
+          "2024-03-15|24:00:00", "2024-03-15|12:00:60", "2024-03-1x|14:30:12", "0000-00-00|00:00:00"})
         EXPECT_FALSE(parse(bad)) << bad;
 }
 
@@ -253,10 +244,7 @@ TEST(CameraXml, TimecodeValuesAreCheckedDigitByDigit) {
         {withValue("42000001"), 3600.0 + 2.0 / 30},
         // The rate may come from the picture format instead.
         {withValue("24000000", "") + "<VideoFrame formatFps=\"25p\"/>", 24.0 / 25},
-        {withValue("24000000", ""), {}},
         {withValue("0000000A"), {}}, // not BCD
-        {withValue("30000000"), {}}, // 30 frames at 30 fps
-        {withValue("0000001"), {}},  // seven digits
         {"<NonRealTimeMeta/>", {}}};
     for (const auto& [xml, expected] : cases)
         EXPECT_EQ(AM::nrtmTimecodeSeconds(xml), expected) << xml;
@@ -264,35 +252,24 @@ TEST(CameraXml, TimecodeValuesAreCheckedDigitByDigit) {
 
 TEST(CameraXml, SidecarsAndXmlNameTheDevice) {
     TempDir tmp;
-    // A sidecar beside the clip, as cameras write them, names the device.
     const auto mp4 = tmp / "C0004.MP4";
     std::filesystem::copy_file(media().mute, mp4);
     tmp.file("C0004M01.XML",
              "<NonRealTimeMeta><Device manufacturer=\"Sony\" modelName=\"FX3\"/></NonRealTimeMeta>");
     EXPECT_EQ(AM::readDeviceInfo(url(mp4)), "Sony FX3");
-    EXPECT_EQ(AM::xmlDeviceLabel("<Clip><Device><Manufacturer>Canon</Manufacturer><ModelName>Canon EOS C70"
-                                 "</ModelName></Device></Clip>"),
-              "Canon EOS C70");
-    EXPECT_FALSE(AM::xmlDeviceLabel("<DeviceList/><Devices manufacturer=\"x\"/>"));
 }
 
 // ---- what the file holds ----------------------------------------------------------------------------
 
-// Rate, size and timecode of a plain camera file are pinned where `probe` prints them; here,
-// channels of all streams together, a rate of 30000/1001, timecode on the label clock (10:00:10;12
-// counts 30 labels a second), and a movie without sound.
-TEST(MediaFacts, ContainersTellLengthChannelsPictureAndTimecode) {
-    const std::tuple<std::filesystem::path, int, float, std::optional<double>> cases[] = {
-        {media().multi, 3, 29.97f, 36010.0 + 12.0 / 30}, {media().mute, 0, 24.0f, std::nullopt}};
-    for (const auto& [file, channels, fps, timecode] : cases) {
-        SCOPED_TRACE(file.filename().string());
-        const auto u = url(file);
-        EXPECT_EQ(AM::readChannelCount(u), channels);
-        EXPECT_NEAR(AM::readDuration(u).value_or(0), 2.0, 0.05);
-        EXPECT_NEAR(AM::readFrameRate(u).value_or(0.0f), fps, 0.001f);
-        EXPECT_TRUE(AM::readVideoSize(u));
-        EXPECT_EQ(AM::readTimecode(u), timecode);
-    }
+// Rate, size, length and timecode of plain files are pinned where `probe` prints them and the
+// metadata loading merges them; here, channels of all streams together, a rate of 30000/1001, and
+// timecode on the label clock (10:00:10;12 counts 30 labels a second).
+TEST(MediaFacts, ContainersTellChannelsOfAllStreamsRateAndTimecode) {
+    const auto multi = url(media().multi);
+    EXPECT_EQ(AM::readChannelCount(multi), 3);
+    EXPECT_EQ(AM::readChannelCount(url(media().mute)), 0);
+    EXPECT_NEAR(AM::readFrameRate(multi).value_or(0.0f), 29.97f, 0.001f);
+    EXPECT_EQ(AM::readTimecode(multi), 36010.0 + 12.0 / 30);
 }
 
 TEST(MediaFacts, BadFilesGiveNothingAndNeverBlock) {
@@ -356,12 +333,8 @@ TEST(RiffWalk, Rf64SizesComeFromDs64AndTheFileIsReadByItsHeadersAlone) {
     EXPECT_EQ(wave->bext->timeReference, 48000ull * 2 * 3600);
     // A movie walk over it finds no box and reads nothing more.
     EXPECT_FALSE(AM::sonyNonRealTimeMetaXML(url(path)));
-
     // A bext sized by the table, under the BW64 magic.
-    const auto parsed = RiffReader::parse(bytesOf(layout("BW64", true)));
-    ASSERT_TRUE(parsed);
-    EXPECT_TRUE(parsed->is64);
-    EXPECT_EQ(parsed->bext, wave->bext);
+    EXPECT_EQ(RiffReader::parse(bytesOf(layout("BW64", true))).value().bext, wave->bext);
 
     // A writer that forgot the pad byte after an odd chunk is followed all the same.
     EXPECT_TRUE(
@@ -380,7 +353,6 @@ TEST(RiffWalk, IxmlTrackListNamesTheRecorderChannels) {
         {"all.wav", 2, {{1, 1}, {2, 2}}, {}},
         // Lists that don't fit the file are not believed.
         {"few.wav", 2, {{4, 1}}, {}},
-        {"twice.wav", 2, {{4, 1}, {5, 1}}, {}},
     };
     for (const auto& [name, channels, tracks, expected] : cases) {
         SCOPED_TRACE(name);

@@ -46,7 +46,6 @@ class R3DHeaderBuilder {
         std::tie(numerator_, denominator_) = std::pair(numerator, denominator);
         return *this;
     }
-    // A record with its size field computed: 4 + payload bytes.
     R3DHeaderBuilder& record(std::uint8_t type, std::uint8_t tag, const Bytes& payload) {
         const std::size_t size = 4 + payload.size();
         raw({static_cast<std::uint8_t>(size >> 8), static_cast<std::uint8_t>(size), type, tag});
@@ -70,7 +69,6 @@ class R3DHeaderBuilder {
             int32(r3dtag::kUnused, static_cast<std::uint32_t>(i));
         return *this;
     }
-    // Bytes added to the record area as they are.
     R3DHeaderBuilder& raw(const Bytes& bytes) {
         records_.insert(records_.end(), bytes.begin(), bytes.end());
         return *this;
@@ -89,7 +87,6 @@ class R3DHeaderBuilder {
         put(out, kRecordsOffset, records_);
         return out;
     }
-    // Writes the bytes, making the parent folders; returns the path.
     std::filesystem::path write(const std::filesystem::path& path) const {
         std::filesystem::create_directories(path.parent_path());
         const auto b = bytes();
