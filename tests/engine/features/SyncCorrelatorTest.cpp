@@ -5,11 +5,7 @@
 
 #include <algorithm>
 #include <cmath>
-#include <complex>
-#include <numbers>
 #include <random>
-#include <set>
-#include <thread>
 #include <vector>
 
 using namespace trelvane;
@@ -26,36 +22,6 @@ std::vector<float> noise(std::size_t n, unsigned seed) {
 }
 
 } // namespace
-
-TEST(SyncCorrelator, ForwardIsTwiceThePlainDftAndARoundTripScalesBy2P) {
-    const auto* setup = SyncCorrelator::sharedFFTSetup(4);
-    ASSERT_NE(setup, nullptr);
-    auto ws = setup->makeWorkspace();
-    ASSERT_EQ(ws.signal().size(), 16u);
-    const auto x = noise(16, 1);
-    std::copy(x.begin(), x.end(), ws.signal().begin());
-    setup->forward(ws);
-    EXPECT_TRUE(std::equal(x.begin(), x.end(), ws.signal().begin())) << "the input is left for the caller";
-    // Bin k of the plain DFT, X[k] = sum x[n] e^(-2 pi i k n / N), in double. DC and Nyquist, both
-    // real, share element zero.
-    const auto dft = [&](std::size_t k) {
-        std::complex<double> sum = 0;
-        for (std::size_t j = 0; j < 16; ++j)
-            sum += static_cast<double>(x[j]) *
-                   std::polar(1.0, -2.0 * std::numbers::pi * static_cast<double>(k * j % 16) / 16.0);
-        return sum;
-    };
-    for (std::size_t k = 0; k < 8; ++k) {
-        EXPECT_NEAR(ws.real()[k], 2 * dft(k).real(), 1e-4) << "bin " << k;
-        EXPECT_NEAR(ws.imag()[k], 2 * (k == 0 ? dft(8).real() : dft(k).imag()), 1e-4) << "bin " << k;
-    }
-    // With the forward pinned, the round trip fixes the inverse at P times the plain one.
-    const std::vector<float> spectrum(ws.real().begin(), ws.real().end());
-    setup->inverse(ws);
-    for (std::size_t n = 0; n < 16; ++n)
-        EXPECT_NEAR(ws.signal()[n], 32.0f * x[n], 1e-4) << n;
-    EXPECT_TRUE(std::equal(spectrum.begin(), spectrum.end(), ws.real().begin())) << "spectrum kept";
-}
 
 TEST(SyncCorrelator, CorrelationIsTwiceThePlainCircularOneOverAtLeastEightPoints) {
     // na, nb, P: the next power of two of na + nb - 1, at least 8; fewer points are refused (0).
@@ -79,52 +45,17 @@ TEST(SyncCorrelator, CorrelationIsTwiceThePlainCircularOneOverAtLeastEightPoints
             EXPECT_NEAR(r->values[k], 2 * s, 1e-3 * (1 + std::abs(2 * s))) << "k " << k;
         }
     }
-}
-
-TEST(SyncCorrelator, ThreadsShareOnePlanPerSizeAndCorrelateAsOneThreadDoes) {
+    // The shared plans stop at the sizes a correlation may take.
     EXPECT_EQ(SyncCorrelator::sharedFFTSetup(0), nullptr);
     EXPECT_EQ(SyncCorrelator::sharedFFTSetup(SyncCorrelator::kMaxLog2n + 1), nullptr);
-    const auto a = noise(3000, 7), b = noise(700, 8);
-    const auto serial = SyncCorrelator::fftCrossCorrelate(a, b);
-    ASSERT_TRUE(serial.has_value());
-    std::vector<const SyncCorrelator::FFTSetup*> plans(6, nullptr);
-    std::vector<std::vector<float>> results(6);
-    {
-        std::vector<std::jthread> threads;
-        for (std::size_t t = 0; t < plans.size(); ++t)
-            threads.emplace_back([&, t] {
-                plans[t] = SyncCorrelator::sharedFFTSetup(13);
-                for (int i = 0; i < 5; ++i)
-                    if (auto r = SyncCorrelator::fftCrossCorrelate(a, b)) results[t] = r->values;
-            });
-    }
-    EXPECT_EQ(std::set(plans.begin(), plans.end()), std::set{SyncCorrelator::sharedFFTSetup(13)});
-    EXPECT_EQ(plans[0]->length(), 8192u);
-    for (const auto& r : results)
-        EXPECT_EQ(r, serial->values);
 }
 
-TEST(CrossCorrelator, MagnitudeEnvelopeIsTheRmsOfEachWholeBlockDroppingTheTail) {
-    for (const auto& [samples, blocks] :
-         {std::pair<std::size_t, std::size_t>{0, 0}, {159, 0}, {160, 1}, {321, 2}})
-        EXPECT_EQ(CrossCorrelator::magnitudeEnvelope(std::vector<float>(samples, 1.0f), 160).size(), blocks)
-            << samples << " samples";
-    auto samples = noise(160 * 12 + 77, 3);
-    for (std::size_t i = 0; i < samples.size(); ++i)
-        samples[i] *= i < 160 * 12 ? static_cast<float>(1 + i / 160) : 1000.0f; // louder blocks, a huge tail
-    const auto env = CrossCorrelator::magnitudeEnvelope(samples, 160);
-    ASSERT_EQ(env.size(), 12u);
-    for (std::size_t b = 0; b < 12; ++b) {
-        double sum = 0;
-        for (std::size_t i = b * 160; i < (b + 1) * 160; ++i)
-            sum += static_cast<double>(samples[i]) * samples[i];
-        EXPECT_NEAR(env[b], std::sqrt(sum / 160), 1e-5 * (1 + env[b])) << "block " << b;
-    }
-}
-
-TEST(CrossCorrelatorDeathTest, MagnitudeEnvelopeStopsTheProgramOnANonPositiveBlock) {
+TEST(CrossCorrelatorDeathTest, MagnitudeEnvelopeTakesWholeBlocksAndStopsTheProgramOnANonPositiveOne) {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     const std::vector<float> samples(400, 0.5f);
     EXPECT_DEATH(CrossCorrelator::magnitudeEnvelope(samples, 0), "block length 0");
     EXPECT_DEATH(CrossCorrelator::magnitudeEnvelope(samples, -160), "block length -160");
+    // Whole blocks only: the tail is dropped.
+    for (const auto& [count, blocks] : {std::pair<std::size_t, std::size_t>{159, 0}, {321, 2}})
+        EXPECT_EQ(CrossCorrelator::magnitudeEnvelope(std::vector<float>(count, 1.0f), 160).size(), blocks);
 }

@@ -64,14 +64,11 @@ std::string movie(const std::string& picture, const std::string& rest, const std
 // Media every group below reads, made once: encoding them is the slow part of these tests.
 struct Media {
     TempDir tmp;
-    std::filesystem::path stamped = tmp / "stamped.wav", blank = tmp / "blank.wav", plain = tmp / "plain.wav",
-                          cam = tmp / "cam.mp4", xml = tmp / "C0001.MP4", mute = tmp / "mute.mov",
-                          multi = tmp / "multi.mov";
+    std::filesystem::path stamped = tmp / "stamped.wav", plain = tmp / "plain.wav", cam = tmp / "cam.mp4",
+                          xml = tmp / "C0001.MP4", mute = tmp / "mute.mov", multi = tmp / "multi.mov";
     Media() {
         // 172,800,000 samples at 48 kHz: one hour after midnight. The name is cleaned when read.
         bextWav(stamped, "2024-03-15", "14:30:12", 172800000, "  ZOOM\tF8 ");
-        // A recorder with an unset clock leaves the fields empty.
-        bextWav(blank, "''", "''", 0, "ZOOM F8");
         ffmpeg(sineInput(1.0) + " " + quoted(plain.string()));
         movie("160x120:rate=25",
               "1 " + sineInput(1.0) +
@@ -147,7 +144,6 @@ TEST(RecordingClock, EachSourceOfTheDateIsTakenInItsOrder) {
         // "creation_time", a time of day without a date, is no asset date.
         {bin, ClockQuality::filesystem, written},
         {copy(m.stamped, "CLIP_20200101_000000.wav"), ClockQuality::embedded, stamp},
-        {copy(m.blank, "CLIP_20200101_000001.wav"), ClockQuality::filename, localDate(2020, 1, 1, 0, 0, 1)},
         {copy(m.plain, "CLIP_20240315_143012.wav"), ClockQuality::filename, stamp},
         {plain, ClockQuality::filesystem, written},
         {m.cam, ClockQuality::asset, utc(2024, 3, 15, 14, 30, 12)},
@@ -162,32 +158,15 @@ TEST(RecordingClock, EachSourceOfTheDateIsTakenInItsOrder) {
 }
 
 TEST(RecordingClock, RecorderClocksAreReadAsTheMachinesLocalTime) {
-    TempDir tmp;
-    const auto named = tmp / "CLIP_20240315_143012.wav";
-    std::filesystem::copy_file(media().plain, named);
     {
         // UTC+3 (POSIX zone strings count west of Greenwich as positive).
         const trelvane::test::ScopedEnv zone("TZ", "TRV-3");
         ::tzset();
         EXPECT_EQ(AM::readBWFOriginationDate(url(media().stamped)), utc(2024, 3, 15, 11, 30, 12));
-        EXPECT_EQ(AM::readRecordingClock(url(named)).date, utc(2024, 3, 15, 11, 30, 12));
+        EXPECT_EQ(AM::dateFromFilename("CLIP_20240315_143012.wav"), utc(2024, 3, 15, 11, 30, 12));
         EXPECT_EQ(AM::parseISO8601Date("2024-03-15T14:30:12"), utc(2024, 3, 15, 11, 30, 12));
     }
     ::tzset();
-}
-
-TEST(RecordingClock, AFileDateIsTheEndOfTheTakeAndTheStampsAreItsStart) {
-    const Date written = utc(2023, 7, 1, 9, 0, 0);
-    const auto start = AM::startOfRecording({written, ClockQuality::filesystem}, 90.5);
-    EXPECT_EQ(start, (AM::RecordingClock{utc(2023, 7, 1, 8, 58, 29, 500), ClockQuality::filesystem}));
-    // Stamps the device wrote, or read from the name or the container, are already the start.
-    for (const auto q : {ClockQuality::asset, ClockQuality::filename, ClockQuality::embedded})
-        EXPECT_EQ(AM::startOfRecording({written, q}, 90.5).date, written);
-    // Without a length to go back by, the file date is the best there is.
-    for (const auto length :
-         {std::optional<double>{}, std::optional(0.0), std::optional(-3.0), std::optional(std::nan(""))})
-        EXPECT_EQ(AM::startOfRecording({written, ClockQuality::filesystem}, length).date, written);
-    EXPECT_FALSE(AM::startOfRecording({std::nullopt, ClockQuality::none}, 10.0).date);
 }
 
 TEST(DateParsing, BroadcastWavFieldsTakeAnySeparatorAndRefuseNonsense) {
@@ -196,14 +175,11 @@ TEST(DateParsing, BroadcastWavFieldsTakeAnySeparatorAndRefuseNonsense) {
         const auto bar = s.find('|');
         return AM::parseBWFDate(s.substr(0, bar), s.substr(bar + 1));
     };
-    for (const char* good :
-         {"2024-03-15|14:30:12", "2024:03:15|14-30-12", "2024_03_15|14.30.12", "2024 03 15|14 30 12"})
+    for (const char* good : {"2024:03:15|14-30-12", "2024_03_15|14.30.12", "2024 03 15|14 30 12"})
         EXPECT_EQ(parse(good), localDate(2024, 3, 15, 14, 30, 12)) << good;
-    EXPECT_EQ(parse("2024-02-29|00:00:00"), localDate(2024, 2, 29, 0, 0, 0));
     for (const char* bad :
-         {"|", "2024-03-15|", "2023-02-29|00:00:00", "2024-13-01|00:00:00", "2024-00-10|00:00:00",
-          "2024-03-32|00:00:00", "2024-03-15|24:00:00", "2024-03-15|12:60:00", "2024-03-15|12:00:60",
-          "20240315  |14:30:12", "2024-03-1x|14:30:12", "2024-03-15|143012  ", "0000-00-00|00:00:00"})
+         {"|", "2024-03-15|", "2023-02-29|00:00:00", "2024-13-01|00:00:00", "2024-03-32|00:00:00",
+          "2024-03-15|24:00:00", "2024-03-15|12:00:60", "2024-03-1x|14:30:12", "0000-00-00|00:00:00"})
         EXPECT_FALSE(parse(bad)) << bad;
 }
 
@@ -212,7 +188,6 @@ TEST(DateParsing, IsoDatesKeepTheirZoneAndRefuseNonsense) {
         {"2014-08-21T10:57:01+09:00", utc(2014, 8, 21, 1, 57, 1)},
         {"2014-08-21T10:57:01-0230", utc(2014, 8, 21, 13, 27, 1)},
         {"2014-08-21T10:57:01+02", utc(2014, 8, 21, 8, 57, 1)},
-        {"2014-08-21 10:57:01.5Z", utc(2014, 8, 21, 10, 57, 1, 500)},
         {"2025-06-14T19:30:07.200000Z", utc(2025, 6, 14, 19, 30, 7, 200)},
         {"2014-08-21T10:57:01", localDate(2014, 8, 21, 10, 57, 1)}};
     for (const auto& [text, expected] : cases)
@@ -224,15 +199,12 @@ TEST(DateParsing, IsoDatesKeepTheirZoneAndRefuseNonsense) {
 }
 
 TEST(DateParsing, FileNameDateMustEndTheName) {
-    const auto stamp = localDate(2024, 3, 15, 14, 30, 12);
-    const std::pair<const char*, std::optional<Date>> cases[] = {
-        {"CLIP_20240315_143012", stamp},    {"CLIP_20240315_143012.wav", stamp},
-        {"20240315_143012", stamp},         {"x920240315_143012.MP4", stamp},
-        {"CLIP_20240315_143012_2.wav", {}}, {"CLIP_20240315-143012.wav", {}},
-        {"CLIP_2024031_143012.wav", {}},    {"CLIP_20241315_143012.wav", {}},
-        {"CLIP_20240315_246012.wav", {}},   {"", {}}};
-    for (const auto& [name, expected] : cases)
-        EXPECT_EQ(AM::dateFromFilename(name), expected) << name;
+    for (const char* name : {"CLIP_20240315_143012", "20240315_143012", "x920240315_143012.MP4"})
+        EXPECT_EQ(AM::dateFromFilename(name), localDate(2024, 3, 15, 14, 30, 12)) << name;
+    for (const char* name :
+         {"CLIP_20240315_143012_2.wav", "CLIP_20240315-143012.wav", "CLIP_2024031_143012.wav",
+          "CLIP_20241315_143012.wav", "CLIP_20240315_246012.wav", ""})
+        EXPECT_FALSE(AM::dateFromFilename(name)) << name;
 }
 
 // ---- camera XML ----------------------------------------------------------------------------------
@@ -252,10 +224,6 @@ TEST(CameraXml, EmbeddedXmlGivesClockTimecodeAndDeviceWhereverTheBoxWalkFindsIt)
         {head + box("mdat", std::string(64, '\0')) +
              box("moov", box("mvhd", std::string(100, '\0')) + box("udta", box("xml ", kCameraXml))),
          utc(2024, 3, 15, 5, 30, 12)},
-        // An empty lastUpdate is passed over for the next one.
-        {head + box("uuid", "<NonRealTimeMeta lastUpdate=\"\"><x lastUpdate=\"2024-01-02T03:04:05Z\"/>"
-                            "</NonRealTimeMeta>"),
-         utc(2024, 1, 2, 3, 4, 5)},
         // A box far larger than any XML is not read; a file that is no ISO media file is not walked.
         {head + box("meta", kCameraXml + std::string(5 << 20, ' ')), std::nullopt},
         {kCameraXml, std::nullopt}};
@@ -276,10 +244,7 @@ TEST(CameraXml, TimecodeValuesAreCheckedDigitByDigit) {
         {withValue("42000001"), 3600.0 + 2.0 / 30},
         // The rate may come from the picture format instead.
         {withValue("24000000", "") + "<VideoFrame formatFps=\"25p\"/>", 24.0 / 25},
-        {withValue("24000000", ""), {}},
         {withValue("0000000A"), {}}, // not BCD
-        {withValue("30000000"), {}}, // 30 frames at 30 fps
-        {withValue("0000001"), {}},  // seven digits
         {"<NonRealTimeMeta/>", {}}};
     for (const auto& [xml, expected] : cases)
         EXPECT_EQ(AM::nrtmTimecodeSeconds(xml), expected) << xml;
@@ -287,40 +252,24 @@ TEST(CameraXml, TimecodeValuesAreCheckedDigitByDigit) {
 
 TEST(CameraXml, SidecarsAndXmlNameTheDevice) {
     TempDir tmp;
-    // A sidecar beside the clip, as cameras write them, names the device.
     const auto mp4 = tmp / "C0004.MP4";
     std::filesystem::copy_file(media().mute, mp4);
     tmp.file("C0004M01.XML",
              "<NonRealTimeMeta><Device manufacturer=\"Sony\" modelName=\"FX3\"/></NonRealTimeMeta>");
     EXPECT_EQ(AM::readDeviceInfo(url(mp4)), "Sony FX3");
-    EXPECT_EQ(AM::xmlDeviceLabel("<Clip><Device><Manufacturer>Canon</Manufacturer><ModelName>Canon EOS C70"
-                                 "</ModelName></Device></Clip>"),
-              "Canon EOS C70");
-    EXPECT_EQ(AM::xmlDeviceLabel("<Device manufacturer='A &amp; B' modelName=\"Z\"/>"), "A & B Z");
-    EXPECT_FALSE(AM::xmlDeviceLabel("<DeviceList/><Devices manufacturer=\"x\"/>"));
 }
 
 // ---- what the file holds ----------------------------------------------------------------------------
 
-TEST(MediaFacts, ContainersTellLengthChannelsPictureAndTimecode) {
-    // Channels of all streams together, length, picture rate and size, timecode on the label clock
-    // (10:00:10;12 counts 30 labels a second).
-    const std::tuple<std::filesystem::path, int, double, float, std::optional<AM::VideoSize>,
-                     std::optional<double>>
-        cases[] = {{media().plain, 1, 1.0, 0.0f, std::nullopt, std::nullopt},
-                   {media().multi, 3, 2.0, 29.97f, AM::VideoSize{320, 240}, 36010.0 + 12.0 / 30},
-                   {media().mute, 0, 2.0, 24.0f, AM::VideoSize{160, 120}, std::nullopt}};
-    for (const auto& [file, channels, seconds, fps, size, timecode] : cases) {
-        SCOPED_TRACE(file.filename().string());
-        const auto u = url(file);
-        EXPECT_EQ(AM::readChannelCount(u), channels);
-        EXPECT_NEAR(AM::readDuration(u).value_or(0), seconds, 0.05);
-        EXPECT_NEAR(AM::readFrameRate(u).value_or(0.0f), fps, 0.001f);
-        EXPECT_EQ(AM::readVideoSize(u), size);
-        EXPECT_EQ(AM::readTimecode(u), timecode);
-    }
-    // ffmpeg signs its WAVs in LIST/INFO: software, not a device.
-    EXPECT_FALSE(AM::readDeviceInfo(url(media().plain)));
+// Rate, size, length and timecode of plain files are pinned where `probe` prints them and the
+// metadata loading merges them; here, channels of all streams together, a rate of 30000/1001, and
+// timecode on the label clock (10:00:10;12 counts 30 labels a second).
+TEST(MediaFacts, ContainersTellChannelsOfAllStreamsRateAndTimecode) {
+    const auto multi = url(media().multi);
+    EXPECT_EQ(AM::readChannelCount(multi), 3);
+    EXPECT_EQ(AM::readChannelCount(url(media().mute)), 0);
+    EXPECT_NEAR(AM::readFrameRate(multi).value_or(0.0f), 29.97f, 0.001f);
+    EXPECT_EQ(AM::readTimecode(multi), 36010.0 + 12.0 / 30);
 }
 
 TEST(MediaFacts, BadFilesGiveNothingAndNeverBlock) {
@@ -348,19 +297,12 @@ TEST(MediaFacts, BadFilesGiveNothingAndNeverBlock) {
 
 // ---- the RIFF walk ------------------------------------------------------------------------------------
 
-TEST(RiffWalk, ParsingBytesEqualsReadingTheFileAndTextIsCleaned) {
-    const auto& wav = media().stamped;
-    const auto parsed = RiffReader::parse(bytesOf(trelvane::test::slurp(wav)));
-    ASSERT_TRUE(parsed && parsed->bext);
-    EXPECT_EQ(parsed, RiffReader::read(url(wav)));
-    EXPECT_EQ(parsed->bext->originator, "ZOOM F8");
-    EXPECT_EQ(parsed->bext->originationDate, "2024-03-15");
-    EXPECT_EQ(parsed->bext->originationTime, "14:30:12");
-
+// Text fields are cleaned when read: control characters and runs of spaces go, bytes that are no
+// UTF-8 become the replacement character.
+TEST(RiffWalk, TextIsCleaned) {
+    EXPECT_EQ(RiffReader::read(url(media().stamped))->bext->originator, "ZOOM F8");
     EXPECT_EQ(RiffReader::validText("a\x01\x02 b\n\n c "), "a b c");
     EXPECT_EQ(RiffReader::validText("caf\xE9"), "caf\xEF\xBF\xBD");
-    EXPECT_EQ(RiffReader::validText("\xC3\xA9t\xC3\xA9"), "\xC3\xA9t\xC3\xA9");
-    EXPECT_EQ(RiffReader::validText("\xED\xA0\x80"), "\xEF\xBF\xBD\xEF\xBF\xBD\xEF\xBF\xBD"); // a surrogate
 }
 
 TEST(RiffWalk, Rf64SizesComeFromDs64AndTheFileIsReadByItsHeadersAlone) {
@@ -391,12 +333,8 @@ TEST(RiffWalk, Rf64SizesComeFromDs64AndTheFileIsReadByItsHeadersAlone) {
     EXPECT_EQ(wave->bext->timeReference, 48000ull * 2 * 3600);
     // A movie walk over it finds no box and reads nothing more.
     EXPECT_FALSE(AM::sonyNonRealTimeMetaXML(url(path)));
-
     // A bext sized by the table, under the BW64 magic.
-    const auto parsed = RiffReader::parse(bytesOf(layout("BW64", true)));
-    ASSERT_TRUE(parsed);
-    EXPECT_TRUE(parsed->is64);
-    EXPECT_EQ(parsed->bext, wave->bext);
+    EXPECT_EQ(RiffReader::parse(bytesOf(layout("BW64", true))).value().bext, wave->bext);
 
     // A writer that forgot the pad byte after an odd chunk is followed all the same.
     EXPECT_TRUE(
@@ -415,7 +353,6 @@ TEST(RiffWalk, IxmlTrackListNamesTheRecorderChannels) {
         {"all.wav", 2, {{1, 1}, {2, 2}}, {}},
         // Lists that don't fit the file are not believed.
         {"few.wav", 2, {{4, 1}}, {}},
-        {"twice.wav", 2, {{4, 1}, {5, 1}}, {}},
     };
     for (const auto& [name, channels, tracks, expected] : cases) {
         SCOPED_TRACE(name);
@@ -437,28 +374,15 @@ TEST(RiffWalk, IxmlTrackListNamesTheRecorderChannels) {
 
 TEST(DeviceLabel, ContainerTagsNameTheDeviceAndAPhonesOwnDateComesFirst) {
     TempDir tmp;
-    const auto make = [&](const std::string& name, const std::string& tags) {
-        return url(movie("160x120:rate=25", "1 -c:v libx264 -preset ultrafast " + tags, tmp / name));
-    };
-    EXPECT_EQ(
-        AM::readDeviceInfo(make("A.mov", "-metadata make=Canon -metadata model=" + quoted("Canon EOS R5"))),
-        "Canon EOS R5");
-    const auto phone =
-        make("IMG_0001.mov", "-movflags use_metadata_tags -metadata com.apple.quicktime.make=Apple "
-                             "-metadata com.apple.quicktime.model=" +
-                                 quoted("iPhone 15 Pro") +
-                                 " -metadata com.apple.quicktime.creationdate=2024-03-15T14:30:12+0100 "
-                                 "-metadata creation_time=2024-03-15T20:00:00Z");
+    const auto phone = url(movie("160x120:rate=25",
+                                 "1 -c:v libx264 -preset ultrafast -movflags use_metadata_tags -metadata "
+                                 "com.apple.quicktime.make=Apple -metadata com.apple.quicktime.model=" +
+                                     quoted("iPhone 15 Pro") +
+                                     " -metadata com.apple.quicktime.creationdate=2024-03-15T14:30:12+0100 "
+                                     "-metadata creation_time=2024-03-15T20:00:00Z",
+                                 tmp / "IMG_0001.mov"));
     EXPECT_EQ(AM::readDeviceInfo(phone), "Apple iPhone 15 Pro");
     EXPECT_EQ(AM::readAssetCreationDate(phone), utc(2024, 3, 15, 13, 30, 12));
-    // A device's encoder tag counts; an editor's (ffmpeg's own, on every file here) doesn't.
-    EXPECT_EQ(AM::readDeviceInfo(make("D.mov", "-metadata:s:v:0 encoder=" + quoted("GoPro AVC encoder"))),
-              "GoPro AVC encoder");
-
-    // Without any label, the camera setting stands in: clips of one setting share it, others differ.
+    // Without any label, the camera setting stands in.
     EXPECT_EQ(AM::readDeviceInfo(url(media().cam)), "cam_h264_160x120_25_aac_48000_1");
-    const auto other = AM::readDeviceInfo(url(media().multi));
-    ASSERT_TRUE(other);
-    EXPECT_TRUE(other->starts_with("cam_"));
-    EXPECT_NE(other, AM::readDeviceInfo(url(media().cam)));
 }

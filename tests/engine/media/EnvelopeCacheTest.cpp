@@ -8,7 +8,6 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <bit>
 #include <cerrno>
 #include <cstdio>
 #include <fcntl.h>
@@ -41,19 +40,6 @@ std::string djb2Key(const std::string& text) {
 void setModificationTime(const fs::path& p, long long seconds, long nanoseconds = 0) {
     const timespec times[2] = {{seconds, nanoseconds}, {seconds, nanoseconds}};
     ASSERT_EQ(::utimensat(AT_FDCWD, p.c_str(), times, 0), 0) << p;
-}
-
-long long modificationSeconds(const fs::path& p) {
-    struct stat st {};
-    ::stat(p.c_str(), &st);
-    return st.st_mtim.tv_sec;
-}
-
-std::vector<std::uint32_t> bitsOf(const std::vector<float>& values) {
-    std::vector<std::uint32_t> out;
-    for (const float v : values)
-        out.push_back(std::bit_cast<std::uint32_t>(v));
-    return out;
 }
 
 BandFeature featureOf(std::size_t bands, int frames, float value = 0.5f) {
@@ -106,27 +92,15 @@ TEST(EnvelopeCache, EntriesAreVersionKeyTextCountedValuesAndCrc32) {
               sealed(7, "k", {2, 0, 0, 0, 1, 0, 0, 0, 0, 0, 0x80, 0x3f, 0, 0, 0, 0x40}));
 }
 
-TEST(EnvelopeCache, EntriesRoundTripBitExactAndWhatCantBeReadBackIsNotWritten) {
-    // Floats whose bits a careless copy would change: negative zero, denormals, the extremes; and a
-    // length that is a sample count over the rate, not a short decimal.
-    using L = std::numeric_limits<float>;
-    const std::vector<float> awkward{0.0f,     -0.0f,     -2.5f,    L::denorm_min(),
-                                     L::max(), -L::max(), L::min(), 0.1f};
-    const double duration = 1234567.0 / 16000.0;
-    const auto pair = EC::deserialize(*EC::serialize(kKey, pairOf(awkward, {3.0f}, duration)), kKey);
-    ASSERT_TRUE(pair);
-    EXPECT_EQ(bitsOf(pair->preview), bitsOf(awkward));
-    EXPECT_EQ(std::bit_cast<std::uint64_t>(pair->duration), std::bit_cast<std::uint64_t>(duration));
-    BandFeature feature = featureOf(8, static_cast<int>(awkward.size()));
-    feature.bands[3] = awkward;
-    EXPECT_EQ(bitsOf(EC::deserializeBands(*EC::serializeBands(kKey, feature), kKey).value().bands[3]),
-              bitsOf(awkward));
-    // Empty values are entries too: a clip too short for a feature caches the empty one.
+// That what reads writes back the same bytes is the fuzzer's to check; here, what can't be read back
+// is not written, and empty values are entries too (a clip too short for a feature caches the
+// empty one).
+TEST(EnvelopeCache, EmptyValuesRoundTripAndWhatCantBeReadBackIsNotWritten) {
     EXPECT_EQ(EC::deserialize(*EC::serialize(kKey, {}), kKey), EC::Pair{});
     EXPECT_EQ(EC::deserializeBands(*EC::serializeBands(kKey, {}), kKey), BandFeature{});
-
     const float nan = std::numeric_limits<float>::quiet_NaN();
-    for (const auto& bad : {pairOf({nan}, {}), pairOf({}, {L::infinity()}), pairOf({}, {}, -0.5)})
+    for (const auto& bad :
+         {pairOf({nan}, {}), pairOf({}, {std::numeric_limits<float>::infinity()}), pairOf({}, {}, -0.5)})
         EXPECT_FALSE(EC::serialize(kKey, bad));
     auto withNaN = featureOf(2, 3), ragged = featureOf(8, 10);
     withNaN.bands[1][2] = nan;
@@ -142,7 +116,6 @@ TEST(EnvelopeCache, EntriesThatAreOffAreMisses) {
     auto flipped = pair, padded = pair;
     flipped[pair.size() - 8] ^= 0x10; // in the envelope value
     padded.push_back(0);
-    // The same body sealed under the other format's version.
     const auto swapped = [](const Bytes& b) {
         return sealed(b[0] == 5 ? 7 : 5, kKey,
                       Bytes(b.begin() + 8 + static_cast<long>(kKey.size()), b.end() - 4));
@@ -150,36 +123,19 @@ TEST(EnvelopeCache, EntriesThatAreOffAreMisses) {
     for (const auto& bytes : {swapped(pair), flipped, padded, *EC::serialize(kKey + "1", pairOf({1.0f}, {}))})
         EXPECT_FALSE(EC::deserialize(bytes, kKey));
     EXPECT_FALSE(EC::deserializeBands(swapped(*EC::serializeBands(kKey, featureOf(2, 1))), kKey));
-
-    // An entry on disk cut short, as a crash or a full disk would leave it.
-    TempDir tmp;
-    const auto media = Url::fromPath(tmp.file("clip.mov", "movie"));
-    ASSERT_TRUE(EC::savePair(media, pairOf({1.0f, 2.0f}, {3.0f}), tmp / "cache"));
-    const auto entry = tmp / "cache" / *EC::cacheKey(media);
-    fs::resize_file(entry, fs::file_size(entry) - 1);
-    EXPECT_FALSE(EC::loadPair(media, tmp / "cache"));
 }
 
 // ---- keys -------------------------------------------------------------------------------------
 
-TEST(EnvelopeCache, KeyIsDjb2OfPathSizeAndWholeSecondsTruncatedTowardZero) {
+// A file that can't be read has no key and is never cached.
+TEST(EnvelopeCache, KeyIsDjb2OfPathSizeAndWholeSecondsOfReadableFilesOnly) {
     EXPECT_EQ(djb2Key(""), "0000000000001505");
     EXPECT_EQ(djb2Key("/tmp/clip.wav|5|1700000000"), "6c0d7c56434e2fad");
     TempDir tmp;
-    const auto keyOf = [&](const std::string& name, long long seconds, long nanos) {
-        setModificationTime(tmp.file(name, "12345"), seconds, nanos);
-        return EC::cacheKey(Url::fromPath(tmp / name));
-    };
-    const auto path = Url::fromPath(tmp / "A001 Clip é.MOV").path();
-    EXPECT_EQ(keyOf("A001 Clip é.MOV", 1'700'000'000, 750'000'000), djb2Key(path + "|5|1700000000"));
-    // Before 1970 the whole seconds are truncated toward zero: -1.5 s gives -1.
-    const auto early = keyOf("A001 Clip é.MOV", -2, 500'000'000);
-    if (modificationSeconds(tmp / "A001 Clip é.MOV") != -2) GTEST_SKIP() << "no time before 1970 here";
-    EXPECT_EQ(early, djb2Key(path + "|5|-1"));
-}
+    const auto clip = tmp.file("A001 Clip é.MOV", "12345");
+    setModificationTime(clip, 1'700'000'000, 750'000'000);
+    EXPECT_EQ(EC::cacheKey(Url::fromPath(clip)), djb2Key(Url::fromPath(clip).path() + "|5|1700000000"));
 
-TEST(EnvelopeCache, FilesThatCantBeReadHaveNoKeyAndAreNeverCached) {
-    TempDir tmp;
     std::vector<Url> unreadable{Url(), Url::fromPath(tmp / "missing.wav"),
                                 Url::fromPath(tmp.dir("folder.wav"))};
     if (::geteuid() != 0) {
@@ -208,27 +164,25 @@ TEST(EnvelopeCache, SavesReplaceEntriesWholeAndLoadThemBackWithoutOpeningTheMedi
     ASSERT_TRUE(EC::savePair(url, stored, folder));
     ASSERT_TRUE(EC::saveBands(url, feature, folder));
 
-    // The files hold exactly what serialising gives under the key text, and nothing else is left.
-    const auto text = *EC::keyText(url);
-    EXPECT_EQ(text, url.path() + "|15|" + std::to_string(modificationSeconds(media)));
+    // Nothing but the two entries is left.
     const auto key = *EC::cacheKey(url);
     EXPECT_EQ(namesIn(folder), (std::vector<std::string>{key, key + ".bands"}));
-    const auto asText = [](const Bytes& b) { return std::string(b.begin(), b.end()); };
-    EXPECT_EQ(trelvane::test::slurp(folder / key), asText(*EC::serialize(text, stored)));
-    EXPECT_EQ(trelvane::test::slurp(folder / (key + ".bands")), asText(*EC::serializeBands(text, feature)));
 
-    // Loading reads the entries alone: the media file is not even opened.
+    // Loading reads the entries alone: the media file is not even opened. An entry read is an entry in
+    // use, made new again, so that prune takes the entries unused longest, not those written first.
+    for (const auto& name : namesIn(folder))
+        setModificationTime(folder / name, static_cast<long long>(unixSeconds(dateNow())) - 8 * 86'400);
     const int watcher = ::inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
     ASSERT_GE(watcher, 0);
     ASSERT_GE(::inotify_add_watch(watcher, media.c_str(), IN_OPEN | IN_ACCESS | IN_MODIFY | IN_ATTRIB), 0);
     char events[4096];
-    EXPECT_EQ(EC::loadPair(url, folder), stored);
-    EXPECT_EQ(EC::loadBands(url, folder), feature);
+    EXPECT_TRUE(EC::loadPair(url, folder) == stored && EC::loadBands(url, folder) == feature);
     EXPECT_EQ(::read(watcher, events, sizeof events), -1) << "the media file was opened, read or changed";
     EXPECT_EQ(errno, EAGAIN);
     std::ifstream(media).get();
     EXPECT_GT(::read(watcher, events, sizeof events), 0) << "the watch does see an open";
     ::close(watcher);
+    EXPECT_EQ(EC::prune(dateNow(), folder).removed, 0);
 }
 
 TEST(EnvelopeCache, HostileEntriesAreMissesWithoutHangingAndAnUnwritableFolderFailsQuietly) {
@@ -245,35 +199,26 @@ TEST(EnvelopeCache, HostileEntriesAreMissesWithoutHangingAndAnUnwritableFolderFa
     EXPECT_FALSE(EC::loadPair(big, folder));
 
     const auto notAFolder = tmp.file("plain-file", "x");
-    for (const auto& unwritable : {notAFolder, notAFolder / "Trelvane"}) {
-        EXPECT_FALSE(EC::savePair(fifo, pairOf({1.0f}, {1.0f}), unwritable)) << unwritable;
-        EXPECT_FALSE(EC::saveBands(fifo, featureOf(8, 5), unwritable)) << unwritable;
-        EXPECT_EQ(EC::cacheSize(unwritable), 0) << unwritable;
-    }
+    for (const auto& unwritable : {notAFolder, notAFolder / "Trelvane"})
+        EXPECT_FALSE(EC::saveBands(fifo, featureOf(8, 5), unwritable) || EC::cacheSize(unwritable))
+            << unwritable;
     EXPECT_EQ(trelvane::test::slurp(notAFolder), "x");
 }
 
-TEST(EnvelopeCache, PlainCallsUseTheUserCacheFolderWhichCacheSizeCountsAndClearAllEmpties) {
+TEST(EnvelopeCache, PlainCallsUseTheUserCacheFolderWhichClearAllEmpties) {
     TempDir tmp;
     const trelvane::test::ScopedEnv cacheHome("XDG_CACHE_HOME", tmp.path().string());
-    const auto folder = tmp / "Trelvane";
-    EXPECT_EQ(EC::cacheDir(), folder);
-    const auto a = Url::fromPath(tmp.file("media/a.wav", "a")),
-               b = Url::fromPath(tmp.file("media/b.wav", "b"));
+    EXPECT_EQ(EC::cacheDir(), tmp / "Trelvane");
+    const auto a = Url::fromPath(tmp.file("media/a.wav", "a"));
     ASSERT_TRUE(EC::savePair(a, pairOf({1.0f}, {2.0f})));
     ASSERT_TRUE(EC::saveBands(a, featureOf(8, 5)));
-    ASSERT_TRUE(EC::savePair(b, pairOf({}, {})));
     EXPECT_EQ(EC::loadBands(a), featureOf(8, 5));
+    EXPECT_GT(EC::cacheSize(), 0);
     // Only the regular files directly in the folder are entries.
-    tmp.file("Trelvane/sub/inside", "not counted");
-    const auto textA = *EC::keyText(a);
-    EXPECT_EQ(EC::cacheSize(),
-              static_cast<std::int64_t>(EC::serialize(textA, pairOf({1.0f}, {2.0f}))->size() +
-                                        EC::serializeBands(textA, featureOf(8, 5))->size() +
-                                        EC::serialize(*EC::keyText(b), {})->size()));
+    tmp.file("Trelvane/sub/inside", "kept");
     EC::clearAll();
     EXPECT_EQ(EC::cacheSize(), 0);
-    EXPECT_EQ(namesIn(folder), std::vector<std::string>{"sub"});
+    EXPECT_EQ(namesIn(tmp / "Trelvane"), std::vector<std::string>{"sub"});
     EXPECT_FALSE(EC::loadPair(a));
 }
 
@@ -294,67 +239,38 @@ void aged(const TempDir& tmp, const std::string& name, std::uintmax_t size, long
 
 } // namespace
 
-TEST(EnvelopeCache, PruneRemovesEntriesAndTemporariesOlderThanSevenDaysWhateverTheTotal) {
-    TempDir tmp;
-    aged(tmp, "0000000000000001", 3 * 1048576, 7 * kDay + 1, 999'999'000); // 7 days and a microsecond
-    aged(tmp, ".0000000000000002.AbCdEf", 4, 8 * kDay); // a stray temporary of an interrupted save
-    aged(tmp, "0000000000000003", 5, 7 * kDay);
-    aged(tmp, "0000000000000004.bands", 6, -kDay);
-    trelvane::test::LogCapture log;
-    const auto result = EC::prune(kNow, tmp / "cache");
-    EXPECT_EQ(result.removed, 2);
-    EXPECT_EQ(result.bytesFreed, 3 * 1048576 + 4);
-    EXPECT_EQ(namesIn(tmp / "cache"),
-              (std::vector<std::string>{"0000000000000003", "0000000000000004.bands"}));
-    EXPECT_EQ(log.lines(), (std::vector<std::string>{"[Cache] pruned 2 entries (3 MB) — older than 7 days or "
-                                                     "over the 2 GB ceiling"}));
-}
-
-TEST(EnvelopeCache, PruneTrimsTheOldestWhileOverTheCeiling) {
+// Entries and stray temporaries older than seven days go whatever the total; then, while the total
+// is over the ceiling, the oldest go one by one.
+TEST(EnvelopeCache, PruneRemovesWhatIsOlderThanSevenDaysThenTheOldestWhileOverTheCeiling) {
     TempDir tmp;
     const auto folder = tmp.dir("cache");
     const std::int64_t quarter = EC::kCeilingBytes / 4;
+    aged(tmp, "0-stale", 3 * 1048576, 7 * kDay + 1, 999'999'000); // 7 days and a microsecond
+    aged(tmp, ".0-temporary.AbCdEf", 4, 8 * kDay);                // of an interrupted save
     aged(tmp, "a-newest", quarter, 10);
-    aged(tmp, "b-oldest", quarter, 3 * kDay);
+    aged(tmp, "b-oldest", quarter - 7, 7 * kDay);
     aged(tmp, "c-middle", quarter, 2 * kDay);
     aged(tmp, "d-second-oldest", quarter - 100, 3 * kDay - 1);
-    aged(tmp, "e-small", 100, 60);
+    aged(tmp, "e-small", 107, 60);
     fs::create_directory(folder / "not-an-entry"); // not counted, not removed
     trelvane::test::LogCapture log;
-    EXPECT_EQ(EC::cacheSize(folder), EC::kCeilingBytes);
-    EXPECT_EQ(EC::prune(kNow, folder).removed, 0) << "exactly the ceiling is left alone";
-    EXPECT_TRUE(log.lines().empty()) << "nothing removed, nothing logged";
+    const auto pruned = [&](std::int64_t ceiling = EC::kCeilingBytes) {
+        const auto r = EC::prune(kNow, folder, ceiling);
+        return std::pair(r.removed, r.bytesFreed);
+    };
+    EXPECT_EQ(pruned(), std::pair(2, std::int64_t{3 * 1048576 + 4}));
+    EXPECT_EQ(EC::cacheSize(folder), EC::kCeilingBytes) << "exactly the ceiling is left alone";
+    EXPECT_EQ(log.lines(), (std::vector<std::string>{"[Cache] pruned 2 entries (3 MB) — older than 7 days or "
+                                                     "over the 2 GB ceiling"}));
+    EXPECT_EQ(pruned().first, 0);
+    EXPECT_EQ(log.lines().size(), 1u) << "nothing removed, nothing logged";
 
-    // Far over: the oldest go one by one until the total is under; the newest stay.
     aged(tmp, "f-huge", 2 * quarter, 5);
-    const auto result = EC::prune(kNow, folder);
-    EXPECT_EQ(result.removed, 3);
-    EXPECT_EQ(result.bytesFreed, 3 * quarter - 100);
+    EXPECT_EQ(pruned(), std::pair(3, 3 * quarter - 107));
     EXPECT_EQ(namesIn(folder), (std::vector<std::string>{"a-newest", "e-small", "f-huge", "not-an-entry"}));
     // A ceiling of the user's: the same rule, and the log names it.
-    EXPECT_EQ(EC::prune(kNow, folder, 2 * quarter).removed, 2);
+    EXPECT_EQ(pruned(2 * quarter).first, 2);
     EXPECT_EQ(namesIn(folder), (std::vector<std::string>{"f-huge", "not-an-entry"}));
     EXPECT_EQ(log.lines().back(),
               "[Cache] pruned 2 entries (512 MB) — older than 7 days or over the 1 GB ceiling");
-}
-
-// An entry read is an entry in use: reading it makes it new again, so that age and the ceiling take
-// the entries that went unused longest, not the ones written longest ago.
-TEST(EnvelopeCache, EntriesReadAreKeptByPrune) {
-    TempDir tmp;
-    const auto folder = tmp / "cache";
-    const auto used = Url::fromPath(tmp.file("used.wav", "u")),
-               unused = Url::fromPath(tmp.file("unused.wav", "n"));
-    for (const auto& url : {used, unused}) {
-        ASSERT_TRUE(EC::savePair(url, pairOf({1.0f}, {1.0f}), folder));
-        ASSERT_TRUE(EC::saveBands(url, featureOf(8, 5), folder));
-    }
-    for (const auto& name : namesIn(folder))
-        setModificationTime(folder / name, static_cast<long long>(unixSeconds(dateNow())) - 8 * kDay);
-    ASSERT_TRUE(EC::loadPair(used, folder));
-    ASSERT_TRUE(EC::loadBands(used, folder));
-    EXPECT_EQ(EC::prune(dateNow(), folder).removed, 2);
-    EXPECT_TRUE(EC::loadPair(used, folder));
-    EXPECT_TRUE(EC::loadBands(used, folder));
-    EXPECT_FALSE(EC::loadPair(unused, folder));
 }

@@ -8,8 +8,6 @@
 
 #include <gtest/gtest.h>
 
-#include <unistd.h>
-
 using namespace trelvane;
 using trelvane::test::R3DHeaderBuilder;
 using trelvane::test::TempDir;
@@ -56,6 +54,9 @@ TEST(R3DHeader, ReadsEveryFieldOfATypicalHeaderFromTheFileAsFromItsBytes) {
         {&M::ownFilename, "A001_C001_0101AB_001.R3D"}};
     for (const auto& [field, text] : texts)
         EXPECT_EQ((*meta).*field, text);
+    for (const auto& unreadable :
+         {Url::fromPath(tmp / "missing.R3D"), Url::fromPath(tmp.dir("folder.R3D")), Url()})
+        EXPECT_FALSE(R3DHeader::read(unreadable)) << unreadable.path();
 }
 
 TEST(R3DHeader, NeedsMoreThan128BytesTheMagicAndARateSidecarOrModel) {
@@ -76,13 +77,7 @@ TEST(R3DHeader, NeedsMoreThan128BytesTheMagicAndARateSidecarOrModel) {
 
 TEST(R3DHeader, TimeBaseNeedsAKnownDenominatorAndARateStrictlyBetweenOneAnd500) {
     const std::tuple<std::uint32_t, std::uint16_t, std::optional<double>> cases[] = {
-        {24000, 1001, 24000.0 / 1001.0},
-        {25000, 1000, 25.0},
-        {1001, 1000, 1.001},
-        {24000, 1002, {}},
-        {24, 1, {}},
-        {1000, 1000, {}},
-        {500000, 1000, {}}};
+        {25000, 1000, 25.0}, {1001, 1000, 1.001}, {24000, 1002, {}}, {1000, 1000, {}}, {500000, 1000, {}}};
     for (const auto& [numerator, denominator, timeBase] : cases)
         EXPECT_EQ(parse(minimalHeader().timeBase(numerator, denominator)).value().timeBase, timeBase)
             << numerator << "/" << denominator;
@@ -93,47 +88,32 @@ TEST(R3DHeader, TimeBaseNeedsAKnownDenominatorAndARateStrictlyBetweenOneAnd500) 
     EXPECT_FALSE(noBlock.timeBase || noBlock.width || noBlock.height);
 }
 
+// A record of the wrong type clears its field (and an earlier good value); the last of a tag wins,
+// an empty text at the end clearing the field.
 TEST(R3DHeader, AWrongRecordTypeClearsItsFieldAndTheLastOfATagWins) {
-    const auto wrongType = parse(minimalHeader()
-                                     .text(kModel, "BODY")
-                                     .int32(kModel, 7)
-                                     .text(kSensor, "S35", kFloat)
-                                     .float32(kRecordFrameRate, 50, kInt)
-                                     .text(kSidecarWAV, "A.WAV")
-                                     .float32(kAudioSampleRate, 48000));
-    EXPECT_EQ(wrongType.value().sidecarWAV, "A.WAV");
-    EXPECT_FALSE(wrongType->model || wrongType->sensor || wrongType->audioSampleRate);
-    EXPECT_FALSE(wrongType->recordFrameRate) << "the earlier good rate is cleared too";
-
-    const auto twice = parse(minimalHeader()
-                                 .text(kModel, "FIRST")
-                                 .text(kModel, "SECOND")
-                                 .text(kSensor, "S35")
-                                 .text(kSensor, "")
-                                 .float32(kRecordFrameRate, 59.94f)
-                                 .int32(kAudioSampleRate, 48000)
-                                 .int32(kAudioSampleRate, 96000, kIntAlt));
-    EXPECT_EQ(twice.value().model, "SECOND");
-    EXPECT_FALSE(twice->sensor) << "an empty text at the end clears the field";
-    EXPECT_EQ(twice->recordFrameRate, static_cast<double>(59.94f));
-    EXPECT_EQ(twice->audioSampleRate, 96000);
+    const auto meta = parse(minimalHeader()
+                                .text(kModel, "BODY")
+                                .int32(kModel, 7)
+                                .text(kSensor, "S35", kFloat)
+                                .float32(kRecordFrameRate, 50, kInt)
+                                .text(kSidecarWAV, "FIRST.WAV")
+                                .text(kSidecarWAV, "A.WAV")
+                                .text(kReelFirst, "A001")
+                                .text(kReelFirst, "")
+                                .int32(kAudioSampleRate, 48000)
+                                .int32(kAudioSampleRate, 96000, kIntAlt));
+    EXPECT_EQ(meta.value().sidecarWAV, "A.WAV");
+    EXPECT_FALSE(meta->model || meta->sensor || meta->recordFrameRate || meta->reel);
+    EXPECT_EQ(meta->audioSampleRate, 96000);
 }
 
 TEST(R3DHeader, ReelJoinsBothHalvesInTagOrderAndTextEndsAtItsFirstZero) {
     const auto reel = [](R3DHeaderBuilder b) { return parse(b).value().reel; };
-    EXPECT_EQ(reel(minimalHeader().text(kReelFirst, "A001").text(kReelSecond, "_01")), "A001_01");
     EXPECT_EQ(reel(minimalHeader().text(kReelSecond, "_01").text(kReelFirst, "A001")), "A001_01");
     EXPECT_FALSE(reel(minimalHeader().text(kReelFirst, "A001")));
     EXPECT_FALSE(reel(minimalHeader().text(kReelFirst, "A001").text(kReelSecond, "")));
-
-    const auto model = [](std::vector<std::uint8_t> payload) {
-        return parse(minimalHeader().record(kText, kModel, payload)).value().model;
-    };
-    EXPECT_EQ(model({'A', 'B', 0, 'C', 'D'}), "AB");
-    EXPECT_EQ(model({'N', 'O', ' ', 'Z', 'E', 'R', 'O'}), "NO ZERO");
-    EXPECT_EQ(model({'c', 'a', 'f', 0xC3, 0xA9}), "caf\xC3\xA9");
-    EXPECT_EQ(model({'A', 0xFF, 'B'}), "A\xEF\xBF\xBD"
-                                       "B");
+    // Valid text, whatever the bytes, is the fuzzer's to check.
+    EXPECT_EQ(parse(minimalHeader().record(kText, kModel, {'A', 'B', 0, 'C', 'D'})).value().model, "AB");
 }
 
 TEST(R3DHeader, RecordsNeedEightInARowFromAStartBefore512AndTheLongestRunWins) {
@@ -154,18 +134,4 @@ TEST(R3DHeader, RecordsNeedEightInARowFromAStartBefore512AndTheLongestRunWins) {
         b.text(kModel, "EARLY").filler(first).raw({0, 0, 0, 0}).text(kModel, "LATE").filler(second);
         EXPECT_EQ(parse(b).value().model, expected) << first << " then " << second;
     }
-}
-
-TEST(R3DHeader, UnreadablePathsGiveNothing) {
-    TempDir tmp;
-    std::vector<Url> unreadable{Url::fromPath(tmp / "missing.R3D"), Url::fromPath(tmp.dir("folder.R3D")),
-                                Url()};
-    // Permissions don't bind the superuser.
-    if (::geteuid() != 0) {
-        std::filesystem::permissions(typicalR3DHeader().write(tmp / "locked.R3D"),
-                                     std::filesystem::perms::none);
-        unreadable.push_back(Url::fromPath(tmp / "locked.R3D"));
-    }
-    for (const auto& url : unreadable)
-        EXPECT_FALSE(R3DHeader::read(url)) << url.path();
 }

@@ -5,9 +5,6 @@
 // them. All numbers big-endian: a 32-bit total size at 0, the magic "RED2" at 4, the "rdi" block
 // at 16 (+8 width, +12 height, +18 16-bit denominator, +20 32-bit numerator), and the records
 // from 64, then zeros up to at least 256 bytes.
-//
-//   R3DHeaderBuilder().float32(r3dtag::kRecordFrameRate, 25).text(r3dtag::kModel, "X").filler(6).bytes();
-//   typicalR3DHeader("A001_C001.WAV").write(dir / "A001_C001_001.R3D");
 
 #include <algorithm>
 #include <bit>
@@ -17,6 +14,8 @@
 #include <fstream>
 #include <string>
 #include <string_view>
+#include <tuple>
+#include <utility>
 #include <vector>
 
 namespace trelvane::test {
@@ -39,17 +38,14 @@ class R3DHeaderBuilder {
     using Bytes = std::vector<std::uint8_t>;
 
     R3DHeaderBuilder& frameSize(std::uint32_t width, std::uint32_t height) {
-        width_ = width;
-        height_ = height;
+        std::tie(width_, height_) = std::pair(width, height);
         return *this;
     }
     // The time base as the camera stores it: 24000 / 1001 is 23.976.
     R3DHeaderBuilder& timeBase(std::uint32_t numerator, std::uint16_t denominator) {
-        numerator_ = numerator;
-        denominator_ = denominator;
+        std::tie(numerator_, denominator_) = std::pair(numerator, denominator);
         return *this;
     }
-    // A record with its size field computed: 4 + payload bytes.
     R3DHeaderBuilder& record(std::uint8_t type, std::uint8_t tag, const Bytes& payload) {
         const std::size_t size = 4 + payload.size();
         raw({static_cast<std::uint8_t>(size >> 8), static_cast<std::uint8_t>(size), type, tag});
@@ -73,7 +69,6 @@ class R3DHeaderBuilder {
             int32(r3dtag::kUnused, static_cast<std::uint32_t>(i));
         return *this;
     }
-    // Bytes added to the record area as they are.
     R3DHeaderBuilder& raw(const Bytes& bytes) {
         records_.insert(records_.end(), bytes.begin(), bytes.end());
         return *this;
@@ -92,7 +87,6 @@ class R3DHeaderBuilder {
         put(out, kRecordsOffset, records_);
         return out;
     }
-    // Writes the bytes, making the parent folders; returns the path.
     std::filesystem::path write(const std::filesystem::path& path) const {
         std::filesystem::create_directories(path.parent_path());
         const auto b = bytes();
@@ -124,11 +118,8 @@ inline R3DHeaderBuilder typicalR3DHeader(std::string_view sidecarWAV = "A001_C00
     R3DHeaderBuilder b;
     b.float32(kRecordFrameRate, 23.976f).text(kModel, "RED TEST BODY").text(kSensor, "TEST 6K S35");
     b.text(kEdgeTimecode, "01:00:00:00").text(kTodTimecode, "14:03:27:12").text(kBodySerial, "T0001");
-    b.text(kMediaSerial, "M0042")
-        .text(kReelFirst, "A001")
-        .text(kReelSecond, "_0101AB")
-        .text(kClipNumber, "001");
-    b.text(kFirmware, "1.2.3").int32(kAudioSampleRate, 48000);
+    b.text(kMediaSerial, "M0042").text(kReelFirst, "A001").text(kReelSecond, "_0101AB");
+    b.text(kClipNumber, "001").text(kFirmware, "1.2.3").int32(kAudioSampleRate, 48000);
     if (!sidecarWAV.empty()) b.text(kSidecarWAV, sidecarWAV);
     if (!ownFilename.empty()) b.text(kOwnFilename, ownFilename);
     return b;

