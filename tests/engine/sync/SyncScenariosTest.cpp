@@ -3,56 +3,15 @@
 // reference of takes together, the fallbacks of a camera chain, and the whole-pool probe of a track.
 // Each asserts where the clips land against the truth it was built from, and how far they are
 // trusted, so that a pass that misplaces a clip or calls a guess proved fails here.
-#include "TestSupport.hpp"
 #include "engine/sync/SyncFixtures.hpp"
 
-#include "TrelvaneEngine/sync/SyncEngine.hpp"
-
-#include <gtest/gtest.h>
-
 #include <cmath>
-#include <iostream>
 #include <numbers>
 
 namespace trelvane::test {
 namespace {
 
 constexpr double kFrame = 1.0 / kFps;
-
-struct Expect {
-    const char* clip;
-    double at; // timeline position, seconds
-    SyncStatus status;
-};
-
-struct Shoot {
-    std::vector<TrackSource> tracks;
-    LogCapture log;
-    // The engine's log, shown when the test fails: it says how each clip was placed.
-    ~Shoot() {
-        if (::testing::Test::HasFailure())
-            for (const auto& line : log.lines())
-                std::cerr << line << '\n';
-    }
-
-    ClipItem& clip(const std::string& name) {
-        for (auto& t : tracks)
-            for (auto& c : t.clips)
-                if (c.url.baseName() == name) return c;
-        throw std::runtime_error("no clip " + name);
-    }
-    // Runs the sync and checks every expectation.
-    std::vector<TrackSource> run(const std::vector<Expect>& expected) {
-        auto out = SyncEngine::synchronise(tracks, nullptr, nullptr, {}, 2);
-        tracks = out;
-        for (const auto& e : expected) {
-            const ClipItem& c = clip(e.clip);
-            EXPECT_NEAR(c.startOffset, e.at, kFrame) << e.clip;
-            EXPECT_EQ(c.syncStatus, e.status) << e.clip;
-        }
-        return out;
-    }
-};
 
 // `f` with a steady hum (a sine of `level` on every band, period 3.2 s) over frames [from, to),
 // normalised again: a pulse that correlates with itself at every period.
@@ -62,11 +21,6 @@ void addHum(SpectralBands::Feature& f, int from, int to, float level) {
             band[t] += level * static_cast<float>(std::sin(2 * std::numbers::pi * t / 80.0));
         band = SpectralBands::zscore(band);
     }
-}
-
-ClipSpec clocked(const std::string& name, double start, double dur, double clock,
-                 ClockQuality q = ClockQuality::embedded) {
-    return {name, start, dur, true, clock, q};
 }
 
 TEST(SyncScenarios, ALongBackupTiesTheTakesAndCalibratesOnlyTakesTwoWindowsAgreeOn) {
