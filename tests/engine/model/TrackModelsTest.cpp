@@ -24,7 +24,7 @@ TEST(TrackModels, FrameRatesSnapToTheNearestEditingRateTheLowerOnATie) {
         EXPECT_FLOAT_EQ(standardFrameRate(fps), rate) << fps;
 }
 
-TEST(TrackModels, SubtitleCountsClipsAndNamesTheFirstPicturesExtension) {
+TEST(TrackModels, SubtitleNamesThePicturesExtensionAndPictureDurationPrefersFrames) {
     TrackSource t;
     EXPECT_EQ(t.subtitle(), "0 clips  ·  ");
     t.clips.push_back(clipAt("/s/rec/take.wav", 10));
@@ -32,9 +32,8 @@ TEST(TrackModels, SubtitleCountsClipsAndNamesTheFirstPicturesExtension) {
     t.clips.front().pictureURL = Url::fromPath("/s/A001.RDC/A001_C001_001.r3d");
     t.clips.push_back(clipAt("/s/rec/take2.wav", 10));
     EXPECT_EQ(t.subtitle(), "2 clips  ·  R3D");
-}
 
-TEST(TrackModels, PictureDurationPrefersFramesThenTrimsTheSidecar) {
+    // A picture's duration prefers its frames, then trims the sidecar's.
     ClipItem c = clipAt("/a.wav", 0.4);
     EXPECT_DOUBLE_EQ(c.pictureDuration(), 0.4);
     c.pictureURL = Url::fromPath("/a.r3d");
@@ -110,7 +109,7 @@ TEST(TrackModels, TimeRangeHintNeedsBothDatesOrAnOverride) {
     EXPECT_EQ(p.timeRangeHint(), "text-sync day 2");
 }
 
-TEST(TrackModels, RawCodesRoundTripAndUnknownCodesGiveNothing) {
+TEST(TrackModels, RawCodesRoundTripUnknownCodesGiveNothingAndErrorsQuoteTheFile) {
     EXPECT_EQ(rawValue(SyncStatus::weak), "weak");
     EXPECT_EQ(syncStatusFromRaw("failed"), SyncStatus::failed);
     EXPECT_EQ(syncStatusFromRaw("Failed"), std::nullopt);
@@ -120,9 +119,7 @@ TEST(TrackModels, RawCodesRoundTripAndUnknownCodesGiveNothing) {
     EXPECT_EQ(clockQualityFromRaw(3), ClockQuality::filename);
     EXPECT_EQ(clockQualityFromRaw(5), std::nullopt);
     EXPECT_LT(ClockQuality::asset, ClockQuality::filename);
-}
-
-TEST(TrackModels, ErrorDescriptionsQuoteTheFileName) {
+    // Error descriptions quote the file name.
     EXPECT_EQ(TrelvaneError::noAudioTrack("a.mov").description(), "No audio track in \"a.mov\"");
     EXPECT_EQ(TrelvaneError::silentAudio("b.wav").description(),
               "Audio track in \"b.wav\" is silent (muted)");

@@ -8,6 +8,7 @@
 #include <cmath>
 #include <map>
 #include <string>
+#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -29,28 +30,18 @@ struct Track {
     std::vector<std::optional<Date>> dates;
     std::map<int, double> posOf;
     std::vector<int> anchors;
-
-    struct Written {
-        int k;
-        double pos;
-        Placement placement;
-    };
-    std::vector<Written> written;
-
-    explicit Track(std::vector<double> d) : durs(std::move(d)), dates(durs.size()) {}
+    std::vector<std::tuple<int, double, Placement>> written;
 
     LayoutCounts run(double base = 0) {
         return layoutChain(
             anchors, posOf, [this](int k) { return durs[static_cast<std::size_t>(k)]; },
             [this](int k) { return dates[static_cast<std::size_t>(k)]; },
-            [this](int k, double pos, Placement p) {
-                written.push_back({k, pos, p});
-            },
-            base, static_cast<int>(durs.size()));
+            [this](int k, double pos, Placement p) { written.emplace_back(k, pos, p); }, base,
+            static_cast<int>(durs.size()));
     }
-    const Written& of(int k) const {
-        for (const auto& w : written)
-            if (w.k == k) return w;
+    std::pair<double, Placement> of(int k) const {
+        for (const auto& [clip, pos, placement] : written)
+            if (clip == k) return {pos, placement};
         throw std::out_of_range("clip not written");
     }
 };
@@ -118,19 +109,19 @@ TEST(ChainLayout, FreeClipsFollowTheirClocksFromTheAnchorsOrSpreadOverTheRoom) {
         {'m', Placement::matched}, {'c', Placement::clock}, {'i', Placement::interp}};
     for (const auto& cs : cases) {
         const auto n = cs.pos.size();
-        Track t(cs.durs.empty() ? std::vector<double>(n, 10.0) : cs.durs);
+        Track t{cs.durs.empty() ? std::vector<double>(n, 10.0) : cs.durs, {}, cs.anchors, {}, {}};
+        t.dates.resize(n);
         for (std::size_t k = 0; k < n; ++k)
             if (!std::isnan(cs.clocks[k])) t.dates[k] = at(cs.clocks[k]);
-        t.posOf = cs.anchors;
         for (const auto& anchor : cs.anchors)
             t.anchors.push_back(anchor.first);
         LogCapture log;
         const auto counts = t.run(cs.base);
         ASSERT_EQ(t.written.size(), n) << cs.what;
         for (std::size_t k = 0; k < n; ++k) {
-            EXPECT_NEAR(t.of(static_cast<int>(k)).pos, cs.pos[k], 1e-5) << cs.what << " " << k;
-            EXPECT_EQ(t.of(static_cast<int>(k)).placement, placementOf.at(cs.placement[k]))
-                << cs.what << " " << k;
+            const auto [pos, placement] = t.of(static_cast<int>(k));
+            EXPECT_NEAR(pos, cs.pos[k], 1e-5) << cs.what << " " << k;
+            EXPECT_EQ(placement, placementOf.at(cs.placement[k])) << cs.what << " " << k;
         }
         EXPECT_EQ(counts.byClock, std::ranges::count(cs.placement, 'c')) << cs.what;
         EXPECT_EQ(counts.byInterp, std::ranges::count(cs.placement, 'i')) << cs.what;
@@ -139,13 +130,11 @@ TEST(ChainLayout, FreeClipsFollowTheirClocksFromTheAnchorsOrSpreadOverTheRoom) {
             << cs.what;
     }
     // The head is written before the anchors; anchors that name no clip are ignored.
-    Track t({10, 10});
-    t.anchors = {5, -1, 1};
-    t.posOf = {{1, 50.0}, {5, 0.0}};
+    Track t{{10, 10}, std::vector<std::optional<Date>>(2), {{1, 50.0}, {5, 0.0}}, {5, -1, 1}, {}};
     t.run();
     ASSERT_EQ(t.written.size(), 2u);
-    EXPECT_EQ(t.written.front().k, 0);
-    EXPECT_EQ(t.of(0).pos, 40.0);
+    EXPECT_EQ(std::get<0>(t.written.front()), 0);
+    EXPECT_EQ(t.of(0).first, 40.0);
 }
 
 TEST(ChainLayout, NeighbourNoteNamesTheNearestAnchors) {
