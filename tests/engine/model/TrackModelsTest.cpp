@@ -17,14 +17,13 @@ ClipItem clipAt(const std::string& path, double duration) {
 
 } // namespace
 
-TEST(TrackModels, FrameRatesSnapToTheNearestEditingRateTheLowerOnATie) {
+TEST(TrackModels, FrameRatesSnapToTheNearestEditingRateSubtitleAndPictureDuration) {
     const std::pair<float, float> cases[] = {{24.5f, 24.0f}, {29.96f, 29.97f}, {0.0f, 23.976f},
                                              {27.0f, 25.0f}, {1000.0f, 60.0f}, {59.0f, 59.94f}};
     for (const auto& [fps, rate] : cases)
         EXPECT_FLOAT_EQ(standardFrameRate(fps), rate) << fps;
-}
 
-TEST(TrackModels, SubtitleNamesThePicturesExtensionAndPictureDurationPrefersFrames) {
+    // A track's subtitle counts its clips and names the first picture's extension.
     TrackSource t;
     EXPECT_EQ(t.subtitle(), "0 clips  ·  ");
     t.clips.push_back(clipAt("/s/rec/take.wav", 10));
@@ -99,7 +98,7 @@ TEST(TrackModels, ExplanationAppendsScoreNoteAndTimecodeWhereThePassAllows) {
     EXPECT_EQ(c.placementExplanation(), "Audio track is silent — placed by clock or between neighbours");
 }
 
-TEST(TrackModels, TimeRangeHintNeedsBothDatesOrAnOverride) {
+TEST(TrackModels, TimeRangeHintNeedsBothDatesOrAnOverrideRawCodesAndErrorTexts) {
     DayRegionProposal p;
     p.startDate = dateFromUnixSeconds(1'700'000'000);
     EXPECT_EQ(p.timeRangeHint(), "time unknown");
@@ -107,9 +106,8 @@ TEST(TrackModels, TimeRangeHintNeedsBothDatesOrAnOverride) {
     EXPECT_EQ(p.timeRangeHint(), formatClockTime(*p.startDate) + " – " + formatClockTime(*p.endDate));
     p.rangeOverride = "text-sync day 2";
     EXPECT_EQ(p.timeRangeHint(), "text-sync day 2");
-}
 
-TEST(TrackModels, RawCodesRoundTripUnknownCodesGiveNothingAndErrorsQuoteTheFile) {
+    // Raw codes round-trip; unknown ones give nothing. Error descriptions quote the file name.
     EXPECT_EQ(rawValue(SyncStatus::weak), "weak");
     EXPECT_EQ(syncStatusFromRaw("failed"), SyncStatus::failed);
     EXPECT_EQ(syncStatusFromRaw("Failed"), std::nullopt);

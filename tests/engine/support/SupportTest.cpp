@@ -33,7 +33,7 @@ TEST(Support, NaturalOrderComparesDigitRunsByValueAndIgnoresCase) {
     }
 }
 
-TEST(Support, UrlsAreAbsoluteNormalisedValues) {
+TEST(Support, UrlsAreAbsoluteNormalisedValuesAndDatesKeepMilliseconds) {
     const Url u = Url::fromPath("/shoot/./cam/../cam/C0001.MP4");
     EXPECT_EQ(u.path(), "/shoot/cam/C0001.MP4");
     EXPECT_EQ(u.pathExtension(), "MP4");
@@ -47,6 +47,15 @@ TEST(Support, UrlsAreAbsoluteNormalisedValues) {
     EXPECT_EQ(Url::fromPath("/").deletingLastPathComponent().path(), "/");
     EXPECT_EQ(Url::fromPath("/a").deletingLastPathComponent().path(), "/");
     EXPECT_TRUE(Url::fromPath("relative/x.wav").path().starts_with("/"));
+
+    // Dates keep their milliseconds and print their offset.
+    const Date d = dateFromUnixSeconds(1'718'390'096.789);
+    EXPECT_NEAR(unixSeconds(d), 1'718'390'096.789, 1e-6);
+    EXPECT_EQ(iso8601UTC(d), "2024-06-14T18:34:56.789Z");
+    const std::regex local(R"(^\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.789[+-]\d\d:\d\d$)");
+    EXPECT_TRUE(std::regex_match(iso8601(d), local)) << iso8601(d);
+    const std::regex clock(R"(^(1[0-2]|[1-9]):[0-5]\d (AM|PM)$)");
+    EXPECT_TRUE(std::regex_match(formatClockTime(d), clock)) << formatClockTime(d);
 }
 
 // Random ones are version 4; named ones version 8, the same for the same text only.
@@ -85,16 +94,6 @@ TEST(Support, RequestedWorkersAreAWholeNumberFromOneTo256) {
         const trelvane::test::ScopedEnv env("TRELVANE_WORKERS", text);
         EXPECT_EQ(WorkerWindow::requestedWorkers(), std::nullopt) << text.value_or("(unset)");
     }
-}
-
-TEST(Support, DatesKeepMillisecondsAndPrintTheirOffset) {
-    const Date d = dateFromUnixSeconds(1'718'390'096.789);
-    EXPECT_NEAR(unixSeconds(d), 1'718'390'096.789, 1e-6);
-    EXPECT_EQ(iso8601UTC(d), "2024-06-14T18:34:56.789Z");
-    const std::regex local(R"(^\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.789[+-]\d\d:\d\d$)");
-    EXPECT_TRUE(std::regex_match(iso8601(d), local)) << iso8601(d);
-    const std::regex clock(R"(^(1[0-2]|[1-9]):[0-5]\d (AM|PM)$)");
-    EXPECT_TRUE(std::regex_match(formatClockTime(d), clock)) << formatClockTime(d);
 }
 
 TEST(Support, WorkerWindowKeepsAtMostNInFlightRunsEveryJobOnceAndStartsNoneAfterAStop) {

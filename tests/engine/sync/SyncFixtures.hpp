@@ -14,7 +14,6 @@
 
 #include <gtest/gtest.h>
 
-#include <chrono>
 #include <iostream>
 #include <stdexcept>
 #include <string>
@@ -22,11 +21,9 @@
 
 namespace trelvane::test {
 
-inline Date dateAt(double secondsAfterEpoch) {
-    // 2025-06-14 19:30:00 UTC, as a fixed start of the performance.
-    const auto epoch = std::chrono::sys_seconds{std::chrono::seconds{1749929400}};
-    return std::chrono::time_point_cast<std::chrono::microseconds>(epoch) +
-           std::chrono::microseconds(static_cast<long long>(secondsAfterEpoch * 1e6));
+// 2025-06-14 19:30:00 UTC, as a fixed start of the performance, and `seconds` after it.
+inline Date dateAt(double seconds) {
+    return dateFromUnixSeconds(1'749'929'400.0 + seconds);
 }
 
 struct ClipSpec {
