@@ -14,20 +14,16 @@
 using namespace trelvane;
 
 TEST(Support, NaturalOrderComparesDigitRunsByValueAndIgnoresCase) {
-    for (const auto& [a, b] : std::initializer_list<std::pair<const char*, const char*>>{
-             {"A_2", "A_10"},
-             {"clip9", "CLIP10"},
-             {"a", "B"},
-             {"x", "x1"},
-             {"C0099", "C0100"},
-             {"99999999999999999999999", "100000000000000000000000"}}) {
+    using P = std::pair<const char*, const char*>;
+    for (const auto& [a, b] :
+         {P{"A_2", "A_10"}, P{"clip9", "CLIP10"}, P{"a", "B"}, P{"x", "x1"}, P{"C0099", "C0100"},
+          P{"99999999999999999999999", "100000000000000000000000"}}) {
         EXPECT_LT(localizedStandardCompare(a, b), 0) << a << " " << b;
         EXPECT_GT(localizedStandardCompare(b, a), 0) << a << " " << b;
     }
     EXPECT_EQ(localizedStandardCompare("same", "same"), 0);
     // Equivalent but not identical names still get a fixed, antisymmetric order.
-    for (const auto& [a, b] :
-         std::initializer_list<std::pair<const char*, const char*>>{{"Clip", "clip"}, {"A01", "A1"}}) {
+    for (const auto& [a, b] : {P{"Clip", "clip"}, P{"A01", "A1"}}) {
         EXPECT_NE(localizedStandardCompare(a, b), 0) << a;
         EXPECT_EQ(localizedStandardCompare(a, b), -localizedStandardCompare(b, a)) << a;
     }

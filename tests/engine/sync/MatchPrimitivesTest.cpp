@@ -171,11 +171,9 @@ TEST(MatchPrimitives, MultiWindowMatchBelievesALoneVoteOnlyWhenAllowedAndStrong)
 }
 
 TEST(MatchPrimitives, ClockWindowComesFromTextSyncOrATrustedClockAndNarrowsTheSearch) {
-    TrackSource audio;
-    audio.type = SourceType::audio;
-    TrackSource synced = audio;
+    TrackSource audio, synced, video;
+    audio.type = synced.type = SourceType::audio;
     synced.textSyncOffsetByPeer["Ref"] = 20.0;
-    TrackSource video = audio;
     video.type = SourceType::video;
     const PriorContext context{"Ref", false, at(0.0), 50.0}, asReference{"Ref", true, at(0.0), 50.0},
         noEpoch{"Ref", false, std::nullopt, 50.0};
@@ -275,24 +273,16 @@ TEST(MatchPrimitives, TimecodePutsAClipAgainstTheTimecodedSpans) {
 }
 
 TEST(MatchPrimitives, MeasureOverlapSaysHowFarTheTimelineIsFromTheSound) {
-    // b truly starts 60 s after a; the timeline puts it at `placed`.
+    // b truly starts 60 s after a; the timeline puts it at `placed`, and b must move by `correction`.
     const auto perf = noiseBands(400 * kFps, 21);
     const ClipItem a = clipWith(noisyBands(cutBands(perf, 0, 150 * kFps), 0.6f, 22));
     const ClipItem b = clipWith(noisyBands(cutBands(perf, 60 * kFps, 150 * kFps), 0.6f, 23));
-    struct Case {
-        double placed;
-        double correction; // where b must move; NaN: no measurement worth the weak floor
-    };
-    const double none = std::nan("");
-    for (const Case c : {Case{60.0, 0.0}, Case{61.2, -1.2}, Case{59.5, 0.5}, Case{72.0, -12.0},
-                         Case{130.0, none}, Case{200.0, none}}) {
-        const auto m = measureOverlap(a, 0.0, b, c.placed);
-        if (std::isnan(c.correction)) {
-            // 70 s late leaves 20 s of overlap whose sound lies beyond the reach; 140 s late, no overlap.
-            EXPECT_FALSE(m && m->score >= kWeakFloor) << c.placed;
-            continue;
-        }
-        EXPECT_TRUE(foundAt(m, c.correction, kFrame, kStrongScore)) << c.placed;
+    for (const auto& [placed, correction] : {std::pair{60.0, 0.0}, {61.2, -1.2}, {59.5, 0.5}, {72.0, -12.0}})
+        EXPECT_TRUE(foundAt(measureOverlap(a, 0.0, b, placed), correction, kFrame, kStrongScore)) << placed;
+    // 70 s late leaves 20 s of overlap whose sound lies beyond the reach; 140 s late, no overlap.
+    for (const double placed : {130.0, 200.0}) {
+        const auto m = measureOverlap(a, 0.0, b, placed);
+        EXPECT_FALSE(m && m->score >= kWeakFloor) << placed;
     }
     // Too short an overlap, or a clip without sound, says nothing.
     EXPECT_FALSE(measureOverlap(a, 0.0, b, 142.0));
