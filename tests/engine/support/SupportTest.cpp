@@ -95,7 +95,7 @@ TEST(Support, RequestedWorkersAreAWholeNumberFromOneTo256) {
 TEST(Support, WorkerWindowKeepsAtMostNInFlightRunsEveryJobOnceAndStartsNoneAfterAStop) {
     std::atomic<int> inFlight{0}, peak{0};
     std::vector<std::atomic<int>> runs(20);
-    std::vector<std::size_t> handed;
+    std::vector<int> handed(20);
     WorkerWindow::run<int>(
         3, 20,
         [&](std::size_t i) {
@@ -107,12 +107,11 @@ TEST(Support, WorkerWindowKeepsAtMostNInFlightRunsEveryJobOnceAndStartsNoneAfter
             --inFlight;
             return static_cast<int>(i) * 2;
         },
-        [&](std::size_t i, int r) { handed.push_back(static_cast<std::size_t>(r) / 2 == i ? i : 99); });
+        [&](std::size_t i, int r) { handed[i] += r == static_cast<int>(i) * 2 ? 1 : 100; });
     EXPECT_LE(peak.load(), 3);
-    std::sort(handed.begin(), handed.end());
     for (std::size_t i = 0; i < 20; ++i) {
         EXPECT_EQ(runs[i], 1) << i;
-        EXPECT_EQ(handed.at(i), i) << "each result is handed back once, with its index";
+        EXPECT_EQ(handed[i], 1) << i << ": each result is handed back once, with its index";
     }
 
     std::stop_source stop;

@@ -66,10 +66,8 @@ TEST(ChainLayout, TheLongestChainCoversTheFootageBetweenItsHitsInClipOrder) {
         {"out of order", {{0, 100.0}, {1, 50.0}, {2, 120.0}}, kChainSlack, {0, 2}},
         {"two chains of one: the earlier", {{0, 100.0}, {1, 0.0}}, kChainSlack, {0}},
         {"a later, longer chain", {{0, 500.0}, {1, 0.0}, {2, 10.0}, {3, 20.0}}, kChainSlack, {1, 2, 3}},
-        {"an index beyond the prefix sums chains with nothing",
-         {{0, 0.0}, {9, 50.0}, {2, 40.0}},
-         kChainSlack,
-         {0, 2}},
+        // An index beyond the prefix sums chains with nothing.
+        {"beyond the prefix", {{0, 0.0}, {9, 50.0}, {2, 40.0}}, kChainSlack, {0, 2}},
     };
     for (const auto& c : cases)
         EXPECT_EQ(longestConsistentChain(c.hits, prefix, c.slack), c.chain) << c.what;

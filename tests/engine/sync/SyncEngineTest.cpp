@@ -29,16 +29,14 @@ TEST(SyncEngine, CameraClipsLandWhereTheyWereRecordedAgainstTheRecorder) {
     int calls = 0;
     bool named = true;
     // The earliest clip starts the timeline; the reference keeps its clock's pause.
-    const auto out = s.run({{"C1", 30, SyncStatus::synced},
-                            {"C2", 140, SyncStatus::synced},
-                            {"C3", 390, SyncStatus::synced},
-                            {"C4", 590, SyncStatus::synced}},
-                           2, [&](double f, const std::string& name) {
-                               ++calls;
-                               last = f;
-                               highest = std::max(highest, f);
-                               named = named && !name.empty() && name.find('.') == std::string::npos;
-                           });
+    const auto out =
+        s.run({{"C1", 30, synced}, {"C2", 140, synced}, {"C3", 390, synced}, {"C4", 590, synced}}, 2,
+              [&](double f, const std::string& name) {
+                  ++calls;
+                  last = f;
+                  highest = std::max(highest, f);
+                  named = named && !name.empty() && name.find('.') == std::string::npos;
+              });
     EXPECT_GT(calls, 5);
     EXPECT_LE(highest, 0.999);
     EXPECT_GT(last, 0.5);
@@ -108,7 +106,7 @@ TEST(SyncEngine, ACancelledRunLeavesEveryClipAsItWas) {
     Shoot one(recorderAndCamera());
     one.tracks.resize(1);
     one.tracks[0].clips[0].startOffset = 123;
-    one.run({{"R1", 123, SyncStatus::pending}});
+    one.run({{"R1", 123, pending}});
 }
 
 TEST(SyncEngine, ARegionWithoutAudioTracksTakesTheLongestCameraAsReference) {
@@ -117,10 +115,7 @@ TEST(SyncEngine, ARegionWithoutAudioTracksTakesTheLongestCameraAsReference) {
              makeTrack(perf, "CamB", SourceType::video, {{"B1", 50, 80}, {"B2", 230, 60}}, 0.5f, 51)});
     // Laid end to end, A2 follows A1 at once; B1 matches inside A1. A2's place is a guess that only
     // B2 agrees with, and nothing ties B2 to A1: both stay weak.
-    s.run({{"A1", 0, SyncStatus::synced},
-           {"B1", 40, SyncStatus::synced},
-           {"A2", 100, SyncStatus::weak},
-           {"B2", 130, SyncStatus::weak}});
+    s.run({{"A1", 0, synced}, {"B1", 40, synced}, {"A2", 100, weak}, {"B2", 130, weak}});
     EXPECT_TRUE(s.log.contains("[SyncEngine] region 'default' ref 'CamA' (2 tracks,4 clips) @ base=0"));
     EXPECT_TRUE(s.log.contains("[SyncEngine]  ref 'CamA' has no full clock — laid end to end"));
 }
@@ -229,7 +224,7 @@ TEST(SyncEngine, AChannelTrackMirrorsItsLeaderUnlessItsSoundDisagrees) {
     sources.push_back(channel);
     sources.push_back(stranger);
     Shoot s(sources);
-    const auto out = s.run({{"S1", 490, SyncStatus::synced}});
+    const auto out = s.run({{"S1", 490, synced}});
     for (int i = 0; i < 2; ++i) {
         EXPECT_EQ(out[2].clips[i].startOffset, out[0].clips[i].startOffset);
         EXPECT_EQ(out[2].clips[i].placementPass, "sibling-ref");
@@ -247,10 +242,9 @@ TEST(SyncEngine, CamerasTheBackboneCannotProveWaitForTheRecorders) {
     // clocks; the recorder, held out meanwhile, hears the whole show. Placed at once, their later
     // clips would keep their wrong clocks; waiting, they are proved against the recorder.
     const auto& perf = performance();
-    std::vector<ClipSpec> refClips;
-    for (const auto& [start, length] :
-         {std::pair{10.0, 60.0}, {80.0, 60.0}, {150.0, 120.0}, {280.0, 60.0}, {350.0, 60.0}})
-        refClips.push_back(clocked("C" + std::to_string(static_cast<int>(start)), start, length, start));
+    const std::vector<ClipSpec> refClips{clocked("C10", 10, 60, 10), clocked("C80", 80, 60, 80),
+                                         clocked("C150", 150, 120, 150), clocked("C280", 280, 60, 280),
+                                         clocked("C350", 350, 60, 350)};
     auto camera = [&](const std::string& name, std::vector<double> starts, unsigned seed) {
         std::vector<ClipSpec> clips;
         for (const double start : starts)

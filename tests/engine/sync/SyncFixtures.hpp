@@ -78,6 +78,8 @@ template <typename Tracks> auto& clipNamed(Tracks& tracks, const std::string& ba
     throw std::runtime_error("no clip " + baseName);
 }
 
+inline constexpr auto synced = SyncStatus::synced, weak = SyncStatus::weak, pending = SyncStatus::pending;
+
 struct Expect {
     const char* clip;
     double at; // timeline position, seconds

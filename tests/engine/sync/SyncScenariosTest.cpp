@@ -34,11 +34,11 @@ TEST(SyncScenarios, ALongBackupTiesTheTakesAndCalibratesOnlyTakesTwoWindowsAgree
                            clocked("T3", 1250, 300, 1250), clocked("T4", 1780, 300, 1783)},
                           0.4f, 11),
                 makeTrack(perf, "Backup", SourceType::audio, {clocked("B", 0, 1870, 2 * 86400.0)}, 0.4f, 21)};
-    s.run({{"B", 0, SyncStatus::synced},
-           {"T1", 100, SyncStatus::synced},
-           {"T2", 900, SyncStatus::synced},
-           {"T3", 1250, SyncStatus::synced},
-           {"T4", 1783, SyncStatus::weak}});
+    s.run({{"B", 0, synced},
+           {"T1", 100, synced},
+           {"T2", 900, synced},
+           {"T3", 1250, synced},
+           {"T4", 1783, weak}});
     EXPECT_EQ(s.log.countStartingWith("[SyncEngine]  long-backup 'Backup' clock disagreed with the ref"), 1);
     EXPECT_EQ(s.log.countStartingWith("[SyncEngine]  ref 'Takes' take 2/4 calibrated -"), 1);
     int calibrated = 0;
@@ -64,11 +64,11 @@ TEST(SyncScenarios, ALongTakeTheChainCannotFindIsRescuedOnceAShortClipNarrowsIts
     addHum(*s.clip("R1").bandFeature, 880 * kFps, 1000 * kFps, 6.0f);
     auto& k = *s.clip("K").bandFeature;
     addHum(k, 0, k.frames, 1.5f);
-    s.run({{"R1", 0, SyncStatus::synced},
-           {"C0", 450, SyncStatus::synced},
-           {"K", 512, SyncStatus::synced},
-           {"J", 870, SyncStatus::synced},
-           {"C3", 1000, SyncStatus::synced}});
+    s.run({{"R1", 0, synced},
+           {"C0", 450, synced},
+           {"K", 512, synced},
+           {"J", 870, synced},
+           {"C3", 1000, synced}});
     EXPECT_EQ(s.log.countStartingWith("[SyncEngine]  long rescue 'K' @ 512.0s"), 1);
 }
 
@@ -87,7 +87,7 @@ TEST(SyncScenarios, TwoCamerasThePoolNeverHeardStayTogetherButWeak) {
                           {cam("A1", 300, 100), cam("A2", 420, 100), cam("A3", 600, 100)}, 0.6f, 61),
                 makeTrack(perf, "CardB", SourceType::video, {cam("B2", 430, 80, 3605)}, 0.6f, 71)};
     s.tracks[1].cameraGroup = s.tracks[2].cameraGroup = "cam-0";
-    s.run({{"R1", 0, SyncStatus::synced}, {"A1", 300, SyncStatus::synced}, {"A3", 600, SyncStatus::synced}});
+    s.run({{"R1", 0, synced}, {"A1", 300, synced}, {"A3", 600, synced}});
     const ClipItem &a2 = s.clip("A2"), &b2 = s.clip("B2");
     EXPECT_NEAR(b2.startOffset - a2.startOffset, 10.0, kFrame);
     EXPECT_GE(a2.startOffset, 400.0);
@@ -107,7 +107,7 @@ TEST(SyncScenarios, TheWholePoolProbeFindsAClipItsClockAndItsWholeSoundBothMiss)
                           {clocked("R1", 0, 300, 0), clocked("R2", 400, 250, 400)}, 0.3f, 81),
                 makeTrack(perf, "Lav", SourceType::audio,
                           {clocked("L1", 100, 150, 100), clocked("L2", 400, 250, 2400)}, 0.4f, 91)};
-    s.run({{"L1", 100, SyncStatus::synced}, {"L2", 400, SyncStatus::synced}});
+    s.run({{"L1", 100, synced}, {"L2", 400, synced}});
     EXPECT_EQ(s.log.countStartingWith("[SyncEngine]  'L2' found by whole-pool probe @ 400.0s"), 1);
 }
 
