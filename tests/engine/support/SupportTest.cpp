@@ -79,20 +79,7 @@ TEST(Support, UuidsAreCanonicalRoundTripAndNamedOnesFollowTheirText) {
     EXPECT_TRUE(Uuid().isNil());
 }
 
-// The variable sets the worker count only when it holds a usable whole number.
-TEST(Support, RequestedWorkersAreAWholeNumberFromOneTo256) {
-    for (const auto* text : {"1", "8", "256"}) {
-        const trelvane::test::ScopedEnv env("TRELVANE_WORKERS", text);
-        EXPECT_EQ(WorkerWindow::requestedWorkers(), std::stoi(text)) << text;
-    }
-    for (const std::optional<std::string>& text :
-         {std::optional<std::string>{}, {""}, {"0"}, {"257"}, {"-2"}, {"4x"}, {" 4"}, {"99999999999"}}) {
-        const trelvane::test::ScopedEnv env("TRELVANE_WORKERS", text);
-        EXPECT_EQ(WorkerWindow::requestedWorkers(), std::nullopt) << text.value_or("(unset)");
-    }
-}
-
-TEST(Support, WorkerWindowKeepsAtMostNInFlightRunsEveryJobOnceAndStartsNoneAfterAStop) {
+TEST(Support, WorkerWindowKeepsAtMostNInFlightRunsEachJobOnceStopsAndReadsItsSize) {
     std::atomic<int> inFlight{0}, peak{0};
     std::vector<std::atomic<int>> runs(20);
     std::vector<int> handed(20);
@@ -124,4 +111,15 @@ TEST(Support, WorkerWindowKeepsAtMostNInFlightRunsEveryJobOnceAndStartsNoneAfter
         },
         stop.get_token());
     EXPECT_LE(ran, 2) << "no job starts after a stop";
+
+    // The variable sets the worker count only when it holds a usable whole number.
+    for (const auto* text : {"1", "8", "256"}) {
+        const trelvane::test::ScopedEnv env("TRELVANE_WORKERS", text);
+        EXPECT_EQ(WorkerWindow::requestedWorkers(), std::stoi(text)) << text;
+    }
+    for (const std::optional<std::string>& text :
+         {std::optional<std::string>{}, {""}, {"0"}, {"257"}, {"-2"}, {"4x"}, {" 4"}, {"99999999999"}}) {
+        const trelvane::test::ScopedEnv env("TRELVANE_WORKERS", text);
+        EXPECT_EQ(WorkerWindow::requestedWorkers(), std::nullopt) << text.value_or("(unset)");
+    }
 }

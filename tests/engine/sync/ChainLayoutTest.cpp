@@ -73,7 +73,7 @@ TEST(ChainLayout, TheLongestChainCoversTheFootageBetweenItsHitsInClipOrder) {
         EXPECT_EQ(longestConsistentChain(c.hits, prefix, c.slack), c.chain) << c.what;
 }
 
-TEST(ChainLayout, FreeClipsFollowTheirClocksFromTheAnchorsOrSpreadOverTheRoom) {
+TEST(ChainLayout, FreeClipsFollowTheirClocksFromTheAnchorsOrSpreadOverTheRoomNamingTheAnchors) {
     // Clocks are seconds after a fixed date (NaN: undated); placements are m(atched), c(lock), i(nterp).
     const double _ = std::nan(""), gap = (100.0 - 10.0 - 20.0) / 3, s1 = 10 + gap, s2 = 20 + 2 * gap;
     const double week = 100 + kPlausiblePause;
@@ -133,9 +133,8 @@ TEST(ChainLayout, FreeClipsFollowTheirClocksFromTheAnchorsOrSpreadOverTheRoom) {
     ASSERT_EQ(t.written.size(), 2u);
     EXPECT_EQ(std::get<0>(t.written.front()), 0);
     EXPECT_EQ(t.of(0).first, 40.0);
-}
 
-TEST(ChainLayout, NeighbourNoteNamesTheNearestAnchors) {
+    // A free clip's note names the nearest anchors.
     const std::vector<int> anchors{1, 4};
     const std::vector<std::string> names{"A001", "A002", "A003", "A004", "A005", "A006"};
     EXPECT_EQ(neighbourNote(2, anchors, names), "between 'A002' and 'A005'");

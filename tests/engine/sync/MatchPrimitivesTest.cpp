@@ -100,7 +100,7 @@ TEST(MatchPrimitives, BestMatchRefusesWhatItCannotSearch) {
     EXPECT_TRUE(foundAt(bestMatch(unusable, &clip, -kInf, kInf), 60.0, kFrame / 2));
 }
 
-TEST(MatchPrimitives, WindowStartsStayInsideTheClipAndVotesClusterAroundOneVote) {
+TEST(MatchPrimitives, MultiWindowMatchSitsItsWindowsInTheClipAndNeedsTheirVotesToAgree) {
     EXPECT_EQ(windowStart(200.0, 45.0, 0.15), 7.5);
     EXPECT_EQ(windowStart(200.0, 45.0, 0.45), 67.5);
     EXPECT_EQ(windowStart(200.0, 45.0, 0.75), 127.5);
@@ -128,9 +128,7 @@ TEST(MatchPrimitives, WindowStartsStayInsideTheClipAndVotesClusterAroundOneVote)
     EXPECT_TRUE(std::isfinite(weightedMean(cancelling)));
     const std::vector<Vote> silent{{10.0, 0.0f}, {12.0, 0.0f}};
     EXPECT_EQ(weightedMean(silent), 0.0);
-}
 
-TEST(MatchPrimitives, MultiWindowMatchNeedsAgreeingWindowsOrSearchesAShortClipWhole) {
     const auto ref = noiseBands(400 * kFps, 6);
     const std::vector<Span> spans{spanOf(0.0, ref)};
     const auto clip = cutBands(ref, 50 * kFps, 200 * kFps);
