@@ -11,15 +11,10 @@
 
 using namespace trelvane;
 using namespace trelvane::SyncEngine;
-using trelvane::test::cutBands;
-using trelvane::test::joinBands;
-using trelvane::test::kFps;
-using trelvane::test::noiseBands;
-using trelvane::test::noisyBands;
+using namespace trelvane::test;
 
 namespace {
 
-constexpr double kFrame = 1.0 / kFps;
 constexpr double kInf = kUnbounded;
 
 Span spanOf(double off, const SpectralBands::Feature& bands, std::optional<double> startTC = std::nullopt) {
@@ -110,24 +105,22 @@ TEST(MatchPrimitives, MultiWindowMatchSitsItsWindowsInTheClipAndNeedsTheirVotesT
     EXPECT_FALSE(windowStart(10.0, 20.0, 0.45));
     EXPECT_FALSE(windowStart(std::nan(""), 20.0, 0.45));
 
-    const std::vector<Vote> votes{{100.0, 8.0f}, {103.0, 9.0f}, {110.0, 20.0f}};
-    const auto cluster = largestCluster(votes, kVoteTolerance);
+    const auto cluster =
+        largestCluster(std::vector<Vote>{{100.0, 8.0f}, {103.0, 9.0f}, {110.0, 20.0f}}, kVoteTolerance);
     ASSERT_EQ(cluster.size(), 2u);
     EXPECT_EQ(cluster[0].pos, 100.0);
     EXPECT_EQ(cluster[1].pos, 103.0);
     EXPECT_DOUBLE_EQ(weightedMean(cluster), (100.0 * 8 + 103.0 * 9) / 17);
 
     // The tolerance is inclusive, and a later cluster of the same size does not replace the first.
-    const std::vector<Vote> edge{{0.0, 1.0f}, {5.0, 1.0f}, {20.0, 1.0f}, {25.0, 1.0f}};
-    const auto first = largestCluster(edge, 5.0);
+    const auto first =
+        largestCluster(std::vector<Vote>{{0.0, 1.0f}, {5.0, 1.0f}, {20.0, 1.0f}, {25.0, 1.0f}}, 5.0);
     ASSERT_EQ(first.size(), 2u);
     EXPECT_EQ(first[0].pos, 0.0);
     EXPECT_TRUE(largestCluster({}, 5.0).empty());
 
-    const std::vector<Vote> cancelling{{10.0, 1.0f}, {12.0, -1.0f}};
-    EXPECT_TRUE(std::isfinite(weightedMean(cancelling)));
-    const std::vector<Vote> silent{{10.0, 0.0f}, {12.0, 0.0f}};
-    EXPECT_EQ(weightedMean(silent), 0.0);
+    EXPECT_TRUE(std::isfinite(weightedMean(std::vector<Vote>{{10.0, 1.0f}, {12.0, -1.0f}})));
+    EXPECT_EQ(weightedMean(std::vector<Vote>{{10.0, 0.0f}, {12.0, 0.0f}}), 0.0);
 
     const auto ref = noiseBands(400 * kFps, 6);
     const std::vector<Span> spans{spanOf(0.0, ref)};
@@ -149,18 +142,15 @@ TEST(MatchPrimitives, MultiWindowMatchSitsItsWindowsInTheClipAndNeedsTheirVotesT
 }
 
 TEST(MatchPrimitives, MultiWindowMatchBelievesALoneVoteOnlyWhenAllowedAndStrong) {
-    const auto ref = noiseBands(400 * kFps, 8);
-    const std::vector<Span> spans{spanOf(0.0, ref)};
-    // Only the first minute of the clip was heard by the pool; the first window alone lies in it.
-    const auto strong = joinBands(cutBands(ref, 50 * kFps, 60 * kFps), noiseBands(140 * kFps, 9));
-
+    // The pool heard only the first minute of the clip, placed at 50 s; the first window alone lies in it.
+    const auto strong = noiseBands(200 * kFps, 8);
+    const auto heard = cutBands(strong, 0, 60 * kFps);
+    const std::vector<Span> spans{spanOf(50.0, heard)};
     EXPECT_FALSE(multiWindowMatch(&strong, 200.0, -kInf, kInf, spans, false));
     EXPECT_TRUE(foundAt(multiWindowMatch(&strong, 200.0, -kInf, kInf, spans, true), 50.0, kFrame,
                         kSingleStrongWindow));
-
     // The same, heard through noise: the window still finds its place, but not strongly enough.
-    const auto weak =
-        joinBands(noisyBands(cutBands(ref, 50 * kFps, 60 * kFps), 8.0f, 10), noiseBands(140 * kFps, 9));
+    const auto weak = noisyBands(strong, 8.0f, 10);
     const auto window = SpectralBands::slice(weak, 7.5, 45.0).value_or(SpectralBands::Feature{});
     const auto vote = bestMatch(spans, &window, -kInf, kInf);
     ASSERT_TRUE(foundAt(vote, 57.5, kFrame, kStrongScore));

@@ -104,7 +104,7 @@ struct Shoot {
                                  const SyncEngine::Progress& progress = nullptr) {
         tracks = SyncEngine::synchronise(tracks, progress, nullptr, {}, workers);
         for (const auto& e : expected) {
-            EXPECT_NEAR(clip(e.clip).startOffset, e.at, 1.0 / kFps) << e.clip;
+            EXPECT_NEAR(clip(e.clip).startOffset, e.at, kFrame) << e.clip;
             EXPECT_EQ(clip(e.clip).syncStatus, e.status) << e.clip;
         }
         return tracks;

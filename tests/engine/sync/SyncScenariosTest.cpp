@@ -11,8 +11,6 @@
 namespace trelvane::test {
 namespace {
 
-constexpr double kFrame = 1.0 / kFps;
-
 // `f` with a steady hum (a sine of `level` on every band, period 3.2 s) over frames [from, to),
 // normalised again: a pulse that correlates with itself at every period.
 void addHum(SpectralBands::Feature& f, int from, int to, float level) {
