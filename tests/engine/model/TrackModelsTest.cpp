@@ -19,7 +19,7 @@ ClipItem clipAt(const std::string& path, double duration) {
 
 } // namespace
 
-TEST(TrackModels, FrameRatesSnapToTheNearestEditingRateTheLowerOnATie) {
+TEST(TrackModels, FrameRatesSnapToTheNearestEditingRateSubtitleAndPictureDuration) {
     const std::pair<float, float> cases[] = {{24.5f, 24.0f}, {29.96f, 29.97f}, {0.0f, 23.976f},
                                              {27.0f, 25.0f}, {1000.0f, 60.0f}, {59.0f, 59.94f}};
     for (const auto& [fps, rate] : cases)
@@ -61,9 +61,8 @@ TEST(TrackModels, SubtitleCountsClipsAndNamesTheFirstPicturesExtension) {
     t.clips.front().pictureURL = Url::fromPath("/s/A001.RDC/A001_C001_001.r3d");
     t.clips.push_back(clipAt("/s/rec/take2.wav", 10));
     EXPECT_EQ(t.subtitle(), "2 clips  ·  R3D");
-}
 
-TEST(TrackModels, PictureDurationPrefersFramesThenTrimsTheSidecar) {
+    // A picture's duration prefers its frames, then trims the sidecar's.
     ClipItem c = clipAt("/a.wav", 0.4);
     EXPECT_DOUBLE_EQ(c.pictureDuration(), 0.4);
     c.pictureURL = Url::fromPath("/a.r3d");
@@ -130,7 +129,7 @@ TEST(TrackModels, ExplanationAppendsScoreNoteAndTimecodeWhereThePassAllows) {
     EXPECT_EQ(c.placementExplanation(), "Audio track is silent — placed by clock or between neighbours");
 }
 
-TEST(TrackModels, TimeRangeHintNeedsBothDatesOrAnOverride) {
+TEST(TrackModels, TimeRangeHintNeedsBothDatesOrAnOverrideRawCodesAndErrorTexts) {
     DayRegionProposal p;
     p.startDate = dateFromUnixSeconds(1'700'000'000);
     EXPECT_EQ(p.timeRangeHint(), "time unknown");
@@ -138,9 +137,8 @@ TEST(TrackModels, TimeRangeHintNeedsBothDatesOrAnOverride) {
     EXPECT_EQ(p.timeRangeHint(), formatClockTime(*p.startDate) + " – " + formatClockTime(*p.endDate));
     p.rangeOverride = "text-sync day 2";
     EXPECT_EQ(p.timeRangeHint(), "text-sync day 2");
-}
 
-TEST(TrackModels, RawCodesRoundTripAndUnknownCodesGiveNothing) {
+    // Raw codes round-trip; unknown ones give nothing. Error descriptions quote the file name.
     EXPECT_EQ(rawValue(SyncStatus::weak), "weak");
     EXPECT_EQ(syncStatusFromRaw("failed"), SyncStatus::failed);
     EXPECT_EQ(syncStatusFromRaw("Failed"), std::nullopt);
@@ -150,9 +148,7 @@ TEST(TrackModels, RawCodesRoundTripAndUnknownCodesGiveNothing) {
     EXPECT_EQ(clockQualityFromRaw(3), ClockQuality::filename);
     EXPECT_EQ(clockQualityFromRaw(5), std::nullopt);
     EXPECT_LT(ClockQuality::asset, ClockQuality::filename);
-}
-
-TEST(TrackModels, ErrorDescriptionsQuoteTheFileName) {
+    // Error descriptions quote the file name.
     EXPECT_EQ(TrelvaneError::noAudioTrack("a.mov").description(), "No audio track in \"a.mov\"");
     EXPECT_EQ(TrelvaneError::silentAudio("b.wav").description(),
               "Audio track in \"b.wav\" is silent (muted)");

@@ -4,8 +4,11 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <cmath>
 #include <map>
 #include <string>
+#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -27,28 +30,18 @@ struct Track {
     std::vector<std::optional<Date>> dates;
     std::map<int, double> posOf;
     std::vector<int> anchors;
-
-    struct Written {
-        int k;
-        double pos;
-        Placement placement;
-    };
-    std::vector<Written> written;
-
-    explicit Track(std::vector<double> d) : durs(std::move(d)), dates(durs.size()) {}
+    std::vector<std::tuple<int, double, Placement>> written;
 
     LayoutCounts run(double base = 0) {
         return layoutChain(
             anchors, posOf, [this](int k) { return durs[static_cast<std::size_t>(k)]; },
             [this](int k) { return dates[static_cast<std::size_t>(k)]; },
-            [this](int k, double pos, Placement p) {
-                written.push_back({k, pos, p});
-            },
-            base, static_cast<int>(durs.size()));
+            [this](int k, double pos, Placement p) { written.emplace_back(k, pos, p); }, base,
+            static_cast<int>(durs.size()));
     }
-    const Written& of(int k) const {
-        for (const auto& w : written)
-            if (w.k == k) return w;
+    std::pair<double, Placement> of(int k) const {
+        for (const auto& [clip, pos, placement] : written)
+            if (clip == k) return {pos, placement};
         throw std::out_of_range("clip not written");
     }
 };
@@ -73,139 +66,75 @@ TEST(ChainLayout, TheLongestChainCoversTheFootageBetweenItsHitsInClipOrder) {
         {"out of order", {{0, 100.0}, {1, 50.0}, {2, 120.0}}, kChainSlack, {0, 2}},
         {"two chains of one: the earlier", {{0, 100.0}, {1, 0.0}}, kChainSlack, {0}},
         {"a later, longer chain", {{0, 500.0}, {1, 0.0}, {2, 10.0}, {3, 20.0}}, kChainSlack, {1, 2, 3}},
-        {"an index beyond the prefix sums chains with nothing",
-         {{0, 0.0}, {9, 50.0}, {2, 40.0}},
-         kChainSlack,
-         {0, 2}},
+        // An index beyond the prefix sums chains with nothing.
+        {"beyond the prefix", {{0, 0.0}, {9, 50.0}, {2, 40.0}}, kChainSlack, {0, 2}},
     };
     for (const auto& c : cases)
         EXPECT_EQ(longestConsistentChain(c.hits, prefix, c.slack), c.chain) << c.what;
 }
 
-TEST(ChainLayout, FreeClipsFollowTheirClocksFromTheAnchorsOrSpreadOverTheRoom) {
-    using P = Placement;
-    const auto m = P::matched, c = P::clock, i = P::interp;
-    const std::optional<Date> none;
+TEST(ChainLayout, FreeClipsFollowTheirClocksFromTheAnchorsOrSpreadOverTheRoomNamingTheAnchors) {
+    // Clocks are seconds after a fixed date (NaN: undated); placements are m(atched), c(lock), i(nterp).
+    const double _ = std::nan(""), gap = (100.0 - 10.0 - 20.0) / 3, s1 = 10 + gap, s2 = 20 + 2 * gap;
+    const double week = 100 + kPlausiblePause;
     struct Case {
         const char* what;
-        std::vector<double> durs;
         std::map<int, double> anchors;
-        std::vector<std::optional<Date>> dates;
-        double base;
+        std::vector<double> clocks;
         std::vector<double> pos;
-        std::vector<Placement> placement;
+        std::string placement;
+        std::vector<double> durs{}; // none: 10 s each
+        double base = 0;
     };
-    const double gap = (100.0 - 10.0 - 20.0) / 3;
     const std::vector<Case> cases{
-        {"no anchor butt-joins from the base",
-         {10, 20, 5},
-         {},
-         {none, none, none},
-         100,
-         {100, 110, 130},
-         {i, i, i}},
-        {"no anchor, one clock", {10, 20, 5}, {}, {none, at(0), none}, 100, {100, 110, 130}, {c, c, c}},
+        {"no anchor butt-joins from the base", {}, {_, _, _}, {100, 110, 130}, "iii", {10, 20, 5}, 100},
+        {"no anchor, one clock", {}, {_, 0, _}, {100, 110, 130}, "ccc", {10, 20, 5}, 100},
         // Measured from the next anchor.
-        {"clocks between anchors",
-         {10, 10, 10, 10},
-         {{0, 1000.0}, {3, 1100.0}},
-         {at(0), at(20), at(50), at(100)},
-         0,
-         {1000, 1020, 1050, 1100},
-         {m, c, c, m}},
-        {"a clock a week from the anchor is none",
-         {10, 10, 10, 10},
-         {{0, 1000.0}, {3, 1100.0}},
-         {at(0), at(100 + kPlausiblePause), at(50), at(100)},
-         0,
-         {1000, 1010, 1050, 1100},
-         {m, i, c, m}},
+        {"clocks from anchors", {{0, 1000}, {3, 1100}}, {0, 20, 50, 100}, {1000, 1020, 1050, 1100}, "mccm"},
+        {"a week off is none", {{0, 1000}, {3, 1100}}, {0, week, 50, 100}, {1000, 1010, 1050, 1100}, "micm"},
         // 20 s of clips in 15 s of room: the backward pass pushes the first below the room.
-        {"too little room butt-joins",
-         {10, 10, 10, 10},
-         {{0, 0.0}, {3, 25.0}},
-         {at(0), at(10), at(20), at(25)},
-         0,
-         {0, 10, 20, 25},
-         {m, c, c, m}},
-        {"no evidence spreads",
-         {10, 10, 10, 10},
-         {{0, 0.0}, {3, 100.0}},
-         {none, none, none, none},
-         0,
-         {0, 10 + gap, 20 + 2 * gap, 100},
-         {m, i, i, m}},
+        {"too little room butt-joins", {{0, 0}, {3, 25}}, {0, 10, 20, 25}, {0, 10, 20, 25}, "mccm"},
+        {"no evidence spreads", {{0, 0}, {3, 100}}, {_, _, _, _}, {0, s1, s2, 100}, "miim"},
         // One dated clip, but no dated anchor to measure it from: spread all the same, as clock.
-        {"a clock without a dated anchor spreads",
-         {10, 10, 10, 10},
-         {{0, 0.0}, {3, 100.0}},
-         {none, none, at(5), none},
-         0,
-         {0, 10 + gap, 20 + 2 * gap, 100},
-         {m, c, c, m}},
-        {"the head ends at the first anchor",
-         {10, 10, 10},
-         {{2, 100.0}},
-         {none, none, none},
-         0,
-         {80, 90, 100},
-         {i, i, m}},
-        {"the head follows its clocks",
-         {10, 10, 10},
-         {{2, 100.0}},
-         {at(-300), at(-50), at(0)},
-         0,
-         {-200, 50, 100},
-         {c, c, m}},
+        {"no dated anchor spreads", {{0, 0}, {3, 100}}, {_, _, 5, _}, {0, s1, s2, 100}, "mccm"},
+        {"the head ends at the first anchor", {{2, 100}}, {_, _, _}, {80, 90, 100}, "iim"},
+        {"the head follows its clocks", {{2, 100}}, {-300, -50, 0}, {-200, 50, 100}, "ccm"},
         // Tail from 10 s with 20 s of footage: the ceiling is 10 + 20 + 20 = 50.
-        {"a tail below its ceiling",
-         {10, 10, 10},
-         {{0, 0.0}},
-         {at(0), at(10), at(39.9)},
-         0,
-         {0, 10, 39.9},
-         {m, c, c}},
-        {"a tail beyond its ceiling butt-joins",
-         {10, 10, 10},
-         {{0, 0.0}},
-         {at(0), at(10), at(40.1)},
-         0,
-         {0, 10, 20},
-         {m, c, c}},
+        {"a tail below its ceiling", {{0, 0}}, {0, 10, 39.9}, {0, 10, 39.9}, "mcc"},
+        {"a tail beyond its ceiling butt-joins", {{0, 0}}, {0, 10, 40.1}, {0, 10, 20}, "mcc"},
     };
+    const std::map<char, Placement> placementOf{
+        {'m', Placement::matched}, {'c', Placement::clock}, {'i', Placement::interp}};
     for (const auto& cs : cases) {
-        Track t(cs.durs);
-        t.dates = cs.dates;
-        t.posOf = cs.anchors;
-        for (const auto& [k, _] : cs.anchors)
-            t.anchors.push_back(k);
+        const auto n = cs.pos.size();
+        Track t{cs.durs.empty() ? std::vector<double>(n, 10.0) : cs.durs, {}, cs.anchors, {}, {}};
+        t.dates.resize(n);
+        for (std::size_t k = 0; k < n; ++k)
+            if (!std::isnan(cs.clocks[k])) t.dates[k] = at(cs.clocks[k]);
+        for (const auto& anchor : cs.anchors)
+            t.anchors.push_back(anchor.first);
         LogCapture log;
         const auto counts = t.run(cs.base);
-        ASSERT_EQ(t.written.size(), cs.durs.size()) << cs.what;
-        int byClock = 0, byInterp = 0;
-        for (std::size_t k = 0; k < cs.durs.size(); ++k) {
-            EXPECT_NEAR(t.of(static_cast<int>(k)).pos, cs.pos[k], 1e-5) << cs.what << " " << k;
-            EXPECT_EQ(t.of(static_cast<int>(k)).placement, cs.placement[k]) << cs.what << " " << k;
-            byClock += cs.placement[k] == c;
-            byInterp += cs.placement[k] == i;
+        ASSERT_EQ(t.written.size(), n) << cs.what;
+        for (std::size_t k = 0; k < n; ++k) {
+            const auto [pos, placement] = t.of(static_cast<int>(k));
+            EXPECT_NEAR(pos, cs.pos[k], 1e-5) << cs.what << " " << k;
+            EXPECT_EQ(placement, placementOf.at(cs.placement[k])) << cs.what << " " << k;
         }
-        EXPECT_EQ(counts.byClock, byClock) << cs.what;
-        EXPECT_EQ(counts.byInterp, byInterp) << cs.what;
+        EXPECT_EQ(counts.byClock, std::ranges::count(cs.placement, 'c')) << cs.what;
+        EXPECT_EQ(counts.byInterp, std::ranges::count(cs.placement, 'i')) << cs.what;
         EXPECT_EQ(log.countStartingWith("[SyncEngine]  clock-laid tail"),
                   std::string(cs.what).ends_with("butt-joins") && cs.anchors.size() == 1)
             << cs.what;
     }
     // The head is written before the anchors; anchors that name no clip are ignored.
-    Track t({10, 10});
-    t.anchors = {5, -1, 1};
-    t.posOf = {{1, 50.0}, {5, 0.0}};
+    Track t{{10, 10}, std::vector<std::optional<Date>>(2), {{1, 50.0}, {5, 0.0}}, {5, -1, 1}, {}};
     t.run();
     ASSERT_EQ(t.written.size(), 2u);
-    EXPECT_EQ(t.written.front().k, 0);
-    EXPECT_EQ(t.of(0).pos, 40.0);
-}
+    EXPECT_EQ(std::get<0>(t.written.front()), 0);
+    EXPECT_EQ(t.of(0).first, 40.0);
 
-TEST(ChainLayout, NeighbourNoteNamesTheNearestAnchors) {
+    // A free clip's note names the nearest anchors.
     const std::vector<int> anchors{1, 4};
     const std::vector<std::string> names{"A001", "A002", "A003", "A004", "A005", "A006"};
     EXPECT_EQ(neighbourNote(2, anchors, names), "between 'A002' and 'A005'");

@@ -31,7 +31,7 @@ TrackSource trackOf(const std::string& name, std::vector<ClipItem> clips) {
 
 } // namespace
 
-TEST(Finishing, OverlapsBeyondToleranceArePushedInStoredOrder) {
+TEST(Finishing, OverlapsBeyondToleranceArePushedInStoredOrderAndTheTimelineStartsAtZero) {
     std::vector<TrackSource> tracks{
         trackOf("A", {clipAt(0, 10), clipAt(10.0 - 0.05, 10)}),
         trackOf("B", {clipAt(0, 10), clipAt(10.0 - 0.06, 10)}),
@@ -53,25 +53,24 @@ TEST(Finishing, OverlapsBeyondToleranceArePushedInStoredOrder) {
     resolveOverlaps(days);
     EXPECT_EQ(days[0].clips[1].startOffset, 0.0);
     EXPECT_EQ(days[0].clips[2].startOffset, 100.0);
-}
 
-TEST(Finishing, NormalisedTimelineStartsAtZero) {
-    std::vector<TrackSource> tracks{trackOf("A", {clipAt(-12.5, 10), clipAt(3, 10)}),
+    // The normalised timeline starts at zero.
+    std::vector<TrackSource> spread{trackOf("A", {clipAt(-12.5, 10), clipAt(3, 10)}),
                                     trackOf("B", {clipAt(-4, 10)}), trackOf("Empty", {})};
-    normaliseOffsets(tracks);
-    EXPECT_EQ(tracks[0].clips[0].startOffset, 0.0);
-    EXPECT_EQ(tracks[0].clips[1].startOffset, 15.5);
-    EXPECT_EQ(tracks[1].clips[0].startOffset, 8.5);
+    normaliseOffsets(spread);
+    EXPECT_EQ(spread[0].clips[0].startOffset, 0.0);
+    EXPECT_EQ(spread[0].clips[1].startOffset, 15.5);
+    EXPECT_EQ(spread[1].clips[0].startOffset, 8.5);
     // A late start moves back; within a millisecond of zero is zero already.
-    for (const auto& [first, second] : {std::pair{40.0, 0.0}, {0.0005, 0.0005}}) {
-        std::vector<TrackSource> one{trackOf("A", {clipAt(first, 10), clipAt(100, 10)})};
+    for (const auto& [start, normalised] : {std::pair{40.0, 0.0}, {0.0005, 0.0005}}) {
+        std::vector<TrackSource> one{trackOf("A", {clipAt(start, 10), clipAt(100, 10)})};
         normaliseOffsets(one);
-        EXPECT_EQ(one[0].clips[0].startOffset, second) << first;
-        EXPECT_EQ(one[0].clips[1].startOffset, 100 - first + second) << first;
+        EXPECT_EQ(one[0].clips[0].startOffset, normalised) << start;
+        EXPECT_EQ(one[0].clips[1].startOffset, 100 - start + normalised) << start;
     }
 }
 
-TEST(Finishing, ReportListsEveryClipAndSumsUp) {
+TEST(Finishing, ReportListsEveryClipAndSumsUpEvenWhenThereAreNone) {
     ClipItem synced = clipAt(0, 12.5, "A001.mov");
     synced.syncStatus = SyncStatus::synced;
     synced.matchScore = 9.14f;
@@ -102,11 +101,9 @@ TEST(Finishing, ReportListsEveryClipAndSumsUp) {
         "[SyncEngine] DONE: timeline=3725s (1h02m), synced=1 weak=1 failed=1 / 4",
     };
     EXPECT_EQ(log.lines(), expected);
-}
 
-TEST(Finishing, ReportOfNoClipsHasAZeroTimeline) {
-    LogCapture log;
+    LogCapture none;
     logReport({}, {});
-    EXPECT_EQ(log.lines(), std::vector<std::string>{
-                               "[SyncEngine] DONE: timeline=0s (0h00m), synced=0 weak=0 failed=0 / 0"});
+    EXPECT_EQ(none.lines(), std::vector<std::string>{
+                                "[SyncEngine] DONE: timeline=0s (0h00m), synced=0 weak=0 failed=0 / 0"});
 }

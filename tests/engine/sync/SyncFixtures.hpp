@@ -1,61 +1,29 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 #pragma once
 
-// Shoots made of band features alone: one long "performance" of broadband noise whose feature is
-// computed once, and clips that are cuts of it (each roughened by its own noise, as a different
-// microphone would), with known true positions. Enough for the sync engine, which never decodes.
+// Shoots made of band features alone: noise bands standing for a long performance, and clips that
+// are cuts of it (each roughened by noise of its own, as a different microphone would hear it),
+// with known true positions. Enough for the sync engine, which never decodes, and cheap enough for
+// shoots of an hour.
 
+#include "TestSupport.hpp"
 #include "TrelvaneEngine/features/SpectralBands.hpp"
 #include "TrelvaneEngine/model/TrackModels.hpp"
+#include "TrelvaneEngine/sync/SyncEngine.hpp"
 #include "engine/sync/SyntheticBands.hpp"
 
-#include <chrono>
-#include <random>
+#include <gtest/gtest.h>
+
+#include <iostream>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
 namespace trelvane::test {
 
-class Performance {
-  public:
-    // `seconds` of noise at 16 kHz whose level jumps every frame, so that the bands have sharp
-    // structure, as speech has.
-    explicit Performance(double seconds, unsigned seed = 7) {
-        std::mt19937 rng(seed);
-        std::normal_distribution<float> noise(0.0f, 1.0f);
-        std::uniform_real_distribution<float> level(0.05f, 1.0f);
-        std::vector<float> pcm(static_cast<std::size_t>(seconds * SpectralBands::kSampleRate));
-        float gain = 0.5f;
-        for (std::size_t i = 0; i < pcm.size(); ++i) {
-            if (i % 640 == 0) gain = level(rng);
-            pcm[i] = gain * noise(rng) * 0.2f;
-        }
-        feature_ = SpectralBands::compute(pcm);
-    }
-
-    // The cut [start, start + duration) with `roughness` standard deviations of noise on each band.
-    SpectralBands::Feature cut(double start, double duration, float roughness, unsigned seed) const {
-        auto f = SpectralBands::slice(feature_, start, duration);
-        if (!f) return {};
-        std::mt19937 rng(seed);
-        std::normal_distribution<float> noise(0.0f, roughness);
-        for (auto& band : f->bands)
-            for (auto& v : band)
-                v += noise(rng);
-        return *f;
-    }
-
-    const SpectralBands::Feature& feature() const { return feature_; }
-
-  private:
-    SpectralBands::Feature feature_;
-};
-
-inline Date dateAt(double secondsAfterEpoch) {
-    // 2025-06-14 19:30:00 UTC, as a fixed start of the performance.
-    const auto epoch = std::chrono::sys_seconds{std::chrono::seconds{1749929400}};
-    return std::chrono::time_point_cast<std::chrono::microseconds>(epoch) +
-           std::chrono::microseconds(static_cast<long long>(secondsAfterEpoch * 1e6));
+// 2025-06-14 19:30:00 UTC, as a fixed start of the performance, and `seconds` after it.
+inline Date dateAt(double seconds) {
+    return dateFromUnixSeconds(1'749'929'400.0 + seconds);
 }
 
 struct ClipSpec {
@@ -71,10 +39,15 @@ struct ClipSpec {
     ClockQuality quality = ClockQuality::none;
 };
 
-// A track of `clips`, each with the feature `featureOf(spec, seed)` gives it (seeds differ per clip).
-template <typename FeatureOf>
-TrackSource trackOf(const std::string& name, SourceType type, const std::vector<ClipSpec>& clips,
-                    unsigned seed, const FeatureOf& featureOf) {
+inline ClipSpec clocked(const std::string& name, double start, double dur, double clock,
+                        ClockQuality q = ClockQuality::embedded) {
+    return {name, start, dur, true, clock, q};
+}
+
+// A track of `clips`, each the cut of `perf` it spans under `roughness` times its strength of noise
+// of its own (seeds differ per clip).
+inline TrackSource makeTrack(const SpectralBands::Feature& perf, const std::string& name, SourceType type,
+                             const std::vector<ClipSpec>& clips, float roughness = 0.6f, unsigned seed = 1) {
     TrackSource t;
     t.name = name;
     t.type = type;
@@ -86,7 +59,9 @@ TrackSource trackOf(const std::string& name, SourceType type, const std::vector<
             Url::fromPath("/shoot/" + name + "/" + spec.name + (type == SourceType::audio ? ".wav" : ".mov"));
         c.duration = spec.duration;
         if (spec.withAudio)
-            c.bandFeature = featureOf(spec, s++ * 7919u);
+            c.bandFeature = noisyBands(
+                cutBands(perf, static_cast<int>(spec.start * kFps), static_cast<int>(spec.duration * kFps)),
+                roughness, s++ * 7919u);
         else
             c.audioUsability = AudioUsability::silent;
         if (spec.clock) c.recordingDate = dateAt(*spec.clock);
@@ -96,22 +71,44 @@ TrackSource trackOf(const std::string& name, SourceType type, const std::vector<
     return t;
 }
 
-inline TrackSource makeTrack(const Performance& perf, const std::string& name, SourceType type,
-                             const std::vector<ClipSpec>& clips, float roughness = 0.6f, unsigned seed = 1) {
-    return trackOf(name, type, clips, seed, [&](const ClipSpec& spec, unsigned s) {
-        return perf.cut(spec.start, spec.duration, roughness, s);
-    });
+template <typename Tracks> auto& clipNamed(Tracks& tracks, const std::string& baseName) {
+    for (auto& t : tracks)
+        for (auto& c : t.clips)
+            if (c.url.baseName() == baseName) return c;
+    throw std::runtime_error("no clip " + baseName);
 }
 
-// The same from band noise standing for the performance (no audio at all): cheap enough for shoots
-// of an hour. Each clip is its cut under `roughness` times its strength of noise of its own.
-inline TrackSource makeTrack(const SpectralBands::Feature& perf, const std::string& name, SourceType type,
-                             const std::vector<ClipSpec>& clips, float roughness = 0.6f, unsigned seed = 1) {
-    return trackOf(name, type, clips, seed, [&](const ClipSpec& spec, unsigned s) {
-        return noisyBands(
-            cutBands(perf, static_cast<int>(spec.start * kFps), static_cast<int>(spec.duration * kFps)),
-            roughness, s);
-    });
-}
+inline constexpr auto synced = SyncStatus::synced, weak = SyncStatus::weak, pending = SyncStatus::pending;
+
+struct Expect {
+    const char* clip;
+    double at; // timeline position, seconds
+    SyncStatus status;
+};
+
+// A shoot to synchronise, with the engine's log, shown when the test fails: it says how each clip
+// was placed.
+struct Shoot {
+    std::vector<TrackSource> tracks;
+    LogCapture log;
+
+    explicit Shoot(std::vector<TrackSource> t = {}) : tracks(std::move(t)) {}
+    ~Shoot() {
+        if (::testing::Test::HasFailure())
+            for (const auto& line : log.lines())
+                std::cerr << line << '\n';
+    }
+    ClipItem& clip(const std::string& name) { return clipNamed(tracks, name); }
+    // Runs the sync, keeps its result in `tracks` and checks every expectation to the frame.
+    std::vector<TrackSource> run(const std::vector<Expect>& expected = {}, int workers = 2,
+                                 const ProgressFn& progress = nullptr) {
+        tracks = SyncEngine::synchronise(tracks, progress, nullptr, {}, workers);
+        for (const auto& e : expected) {
+            EXPECT_NEAR(clip(e.clip).startOffset, e.at, kFrame) << e.clip;
+            EXPECT_EQ(clip(e.clip).syncStatus, e.status) << e.clip;
+        }
+        return tracks;
+    }
+};
 
 } // namespace trelvane::test

@@ -3,56 +3,13 @@
 // reference of takes together, the fallbacks of a camera chain, and the whole-pool probe of a track.
 // Each asserts where the clips land against the truth it was built from, and how far they are
 // trusted, so that a pass that misplaces a clip or calls a guess proved fails here.
-#include "TestSupport.hpp"
 #include "engine/sync/SyncFixtures.hpp"
 
-#include "TrelvaneEngine/sync/SyncEngine.hpp"
-
-#include <gtest/gtest.h>
-
 #include <cmath>
-#include <iostream>
 #include <numbers>
 
 namespace trelvane::test {
 namespace {
-
-constexpr double kFrame = 1.0 / kFps;
-
-struct Expect {
-    const char* clip;
-    double at; // timeline position, seconds
-    SyncStatus status;
-};
-
-struct Shoot {
-    std::vector<TrackSource> tracks;
-    LogCapture log;
-    // The engine's log, shown when the test fails: it says how each clip was placed.
-    ~Shoot() {
-        if (::testing::Test::HasFailure())
-            for (const auto& line : log.lines())
-                std::cerr << line << '\n';
-    }
-
-    ClipItem& clip(const std::string& name) {
-        for (auto& t : tracks)
-            for (auto& c : t.clips)
-                if (c.url.baseName() == name) return c;
-        throw std::runtime_error("no clip " + name);
-    }
-    // Runs the sync and checks every expectation.
-    std::vector<TrackSource> run(const std::vector<Expect>& expected) {
-        auto out = SyncEngine::synchronise(tracks, nullptr, nullptr, {}, 2);
-        tracks = out;
-        for (const auto& e : expected) {
-            const ClipItem& c = clip(e.clip);
-            EXPECT_NEAR(c.startOffset, e.at, kFrame) << e.clip;
-            EXPECT_EQ(c.syncStatus, e.status) << e.clip;
-        }
-        return out;
-    }
-};
 
 // `f` with a steady hum (a sine of `level` on every band, period 3.2 s) over frames [from, to),
 // normalised again: a pulse that correlates with itself at every period.
@@ -62,11 +19,6 @@ void addHum(SpectralBands::Feature& f, int from, int to, float level) {
             band[t] += level * static_cast<float>(std::sin(2 * std::numbers::pi * t / 80.0));
         band = SpectralBands::zscore(band);
     }
-}
-
-ClipSpec clocked(const std::string& name, double start, double dur, double clock,
-                 ClockQuality q = ClockQuality::embedded) {
-    return {name, start, dur, true, clock, q};
 }
 
 TEST(SyncScenarios, ALongBackupTiesTheTakesAndCalibratesOnlyTakesTwoWindowsAgreeOn) {
@@ -80,11 +32,11 @@ TEST(SyncScenarios, ALongBackupTiesTheTakesAndCalibratesOnlyTakesTwoWindowsAgree
                            clocked("T3", 1250, 300, 1250), clocked("T4", 1780, 300, 1783)},
                           0.4f, 11),
                 makeTrack(perf, "Backup", SourceType::audio, {clocked("B", 0, 1870, 2 * 86400.0)}, 0.4f, 21)};
-    s.run({{"B", 0, SyncStatus::synced},
-           {"T1", 100, SyncStatus::synced},
-           {"T2", 900, SyncStatus::synced},
-           {"T3", 1250, SyncStatus::synced},
-           {"T4", 1783, SyncStatus::weak}});
+    s.run({{"B", 0, synced},
+           {"T1", 100, synced},
+           {"T2", 900, synced},
+           {"T3", 1250, synced},
+           {"T4", 1783, weak}});
     EXPECT_EQ(s.log.countStartingWith("[SyncEngine]  long-backup 'Backup' clock disagreed with the ref"), 1);
     EXPECT_EQ(s.log.countStartingWith("[SyncEngine]  ref 'Takes' take 2/4 calibrated -"), 1);
     int calibrated = 0;
@@ -110,11 +62,11 @@ TEST(SyncScenarios, ALongTakeTheChainCannotFindIsRescuedOnceAShortClipNarrowsIts
     addHum(*s.clip("R1").bandFeature, 880 * kFps, 1000 * kFps, 6.0f);
     auto& k = *s.clip("K").bandFeature;
     addHum(k, 0, k.frames, 1.5f);
-    s.run({{"R1", 0, SyncStatus::synced},
-           {"C0", 450, SyncStatus::synced},
-           {"K", 512, SyncStatus::synced},
-           {"J", 870, SyncStatus::synced},
-           {"C3", 1000, SyncStatus::synced}});
+    s.run({{"R1", 0, synced},
+           {"C0", 450, synced},
+           {"K", 512, synced},
+           {"J", 870, synced},
+           {"C3", 1000, synced}});
     EXPECT_EQ(s.log.countStartingWith("[SyncEngine]  long rescue 'K' @ 512.0s"), 1);
 }
 
@@ -133,7 +85,7 @@ TEST(SyncScenarios, TwoCamerasThePoolNeverHeardStayTogetherButWeak) {
                           {cam("A1", 300, 100), cam("A2", 420, 100), cam("A3", 600, 100)}, 0.6f, 61),
                 makeTrack(perf, "CardB", SourceType::video, {cam("B2", 430, 80, 3605)}, 0.6f, 71)};
     s.tracks[1].cameraGroup = s.tracks[2].cameraGroup = "cam-0";
-    s.run({{"R1", 0, SyncStatus::synced}, {"A1", 300, SyncStatus::synced}, {"A3", 600, SyncStatus::synced}});
+    s.run({{"R1", 0, synced}, {"A1", 300, synced}, {"A3", 600, synced}});
     const ClipItem &a2 = s.clip("A2"), &b2 = s.clip("B2");
     EXPECT_NEAR(b2.startOffset - a2.startOffset, 10.0, kFrame);
     EXPECT_GE(a2.startOffset, 400.0);
@@ -153,7 +105,7 @@ TEST(SyncScenarios, TheWholePoolProbeFindsAClipItsClockAndItsWholeSoundBothMiss)
                           {clocked("R1", 0, 300, 0), clocked("R2", 400, 250, 400)}, 0.3f, 81),
                 makeTrack(perf, "Lav", SourceType::audio,
                           {clocked("L1", 100, 150, 100), clocked("L2", 400, 250, 2400)}, 0.4f, 91)};
-    s.run({{"L1", 100, SyncStatus::synced}, {"L2", 400, SyncStatus::synced}});
+    s.run({{"L1", 100, synced}, {"L2", 400, synced}});
     EXPECT_EQ(s.log.countStartingWith("[SyncEngine]  'L2' found by whole-pool probe @ 400.0s"), 1);
 }
 

@@ -14,6 +14,7 @@
 namespace trelvane::test {
 
 inline constexpr int kFps = SpectralBands::kFrameRate;
+inline constexpr double kFrame = 1.0 / kFps;
 
 inline SpectralBands::Feature noiseBands(int frames, unsigned seed) {
     std::mt19937 rng(seed);
@@ -37,18 +38,6 @@ inline SpectralBands::Feature cutBands(const SpectralBands::Feature& f, int from
         c.bands.push_back(SpectralBands::zscore(std::span<const float>(band).subspan(
             static_cast<std::size_t>(from), static_cast<std::size_t>(frames))));
     return c;
-}
-
-// `a` followed by `b`.
-inline SpectralBands::Feature joinBands(const SpectralBands::Feature& a, const SpectralBands::Feature& b) {
-    SpectralBands::Feature j;
-    j.frames = a.frames + b.frames;
-    for (std::size_t i = 0; i < a.bands.size(); ++i) {
-        std::vector<float> band = a.bands[i];
-        band.insert(band.end(), b.bands[i].begin(), b.bands[i].end());
-        j.bands.push_back(SpectralBands::zscore(band));
-    }
-    return j;
 }
 
 // `f` under seeded noise of `level` times its own strength: the same sound, heard worse.
