@@ -1,9 +1,10 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 #include "MediaSupport.hpp"
-#include "TrelvaneEngine/ingest/IngestEngine.hpp"
+#include "engine/ingest/TrackBuilders.hpp"
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <chrono>
 #include <filesystem>
 #include <memory>
@@ -16,28 +17,12 @@ using trelvane::test::LogCapture;
 using trelvane::test::quoted;
 using trelvane::test::sineInput;
 using trelvane::test::TempDir;
+using trelvane::test::track;
 
 namespace {
 
 ClipItem clipAt(const std::filesystem::path& p) {
-    ClipItem c;
-    c.url = Url::fromPath(p);
-    return c;
-}
-
-TrackSource track(const std::string& name, std::vector<ClipItem> clips, SourceType type = SourceType::audio) {
-    TrackSource t;
-    t.name = name;
-    t.type = type;
-    t.clips = std::move(clips);
-    return t;
-}
-
-std::vector<std::string> clockLines(const LogCapture& log) {
-    std::vector<std::string> out;
-    for (const auto& l : log.lines())
-        if (l.starts_with("[Ingest] clock track ")) out.push_back(l);
-    return out;
+    return test::clip(p.string(), 0.0);
 }
 
 // What the readers return for each file is pinned by their own tests; these check how loading
@@ -80,99 +65,55 @@ TEST_F(LoadMetadata, FillsEveryClipMergesEachAsItComesAndLogsTheClockLines) {
     cam.pixelWidth = 4096;
     ClipItem sidecar = clipAt(a_);
     sidecar.pixelWidth = 4096;
-    std::vector<TrackSource> sources{track("Cam", {cam}, SourceType::video),
-                                     track("Zoom", {sidecar, clipAt(b_), clipAt(plain_)})};
-
+    TempDir tmp;
+    const auto gone = tmp / "gone.wav";
+    const std::vector<TrackSource> sources{
+        track("Cam", {cam}, SourceType::video),
+        track("Zoom", {sidecar, clipAt(b_), clipAt(gone), clipAt(plain_)})};
     LogCapture log;
     std::mutex mutex;
-    std::vector<std::vector<TrackSource>> updates;
+    std::vector<int> read; // clips read at each call
     const auto result = IngestEngine::loadMetadata(sources, [&](const std::vector<TrackSource>& s) {
         std::lock_guard lock(mutex);
-        updates.push_back(s);
-    });
-
-    // One call per merged clip, whatever order they finish in, each with one more clip read.
-    ASSERT_EQ(updates.size(), 4u);
-    for (std::size_t i = 0; i < updates.size(); ++i) {
-        int read = 0;
-        for (const auto& t : updates[i])
+        read.push_back(0);
+        for (const auto& t : s)
             for (const auto& clip : t.clips)
-                read += clip.duration > 0 ? 1 : 0;
-        EXPECT_EQ(read, static_cast<int>(i) + 1);
-    }
+                read.back() += clip.duration > 0 ? 1 : 0;
+    });
+    // One call per merged clip, the unreadable one too, whatever order they finish in.
+    ASSERT_EQ(read.size(), 5u);
+    EXPECT_TRUE(std::is_sorted(read.begin(), read.end()));
+    EXPECT_EQ(read.back(), 4);
 
-    // What the readers return is theirs to test; here only that it lands on the right clip.
     const auto& c = result[0].clips[0];
     EXPECT_EQ(c.id, cam.id);
     EXPECT_NEAR(c.duration, 2.0, 0.05);
     EXPECT_EQ(c.pixelWidth, 320);
-
     const auto& zoom = result[1].clips;
     EXPECT_EQ(zoom[0].pixelWidth, 4096);
-    // Laid end to end in track order.
-    EXPECT_EQ(zoom[0].startOffset, 0.0);
+    // Laid end to end in track order; the file that vanished after the scan stays unread and adds
+    // no length.
     EXPECT_DOUBLE_EQ(zoom[1].startOffset, 2.0);
-    EXPECT_DOUBLE_EQ(zoom[2].startOffset, 3.5);
+    EXPECT_EQ(zoom[2].duration, 0.0);
+    EXPECT_EQ(zoom[2].clockQuality, ClockQuality::none);
+    EXPECT_DOUBLE_EQ(zoom[3].startOffset, 3.5);
     EXPECT_EQ(zoom[0].recordingDate, localDate(2024, 3, 15, 14, 30, 12));
     // Its file was last written at 14:45:00, when the one-second take ended.
-    EXPECT_EQ(zoom[2].recordingDate, localDate(2024, 3, 15, 14, 44, 59));
+    EXPECT_EQ(zoom[3].recordingDate, localDate(2024, 3, 15, 14, 44, 59));
 
-    // One line per track, in track order, after the last merge.
-    const auto lines = clockLines(log);
+    // One line per track, in track order, after the last merge; only dated clips make span and count.
+    const auto lines = test::linesWith(log, "[Ingest] clock track ");
     ASSERT_EQ(lines.size(), 2u);
     EXPECT_TRUE(lines[0].starts_with("[Ingest] clock track 'Cam': quality=filesystem ")) << lines[0];
     EXPECT_TRUE(lines[0].ends_with(" (1/1 dated)")) << lines[0];
-    EXPECT_EQ(lines[1], "[Ingest] clock track 'Zoom': quality=embedded 14:30\u201315:05 (3/3 dated)");
-}
+    EXPECT_EQ(lines[1], "[Ingest] clock track 'Zoom': quality=embedded 14:30\u201315:05 (3/4 dated)");
 
-TEST_F(LoadMetadata, ClipsAlreadyReadAreLeftAloneAndAStopBeforeTheStartReadsNothing) {
-    ClipItem known = clipAt(a_);
-    known.duration = 7;
-    known.deviceName = "kept";
-    known.startOffset = 3;
-    LogCapture log;
-    int calls = 0;
-    const auto count = [&](const std::vector<TrackSource>&) { ++calls; };
-    const auto result = IngestEngine::loadMetadata({track("Rec", {known}), track("Empty", {})}, count);
-    EXPECT_EQ(calls, 0);
-    EXPECT_EQ(result[0].clips[0].deviceName, "kept");
-    EXPECT_EQ(result[0].clips[0].startOffset, 3.0);
-    EXPECT_EQ(clockLines(log), (std::vector<std::string>{"[Ingest] clock track 'Rec': no dates",
-                                                         "[Ingest] clock track 'Empty': no dates"}));
-
-    std::stop_source stop;
-    stop.request_stop();
-    LogCapture stopped;
-    const auto none = IngestEngine::loadMetadata({track("Zoom", {clipAt(a_)})}, count, stop.get_token());
-    EXPECT_EQ(calls, 0);
-    EXPECT_EQ(none[0].clips[0].duration, 0.0);
-    EXPECT_TRUE(clockLines(stopped).empty());
-}
-
-TEST_F(LoadMetadata, FileThatVanishedAfterTheScanStaysUnreadAndAddsNoLength) {
-    TempDir tmp;
-    const auto first = tmp / "1.wav", gone = tmp / "2.wav", last = tmp / "3.wav";
-    std::filesystem::copy_file(a_, first);
-    std::filesystem::copy_file(b_, last);
-    const std::vector<TrackSource> sources{track("Zoom", {clipAt(first), clipAt(gone), clipAt(last)})};
-
-    LogCapture log;
-    const auto result = IngestEngine::loadMetadata(sources, {});
-    const auto& clips = result[0].clips;
-    EXPECT_EQ(clips[1].duration, 0.0);
-    EXPECT_EQ(clips[1].clockQuality, ClockQuality::none);
-    EXPECT_DOUBLE_EQ(clips[1].startOffset, 2.0);
-    EXPECT_DOUBLE_EQ(clips[2].startOffset, 2.0);
-    // Only the dated clips make the span and the count.
-    EXPECT_EQ(clockLines(log),
-              std::vector<std::string>{
-                  "[Ingest] clock track 'Zoom': quality=embedded 14:30\u201315:05 (2/3 dated)"});
-
-    // The next load takes the unread clip up again, and only it.
+    // The next load takes the unread clip up again, and only it; clips already read are left alone.
     std::filesystem::copy_file(plain_, gone);
     int calls = 0;
     const auto again = IngestEngine::loadMetadata(result, [&](const std::vector<TrackSource>&) { ++calls; });
     EXPECT_EQ(calls, 1);
-    EXPECT_DOUBLE_EQ(again[0].clips[1].duration, 1.0);
-    EXPECT_DOUBLE_EQ(again[0].clips[2].startOffset, 3.0);
+    EXPECT_DOUBLE_EQ(again[1].clips[2].duration, 1.0);
+    EXPECT_DOUBLE_EQ(again[1].clips[3].startOffset, 4.5);
+    EXPECT_EQ(again[1].clips[0].pixelWidth, 4096);
 }
