@@ -20,24 +20,7 @@ TrackSource card(const std::string& name, const std::string& prefix, int first, 
 
 } // namespace
 
-TEST(CameraGroups, CardsWhoseNumbersContinueMakeOneProposalInFileOrder) {
-    const std::vector<TrackSource> tracks{card("CardB", "C", 4, 6), card("CardA", "C", 1, 3)};
-    const auto proposals = IngestEngine::detectCameraGroups(tracks);
-    ASSERT_EQ(proposals.size(), 1u);
-    const auto& p = proposals[0];
-    EXPECT_EQ(p.trackNames, (std::vector<std::string>{"CardA", "CardB"}));
-    EXPECT_EQ(p.trackIDs, (std::vector<Uuid>{tracks[1].id, tracks[0].id}));
-    EXPECT_EQ(p.session, "/shoot");
-    EXPECT_EQ(p.clipCount, 6);
-    EXPECT_EQ(p.filenamePrefix, "C");
-    EXPECT_EQ(p.sequenceHint, "C0003 → C0004");
-    const auto chain = IngestEngine::detectCameraGroups(
-        {card("A1", "A", 1, 50), card("A2", "A", 51, 90), card("A3", "A", 91, 92)});
-    ASSERT_EQ(chain.size(), 1u);
-    EXPECT_EQ(chain[0].sequenceHint, "A0050 → A0051, A0090 → A0091");
-}
-
-TEST(CameraGroups, OnlyVideoCardsOfOneSessionWhoseNumbersRiseByAtMost32Group) {
+TEST(CameraGroups, OnlyVideoCardsOfOneSessionWhoseNumbersRiseByAtMost32GroupInFileOrder) {
     const TrackSource empty = test::track("Empty", {}, SourceType::video);
     TrackSource unnumbered = card("N", "C", 1, 2);
     unnumbered.clips[1].url = Url::fromPath("/shoot/N/intro.MP4");
@@ -47,7 +30,16 @@ TEST(CameraGroups, OnlyVideoCardsOfOneSessionWhoseNumbersRiseByAtMost32Group) {
         const char* what;
         std::vector<TrackSource> tracks;
         std::vector<std::string> grouped; // the one proposal's cards; empty: no proposal
+        std::string hint = "";
     } cases[] = {
+        {"cards out of order",
+         {card("CardB", "C", 4, 6), card("CardA", "C", 1, 3)},
+         {"CardA", "CardB"},
+         "C0003 → C0004"},
+        {"a chain of long cards",
+         {card("A1", "A", 1, 50), card("A2", "A", 51, 90), card("A3", "A", 91, 92)},
+         {"A1", "A2", "A3"},
+         "A0050 → A0051, A0090 → A0091"},
         {"a gap of 32", {x, card("Y", "C", 35, 36)}, {"X", "Y"}},
         {"a gap of 33", {x, card("Y", "C", 36, 37)}, {}},
         {"starting on the last number", {x, card("Y", "C", 3, 4)}, {}},
@@ -69,6 +61,7 @@ TEST(CameraGroups, OnlyVideoCardsOfOneSessionWhoseNumbersRiseByAtMost32Group) {
         EXPECT_EQ(proposals.empty() ? std::vector<std::string>{} : proposals[0].trackNames, c.grouped)
             << c.what;
         EXPECT_LE(proposals.size(), 1u) << c.what;
+        EXPECT_EQ(c.hint.empty() ? c.hint : proposals.at(0).sequenceHint, c.hint) << c.what;
     }
 }
 
@@ -82,6 +75,10 @@ TEST(CameraGroups, AcceptedGroupsGetKeysWithoutGapsAndOneRunningTimeline) {
             t.clips[i].startOffset = 100.0 + static_cast<double>(i);
     const auto proposals = IngestEngine::detectCameraGroups(tracks);
     ASSERT_EQ(proposals.size(), 3u);
+    EXPECT_EQ(proposals[0].trackIDs, (std::vector<Uuid>{tracks[0].id, tracks[1].id}));
+    EXPECT_EQ(proposals[1].session, "/day2");
+    EXPECT_EQ(proposals[2].clipCount, 4);
+    EXPECT_EQ(proposals[2].filenamePrefix, "H");
     for (const auto& t : IngestEngine::applyCameraGroups(tracks, proposals, {})) {
         EXPECT_FALSE(t.cameraGroup);
         EXPECT_DOUBLE_EQ(t.clips[0].startOffset, 100.0);

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <optional>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -35,16 +36,50 @@ TrackSource track(const std::string& name, SourceType type, const std::vector<st
     return test::track(name, std::move(clips), type, session);
 }
 
-TrackSource recorder(const std::string& name, const std::vector<std::optional<double>>& starts,
-                     double duration, ClockQuality quality = ClockQuality::embedded,
-                     const std::string& session = kSession) {
-    return track(name, SourceType::audio, starts, duration, quality, session);
+// A shoot, one track after each ';': its name, "v" for a camera (300 s clips, file-name clock)
+// else a recorder (embedded clock), "@<seconds>" a clip length, "fs"/"asset" a file or asset date,
+// "g<key>" a camera group, "~" a channel of the track before; then each clip's start in hours
+// after the first morning, "-" for a clip without date.
+std::vector<TrackSource> shoot(const std::string& spec, const std::string& session = kSession) {
+    std::vector<TrackSource> out;
+    std::istringstream tracks(spec);
+    for (std::string line; std::getline(tracks, line, ';');) {
+        std::istringstream words(line);
+        std::string name, w, group;
+        words >> name;
+        bool video = false, channel = false;
+        double length = 300;
+        std::optional<ClockQuality> quality;
+        std::vector<std::optional<double>> starts;
+        while (words >> w) {
+            if (w == "v")
+                video = true;
+            else if (w == "~")
+                channel = true;
+            else if (w == "fs" || w == "asset")
+                quality = w == "fs" ? ClockQuality::filesystem : ClockQuality::asset;
+            else if (w[0] == '@')
+                length = std::stod(w.substr(1));
+            else if (w[0] == 'g')
+                group = w.substr(1);
+            else
+                starts.push_back(w == "-" ? std::nullopt : std::optional(std::stod(w)));
+        }
+        out.push_back(track(name, video ? SourceType::video : SourceType::audio, starts, length,
+                            quality.value_or(video ? ClockQuality::filename : ClockQuality::embedded),
+                            session));
+        if (!group.empty()) out.back().cameraGroup = group;
+        if (channel) out.back().siblingOf = out[out.size() - 2].id;
+    }
+    return out;
 }
 
-TrackSource camera(const std::string& name, const std::vector<std::optional<double>>& starts,
-                   double duration = 300, ClockQuality quality = ClockQuality::filename,
-                   const std::string& session = kSession) {
-    return track(name, SourceType::video, starts, duration, quality, session);
+// The track names of each proposal, proposals apart by " | ".
+std::string namesOf(const std::vector<DayRegionProposal>& proposals) {
+    std::string out;
+    for (const auto& p : proposals)
+        out += (out.empty() ? "" : " | ") + fmt::format("{}", fmt::join(p.trackNames, ", "));
+    return out;
 }
 
 std::vector<std::string> regionsOf(const TrackSource& t) {
@@ -76,27 +111,19 @@ class DayRegions : public ::testing::Test {
 // regions proposed, the keys applied, and the tracks no accepted region covers.
 TEST_F(DayRegions, TwoRecordersOnTwoDaysSendEachCameraClipToItsDayAndAppliedRegionsKeyEveryTrack) {
     LogCapture log;
-    auto tracks = std::vector<TrackSource>{camera("Cam", {0.2, 1.2, 23.2, 24.2}),
-                                           recorder("RecA", {0.0, 1.0, 2.0}, 1800),
-                                           recorder("RecB", {23.0, 24.0}, 1800)};
+    auto tracks = shoot("Cam v 0.2 1.2 23.2 24.2; RecA @1800 0 1 2; RecB @1800 23 24");
     // Another session with the same days is split on its own and proposes nothing here.
     auto withOther = tracks;
-    withOther.push_back(camera("Other", {0.2, 23.2}, 300, ClockQuality::filename, "/shoots/Other"));
+    withOther.push_back(shoot("Other v 0.2 23.2", "/shoots/Other")[0]);
     const auto proposals = IngestEngine::detectDayRegions(withOther);
     ASSERT_EQ(proposals.size(), 2u);
     const auto& d0 = proposals[0];
     EXPECT_EQ(d0.regionKey, "day-0");
     EXPECT_EQ(d0.label, "Region 1");
-    EXPECT_EQ(d0.session, kSession);
     EXPECT_EQ(d0.trackIDs, (std::vector<Uuid>{tracks[0].id, tracks[1].id}));
-    EXPECT_EQ(d0.clipIDs,
-              (std::vector<Uuid>{tracks[0].clips[0].id, tracks[0].clips[1].id, tracks[1].clips[0].id,
-                                 tracks[1].clips[1].id, tracks[1].clips[2].id}));
     EXPECT_EQ(d0.clipCount, 5);
     EXPECT_EQ(d0.endDate, hours(2.5));
-    EXPECT_EQ(d0.clockQuality, ClockQuality::embedded);
-    EXPECT_FALSE(d0.rangeOverride);
-    EXPECT_EQ(proposals[1].trackNames, (std::vector<std::string>{"Cam (2 of 4)", "RecB"}));
+    EXPECT_EQ(namesOf(proposals), "Cam (2 of 4), RecA | Cam (2 of 4), RecB");
     EXPECT_EQ(proposals[1].startDate, hours(23));
     EXPECT_TRUE(log.contains("[Ingest] day-region camera 'Cam' → day-0:2, day-1:2"));
     EXPECT_TRUE(log.contains("[Ingest] day-region propose 'day-0': Cam (2 of 4), RecA (5 clips, " +
@@ -124,11 +151,9 @@ TEST_F(DayRegions, TwoRecordersOnTwoDaysSendEachCameraClipToItsDayAndAppliedRegi
     // Added after detection: a recorder of the second day, a camera without clock, a recorder whose
     // clock is a year off, a recorder with only a file date of the second day, and a track of
     // another session. Orphans get a track key; their clips follow it.
-    tracks.push_back(recorder("Late", {23.5}, 600));
-    tracks.push_back(camera("NoClock", {std::nullopt}));
-    tracks.push_back(recorder("WrongYear", {-365.0 * 24}, 600));
-    tracks.push_back(recorder("FileDate", {23.5}, 600, ClockQuality::filesystem));
-    tracks.push_back(recorder("Elsewhere", {23.5}, 600, ClockQuality::embedded, "/shoots/Other"));
+    for (const auto& t : shoot("Late @600 23.5; NoClock v -; WrongYear @600 -8760; FileDate @600 fs 23.5"))
+        tracks.push_back(t);
+    tracks.push_back(shoot("Elsewhere @600 23.5", "/shoots/Other")[0]);
     const auto orphans = IngestEngine::applyDayRegions(tracks, proposals, both);
     std::vector<std::string> keys;
     for (std::size_t i = 3; i < orphans.size(); ++i)
@@ -150,124 +175,71 @@ TEST_F(DayRegions, TwoRecordersOnTwoDaysSendEachCameraClipToItsDayAndAppliedRegi
 }
 
 TEST_F(DayRegions, ProposalsFollowTheClocksTheyCanTrust) {
-    using Names = std::vector<std::vector<std::string>>;
-    const std::optional<double> undated;
-    auto cardA = camera("CardA", {undated, undated}), cardB = camera("CardB", {undated}),
-         cardC = camera("CardC", {undated});
-    cardA.cameraGroup = cardB.cameraGroup = cardC.cameraGroup = "cam-0";
-    // One camera over four cards, file dates only; the last clips of the second and fourth cards
-    // were rewritten together later (their dates overlap) and go with the clips before them.
-    std::vector<TrackSource> cards{camera("Card1", {0.1, 0.2}, 300, ClockQuality::filesystem),
-                                   camera("Card2", {0.3, 5000.0, 5000.001}, 300, ClockQuality::filesystem),
-                                   camera("Card3", {29.6, 29.7}, 300, ClockQuality::filesystem),
-                                   camera("Card4", {29.8, 5000.0, 5000.001}, 300, ClockQuality::filesystem)};
-    for (auto& card : cards)
-        card.cameraGroup = "cam-1";
-    cards.push_back(recorder("RecA", {0.0, 29.5}, 1800));
-    cards.push_back(recorder("RecB", {0.05, 29.55}, 1800));
-    // A recorder whose clock fell back to a wrong year part-way; its two channel files are one device.
-    auto left = recorder("Mix L", {0.0, 0.5, -20.0 * 365 * 24, 7 * 24.0}, 600);
-    auto right = recorder("Mix R", {0.0, 0.5, -20.0 * 365 * 24, 7 * 24.0}, 600);
-    right.siblingOf = left.id;
     const std::string outliers = "[Ingest] day-region: 1 audio device(s) have outlier clocks (>1 day from "
                                  "the group) — not trusting them to split days";
-    const std::vector<TrackSource> withWrongYear{
-        camera("Cam", {0.2, 1.2, 23.2, 24.2}), recorder("RecA", {0.0, 1.0, 2.0}, 1800),
-        recorder("RecB", {23.0, 24.0}, 1800), recorder("RecC", {-2.0 * 365 * 24, -2.0 * 365 * 24 + 1}, 1800)};
-    const struct Case {
+    const struct {
         const char* what;
-        Names names;      // the track names of each proposal
-        std::string line; // a line the log must hold; empty: no "day-region:" line at all
-        std::vector<TrackSource> tracks;
+        std::string shoot, names; // the track names of each proposal
+        std::string line;         // a line the log must hold; empty: no "day-region:" line at all
     } cases[] = {
-        {"one recorder", {}, "", {camera("Cam", {0.2, 30.0}), recorder("Rec", {0.0, 30.0, 60.0}, 1800)}},
+        {"one recorder", "Cam v 0.2 30; Rec @1800 0 30 60", "", ""},
         // RecA ends at 2:30, RecB starts at 5:00: closer than the three-hour margin.
-        {"recorders within three hours",
-         {},
-         "",
-         {camera("Cam", {0.2, 5.2}), recorder("RecA", {0.0, 1.0, 2.0}, 1800),
-          recorder("RecB", {5.0, 6.0}, 1800)}},
-        {"untrusted recorder clocks",
-         {},
+        {"recorders within three hours", "Cam v 0.2 5.2; RecA @1800 0 1 2; RecB @1800 5 6", "", ""},
+        {"untrusted recorder clocks", "Cam v 0.2 23.2; RecA @1800 fs 0 1; RecB @1800 asset 23 24", "",
          "[Ingest] day-region: device clocks for 'Shoot' don't cohere within one day — treating as a single "
-         "day (audio-content sync)",
-         {camera("Cam", {0.2, 23.2}), recorder("RecA", {0.0, 1.0}, 1800, ClockQuality::filesystem),
-          recorder("RecB", {23.0, 24.0}, 1800, ClockQuality::asset)}},
+         "day (audio-content sync)"},
         // All of the camera goes to day 0, so day 1 is audio alone: the clocks disagree.
-        {"a camera dated on the first day only",
-         {},
+        {"a camera dated on the first day only", "Cam v 0.2 1.2 1.5; RecA @1800 0 1 2; RecB @1800 23 24", "",
          "[Ingest] day-region: audio-only vs video clock split for 'Shoot' — treating as one day (likely "
-         "wrong wall clock)",
-         {camera("Cam", {0.2, 1.2, 1.5}), recorder("RecA", {0.0, 1.0, 2.0}, 1800),
-          recorder("RecB", {23.0, 24.0}, 1800)}},
-        {"no camera: the recorders' days stand",
-         {{"RecA"}, {"RecB"}},
-         "",
-         {recorder("RecA", {0.0, 1.0, 2.0}, 1800), recorder("RecB", {23.0, 24.0}, 1800)}},
+         "wrong wall clock)"},
+        {"no camera: the recorders' days stand", "RecA @1800 0 1 2; RecB @1800 23 24", "RecA | RecB", ""},
         // The second day has more audio, so it is region 0; undated footage after the first clip
         // goes to the last region, which lies behind it.
-        {"the day with most audio first",
-         {{"Cam (1 of 3)", "RecB"}, {"Cam (2 of 3)", "RecA"}},
-         "[Ingest] day-region camera 'Cam' → day-0:1, day-1:2",
-         {camera("Cam", {undated, undated, undated}), recorder("RecA", {0.0}, 600),
-          recorder("RecB", {22.0, 23.0, 24.0}, 1800)}},
+        {"the day with most audio first", "Cam v - - -; RecA @600 0; RecB @1800 22 23 24",
+         "Cam (1 of 3), RecB | Cam (2 of 3), RecA", "[Ingest] day-region camera 'Cam' → day-0:1, day-1:2"},
         // Left out of the decision, it stays with the main day, its year not widening the span.
         {"a recorder in the wrong year",
-         {{"Cam (2 of 4)", "RecA", "RecC"}, {"Cam (2 of 4)", "RecB"}},
-         outliers,
-         withWrongYear},
+         "Cam v 0.2 1.2 23.2 24.2; RecA @1800 0 1 2; RecB @1800 23 24; RecC @1800 -17520 -17519",
+         "Cam (2 of 4), RecA, RecC | Cam (2 of 4), RecB", outliers},
         // Day 0 holds 1000 s of audio: four clips of 300 s pass 1050 s (1.05 times that) only with
         // the fourth, so the fifth is the first to move to the last region.
-        {"undated camera clips by length",
-         {{"Cam (4 of 5)", "RecA"}, {"Cam (1 of 5)", "RecB"}},
-         "[Ingest] day-region camera 'Cam' → day-0:4, day-1:1",
-         {camera("Cam", {undated, undated, undated, undated, undated}), recorder("RecA", {0.0}, 1000),
-          recorder("RecB", {23.0}, 500)}},
+        {"undated camera clips by length", "Cam v - - - - -; RecA @1000 0; RecB @500 23",
+         "Cam (4 of 5), RecA | Cam (1 of 5), RecB", "[Ingest] day-region camera 'Cam' → day-0:4, day-1:1"},
         // File dates seconds apart for clips of five minutes are those of a copy: they place nothing,
         // and with the whole camera on the first day the clocks disagree.
-        {"copied file dates",
-         {},
-         "[Ingest] day-region camera 'Cam' → day-0:3",
-         {camera("Cam", {23.0, 23.001, 23.002}, 300, ClockQuality::filesystem), recorder("RecA", {0.0}, 1000),
-          recorder("RecB", {23.0}, 500)}},
+        {"copied file dates", "Cam v fs 23 23.001 23.002; RecA @1000 0; RecB @500 23", "",
+         "[Ingest] day-region camera 'Cam' → day-0:3"},
         // A third card has no third day: it is placed like any camera without a clock.
         {"the cards of one group take one day each",
-         {{"CardC", "CardA", "RecA"}, {"CardB", "RecB"}},
-         "[Ingest] day-region video 'CardB' → day-1 (group order 2/3)",
-         {cardB, cardC, cardA, recorder("RecA", {0.0, 1.0, 2.0}, 1800),
-          recorder("RecB", {23.0, 24.0}, 1800)}},
+         "CardB v gcam-0 -; CardC v gcam-0 -; CardA v gcam-0 - -; RecA @1800 0 1 2; RecB @1800 23 24",
+         "CardC, CardA, RecA | CardB, RecB", "[Ingest] day-region video 'CardB' → day-1 (group order 2/3)"},
+        // One camera over four cards, file dates only; the last clips of the second and fourth cards
+        // were rewritten together later (their dates overlap) and go with the clips before them.
         {"dated cards follow their dates",
-         {{"Card1", "Card2", "RecA (1 of 2)", "RecB (1 of 2)"},
-          {"Card3", "Card4", "RecA (1 of 2)", "RecB (1 of 2)"}},
-         "",
-         cards},
+         "Card1 v fs gcam-1 0.1 0.2; Card2 v fs gcam-1 0.3 5000 5000.001; Card3 v fs gcam-1 29.6 29.7; "
+         "Card4 v fs gcam-1 29.8 5000 5000.001; RecA @1800 0 29.5; RecB @1800 0.05 29.55",
+         "Card1, Card2, RecA (1 of 2), RecB (1 of 2) | Card3, Card4, RecA (1 of 2), RecB (1 of 2)", ""},
         // The undated clip lies between clips of the first day in file order: it is the first day's.
         {"a recorder that worked on two days",
-         {{"Cam (2 of 4)", "RecA (3 of 5)", "RecB"}, {"Cam (2 of 4)", "RecA (2 of 5)"}},
-         "",
-         {camera("Cam", {0.1, 0.4, 29.6, 29.8}, 300, ClockQuality::filesystem),
-          recorder("RecA", {0.0, 0.3, undated, 29.5, 29.7}, 600), recorder("RecB", {0.05, 0.35}, 600)}},
+         "Cam v fs 0.1 0.4 29.6 29.8; RecA @600 0 0.3 - 29.5 29.7; RecB @600 0.05 0.35",
+         "Cam (2 of 4), RecA (3 of 5), RecB | Cam (2 of 4), RecA (2 of 5)", ""},
         // Nothing else recorded a month later, and the recorders disagree by more than a week.
-        {"one clock a month away",
-         {},
+        {"one clock a month away", "RecA @1800 0 1; RecB @1800 720", "",
          "[Ingest] day-region: 2 audio device(s) have outlier clocks (>1 day from the group) — not trusting "
-         "them to split days",
-         {recorder("RecA", {0.0, 1.0}, 1800), recorder("RecB", {30 * 24.0}, 1800)}},
-        // The days a week apart that several clocks agree on stand.
+         "them to split days"},
+        // A recorder whose clock fell back to a wrong year part-way (its two channel files are one
+        // device): the days a week apart that several clocks agree on stand.
         {"a wrong year part-way",
-         {{"Cam (1 of 2)", "Mix L (3 of 4)", "Mix R (3 of 4)", "RecB (1 of 2)"},
-          {"Cam (1 of 2)", "Mix L (1 of 4)", "Mix R (1 of 4)", "RecB (1 of 2)"}},
-         outliers,
-         {camera("Cam", {0.1, 7 * 24.1}, 300, ClockQuality::filesystem), left, right,
-          recorder("RecB", {0.2, 7 * 24 + 0.2}, 600)}},
+         "Cam v fs 0.1 168.7; MixL @600 0 0.5 -175200 168; MixR @600 ~ 0 0.5 -175200 168; RecB @600 0.2 "
+         "168.2",
+         "Cam (1 of 2), MixL (3 of 4), MixR (3 of 4), RecB (1 of 2) | Cam (1 of 2), MixL (1 of 4), MixR (1 "
+         "of 4), "
+         "RecB (1 of 2)",
+         outliers},
     };
     for (const auto& c : cases) {
         LogCapture log;
-        const auto proposals = IngestEngine::detectDayRegions(c.tracks);
-        Names names;
-        for (const auto& p : proposals)
-            names.push_back(p.trackNames);
-        EXPECT_EQ(names, c.names) << c.what;
+        EXPECT_EQ(namesOf(IngestEngine::detectDayRegions(shoot(c.shoot))), c.names) << c.what;
         if (c.line.empty()) {
             EXPECT_EQ(log.countStartingWith("[Ingest] day-region: "), 0) << c.what;
         } else {
@@ -293,8 +265,10 @@ TEST_F(DayRegions, EveryDayOfAShootIsItsOwnRegionHoweverFarApart) {
             for (const double h : {0.05, 0.15, 0.25})
                 cam.push_back(days[d] + h + 1.0), dayOfCam.push_back("day-" + std::to_string(d));
         }
-        const std::vector<TrackSource> tracks{camera("Cam", cam, 300, ClockQuality::filesystem),
-                                              recorder("RecA", recA, 600), recorder("RecB", recB, 600)};
+        const std::vector<TrackSource> tracks{
+            track("Cam", SourceType::video, cam, 300, ClockQuality::filesystem, kSession),
+            track("RecA", SourceType::audio, recA, 600, ClockQuality::embedded, kSession),
+            track("RecB", SourceType::audio, recB, 600, ClockQuality::embedded, kSession)};
         LogCapture log;
         const auto proposals = IngestEngine::detectDayRegions(tracks);
         ASSERT_EQ(proposals.size(), days.size());

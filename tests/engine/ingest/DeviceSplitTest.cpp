@@ -153,7 +153,7 @@ TEST(DeviceSplit, UnlabelledClipsJoinByPrefixAndSmallKeysFoldOnlyOnTracksOfTwent
     }
 }
 
-TEST(DeviceSplit, OneDeviceLockedTracksSingleFolderRecordersAndCodecFingerprintsStayWhole) {
+TEST(DeviceSplit, OneDeviceLockedTracksAndSingleFolderRecordersStayWhole) {
     LogCapture log;
     TrackSource card = test::track(
         "A001", {clip("A.R3D", "RED KOMODO"), clip("B.MOV", "Sony FX6"), clip("C.MOV", "Sony FX6")});
@@ -163,22 +163,18 @@ TEST(DeviceSplit, OneDeviceLockedTracksSingleFolderRecordersAndCodecFingerprints
     TrackSource labelled = dump({clip("K0001.MOV")}, "Kept");
     labelled.lockedGrouping = true;
     labelled.deviceName = "ARRI ALEXA";
-    TrackSource fingerprinted = dump({clip("C0001.MP4", "cam_h264_1920"), clip("X.MP4", "cam_hevc")}, "Body");
-    fingerprinted.deviceName = "cam_h264_1920";
     // One device under several serial numbers: the track stays as it was, clips untouched.
     const TrackSource one = dump({clip("C0002.MP4", "Sony FX6 1111111"),
                                   clip("C0001.MP4", "SONY FX6 2222222"), clip("C0003.MP4", "cam_hevc_3840")});
-    const auto out = IngestEngine::splitSourcesByDevice({card, recorder, labelled, fingerprinted, one});
-    ASSERT_EQ(out.size(), 5u);
-    EXPECT_THAT(fileNames(out[4]), ElementsAre("C0002.MP4", "C0001.MP4", "C0003.MP4"));
-    EXPECT_EQ(out[4].deviceName, "Sony FX6 1111111");
+    const auto out = IngestEngine::splitSourcesByDevice({card, recorder, labelled, one});
+    ASSERT_EQ(out.size(), 4u);
+    EXPECT_THAT(fileNames(out[3]), ElementsAre("C0002.MP4", "C0001.MP4", "C0003.MP4"));
+    EXPECT_EQ(out[3].deviceName, "Sony FX6 1111111");
     EXPECT_EQ(out[0].id, card.id);
     EXPECT_EQ(out[0].deviceName, "Sony FX6");
     EXPECT_EQ(out[0].type, SourceType::video) << "the type is still corrected from the clips";
     EXPECT_EQ(out[1].deviceName, "ZOOM F8");
     EXPECT_EQ(out[2].deviceName, "ARRI ALEXA") << "a label the track has is kept where its clips give none";
-    EXPECT_EQ(out[3].id, fingerprinted.id) << "codec fingerprints are no device";
-    EXPECT_EQ(out[3].deviceName, std::nullopt);
     EXPECT_TRUE(test::linesWith(log, "device-split").empty());
 
     const TrackSource earlier =

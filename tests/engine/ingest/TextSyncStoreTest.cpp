@@ -68,31 +68,11 @@ class TextSync : public ::testing::Test {
 
 } // namespace
 
-TEST_F(TextSync, SessionsAreSanitizedIntoFolderNamesAndAWellFormedFileDecodesEveryField) {
-    // Letters and digits of any script stay; any other scalar is one "_", a stray byte too. White
-    // space at the ends, a no-break space included, is trimmed; inner white space is replaced.
+TEST_F(TextSync, CandidatesAreTriedInOrderAndABrokenOneGivesWayToTheNext) {
+    // Letters and digits of any script stay in a session's folder name; any other scalar is one "_",
+    // a stray byte too. White space at the ends, a no-break space included, is trimmed.
     EXPECT_EQ(TextSyncStore::sanitizeSession("  /Drehtag Zürich/撮影 2\n"), "_Drehtag_Zürich_撮影_2");
     EXPECT_EQ(TextSyncStore::sanitizeSession("\xC2\xA0\x61🎬b\xff\x62\xC2\xA0"), "a_b_b");
-
-    const auto file = TextSyncStore::decodeRegionsFile(R"({
-      "min_support": 3, "ngram": null, "extra": {"ignored": [1, 2]},
-      "regions": [{"region_key": "day-0", "label": "Day 1", "track_names": ["A", "B"],
-                   "support_edges": [{"a": "A", "b": "B", "support": 7, "approx_offset_sec": 12,
-                                      "time_range_a": [1.5, 2.5], "time_range_b": null}]}],
-      "pairs": [{"a": "A", "b": "B", "match_count": 9, "best": {"approx_offset_sec": 12.25, "support": 7}},
-                {"a": "A", "b": "C"}]
-    })");
-    ASSERT_TRUE(file);
-    EXPECT_FALSE(file->ngram);
-    const auto& edge = file->regions.at(0).supportEdges.value().at(0);
-    EXPECT_EQ(edge.timeRangeA, (std::vector<double>{1.5, 2.5}));
-    EXPECT_FALSE(edge.timeRangeB);
-    EXPECT_EQ(file->pairs.value().at(0).matchCount, 9);
-    EXPECT_DOUBLE_EQ((*file->pairs)[0].best.value().approxOffsetSec, 12.25);
-    EXPECT_FALSE((*file->pairs)[1].best);
-}
-
-TEST_F(TextSync, CandidatesAreTriedInOrderAndABrokenOneGivesWayToTheNext) {
     LogCapture log;
     EXPECT_FALSE(TextSyncStore::loadRegionsFile(kSession));
     EXPECT_TRUE(log.lines().empty()) << "nothing anywhere: nothing, and nothing said";
@@ -102,10 +82,7 @@ TEST_F(TextSync, CandidatesAreTriedInOrderAndABrokenOneGivesWayToTheNext) {
     EXPECT_EQ(TextSyncStore::loadRegionsFile(kSession).value().url.path(), leaf.string());
     EXPECT_TRUE(log.contains("[TextSync] loaded 2 region(s) from " + leaf.string()));
 
-    // The sanitised session's folder comes before it; a directory where the file should be is no file.
-    std::filesystem::create_directories(cacheFile("_shoots_Day_One"));
-    EXPECT_EQ(TextSyncStore::loadRegionsFile(kSession).value().url.path(), leaf.string());
-    std::filesystem::remove(cacheFile("_shoots_Day_One"));
+    // The sanitised session's folder comes before it.
     const auto sanitized = write(cacheFile("_shoots_Day_One"),
                                  R"({"regions": [{"region_key": "d", "label": "D", "track_names": []}]})");
     EXPECT_EQ(TextSyncStore::loadRegionsFile(kSession).value().url.path(), sanitized.string());
@@ -149,7 +126,7 @@ TEST_F(TextSync, RegionsWithoutTwoCamerasLeaveTheDecisionOrKeepTheSessionWhole) 
     EXPECT_TRUE(IngestEngine::detectDayRegions(tracks).empty());
 }
 
-TEST_F(TextSync, RegionsThatNameCamerasBecomeProposalsAndPlaceTheUnnamedCameras) {
+TEST_F(TextSync, RegionsThatNameCamerasBecomeProposalsPlaceTheUnnamedCamerasAndGiveOffsets) {
     writeRegions(kTwoRegions);
     auto tracks = shoot();
     tracks.push_back(track("CamD", SourceType::video, 1));
@@ -180,22 +157,21 @@ TEST_F(TextSync, RegionsThatNameCamerasBecomeProposalsAndPlaceTheUnnamedCameras)
     const auto placed = IngestEngine::applyDayRegions(plain, two, {two[0].id, two[1].id});
     EXPECT_EQ(placed[1].dayRegion, "day-1");
     EXPECT_TRUE(log.contains("[Ingest] day-region orphan 'CamC' → day-1 (text-sync camera order 2/2)"));
-}
 
-TEST_F(TextSync, SupportEdgesBecomeOffsetsBetweenPeersTheBestSupportedOfAPairWinning) {
+    // Support edges become offsets between peers, the best supported of a pair winning.
     writeRegions(kTwoRegions);
-    auto tracks = shoot();
+    tracks = shoot();
     tracks.push_back(track("Zoom", SourceType::audio, 1, "/shoots/Elsewhere"));
-    LogCapture log;
-    const auto out = IngestEngine::attachTextSyncPriors(tracks, kSession);
-    EXPECT_EQ(out[0].textSyncOffsetByPeer, (Offsets{{"Zoom", 12.5}}));
-    EXPECT_EQ(out[3].textSyncOffsetByPeer, (Offsets{{"CamA", -12.5}, {"CamB", 30.25}}));
-    EXPECT_EQ(out[1].textSyncOffsetByPeer, (Offsets{{"Zoom", -30.25}}));
+    LogCapture offsets;
+    const auto priors = IngestEngine::attachTextSyncPriors(tracks, kSession);
+    EXPECT_EQ(priors[0].textSyncOffsetByPeer, (Offsets{{"Zoom", 12.5}}));
+    EXPECT_EQ(priors[3].textSyncOffsetByPeer, (Offsets{{"CamA", -12.5}, {"CamB", 30.25}}));
+    EXPECT_EQ(priors[1].textSyncOffsetByPeer, (Offsets{{"Zoom", -30.25}}));
     // The Tascam edge has less support than the file's own minimum; the other session is not this one.
-    EXPECT_TRUE(out[4].textSyncOffsetByPeer.empty());
-    EXPECT_TRUE(out[5].textSyncOffsetByPeer.empty());
-    EXPECT_TRUE(log.contains("[TextSync] offset 'CamB'↔'Zoom' = -30.25s (support=5)"));
-    EXPECT_EQ(log.countStartingWith("[TextSync] offset "), 2);
+    EXPECT_TRUE(priors[4].textSyncOffsetByPeer.empty());
+    EXPECT_TRUE(priors[5].textSyncOffsetByPeer.empty());
+    EXPECT_TRUE(offsets.contains("[TextSync] offset 'CamB'↔'Zoom' = -30.25s (support=5)"));
+    EXPECT_EQ(offsets.countStartingWith("[TextSync] offset "), 2);
 
     // Ties keep the first; an edge from a track to itself is no offset.
     writeRegions(R"({"regions": [
