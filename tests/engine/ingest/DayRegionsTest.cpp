@@ -4,10 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <optional>
 #include <sstream>
-#include <string>
-#include <vector>
 
 using namespace trelvane;
 using trelvane::test::LogCapture;
@@ -21,8 +18,6 @@ Date hours(double h) {
     return dateFromUnixSeconds(unixSeconds(kDay1) + h * 3600.0);
 }
 
-// A track whose clip i starts at `starts[i]` hours after the first morning (no date where absent),
-// each `duration` seconds long, with the given clock quality.
 TrackSource track(const std::string& name, SourceType type, const std::vector<std::optional<double>>& starts,
                   double duration, ClockQuality quality, const std::string& session) {
     std::vector<ClipItem> clips;
@@ -118,7 +113,6 @@ TEST_F(DayRegions, TwoRecordersOnTwoDaysSendEachCameraClipToItsDayAndAppliedRegi
     const auto proposals = IngestEngine::detectDayRegions(withOther);
     ASSERT_EQ(proposals.size(), 2u);
     const auto& d0 = proposals[0];
-    EXPECT_EQ(d0.regionKey, "day-0");
     EXPECT_EQ(d0.label, "Region 1");
     EXPECT_EQ(d0.trackIDs, (std::vector<Uuid>{tracks[0].id, tracks[1].id}));
     EXPECT_EQ(d0.clipCount, 5);
@@ -230,21 +224,17 @@ TEST_F(DayRegions, ProposalsFollowTheClocksTheyCanTrust) {
         // A recorder whose clock fell back to a wrong year part-way (its two channel files are one
         // device): the days a week apart that several clocks agree on stand.
         {"a wrong year part-way",
-         "Cam v fs 0.1 168.7; MixL @600 0 0.5 -175200 168; MixR @600 ~ 0 0.5 -175200 168; RecB @600 0.2 "
-         "168.2",
-         "Cam (1 of 2), MixL (3 of 4), MixR (3 of 4), RecB (1 of 2) | Cam (1 of 2), MixL (1 of 4), MixR (1 "
-         "of 4), "
-         "RecB (1 of 2)",
+         "Cam v fs 0.1 168.7; L @600 0 0.5 -175200 168; R @600 ~ 0 0.5 -175200 168; B @600 0.2 168.2",
+         "Cam (1 of 2), L (3 of 4), R (3 of 4), B (1 of 2) | Cam (1 of 2), L (1 of 4), R (1 of 4), B (1 of "
+         "2)",
          outliers},
     };
     for (const auto& c : cases) {
         LogCapture log;
         EXPECT_EQ(namesOf(IngestEngine::detectDayRegions(shoot(c.shoot))), c.names) << c.what;
-        if (c.line.empty()) {
-            EXPECT_EQ(log.countStartingWith("[Ingest] day-region: "), 0) << c.what;
-        } else {
-            EXPECT_TRUE(log.contains(c.line)) << c.what;
-        }
+        EXPECT_TRUE(c.line.empty() ? log.countStartingWith("[Ingest] day-region: ") == 0
+                                   : log.contains(c.line))
+            << c.what;
     }
 }
 
@@ -256,27 +246,23 @@ TEST_F(DayRegions, EveryDayOfAShootIsItsOwnRegionHoweverFarApart) {
                                                   {0, 30 * 24}, {0, 5, 34}, {0, 7 * 24, 14 * 24}};
     for (const auto& days : shoots) {
         SCOPED_TRACE(::testing::PrintToString(days));
-        std::vector<std::optional<double>> recA, recB, cam;
-        std::vector<std::string> dayOfRec, dayOfCam;
-        for (std::size_t d = 0; d < days.size(); ++d) {
+        std::string cam = "Cam v fs", recA = "; RecA @600", recB = "; RecB @600", want, got;
+        for (const double day : days) {
+            for (const double h : {1.05, 1.15, 1.25})
+                cam += fmt::format(" {}", day + h);
             for (const double h : {0.0, 0.2})
-                recA.push_back(days[d] + h), recB.push_back(days[d] + h + 0.01),
-                    dayOfRec.push_back("day-" + std::to_string(d));
-            for (const double h : {0.05, 0.15, 0.25})
-                cam.push_back(days[d] + h + 1.0), dayOfCam.push_back("day-" + std::to_string(d));
+                recA += fmt::format(" {}", day + h), recB += fmt::format(" {}", day + h + 0.01);
         }
-        const std::vector<TrackSource> tracks{
-            track("Cam", SourceType::video, cam, 300, ClockQuality::filesystem, kSession),
-            track("RecA", SourceType::audio, recA, 600, ClockQuality::embedded, kSession),
-            track("RecB", SourceType::audio, recB, 600, ClockQuality::embedded, kSession)};
+        for (const std::size_t perDay : {3, 2, 2})
+            for (std::size_t d = 0; d < days.size(); ++d)
+                want += std::string(perDay, 'a' + static_cast<char>(d));
         LogCapture log;
+        const auto tracks = shoot(cam + recA + recB);
         const auto proposals = IngestEngine::detectDayRegions(tracks);
-        ASSERT_EQ(proposals.size(), days.size());
+        for (const auto& t : tracks)
+            for (const auto& c : t.clips)
+                got += static_cast<char>('a' + (proposedRegion(proposals, c).back() - '0'));
+        EXPECT_EQ(got, want) << "each clip's day, a for the first";
         EXPECT_EQ(log.countStartingWith("[Ingest] day-region: "), 0);
-        const std::vector<std::vector<std::string>*> expected{&dayOfCam, &dayOfRec, &dayOfRec};
-        for (std::size_t t = 0; t < tracks.size(); ++t)
-            for (std::size_t ci = 0; ci < tracks[t].clips.size(); ++ci)
-                EXPECT_EQ(proposedRegion(proposals, tracks[t].clips[ci]), (*expected[t])[ci])
-                    << tracks[t].name << " clip " << ci;
     }
 }

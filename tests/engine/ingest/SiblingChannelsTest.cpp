@@ -45,20 +45,15 @@ TEST(ChannelStem, TheLastUnderscoreAndWhatFollowsGo) {
         EXPECT_EQ(IngestEngine::channelStem(Url::fromPath(std::string("/r/") + file)), stem) << file;
 }
 
-TEST(SiblingChannels, ChannelFilesFollowOneLeaderTheLargestTrackFirstByName) {
+// The demo shoot's two-channel recorder is followed end to end; here, who leads.
+TEST(SiblingChannels, TheLargestTrackLeadsThenTheFirstByName) {
     LogCapture log;
-    const TrackSource b = track("Rec B", channelFiles("/shoot/B", "_Tr2", 5));
-    const TrackSource a = track("Rec A", channelFiles("/shoot/A", "_Tr1", 5));
+    const TrackSource b = track("Rec B", channelFiles("/shoot/B", "_2", 5));
+    const TrackSource a = track("Rec A", channelFiles("/shoot/A", "_1", 5));
     const auto out = IngestEngine::detectSiblingChannels({b, a});
     EXPECT_EQ(out[1].siblingOf, std::nullopt) << "Rec A leads: equal counts, first by name";
     EXPECT_EQ(out[0].siblingOf, a.id);
     EXPECT_EQ(out[0].clips[4].siblingLeaderID, a.clips[4].id);
-    EXPECT_EQ(clipsWithLeader(out[0]), 5);
-    EXPECT_EQ(clipsWithLeader(out[1]), 0);
-    EXPECT_EQ(
-        test::linesWith(log, kChannel),
-        std::vector<std::string>{"[Ingest] 'Rec B' is a channel of 'Rec A': 5/5 clips share stem, length "
-                                 "and clock \u2014 will follow it instead of matching"});
     const TrackSource many = track("Ch 2", channelFiles("/shoot/2", "_2", 10)),
                       two = track("Mic 2", channelFiles("/shoot/2", "_2", 3));
     EXPECT_EQ(leaderOf({track("Ch 1", channelFiles("/shoot/1", "_1", 9)), many}, 0), many.id);
@@ -126,25 +121,6 @@ TEST(SiblingChannels, LengthAndTrustedClocksRefuseTwinsButUntrustedClocksNever) 
     EXPECT_EQ(out[1].siblingOf, lead.id);
     EXPECT_EQ(out[1].clips[0].siblingLeaderID, lead.clips[0].id);
     EXPECT_EQ(out[1].clips[1].siblingLeaderID, std::nullopt);
-}
-
-TEST(SiblingChannels, ThreeChannelsFormOneGroupThroughACommonPartner) {
-    // Zed has no clock; Bravo's and Charlie's embedded clocks are five seconds apart, so Bravo and
-    // Charlie never pass together, yet both pass with Zed and land in one set.
-    const double t0 = 1'700'000'000.0;
-    const auto e = ClockQuality::embedded;
-    const TrackSource zed = track("Zed", {clip("/s/Z/T1_3.wav"), clip("/s/Z/T2_3.wav")});
-    const TrackSource bravo =
-        track("Bravo", {dated(clip("/s/B/T1_1.wav"), t0, e), dated(clip("/s/B/T2_1.wav"), t0 + 100, e)});
-    const TrackSource charlie = track(
-        "Charlie", {dated(clip("/s/C/T1_2.wav"), t0 + 5, e), dated(clip("/s/C/T2_2.wav"), t0 + 105, e)});
-    const auto out = IngestEngine::detectSiblingChannels({zed, bravo, charlie});
-    EXPECT_EQ(out[0].siblingOf, bravo.id);
-    EXPECT_EQ(out[1].siblingOf, std::nullopt) << "Bravo leads: equal counts, first by name";
-    EXPECT_EQ(out[2].siblingOf, bravo.id);
-    EXPECT_EQ(clipsWithLeader(out[0]), 2);
-    EXPECT_EQ(clipsWithLeader(out[2]), 0)
-        << "its clocks disagree with the leader's, so its clips match alone";
 }
 
 TEST(SiblingChannels, OnlyUnmarkedAudioTracksOfOneSessionAreConsidered) {
