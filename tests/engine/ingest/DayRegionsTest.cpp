@@ -35,9 +35,9 @@ TrackSource track(const std::string& name, SourceType type, const std::vector<st
 // else a recorder (embedded clock), "@<seconds>" a clip length, "fs"/"asset" a file or asset date,
 // "g<key>" a camera group, "~" a channel of the track before; then each clip's start in hours
 // after the first morning, "-" for a clip without date.
-std::vector<TrackSource> shoot(const std::string& spec, const std::string& session = kSession) {
+std::vector<TrackSource> shoot(const std::string& text, const std::string& session = kSession) {
     std::vector<TrackSource> out;
-    std::istringstream tracks(spec);
+    std::istringstream tracks(text);
     for (std::string line; std::getline(tracks, line, ';');) {
         std::istringstream words(line);
         std::string name, w, group;
