@@ -49,11 +49,6 @@ inline CliRun runCli(const TempDir& home, const std::string& args, bool withStde
                     (withStderr ? " 2>&1" : " 2>/dev/null"));
 }
 
-// Runs the CLI with `env` added to its environment and `args` left as given, redirections and all.
-inline CliRun runCliAsGiven(const TempDir& home, const std::string& env, const std::string& args) {
-    return runShell(cliEnvironment(home) + " " + env + " " + quoted(TRELVANE_CLI_PATH) + " " + args);
-}
-
 // Runs the CLI with stdout and stderr on one pipe and calls `onOutput` with everything read so far
 // each time more arrives, with the child's pid, until the child ends.
 inline CliRun runCliWatching(const TempDir& home, const std::string& args,

@@ -3,9 +3,11 @@
 #include "MediaSupport.hpp"
 #include "e2e/CliRunner.hpp"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
+using ::testing::HasSubstr;
 using trelvane::test::ffmpeg;
 using trelvane::test::quoted;
 using trelvane::test::runCli;
@@ -58,8 +60,7 @@ TEST(Probe, PrintsWhatTheReadersFindAndNamesTheFilesThatAreNoMedia) {
     const auto r = runCli(home, "probe " + files, true);
     EXPECT_EQ(r.status, 1) << r.out;
     for (const auto& b : bad)
-        EXPECT_NE(r.out.find(std::string("trelvane: ") + b.reason + ": " + b.path + "\n"), std::string::npos)
-            << r.out;
+        EXPECT_THAT(r.out, HasSubstr(std::string("trelvane: ") + b.reason + ": " + b.path + "\n"));
     const auto mp4At = r.out.find(mp4.string() + "\n");
     ASSERT_NE(mp4At, std::string::npos) << r.out;
     for (const char* line :

@@ -7,11 +7,14 @@
 #include <csignal>
 #include <filesystem>
 #include <fstream>
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 #include <sys/stat.h>
 #include <unistd.h>
 
+using ::testing::HasSubstr;
+using ::testing::Not;
 namespace trelvane::test {
 namespace {
 
@@ -61,7 +64,7 @@ TEST(SyncCommand, OutputsAreCheckedBeforeTheAnalysisAndNeverWrittenOverMedia) {
         std::filesystem::remove(home / "data/Trelvane/Trelvane.log");
         const auto r = runCli(home, c.args, true);
         EXPECT_EQ(r.status, c.status) << c.args << "\n" << r.out;
-        EXPECT_NE(r.out.find(c.says), std::string::npos) << c.args << "\n" << r.out;
+        EXPECT_THAT(r.out, HasSubstr(c.says)) << c.args;
         EXPECT_EQ(slurp(home / "data/Trelvane/Trelvane.log").find("Media analyzed"), std::string::npos)
             << c.args << ": refused after the analysis";
     }
@@ -158,20 +161,14 @@ TEST(SyncCommand, SyncsWhatCanBeReadNamesWhatCantAndWritesOnlyWhatItIsAsked) {
                           true);
     ASSERT_EQ(r.status, 0) << r.out;
     for (const auto& [name, reason] : reasons)
-        EXPECT_NE(r.out.find("trelvane: can't read " + bad(name.c_str()).string() + ": " + reason),
-                  std::string::npos)
-            << r.out;
-    EXPECT_NE(r.out.find("left out: " + std::to_string(reasons.size()) + " files whose sound can't be read"),
-              std::string::npos)
-        << r.out;
-    EXPECT_NE(r.out.find("cut short: C0001.MP4 — the file breaks off; its sound ends after 4"),
-              std::string::npos)
-        << r.out;
-    EXPECT_NE(r.out.find("Synchronization finished: 2 synced of 2 — ready to export."), std::string::npos)
-        << r.out;
-    EXPECT_NE(r.out.find("fcpxml: " + out + "/cut.fcpxml"), std::string::npos) << r.out;
+        EXPECT_THAT(r.out, HasSubstr("trelvane: can't read " + bad(name.c_str()).string() + ": " + reason));
+    EXPECT_THAT(
+        r.out, HasSubstr("left out: " + std::to_string(reasons.size()) + " files whose sound can't be read"));
+    EXPECT_THAT(r.out, HasSubstr("cut short: C0001.MP4 — the file breaks off; its sound ends after 4"));
+    EXPECT_THAT(r.out, HasSubstr("Synchronization finished: 2 synced of 2 — ready to export."));
+    EXPECT_THAT(r.out, HasSubstr("fcpxml: " + out + "/cut.fcpxml"));
     // Off a terminal no progress is drawn.
-    EXPECT_EQ(r.out.find("analysing"), std::string::npos) << r.out;
+    EXPECT_THAT(r.out, Not(HasSubstr("analysing")));
 
     const auto report = nlohmann::json::parse(std::ifstream(out + "/r.json"));
     for (const auto& track : report["tracks"])
@@ -202,13 +199,12 @@ TEST(SyncCommand, SyncsWhatCanBeReadNamesWhatCantAndWritesOnlyWhatItIsAsked) {
     home.file("shoot/camA/C0001.MP4", "");
     auto alone = runCli(home, "sync " + shoot, true);
     EXPECT_EQ(alone.status, 3) << alone.out;
-    EXPECT_NE(alone.out.find("only one device has sound that can be read: recB (1 of 1 clip with sound)"),
-              std::string::npos)
-        << alone.out;
+    EXPECT_THAT(alone.out,
+                HasSubstr("only one device has sound that can be read: recB (1 of 1 clip with sound)"));
     // One folder alone is one device.
     alone = runCli(home, "sync " + quoted((home / "shoot/recB").string()), true);
     EXPECT_EQ(alone.status, 3) << alone.out;
-    EXPECT_NE(alone.out.find("Syncing by sound needs at least two devices."), std::string::npos) << alone.out;
+    EXPECT_THAT(alone.out, HasSubstr("Syncing by sound needs at least two devices."));
 }
 
 TEST(SyncCommand, StackModeStacksTheTakesOfOneSongAndLeavesTheLoneTakeOut) {
@@ -230,10 +226,9 @@ TEST(SyncCommand, StackModeStacksTheTakesOfOneSongAndLeavesTheLoneTakeOut) {
                   0);
     const auto r = runCli(home, "sync --mode stacks " + quoted((home / "takes").string()), true);
     ASSERT_EQ(r.status, 0) << r.out;
-    EXPECT_NE(r.out.find("stack 1: 3 take(s), 56.0s at 0.0s"), std::string::npos) << r.out;
-    EXPECT_NE(r.out.find("unmatched: take3"), std::string::npos) << r.out;
-    EXPECT_NE(r.out.find("Takes stacked: 3 tracks · 1 unmatched — ready to export."), std::string::npos)
-        << r.out;
+    EXPECT_THAT(r.out, HasSubstr("stack 1: 3 take(s), 56.0s at 0.0s"));
+    EXPECT_THAT(r.out, HasSubstr("unmatched: take3"));
+    EXPECT_THAT(r.out, HasSubstr("Takes stacked: 3 tracks · 1 unmatched — ready to export."));
 }
 
 } // namespace

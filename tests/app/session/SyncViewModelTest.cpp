@@ -243,31 +243,6 @@ TEST_F(SessionTest, PromptsSuspendTheChainAndLaterDropsWaitTheirTurn) {
     EXPECT_EQ(std::count(doubles.calls.begin(), doubles.calls.end(), "applyCameraGroups"), 1);
 }
 
-TEST_F(SessionTest, TracksNeedTwoExtractedTracksAndStacksTwoClips) {
-    vm->ingestURLs({folder("one", {"a.WAV", "b.WAV"})});
-    ASSERT_TRUE(pumpIngest());
-    vm->synchronize();
-    EXPECT_TRUE(vm->state().is(AppState::Kind::error));
-    EXPECT_EQ(vm->errorMessage(), "Need at least 2 extracted tracks");
-
-    settings.setString(Settings::kSyncModeKey, "stacks");
-    doubles.stacks = [](Sources src) {
-        for (auto& c : src[0].clips) {
-            c.syncStatus = SyncStatus::synced;
-            c.startOffset = 3;
-        }
-        return StackBuilder::Result{src, {}, {}};
-    };
-    vm->synchronize();
-    ASSERT_TRUE(pumpState(AppState::Kind::synced));
-    EXPECT_FALSE(vm->errorMessage().has_value());
-    EXPECT_TRUE(log.contains("[Notify] Takes stacked — 1 track — ready to export."));
-    // A stack result is shown at once, the playhead on its earliest clip.
-    EXPECT_DOUBLE_EQ(view->playheadTime(), 3.0);
-    EXPECT_EQ(view->displayedOffsets(), offsets());
-    EXPECT_FALSE(view->liveAnimationRunning());
-}
-
 TEST_F(SessionTest, ATrackSyncInstallsTheResultClosesGapsAndGlidesThere) {
     ingestAndSync();
     EXPECT_EQ(vm->syncedCount(), 4);
@@ -334,7 +309,11 @@ TEST_F(SessionTest, StackResultsAreUndoneByAnAddAndASecondStackingKeepsTheFirstL
         TrackSource merged;
         merged.name = "Stack";
         for (auto& t : src)
-            merged.clips.insert(merged.clips.end(), t.clips.begin(), t.clips.end());
+            for (auto& c : t.clips) {
+                c.syncStatus = SyncStatus::synced;
+                c.startOffset = 3 + static_cast<double>(merged.clips.size());
+                merged.clips.push_back(c);
+            }
         return StackBuilder::Result{{merged}, {}, {"x"}};
     };
     vm->ingestURLs({shoot()});
@@ -342,6 +321,10 @@ TEST_F(SessionTest, StackResultsAreUndoneByAnAddAndASecondStackingKeepsTheFirstL
     vm->synchronize();
     ASSERT_TRUE(pumpState(AppState::Kind::synced));
     EXPECT_TRUE(log.contains("[Notify] Takes stacked — 1 track · 1 unmatched — ready to export."));
+    // A stack result is shown at once, the playhead on its earliest clip.
+    EXPECT_DOUBLE_EQ(view->playheadTime(), 3.0);
+    EXPECT_EQ(view->displayedOffsets(), offsets());
+    EXPECT_FALSE(view->liveAnimationRunning());
     vm->synchronize();
     EXPECT_TRUE(vm->state().is(AppState::Kind::syncing)) << "from synced, again";
     ASSERT_TRUE(pumpState(AppState::Kind::synced));
