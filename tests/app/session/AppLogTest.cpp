@@ -140,27 +140,6 @@ TEST(AppLog, FallsBackToTheUsersOwnFolderInTheTemporaryFolderWhereNoPlantedLinkI
     EXPECT_EQ(slurp(dir.path() / "victim"), "precious");
 }
 
-TEST(AppLog, RedirectStdioSendsStdoutAndStderrToTheFile) {
-    TempDir dir;
-    const ScopedEnv data("XDG_DATA_HOME", dir.path().string());
-    // In a child process: the redirection can't be undone in this one.
-    EXPECT_EXIT(
-        {
-            AppLog::start(AppLog::Mode::redirectStdio);
-            std::printf("printed on stdout\n");
-            std::fprintf(stderr, "printed on stderr\n");
-            EngineLog::log("[Test] through the default sink");
-            ::_exit(0);
-        },
-        testing::ExitedWithCode(0), "");
-    const auto lines = linesOf(slurp(dir.path() / "Trelvane" / "Trelvane.log"));
-    ASSERT_EQ(lines.size(), 4u);
-    EXPECT_TRUE(lines[0].starts_with("[Trelvane] log start "));
-    EXPECT_EQ(lines[1], "printed on stdout");
-    EXPECT_EQ(lines[2], "printed on stderr");
-    EXPECT_EQ(lines[3], "[Test] through the default sink");
-}
-
 TEST(AppLog, RedactPathsAndFormEncode) {
     const struct {
         std::string text, home, redacted;

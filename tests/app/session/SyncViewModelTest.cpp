@@ -164,12 +164,6 @@ class SessionTest : public ::testing::Test {
                 if (!only || c.syncStatus == *only) out[c.id] = c.startOffset;
         return out;
     }
-    void ingestAndSync() {
-        vm->ingestURLs({shoot()});
-        ASSERT_TRUE(pumpIngest());
-        vm->synchronize();
-        ASSERT_TRUE(pumpState(AppState::Kind::synced));
-    }
 };
 
 } // namespace
@@ -243,8 +237,11 @@ TEST_F(SessionTest, PromptsSuspendTheChainAndLaterDropsWaitTheirTurn) {
     EXPECT_EQ(std::count(doubles.calls.begin(), doubles.calls.end(), "applyCameraGroups"), 1);
 }
 
-TEST_F(SessionTest, ATrackSyncInstallsTheResultClosesGapsAndGlidesThere) {
-    ingestAndSync();
+TEST_F(SessionTest, ATrackSyncInstallsTheResultClosesGapsGlidesThereAndIsResetByAnEdit) {
+    vm->ingestURLs({shoot()});
+    ASSERT_TRUE(pumpIngest());
+    vm->synchronize();
+    ASSERT_TRUE(pumpState(AppState::Kind::synced));
     EXPECT_EQ(vm->syncedCount(), 4);
     EXPECT_DOUBLE_EQ(vm->syncProgress(), 1.0);
     EXPECT_FALSE(vm->failureSummary().has_value());
@@ -273,6 +270,31 @@ TEST_F(SessionTest, ATrackSyncInstallsTheResultClosesGapsAndGlidesThere) {
     };
     vm->synchronize();
     ASSERT_TRUE(pumpState(AppState::Kind::synced));
+
+    // Editing a synced session resets its outcome.
+    const auto& camB = vm->sources()[1];
+    ASSERT_EQ(camB.name, "camB");
+    vm->selectTrack(camB.id);
+    EXPECT_DOUBLE_EQ(view->playbackTime(), camB.clips[0].startOffset) << "playback starts at the selection";
+    vm->moveSelectedToNewTrack();
+    EXPECT_EQ(vm->sources().size(), 3u);
+    EXPECT_TRUE(vm->selectedClipIDs().empty());
+    EXPECT_TRUE(vm->state().is(AppState::Kind::idle));
+    EXPECT_EQ(offsets(SyncStatus::pending).size(), 4u);
+    EXPECT_FALSE(vm->offsetsBeforeCloseGaps().has_value());
+
+    const double scale = view->pxPerSec();
+    view->beginSidebarDrag();
+    view->setAvailableWidth(300);
+    EXPECT_DOUBLE_EQ(view->pxPerSec(), scale) << "the scale holds while the divider moves";
+    view->endSidebarDrag();
+    EXPECT_LT(view->pxPerSec(), scale);
+
+    vm->selectAllClips();
+    EXPECT_EQ(vm->selectedClipIDs().size(), 4u);
+    vm->deleteSelected();
+    EXPECT_TRUE(vm->sources().empty());
+    EXPECT_TRUE(vm->state().is(AppState::Kind::idle));
 }
 
 TEST_F(SessionTest, StoppingASyncBringsBackThePositionsAndDropsTheLateResult) {
@@ -417,33 +439,6 @@ TEST_F(SessionTest, FailuresAreSummarisedByBucketAndBigUnsyncedFoldersGetAHint) 
     t.clips[1].placementPass = t.clips[2].placementPass = "clock";
     EXPECT_EQ(SyncViewModel::summarizeFailures({t}),
               "4 failed: 2 placed by clock · 1 shorter than 5 s · 1 no audio nearby");
-}
-
-TEST_F(SessionTest, EditingASyncedSessionResetsItsOutcome) {
-    ingestAndSync();
-    const auto& camB = vm->sources()[1];
-    ASSERT_EQ(camB.name, "camB");
-    vm->selectTrack(camB.id);
-    EXPECT_DOUBLE_EQ(view->playbackTime(), camB.clips[0].startOffset) << "playback starts at the selection";
-    vm->moveSelectedToNewTrack();
-    EXPECT_EQ(vm->sources().size(), 3u);
-    EXPECT_TRUE(vm->selectedClipIDs().empty());
-    EXPECT_TRUE(vm->state().is(AppState::Kind::idle));
-    EXPECT_EQ(offsets(SyncStatus::pending).size(), 4u);
-    EXPECT_FALSE(vm->offsetsBeforeCloseGaps().has_value());
-
-    const double scale = view->pxPerSec();
-    view->beginSidebarDrag();
-    view->setAvailableWidth(300);
-    EXPECT_DOUBLE_EQ(view->pxPerSec(), scale) << "the scale holds while the divider moves";
-    view->endSidebarDrag();
-    EXPECT_LT(view->pxPerSec(), scale);
-
-    vm->selectAllClips();
-    EXPECT_EQ(vm->selectedClipIDs().size(), 4u);
-    vm->deleteSelected();
-    EXPECT_TRUE(vm->sources().empty());
-    EXPECT_TRUE(vm->state().is(AppState::Kind::idle));
 }
 
 TEST_F(SessionTest, MissingStagesAreSaidNotPretendedAndUndecodableFormatsAdvised) {
