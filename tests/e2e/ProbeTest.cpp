@@ -8,17 +8,13 @@
 #include <nlohmann/json.hpp>
 
 using ::testing::HasSubstr;
-using trelvane::test::ffmpeg;
-using trelvane::test::quoted;
-using trelvane::test::runCli;
-using trelvane::test::TempDir;
+using namespace trelvane::test;
 
 namespace {
 
 // A recorder take with a stamp at 14:30:12 and timecode 01:00:00 (48 kHz).
 std::filesystem::path recorderTake(const TempDir& home) {
-    const auto p = home / "shoot/ZOOM0001.WAV";
-    std::filesystem::create_directories(p.parent_path());
+    const auto p = home.dir("shoot") / "ZOOM0001.WAV";
     ffmpeg("-f lavfi -i sine=sample_rate=48000:duration=1 -ac 2 -c:a pcm_s16le -write_bext 1 "
            "-metadata originator=" +
            quoted("ZOOM F8") +
@@ -29,8 +25,7 @@ std::filesystem::path recorderTake(const TempDir& home) {
 }
 
 std::filesystem::path cameraClip(const TempDir& home) {
-    const auto p = home / "shoot/C0001.MP4";
-    std::filesystem::create_directories(p.parent_path());
+    const auto p = home.dir("shoot") / "C0001.MP4";
     ffmpeg("-f lavfi -i testsrc=size=320x240:rate=25:duration=1 -f lavfi -i sine=duration=1 "
            "-timecode 00:00:10:05 -c:v libx264 -preset ultrafast -c:a aac -shortest " +
            quoted(p.string()));

@@ -11,8 +11,7 @@
 
 using namespace trelvane;
 namespace fs = std::filesystem;
-using trelvane::test::slurp;
-using trelvane::test::TempDir;
+using namespace trelvane::test;
 
 namespace {
 

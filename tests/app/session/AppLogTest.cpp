@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 #include "Trelvane/session/AppLog.hpp"
 #include "TestSupport.hpp"
-#include "Trelvane/session/Notifier.hpp"
 #include "Trelvane/session/Settings.hpp"
 #include "TrelvaneEngine/support/EngineLog.hpp"
 #include "TrelvaneVersion.hpp"
@@ -27,10 +26,7 @@ using namespace trelvane;
 namespace fs = std::filesystem;
 using namespace std::chrono_literals;
 
-using trelvane::test::LogCapture;
-using trelvane::test::ScopedEnv;
-using trelvane::test::slurp;
-using trelvane::test::TempDir;
+using namespace trelvane::test;
 
 namespace {
 
@@ -104,17 +100,15 @@ TEST(AppLog, FileOnlyStartWritesTheStartLineAndTruncatesAtTheNextStart) {
 TEST(AppLog, FallsBackToTheUsersOwnFolderInTheTemporaryFolderWhereNoPlantedLinkIsFollowed) {
     TempDir dir;
     AppLogReset reset;
-    std::ofstream(dir.path() / "plain-file") << "not a folder";
-    const auto tmp = dir.path() / "tmp";
-    fs::create_directory(tmp);
+    dir.file("plain-file", "not a folder");
+    const auto tmp = dir.dir("tmp");
     const ScopedEnv data("XDG_DATA_HOME", (dir.path() / "plain-file" / "share").string());
     const ScopedEnv tmpdir("TMPDIR", tmp.string());
     const auto own = tmp / ("trelvane-" + std::to_string(::getuid()));
     // Another user's links where the log used to go, and where it goes now: neither is followed.
-    std::ofstream(dir.path() / "victim") << "precious";
+    dir.file("victim", "precious");
     fs::create_symlink(dir.path() / "victim", tmp / "Trelvane.log");
-    fs::create_directory(dir.path() / "elsewhere");
-    fs::create_symlink(dir.path() / "elsewhere", own);
+    fs::create_symlink(dir.dir("elsewhere"), own);
 
     AppLog::start(AppLog::Mode::fileOnly);
     EngineLog::log("[Test] nowhere to go");
@@ -170,7 +164,7 @@ TEST(AppLog, RedactPathsAndFormEncode) {
 
 // Each of these settles at once with nothing sent: no connection reaches the listener. The
 // environment's endpoint, where not empty, wins over the configured one.
-TEST(AppLog, UploadThatMayNotBeSentSendsNothing) {
+TEST(AppLog, UploadGoesOnlyOverHttpsAndOnlyWhenAllowed) {
     Listener listener;
     const std::string port = std::to_string(listener.port);
     const std::string notHttps = "[Diag] diagnostics endpoint is not HTTPS — report not sent";
@@ -204,38 +198,18 @@ TEST(AppLog, UploadThatMayNotBeSentSendsNothing) {
         EXPECT_EQ(log.lines(),
                   c.log.empty() ? std::vector<std::string>{} : std::vector<std::string>(2, c.log));
     }
+    // Plain HTTP never leaves the machine, not even as a connection.
+    EXPECT_FALSE(AppLog::postForm(plain, "a=b"));
     EXPECT_FALSE(listener.connectionArrivesWithin(300));
-}
 
-// Plain HTTP never leaves the machine, not even as a connection; over HTTPS the report is read,
-// redacted and encoded off the caller's thread, and a server that can't be reached means not sent.
-TEST(AppLog, UploadGoesOverHttpsOnlyAndAnUnreachableServerMeansNotSent) {
+    // Over HTTPS the report is read, redacted and encoded off the caller's thread; a server that
+    // can't be reached means not sent.
     TempDir dir;
     AppLogReset reset;
-    int closedPort = 0;
-    {
-        Listener listener;
-        EXPECT_FALSE(AppLog::postForm("http://127.0.0.1:" + std::to_string(listener.port) + "/r", "a=b"));
-        EXPECT_FALSE(listener.connectionArrivesWithin(200));
-        closedPort = listener.port;
-    }
     const ScopedEnv data("XDG_DATA_HOME", dir.path().string());
-    const ScopedEnv url("TRELVANE_DIAG_URL", "https://127.0.0.1:" + std::to_string(closedPort) + "/r");
-    Settings settings(dir.path() / "settings.json");
+    const ScopedEnv url("TRELVANE_DIAG_URL", "https://127.0.0.1:1/r");
     AppLog::start(AppLog::Mode::fileOnly);
-    auto sent = AppLog::upload("manual", settings);
+    auto sent = AppLog::upload("manual", Settings(dir.path() / "settings.json"));
     ASSERT_EQ(sent.wait_for(30s), std::future_status::ready);
     EXPECT_FALSE(sent.get());
-}
-
-TEST(Notifier, HeadlessStageDoneIsOneLogLineAndAPresenterReplacesIt) {
-    LogCapture log;
-    std::vector<std::pair<std::string, std::string>> shown;
-    Notifier::setPresenter(
-        [&shown](const std::string& title, const std::string& body) { shown.emplace_back(title, body); });
-    Notifier::stageDone("Export finished", "timeline.xml");
-    Notifier::setPresenter(nullptr);
-    Notifier::stageDone("Sync finished", "4 tracks placed");
-    EXPECT_EQ(shown, (std::vector<std::pair<std::string, std::string>>{{"Export finished", "timeline.xml"}}));
-    EXPECT_EQ(log.lines(), std::vector<std::string>{"[Notify] Sync finished — 4 tracks placed"});
 }
