@@ -59,8 +59,11 @@ TEST(Cli, ScanPrintsTheTracksAndTheSessionAsJsonAndWritesTheLog) {
     home.file("shoot/CamA/C0002.MP4");
     home.file(std::string("shoot/Zoom/odd \"name\" & \xff.WAV"));
     const std::string shoot = quoted((home / "shoot").string());
-    const auto r = runCli(home, "scan " + shoot);
+    // A folder too deep to be searched is counted and said.
+    ASSERT_EQ(std::system(("cd " + shoot + " && for i in $(seq 70); do mkdir d && cd d; done").c_str()), 0);
+    const auto r = runCli(home, "scan " + shoot, true);
     ASSERT_EQ(r.status, 0) << r.out;
+    EXPECT_THAT(r.out, HasSubstr("trelvane: 1 folder not searched — can't be read, too deep"));
     EXPECT_THAT(r.out, HasSubstr("2 clips  ·  MP4"));
     EXPECT_THAT(r.out, HasSubstr("2 tracks, 3 clips"));
     const std::string log = slurp(home / "data/Trelvane/Trelvane.log");

@@ -170,6 +170,10 @@ TEST(SyncCommand, RefusesBadOutputsEarlySyncsWhatCanBeReadAndWritesOnlyWhatItIsA
     EXPECT_EQ(toStdout.status, 0);
     EXPECT_EQ(nlohmann::json::parse(toStdout.out)["tracks"].size(), 2u) << toStdout.out;
 
+    // In stack mode the camera's take and the recorder's that heard it make one stack.
+    const auto stacked = runCli(home, "sync --mode stacks " + shoot, true);
+    EXPECT_EQ(stacked.status, 0) << stacked.out;
+    EXPECT_THAT(stacked.out, HasSubstr("stack 1: 2 take(s)"));
     // One folder alone is one device, and one device can't be synced: a status of its own, in words.
     const auto alone = runCli(home, "sync " + quoted((home / "shoot/recB").string()), true);
     EXPECT_EQ(alone.status, 3) << alone.out;
