@@ -9,9 +9,7 @@
 
 #include <arpa/inet.h>
 #include <chrono>
-#include <cstdlib>
 #include <filesystem>
-#include <fstream>
 #include <netinet/in.h>
 #include <optional>
 #include <poll.h>
