@@ -92,7 +92,9 @@ struct Doubles {
             extractCallsAtPrune = extractCalls.load();
             pruneCeiling = ceiling;
         };
-        s.synchronise = [this](auto&&... a) { return sync(std::forward<decltype(a)>(a)...); };
+        s.synchronise = [this](Sources src, auto p, auto place, std::stop_token stop) {
+            return sync(std::move(src), p, place, stop);
+        };
         s.buildStacks = [this](Sources src, std::function<void(double)> p, std::stop_token) {
             p(0.5);
             return stacks(std::move(src));
