@@ -4,12 +4,8 @@
 // Test media made at test time with the ffmpeg command-line tool.
 
 #include "TestSupport.hpp"
-#include "TrelvaneEngine/features/SpectralBands.hpp"
-#include "TrelvaneEngine/media/AudioExtractor.hpp"
-#include "TrelvaneEngine/model/TrackModels.hpp"
 
 #include <cstdlib>
-#include <filesystem>
 #include <gtest/gtest.h>
 #include <string>
 
@@ -31,16 +27,6 @@ inline void sox(const std::string& args) {
 inline std::string sineInput(double seconds) {
     return "-f lavfi -i " +
            quoted("sine=frequency=440:sample_rate=48000:duration=" + std::to_string(seconds));
-}
-
-// A clip of the file at `path` with its length and band feature, as the analysis leaves it.
-inline ClipItem analysedClip(const std::filesystem::path& path) {
-    ClipItem c;
-    c.url = Url::fromPath(path);
-    const auto audio = AudioExtractor::extract(c.url, 0);
-    c.duration = audio.duration;
-    c.bandFeature = SpectralBands::compute(audio.samples);
-    return c;
 }
 
 } // namespace trelvane::test

@@ -6,13 +6,11 @@
 #include "TestSupport.hpp"
 
 #include <array>
-#include <csignal>
 #include <cstdio>
+#include <cstdlib>
 #include <functional>
-#include <poll.h>
 #include <string>
 #include <sys/wait.h>
-#include <unistd.h>
 
 namespace trelvane::test {
 
@@ -49,40 +47,24 @@ inline CliRun runCli(const TempDir& home, const std::string& args, bool withStde
                     (withStderr ? " 2>&1" : " 2>/dev/null"));
 }
 
-// Runs the CLI with `env` added to its environment and `args` left as given, redirections and all.
-inline CliRun runCliAsGiven(const TempDir& home, const std::string& env, const std::string& args) {
-    return runShell(cliEnvironment(home) + " " + env + " " + quoted(TRELVANE_CLI_PATH) + " " + args);
-}
-
-// Runs the CLI with stdout and stderr on one pipe and calls `onOutput` with everything read so far
-// each time more arrives, with the child's pid, until the child ends.
+// Runs the CLI with stdout and stderr on one pipe and calls `onOutput` with everything read so far,
+// and the CLI's pid, after each line, until the CLI ends.
 inline CliRun runCliWatching(const TempDir& home, const std::string& args,
                              const std::function<void(const std::string&, pid_t)>& onOutput) {
     CliRun r;
-    int fds[2];
-    if (::pipe(fds) != 0) return r;
-    const std::string cmd =
-        "exec env " + cliEnvironment(home) + " " + quoted(TRELVANE_CLI_PATH) + " " + args + " 2>&1";
-    const pid_t pid = ::fork();
-    if (pid == 0) {
-        ::dup2(fds[1], STDOUT_FILENO);
-        ::close(fds[0]);
-        ::close(fds[1]);
-        ::execl("/bin/sh", "sh", "-c", cmd.c_str(), static_cast<char*>(nullptr));
-        ::_exit(127);
-    }
-    ::close(fds[1]);
-    std::array<char, 4096> buf{};
-    for (;;) {
-        const ssize_t n = ::read(fds[0], buf.data(), buf.size());
-        if (n < 0 && errno == EINTR) continue;
-        if (n <= 0) break;
-        r.out.append(buf.data(), static_cast<std::size_t>(n));
+    // The shell tells its pid, then becomes the CLI: the pid is the CLI's.
+    FILE* pipe = ::popen(
+        ("echo $$; exec env " + cliEnvironment(home) + " " + quoted(TRELVANE_CLI_PATH) + " " + args + " 2>&1")
+            .c_str(),
+        "r");
+    if (!pipe) return r;
+    char line[4096];
+    const pid_t pid = std::fgets(line, sizeof line, pipe) ? std::atoi(line) : -1;
+    while (std::fgets(line, sizeof line, pipe)) {
+        r.out += line;
         onOutput(r.out, pid);
     }
-    ::close(fds[0]);
-    int raw = 0;
-    ::waitpid(pid, &raw, 0);
+    const int raw = ::pclose(pipe);
     r.status = WIFEXITED(raw) ? WEXITSTATUS(raw) : -1;
     return r;
 }

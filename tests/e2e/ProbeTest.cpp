@@ -3,20 +3,18 @@
 #include "MediaSupport.hpp"
 #include "e2e/CliRunner.hpp"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
-using trelvane::test::ffmpeg;
-using trelvane::test::quoted;
-using trelvane::test::runCli;
-using trelvane::test::TempDir;
+using ::testing::HasSubstr;
+using namespace trelvane::test;
 
 namespace {
 
 // A recorder take with a stamp at 14:30:12 and timecode 01:00:00 (48 kHz).
 std::filesystem::path recorderTake(const TempDir& home) {
-    const auto p = home / "shoot/ZOOM0001.WAV";
-    std::filesystem::create_directories(p.parent_path());
+    const auto p = home.dir("shoot") / "ZOOM0001.WAV";
     ffmpeg("-f lavfi -i sine=sample_rate=48000:duration=1 -ac 2 -c:a pcm_s16le -write_bext 1 "
            "-metadata originator=" +
            quoted("ZOOM F8") +
@@ -27,8 +25,7 @@ std::filesystem::path recorderTake(const TempDir& home) {
 }
 
 std::filesystem::path cameraClip(const TempDir& home) {
-    const auto p = home / "shoot/C0001.MP4";
-    std::filesystem::create_directories(p.parent_path());
+    const auto p = home.dir("shoot") / "C0001.MP4";
     ffmpeg("-f lavfi -i testsrc=size=320x240:rate=25:duration=1 -f lavfi -i sine=duration=1 "
            "-timecode 00:00:10:05 -c:v libx264 -preset ultrafast -c:a aac -shortest " +
            quoted(p.string()));
@@ -58,8 +55,7 @@ TEST(Probe, PrintsWhatTheReadersFindAndNamesTheFilesThatAreNoMedia) {
     const auto r = runCli(home, "probe " + files, true);
     EXPECT_EQ(r.status, 1) << r.out;
     for (const auto& b : bad)
-        EXPECT_NE(r.out.find(std::string("trelvane: ") + b.reason + ": " + b.path + "\n"), std::string::npos)
-            << r.out;
+        EXPECT_THAT(r.out, HasSubstr(std::string("trelvane: ") + b.reason + ": " + b.path + "\n"));
     const auto mp4At = r.out.find(mp4.string() + "\n");
     ASSERT_NE(mp4At, std::string::npos) << r.out;
     for (const char* line :

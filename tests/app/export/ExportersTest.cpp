@@ -1,8 +1,7 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 // The exporters: each target's whole document for one small session (the golden documents), and
-// the rules that session does not reach: rate banding and drop-frame timecode, speed changes that
-// are not whole, a file used twice, presets, overlaps, an empty session, and the FCPXML DTD at
-// every offered rate.
+// the rules that session does not reach: frame counts and drop-frame timecode, a file used twice,
+// presets and the FCPXML DTD at every offered rate.
 #include "TestSupport.hpp"
 #include "Trelvane/export/FCP7Exporter.hpp"
 #include "Trelvane/export/FCPXMLExporter.hpp"
@@ -15,7 +14,6 @@
 #include <fstream>
 #include <gtest/gtest.h>
 #include <regex>
-#include <sstream>
 
 using namespace trelvane;
 using trelvane::test::exportSession;
@@ -33,21 +31,7 @@ void expectGolden(const std::string& name, const std::string& actual) {
         std::ofstream(path, std::ios::binary) << actual;
         return;
     }
-    const std::string expected = test::slurp(path);
-    if (expected == actual) return;
-    std::istringstream e(expected), a(actual);
-    std::string el, al;
-    int line = 1;
-    for (bool more = true; more; ++line) {
-        const bool he = static_cast<bool>(std::getline(e, el)), ha = static_cast<bool>(std::getline(a, al));
-        more = he || ha;
-        if (he != ha || el != al) {
-            ADD_FAILURE() << name << " differs from the golden document at line " << line
-                          << "\n  golden: " << (he ? el : "(end)") << "\n  now:    " << (ha ? al : "(end)");
-            return;
-        }
-    }
-    ADD_FAILURE() << name << " differs from the golden document in its line ends";
+    EXPECT_EQ(test::slurp(path), actual) << name << " differs from the golden document";
 }
 
 // Whether xmllint finds the file well formed (and, given a DTD, valid against it).
@@ -76,19 +60,7 @@ TEST(Exporters, GoldenDocuments) {
             << xml;
 }
 
-TEST(FCP7Exporter, RatesAreBandedAndFramesCountedSafely) {
-    using FCP7Exporter::rateInfo;
-    const struct {
-        double fps;
-        int timebase;
-        bool ntsc;
-    } rates[] = {{15, 24, true},    {23.976, 24, true}, {24, 24, false}, {25, 25, false},
-                 {29.97, 30, true}, {29.99, 30, false}, {48, 50, false}, {50, 50, false},
-                 {51, 60, true},    {59.94, 60, true},  {60, 60, false}};
-    for (const auto& r : rates) {
-        EXPECT_EQ(rateInfo(r.fps).timebase, r.timebase) << r.fps;
-        EXPECT_EQ(rateInfo(r.fps).ntsc, r.ntsc) << r.fps;
-    }
+TEST(FCP7Exporter, FramesAreCountedSafelyAndDropFrameTimecodeSkipsTheRightNumbers) {
     EXPECT_EQ((FCP7Exporter::RateInfo{30, true}).frames(1.0), 30);
     EXPECT_EQ((FCP7Exporter::RateInfo{25, false}).frames(std::nan("")), 0);
     EXPECT_EQ((FCP7Exporter::RateInfo{25, false}).frames(1e300), 1'000'000'000);
@@ -102,26 +74,6 @@ TEST(FCP7Exporter, RatesAreBandedAndFramesCountedSafely) {
                   std::vector<int>({t.hours, t.minutes, t.seconds, t.frame}))
             << t.frames;
     }
-}
-
-TEST(FCP7Exporter, APictureSlightlyOffItsSpeedIsRemappedAndOneWithoutPictureIsNot) {
-    using namespace FCP7Exporter;
-    ClipItem c = test::exportClip("/x/A001/take.wav", 0, 40.0 + 0.512);
-    c.pictureURL = Url::fromPath("/x/A001/take.R3D");
-    c.pictureFrames = 1000;
-    c.recordFrameRate = 25;
-    auto t = pictureTiming(c, {25, false});
-    ASSERT_TRUE(t);
-    EXPECT_EQ(t->timelineFrames, 1000);
-    EXPECT_FALSE(t->speed);
-    c.recordFrameRate = 1000.0f / (998.0f / 25.0f);
-    t = pictureTiming(c, {25, false});
-    ASSERT_TRUE(t && t->speed);
-    EXPECT_EQ(t->timelineFrames, 998);
-    EXPECT_NEAR(*t->speed, 100.2004, 1e-4);
-    EXPECT_EQ(reelName(c), "A001");
-    c.pictureURL = c.url;
-    EXPECT_FALSE(pictureTiming(c, {25, false}));
 }
 
 TEST(Exporters, AFileUsedTwiceIsDescribedOnce) {
@@ -139,22 +91,8 @@ TEST(Exporters, AFileUsedTwiceIsDescribedOnce) {
     EXPECT_EQ(assets, 1) << fcpxml;
 }
 
-TEST(Exporters, AnEmptySessionGivesAnEmptyTimeline) {
-    test::TempDir dir;
-    EXPECT_TRUE(xmllintAccepts(dir.file(
-        "e.xml", FCP7Exporter::buildXML({}, 23.976, ExportStyle::premiere, ChannelLayout::perChannel))));
-    const std::string fcpxml = FCPXMLExporter::build({}, 29.97, ChannelLayout::mixed);
-    EXPECT_TRUE(xmllintAccepts(dir.file("e.fcpxml", fcpxml)));
-    EXPECT_NE(fcpxml.find("<sequence format=\"r1\" duration=\"0s\""), std::string::npos) << fcpxml;
-    EXPECT_NE(fcpxml.find("frameDuration=\"1001/30000s\""), std::string::npos) << fcpxml;
-    EXPECT_TRUE(nlohmann::json::parse(OTIOExporter::build({}, 25, ChannelLayout::mixed))["tracks"]["children"]
-                    .empty());
-}
-
 TEST(FCPXMLExporter, PresetsAndTheFallbackForAnUnknownSize) {
-    EXPECT_EQ(FCPXMLExporter::presetName(4096, 2160, 23.976), "FFVideoFormat4096x2160p2398");
     EXPECT_EQ(FCPXMLExporter::presetName(1280, 720, 59.94), "FFVideoFormat720p5994");
-    EXPECT_EQ(FCPXMLExporter::presetName(1920, 1080, 29.97), "FFVideoFormat1080p2997");
     EXPECT_FALSE(FCPXMLExporter::presetName(1000, 1000, 25));
     auto odd = exportSession();
     for (auto& track : odd)
@@ -164,18 +102,6 @@ TEST(FCPXMLExporter, PresetsAndTheFallbackForAnUnknownSize) {
                   .find("\n    <format id=\"r1\" name=\"FFVideoFormat3840x2160p25\" frameDuration=\"1/25s\" "
                         "width=\"3840\" height=\"2160\"/>\n"),
               std::string::npos);
-}
-
-TEST(OTIOExporter, AClipOverlappingItsNeighbourGoesOnAnOverflowTrack) {
-    auto sources = exportSession();
-    sources[3].clips.push_back(test::exportClip("/shoot/Card01/Sound/ZOOM0003.WAV", 20.0, 5.0, 4));
-    const auto doc = nlohmann::json::parse(OTIOExporter::build(sources, 25, ChannelLayout::perChannel));
-    std::vector<std::string> overflow;
-    for (const auto& track : doc["tracks"]["children"])
-        if (track["name"] == "Recorder 2")
-            for (const auto& item : track["children"])
-                overflow.push_back(item["name"]);
-    EXPECT_EQ(overflow, (std::vector<std::string>{"", "ZOOM0003.WAV"})); // a gap, then the clip
 }
 
 namespace {
