@@ -19,8 +19,8 @@ PACKAGES=(
   libgtest-dev libgmock-dev libbenchmark-dev
   # export tests: xmllint reads documents back and checks FCPXML against its DTD
   libxml2-utils
-  # test media, the demo shoot, the HTTPS test server's certificate, the fuzzer
-  ffmpeg sox openssl python3 clang libclang-rt-14-dev
+  # test media, the demo shoot, the fuzzers and their seed inputs
+  ffmpeg sox python3 clang libclang-rt-14-dev
   # real recorded sound for the demo shoot
   wesnoth-1.16-music asterisk-core-sounds-en-wav
 )
