@@ -87,9 +87,9 @@ void TimelineViewState::follow(const FlowEvent& event) {
         if (event.stacks) {
             // A stack result is shown at once, without a glide.
             setDisplayedOffsets(animToOffsets_);
-            setPlayhead(earliest.value_or(0));
+            setPlayheadTime(earliest.value_or(0));
         } else {
-            if (earliest) setPlayhead(*earliest);
+            if (earliest) setPlayheadTime(*earliest);
             postSelfAfter(1.6, [](TimelineViewState& v) { v.stopLiveAnimationSoon(); });
         }
         stopBarEaseSoon(0.6);
@@ -111,7 +111,7 @@ void TimelineViewState::follow(const FlowEvent& event) {
         for (const auto& [id, offset] : event.moved)
             animToOffsets_[id] = offset;
         setDisplayedOffsets(animToOffsets_);
-        if (event.kind == Kind::gapsClosed) setPlayhead(0);
+        if (event.kind == Kind::gapsClosed) setPlayheadTime(0);
         break;
     case Kind::cleaned:
         animTimer_.reset();
@@ -119,7 +119,7 @@ void TimelineViewState::follow(const FlowEvent& event) {
         animToOffsets_.clear();
         clipReadyAt_.clear();
         setDisplayedOffsets({});
-        setPlayhead(0);
+        setPlayheadTime(0);
         setBarFill(0);
         setClipFXActive(false);
         zoom_.zoomReset();
@@ -131,11 +131,6 @@ void TimelineViewState::follow(const FlowEvent& event) {
 void TimelineViewState::setDisplayedOffsets(std::map<Uuid, double> offsets) {
     displayedOffsets_ = std::move(offsets);
     notify(Change::displayedOffsets);
-}
-
-void TimelineViewState::setPlayhead(double seconds) {
-    playheadTime_ = seconds;
-    notify(Change::playheadTime);
 }
 
 void TimelineViewState::setBarFill(double fill) {
@@ -266,7 +261,8 @@ void TimelineViewState::stopBarEaseSoon(double delay) {
 // ---- the window's operations -----------------------------------------------------------------------
 
 void TimelineViewState::setPlayheadTime(double seconds) {
-    setPlayhead(seconds);
+    playheadTime_ = seconds;
+    notify(Change::playheadTime);
 }
 
 void TimelineViewState::setScrubbing(bool scrubbing) {

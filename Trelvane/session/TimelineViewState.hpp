@@ -109,7 +109,6 @@ class TimelineViewState : public std::enable_shared_from_this<TimelineViewState>
     void notify(Change what) { observers_.notify(what); }
     void follow(const FlowEvent& event);
     void setDisplayedOffsets(std::map<Uuid, double> offsets);
-    void setPlayhead(double seconds);
     void setBarFill(double fill);
     void setClipFXActive(bool active);
     void postSelfAfter(double seconds, std::function<void(TimelineViewState&)> fn);
