@@ -453,9 +453,11 @@ std::int64_t cacheSize(const fs::path& folder) {
     return total;
 }
 
-void clearAll(const fs::path& folder) {
+int clearAll(const fs::path& folder) {
+    int removed = 0;
     for (const auto& e : listEntries(folder))
-        removeEntry(e);
+        removed += removeEntry(e) == Removal::removed;
+    return removed;
 }
 
 } // namespace trelvane::EnvelopeCache

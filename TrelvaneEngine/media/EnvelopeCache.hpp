@@ -132,7 +132,8 @@ PruneResult prune(Date now, const std::filesystem::path& folder = cacheDir(),
 // The sizes of the entries added up; 0 for a folder that is missing or can't be listed.
 std::int64_t cacheSize(const std::filesystem::path& folder = cacheDir());
 
-// Removes every entry; the folder itself stays.
-void clearAll(const std::filesystem::path& folder = cacheDir());
+// Removes every entry; the folder itself stays. Returns how many entries this call removed (one
+// that another process took first, or that could not be removed, is not counted).
+int clearAll(const std::filesystem::path& folder = cacheDir());
 
 } // namespace trelvane::EnvelopeCache

@@ -216,8 +216,9 @@ TEST(EnvelopeCache, PlainCallsUseTheUserCacheFolderWhichClearAllEmpties) {
     EXPECT_GT(EC::cacheSize(), 0);
     // Only the regular files directly in the folder are entries.
     tmp.file("Trelvane/sub/inside", "kept");
-    EC::clearAll();
+    EXPECT_EQ(EC::clearAll(), 2) << "the pair and the bands, not the folder";
     EXPECT_EQ(EC::cacheSize(), 0);
+    EXPECT_EQ(EC::clearAll(), 0);
     EXPECT_EQ(namesIn(tmp / "Trelvane"), std::vector<std::string>{"sub"});
     EXPECT_FALSE(EC::loadPair(a));
 }
