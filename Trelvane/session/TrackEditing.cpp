@@ -117,4 +117,71 @@ void resetStatuses(Sources& sources) {
             c.syncStatus = SyncStatus::pending;
 }
 
+bool adoptMetadata(Sources& live, const Sources& read) {
+    std::map<Uuid, const ClipItem*> found;
+    for (const auto& t : read)
+        for (const auto& c : t.clips)
+            if (c.duration > 0) found.emplace(c.id, &c);
+    bool any = false;
+    for (auto& t : live) {
+        bool changed = false;
+        for (auto& c : t.clips) {
+            if (c.duration > 0) continue;
+            const auto it = found.find(c.id);
+            if (it == found.end()) continue;
+            c = *it->second;
+            changed = true;
+        }
+        if (!changed) continue;
+        IngestEngine::recomputeOffsets(t);
+        any = true;
+    }
+    return any;
+}
+
+Sources mergeRunResult(Sources result, const Sources& live) {
+    const std::set<Uuid> liveClips = allClips(live);
+    const std::set<Uuid> held = allClips(result);
+    std::map<Uuid, const TrackSource*> liveTracks;
+    for (const auto& t : live)
+        liveTracks.emplace(t.id, &t);
+
+    Sources merged;
+    for (auto& t : result) {
+        const auto before = t.clips.size();
+        std::erase_if(t.clips, [&](const ClipItem& c) { return !liveClips.contains(c.id); });
+        if (t.clips.empty() && before > 0) continue;
+        const auto twin = liveTracks.find(t.id);
+        if (twin != liveTracks.end()) {
+            t.isMuted = twin->second->isMuted;
+            double end = 0;
+            for (const auto& c : t.clips)
+                end = std::max(end, c.startOffset + c.duration);
+            for (const auto& c : twin->second->clips) {
+                if (held.contains(c.id)) continue;
+                t.clips.push_back(c);
+                t.clips.back().startOffset = end;
+                end += c.duration;
+            }
+        }
+        merged.push_back(std::move(t));
+    }
+    const std::set<Uuid> resultTracks = [&] {
+        std::set<Uuid> ids;
+        for (const auto& t : merged)
+            ids.insert(t.id);
+        return ids;
+    }();
+    for (const auto& t : live) {
+        if (resultTracks.contains(t.id)) continue;
+        TrackSource added = t;
+        const auto before = added.clips.size();
+        std::erase_if(added.clips, [&](const ClipItem& c) { return held.contains(c.id); });
+        if (added.clips.empty()) continue;
+        if (added.clips.size() != before) IngestEngine::recomputeOffsets(added);
+        merged.push_back(std::move(added));
+    }
+    return merged;
+}
+
 } // namespace trelvane::TrackEditing

@@ -44,4 +44,18 @@ std::map<Uuid, double> moveClips(Sources& sources, const std::map<Uuid, double>&
 // Every clip back to `pending`.
 void resetStatuses(Sources& sources);
 
+// Takes what a metadata read found into the live list, which may have changed while it ran: each
+// clip of `read` that has a length and whose live twin (same id, on whatever track it now stands)
+// still has none replaces that twin in its place, and each track that got one is laid out again.
+// Clips the live list no longer has stay gone; live clips that `read` lacks are left as they are.
+// True when a clip was taken.
+bool adoptMetadata(Sources& live, const Sources& read);
+
+// The result of a sync or stack run made to agree with the live list as it stands when the run
+// ends, so that what the user did meanwhile is kept: clips deleted meanwhile stay deleted (a track
+// left empty goes), a track's `isMuted` follows the live track of the same id, and the live clips
+// the result does not hold (added meanwhile) are kept: after the end of the result's track of the
+// same id when there is one, end to end, otherwise on their live track, appended to the list.
+Sources mergeRunResult(Sources result, const Sources& live);
+
 } // namespace trelvane::TrackEditing

@@ -84,3 +84,58 @@ TEST(TrackEditingTest, MutingAndPlacingTouchOnlyWhatTheyFind) {
               (std::map<Uuid, double>{{a1, 42.0}}));
     EXPECT_DOUBLE_EQ(sources[0].clips[0].startOffset, 42.0);
 }
+
+// A read or a run works on a copy; what the user did to the live list meanwhile must survive it.
+TEST(TrackEditingTest, MetadataIsAdoptedByClipIdIntoTheLiveList) {
+    Sources base = shoot();
+    base[0].clips[1].duration = base[1].clips[0].duration = 0; // a2 and b1 not read yet
+    TrackEditing::recomputeOffsets(base, 0);
+    TrackEditing::recomputeOffsets(base, 1);
+    Sources read = base;
+    read[0].clips[0].duration = 3; // a1: deleted meanwhile
+    read[0].clips[1].duration = 5;
+    read[1].clips[0].duration = 6;
+    Sources live = base;
+    TrackEditing::deleteClips(live, clipsNamed(live, "a1"), false);
+    ASSERT_TRUE(TrackEditing::moveToNewTrack(live, clipsNamed(live, "b1")));
+    live.emplace_back().name = "C"; // dropped meanwhile, not read yet
+    live.back().clips.emplace_back().url = Url::fromPath("/shoot/C/c1.WAV");
+
+    EXPECT_TRUE(TrackEditing::adoptMetadata(live, read));
+    EXPECT_EQ(describe(live), "A:a2@0,a3@5 | B:b2@0 | b1*day2:b1@0 | C:c1@0");
+    EXPECT_DOUBLE_EQ(live[2].clips[0].duration, 6.0) << "found on the track it was moved to";
+    EXPECT_DOUBLE_EQ(live[3].clips[0].duration, 0.0);
+    EXPECT_FALSE(TrackEditing::adoptMetadata(live, read)) << "a clip with a length is not replaced";
+}
+
+TEST(TrackEditingTest, ARunResultKeepsTheDeletesMutesAndDropsMadeWhileItRan) {
+    const Sources base = shoot();
+    Sources result = base;
+    for (std::size_t i = 0; i < result.size(); ++i)
+        for (std::size_t k = 0; k < result[i].clips.size(); ++k) {
+            result[i].clips[k].startOffset = 100.0 + 5.0 * static_cast<double>(i + 2 * k);
+            result[i].clips[k].syncStatus = SyncStatus::synced;
+        }
+    Sources live = base;
+    TrackEditing::deleteClips(live, clipsNamed(live, "a2"), true);
+    TrackEditing::toggleMute(live, live[1].id);
+    live[0].clips.emplace_back().url = Url::fromPath("/shoot/A/a4.MP4");
+    live[0].clips.back().duration = 10;
+    live.emplace_back().name = "C";
+    live.back().clips.emplace_back().url = Url::fromPath("/shoot/C/c1.WAV");
+
+    Sources merged = TrackEditing::mergeRunResult(result, live);
+    EXPECT_EQ(describe(merged), "A:a1@100,a3@120,a4@130 | B:b1@105,b2@115 | C:c1@0");
+    EXPECT_TRUE(merged[1].isMuted);
+    EXPECT_EQ(merged[0].clips[2].syncStatus, SyncStatus::pending);
+
+    // A track emptied meanwhile goes; a result of other tracks (stacks) gets the new clips on
+    // their own tracks, after its own.
+    TrackEditing::deleteClips(live, clipsNamed(live, "b1 b2"), false);
+    TrackSource stack;
+    stack.name = "S";
+    for (const auto& t : result)
+        stack.clips.insert(stack.clips.end(), t.clips.begin(), t.clips.end());
+    EXPECT_EQ(describe(TrackEditing::mergeRunResult(result, live)), "A:a1@100,a3@120,a4@130 | C:c1@0");
+    EXPECT_EQ(describe(TrackEditing::mergeRunResult({stack}, live)), "S:a1@100,a3@120 | A:a4@0 | C:c1@0");
+}
