@@ -213,6 +213,9 @@ void SyncViewModel::ingestURLs(const std::vector<Url>& urls) {
     }
     setSources(ingestEngine_.ingest(urls, std::move(sources_)));
     if (state_.is(AppState::Kind::synced) || state_.is(AppState::Kind::error)) resetOutcome();
+    // A run under way will install its result over an outcome the new media makes void: the reset
+    // waits for it.
+    if (syncTask_) addedDuringRun_ = true;
     ++pendingAdds_;
     if (!chainRunning_) startNextAdd();
 }
@@ -234,6 +237,9 @@ void SyncViewModel::startNextAdd() {
 }
 
 void SyncViewModel::loadMetadataThenExtract(std::uint64_t generation, Step done) {
+    if (generation != chainGeneration_) return;
+    if (holdWhileRunning([this, generation, done] { loadMetadataThenExtract(generation, done); })) return;
+    addClips_ = TrackEditing::allClips(sources_);
     if (!stages_.loadMetadata) {
         afterMetadata(generation, std::move(done));
         return;
@@ -243,14 +249,44 @@ void SyncViewModel::loadMetadataThenExtract(std::uint64_t generation, Step done)
         Sources result = loader(
             std::move(copy),
             [&post](const Sources& updated) {
-                post([updated](SyncViewModel& vm) { vm.setSources(updated); });
+                post([updated](SyncViewModel& vm) { vm.adoptMetadata(updated); });
             },
             stop);
         if (stop.stop_requested()) return;
         post([result = std::move(result), generation, done](SyncViewModel& vm) mutable {
-            vm.setSources(std::move(result));
+            vm.adoptMetadata(result);
             vm.afterMetadata(generation, done);
         });
+    });
+}
+
+void SyncViewModel::adoptMetadata(const Sources& read) {
+    // The read worked on a copy: what was dropped, deleted or moved since stands.
+    if (TrackEditing::adoptMetadata(sources_, read)) notify(Published::sources);
+}
+
+bool SyncViewModel::holdWhileRunning(Step step) {
+    if (!syncTask_) return false;
+    heldStep_ = std::move(step);
+    return true;
+}
+
+void SyncViewModel::releaseChain() {
+    const bool added = std::exchange(addedDuringRun_, false);
+    if (!heldStep_) return;
+    Step step = std::move(*heldStep_);
+    heldStep_.reset();
+    postSelf([step = std::move(step), added](SyncViewModel& vm) {
+        // Media dropped during the run joins the session now, as a drop made after it would.
+        if (added && (vm.state_.is(AppState::Kind::synced) || vm.state_.is(AppState::Kind::error))) {
+            if (vm.outcome_.sourcesBeforeStacks) {
+                Sources before = std::move(*vm.outcome_.sourcesBeforeStacks);
+                vm.outcome_.sourcesBeforeStacks.reset();
+                vm.setSources(std::move(before));
+            }
+            vm.resetOutcome();
+        }
+        step();
     });
 }
 
@@ -261,19 +297,7 @@ void SyncViewModel::afterMetadata(std::uint64_t generation, Step done) {
 
     auto dayRegions = [this, generation, done] {
         if (generation != chainGeneration_) return;
-        auto finish = [this, generation, done] {
-            if (generation != chainGeneration_) return;
-            setSources(IngestEngine::sortSources(std::move(sources_)));
-            for (const auto& t : sources_) {
-                const std::string folder =
-                    t.clips.empty() ? std::string() : t.clips.front().url.deletingLastPathComponent().path();
-                EngineLog::logf("[Ingest] track '%s' (%s, locked=%s) %d clips, from '%s'", t.name,
-                                rawValue(t.type), t.lockedGrouping ? "true" : "false",
-                                static_cast<int>(t.clips.size()), folder);
-            }
-            setState(AppState::idle());
-            extractWaveforms(generation, done);
-        };
+        auto finish = [this, generation, done] { finishAdd(generation, done); };
         if (!stages_.detectDayRegions) {
             finish();
             return;
@@ -309,6 +333,21 @@ void SyncViewModel::afterMetadata(std::uint64_t generation, Step done) {
         setSources(stages_.applyCameraGroups(sources_, proposals, accepted));
         dayRegions();
     });
+}
+
+void SyncViewModel::finishAdd(std::uint64_t generation, Step done) {
+    if (generation != chainGeneration_) return;
+    // Neither the sort nor the analysis's states may come over a running sync.
+    if (holdWhileRunning([this, generation, done] { finishAdd(generation, done); })) return;
+    setSources(IngestEngine::sortSources(std::move(sources_)));
+    for (const auto& t : sources_) {
+        const std::string folder =
+            t.clips.empty() ? std::string() : t.clips.front().url.deletingLastPathComponent().path();
+        EngineLog::logf("[Ingest] track '%s' (%s, locked=%s) %d clips, from '%s'", t.name, rawValue(t.type),
+                        t.lockedGrouping ? "true" : "false", static_cast<int>(t.clips.size()), folder);
+    }
+    setState(AppState::idle());
+    extractWaveforms(generation, done);
 }
 
 void SyncViewModel::promptCameraGroups(std::vector<CameraGroupProposal> proposals, Continuation next) {
@@ -354,7 +393,7 @@ void SyncViewModel::extractWaveforms(std::uint64_t generation, Step done) {
     std::vector<ExtractJob> jobs;
     for (const auto& t : sources_)
         for (const auto& c : t.clips)
-            if (!c.cachedEnvelope && c.audioUsability == AudioUsability::ok)
+            if (!c.cachedEnvelope && c.audioUsability == AudioUsability::ok && addClips_.contains(c.id))
                 jobs.push_back({c.id, c.url, c.url.baseName(), c.duration});
     if (jobs.empty()) {
         setState(AppState::ready());
@@ -572,7 +611,8 @@ void SyncViewModel::setSyncProgress(double progress) {
 
 void SyncViewModel::installSyncOutcome(Sources result) {
     syncTask_.reset();
-    setSources(std::move(result));
+    // The run worked on a copy; the edits and drops made meanwhile are kept.
+    setSources(TrackEditing::mergeRunResult(std::move(result), sources_));
     refreshCounters();
     outcome_.failureSummary = summarizeFailures(sources_);
     notify(Published::failureSummary);
@@ -641,6 +681,7 @@ void SyncViewModel::finishTrackSync(Sources result) {
     tell({.kind = FlowEvent::Kind::syncFinished, .stacks = false});
     if (settings_.boolValue(Settings::kAutoCloseGapsKey)) closeGaps(false);
     AppLog::upload("sync", settings_);
+    releaseChain();
 }
 
 void SyncViewModel::synchronizeStacks() {
@@ -668,26 +709,33 @@ void SyncViewModel::synchronizeStacks() {
             },
             stop);
         if (stop.stop_requested()) return;
-        post([result = std::move(result), copy](SyncViewModel& vm) mutable {
-            vm.finishStackSync(std::move(result), std::move(copy));
+        post([result = std::move(result)](SyncViewModel& vm) mutable {
+            vm.finishStackSync(std::move(result));
         });
     });
 }
 
-void SyncViewModel::finishStackSync(StackBuilder::Result result, Sources before) {
-    // A second stack run keeps the list saved by the first.
-    if (!outcome_.sourcesBeforeStacks) outcome_.sourcesBeforeStacks = std::move(before);
+void SyncViewModel::finishStackSync(StackBuilder::Result result) {
+    // A second stack run keeps the list saved by the first. The list as it stands now, not as the
+    // run found it, so that leaving stack mode brings back media dropped during the run too.
+    if (!outcome_.sourcesBeforeStacks) {
+        Sources before = sources_;
+        TrackEditing::resetStatuses(before);
+        outcome_.sourcesBeforeStacks = std::move(before);
+    }
+    const int stackTracks = static_cast<int>(result.tracks.size());
     installSyncOutcome(std::move(result.tracks));
     result.tracks.clear();
     outcome_.lastStacks = std::move(result);
 
     const int unmatched = static_cast<int>(outcome_.lastStacks->unmatched.size());
-    std::string body = plural(static_cast<int>(sources_.size()), "track");
+    std::string body = plural(stackTracks, "track");
     if (unmatched > 0) body += fmt::format(" · {} unmatched", unmatched);
     body += " — ready to export.";
     Notifier::stageDone("Takes stacked", body);
     tell({.kind = FlowEvent::Kind::syncFinished, .stacks = true});
     AppLog::upload("sync", settings_);
+    releaseChain();
 }
 
 void SyncViewModel::restoreSourcesAfterStacks() {
@@ -727,6 +775,7 @@ void SyncViewModel::cancelSynchronization() {
     outcome_.syncWasStopped = true;
     notify(Published::syncWasStopped);
     setState(AppState::ready());
+    releaseChain();
 }
 
 void SyncViewModel::cleanProject() {
@@ -736,6 +785,8 @@ void SyncViewModel::cleanProject() {
     ingestStop_.reset();
     pendingAdds_ = 0;
     chainRunning_ = false;
+    heldStep_.reset();
+    addedDuringRun_ = false;
     cameraGroupContinuation_.reset();
     dayRegionContinuation_.reset();
     if (pendingCameraGroups_) {

@@ -244,7 +244,14 @@ class SyncViewModel : public std::enable_shared_from_this<SyncViewModel> {
     // ingest chain
     void startNextAdd();
     void loadMetadataThenExtract(std::uint64_t generation, Step done);
+    void adoptMetadata(const Sources& read);
     void afterMetadata(std::uint64_t generation, Step done);
+    void finishAdd(std::uint64_t generation, Step done);
+    // While a sync or stack run has the tracks, the chain keeps its next step until the run ends:
+    // true when `step` was kept.
+    bool holdWhileRunning(Step step);
+    // The run ended: the kept step goes on, after what an add made during the run asks for.
+    void releaseChain();
     void promptCameraGroups(std::vector<CameraGroupProposal> proposals, Continuation next);
     void promptDayRegions(std::vector<DayRegionProposal> proposals, Continuation next);
 
@@ -264,7 +271,7 @@ class SyncViewModel : public std::enable_shared_from_this<SyncViewModel> {
     void restoreSourcesAfterStacks();
     void markClipFound(const Uuid& id, double offset, SyncStatus status);
     void finishTrackSync(Sources result);
-    void finishStackSync(StackBuilder::Result result, Sources before);
+    void finishStackSync(StackBuilder::Result result);
     void startSyncTask(std::function<void(std::stop_token, const Poster&)> work);
     void beginSyncRun(bool stacks);
     void setSyncProgress(double progress);
@@ -304,6 +311,12 @@ class SyncViewModel : public std::enable_shared_from_this<SyncViewModel> {
     bool chainRunning_ = false;
     std::uint64_t chainGeneration_ = 0;
     std::optional<std::stop_source> ingestStop_;
+    // The clips the running add reads and analyses: those there when it began. Later drops get
+    // their own add.
+    std::set<Uuid> addClips_;
+    // The chain's step kept while a run goes on, and whether media was dropped during the run.
+    std::optional<Step> heldStep_;
+    bool addedDuringRun_ = false;
     // The running sync or stack job, by run number; callbacks of other runs are dropped.
     std::optional<std::stop_source> syncTask_;
     std::uint64_t syncRun_ = 0;

@@ -18,7 +18,8 @@ struct Doubles {
     std::atomic<int> metadataCalls{0}, extractCalls{0}, extractEntered{0}, extractStopped{0}, pruneCalls{0};
     std::atomic<int> extractCallsAtPrune{-1};
     std::atomic<std::int64_t> pruneCeiling{-1};
-    std::atomic<bool> gateShut{false};
+    std::atomic<bool> gateShut{false}, metadataShut{false}; // metadata waits after its updates
+
     std::vector<std::string> calls;                   // main-thread stages, in order
     std::vector<CameraGroupProposal> cameraProposals; // each kind proposed once
     std::vector<DayRegionProposal> dayProposals;
@@ -27,13 +28,14 @@ struct Doubles {
     std::function<StackBuilder::Result(Sources)> stacks;
     std::optional<StackBuilder::Advice> advice;
 
-    void waitAtGate(std::stop_token stop) const {
-        while (gateShut && !stop.stop_requested())
+    void waitAtGate(std::stop_token stop, const std::atomic<bool>& gate) const {
+        while (gate && !stop.stop_requested())
             std::this_thread::sleep_for(std::chrono::milliseconds(2));
     }
+    void waitAtGate(std::stop_token stop) const { waitAtGate(stop, gateShut); }
     SessionStages stages() {
         SessionStages s;
-        s.loadMetadata = [this](Sources src, SessionStages::ClipUpdated onClip, std::stop_token) {
+        s.loadMetadata = [this](Sources src, SessionStages::ClipUpdated onClip, std::stop_token stop) {
             ++metadataCalls;
             for (auto& t : src)
                 for (auto& c : t.clips)
@@ -42,6 +44,7 @@ struct Doubles {
                         if (t.type == SourceType::video) c.frameRate = 29.97f;
                         onClip(src);
                     }
+            waitAtGate(stop, metadataShut);
             return src;
         };
         auto record = [this](const char* name) {
@@ -455,4 +458,97 @@ TEST_F(SessionTest, MissingStagesAreSaidNotPretendedAndUndecodableFormatsAdvised
               "Format not decodable on this Mac — placed by clock or between neighbours");
     vm->dismissFormatAdvisories();
     EXPECT_TRUE(vm->formatAdvisories().empty());
+}
+
+TEST_F(SessionTest, ADropWhileMetadataLoadsKeepsBothAddsEachReadInItsTurn) {
+    doubles.metadataShut = true;
+    vm->ingestURLs({shoot()});
+    ASSERT_TRUE(pumpUntil([&] { return vm->totalDuration() > 0; })) << "the first add's clips come in";
+    vm->ingestURLs({folder("later", {"L1.WAV"})});
+    EXPECT_EQ(vm->sources().size(), 4u);
+    doubles.metadataShut = false;
+    ASSERT_TRUE(pumpIngest());
+    ASSERT_EQ(vm->sources().size(), 4u);
+    EXPECT_EQ(vm->totalClipCount(), 5);
+    for (const auto& t : vm->sources())
+        for (const auto& c : t.clips)
+            EXPECT_TRUE(c.duration == 10 && c.cachedEnvelope) << c.url.path();
+    EXPECT_EQ(doubles.metadataCalls.load(), 2);
+    EXPECT_EQ(doubles.extractCalls.load(), 5) << "each clip analysed once, after its metadata";
+    EXPECT_TRUE(vm->state().is(AppState::Kind::ready));
+}
+
+TEST_F(SessionTest, ADropADeleteAndAMuteDuringASyncOutliveItsResult) {
+    settings.setBool(Settings::kAutoCloseGapsKey, false);
+    vm->ingestURLs({shoot()});
+    ASSERT_TRUE(pumpIngest());
+    doubles.gateShut = true;
+    doubles.sync = [&](Sources s, auto p, auto place, std::stop_token stop) {
+        auto out = placeAll(std::move(s), p, place);
+        doubles.waitAtGate(stop);
+        return out;
+    };
+    std::optional<Sources> atResult;
+    const auto watch = vm->observe([&](Published what) {
+        if (what == Published::state && vm->state().is(AppState::Kind::synced)) atResult = vm->sources();
+    });
+    vm->synchronize();
+    ASSERT_TRUE(pumpUntil([&] { return vm->syncedCount() == 4; }));
+    const Uuid b1 = vm->sources()[1].clips[0].id, rec = vm->sources()[2].id;
+    vm->toggleClipSelection(b1);
+    vm->deleteSelected();
+    vm->toggleMute(rec);
+    vm->ingestURLs({folder("later", {"L1.WAV"})});
+    EXPECT_EQ(vm->sources().size(), 3u) << "the new track shows at once, the emptied one went";
+    EXPECT_FALSE(queue.runUntil([&] { return doubles.metadataCalls.load() > 1; }, 0.2))
+        << "the drop is read only after the run";
+    EXPECT_TRUE(vm->state().is(AppState::Kind::syncing));
+    doubles.gateShut = false;
+    ASSERT_TRUE(pumpIngest());
+
+    ASSERT_TRUE(atResult.has_value());
+    ASSERT_EQ(atResult->size(), 3u);
+    EXPECT_EQ((*atResult)[0].name + " " + (*atResult)[1].name + " " + (*atResult)[2].name, "camA rec later");
+    EXPECT_DOUBLE_EQ((*atResult)[0].clips[1].startOffset, 5.0);
+    EXPECT_DOUBLE_EQ((*atResult)[1].clips[0].startOffset, 200.0);
+    EXPECT_EQ((*atResult)[1].clips[0].syncStatus, SyncStatus::synced);
+    EXPECT_TRUE((*atResult)[1].isMuted);
+    EXPECT_EQ((*atResult)[2].clips[0].syncStatus, SyncStatus::pending);
+
+    // Then the drop is read and analysed; it voids the outcome as a drop after the run would, and
+    // the synced clips stay where the sync put them.
+    EXPECT_TRUE(vm->state().is(AppState::Kind::ready));
+    EXPECT_EQ(vm->syncedCount(), 0);
+    EXPECT_EQ(doubles.extractCalls.load(), 5);
+    std::map<std::string, double> starts;
+    for (const auto& t : vm->sources())
+        for (const auto& c : t.clips)
+            starts[c.url.baseName()] = c.startOffset;
+    EXPECT_EQ(starts, (std::map<std::string, double>{{"A1", 0}, {"A2", 5}, {"R1", 200}, {"L1", 0}}));
+    EXPECT_TRUE(vm->allExtracted());
+}
+
+TEST_F(SessionTest, MediaDroppedDuringAStackRunIsBackWithTheTracks) {
+    settings.setString(Settings::kSyncModeKey, "stacks");
+    doubles.stacks = [&](Sources src) {
+        doubles.waitAtGate({});
+        TrackSource merged;
+        merged.name = "Stack";
+        for (auto& t : src)
+            for (auto& c : t.clips)
+                merged.clips.push_back(c);
+        return StackBuilder::Result{{merged}, {}, {}};
+    };
+    vm->ingestURLs({shoot()});
+    ASSERT_TRUE(pumpIngest());
+    doubles.gateShut = true;
+    vm->synchronize();
+    vm->ingestURLs({folder("later", {"L1.WAV"})});
+    doubles.gateShut = false;
+    ASSERT_TRUE(pumpIngest());
+    EXPECT_TRUE(log.contains("[Notify] Takes stacked — 1 track — ready to export."));
+    ASSERT_EQ(vm->sources().size(), 4u) << "the tracks as they stood at the end of the run";
+    EXPECT_EQ(vm->sources()[2].name, "later");
+    EXPECT_TRUE(vm->allExtracted() && vm->state().is(AppState::Kind::ready));
+    EXPECT_FALSE(vm->sourcesBeforeStacks().has_value());
 }
