@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 #include "Trelvane/session/SyncViewModel.hpp"
 
+#include "Trelvane/export/ExportFlow.hpp"
 #include "Trelvane/session/AppLog.hpp"
 #include "Trelvane/session/Notifier.hpp"
 #include "Trelvane/session/TrackEditing.hpp"
@@ -819,6 +820,66 @@ void SyncViewModel::cleanProject() {
 void SyncViewModel::dismissFormatAdvisories() {
     formatAdvisories_.clear();
     notify(Published::formatAdvisories);
+}
+
+// ---- export -------------------------------------------------------------------------------------
+
+void SyncViewModel::exportXML() {
+    ExportPrompt prompt;
+    prompt.detectedFrameRates = detectedFrameRates();
+    prompt.summary = makeExportSummary(sources_);
+    prompt.defaults.target = ExportTarget::premiere;
+    prompt.defaults.fps =
+        preferredRate(defaultRateFamily(prompt.detectedFrameRates), prompt.detectedFrameRates);
+    prompt.defaults.channels = ChannelLayout::perChannel;
+    prompt.rootFolderName = rootFolderName(sources_);
+    pendingExport_ = std::move(prompt);
+    notify(Published::pendingExport);
+}
+
+void SyncViewModel::answerExport(const std::optional<ExportChoice>& choice) {
+    if (choice) ++exportsRunning_;
+    pendingExport_.reset();
+    notify(Published::pendingExport);
+    if (!choice) return;
+
+    ExportRequest request;
+    request.target = choice->options.target;
+    request.fps = choice->options.fps;
+    request.channels = choice->options.channels;
+    request.output = choice->path;
+    // The save panel has asked before replacing a file; a clip's media is refused all the same.
+    request.force = true;
+    // Not stopped by a clean: the file is the user's. Dropped unheard when the controller is gone.
+    std::weak_ptr<SyncViewModel> weak = weak_from_this();
+    tasks_.spawn([weak, &queue = queue_, request, copy = sources_](std::stop_token) {
+        ExportNotice notice;
+        // Nothing may leave the worker as an exception: every way out is a notice.
+        try {
+            const ExportResult result = runExport(copy, request, request.output->parent_path());
+            notice = {false, result.noticeTitle, result.noticeBody};
+        } catch (const std::exception& e) {
+            notice = {true, "Export failed", e.what()};
+        } catch (...) {
+            notice = {true, "Export failed", "The document could not be written."};
+        }
+        queue.post([weak, notice = std::move(notice)] {
+            auto self = weak.lock();
+            if (!self) return;
+            --self->exportsRunning_;
+            if (notice.failed)
+                EngineLog::logf("[Export] failed: %s", notice.body);
+            else
+                Notifier::stageDone(notice.title, notice.body);
+            self->exportNotice_ = notice;
+            self->notify(Published::exportNotice);
+        });
+    });
+}
+
+void SyncViewModel::dismissExportNotice() {
+    exportNotice_.reset();
+    notify(Published::exportNotice);
 }
 
 // ---- close gaps ---------------------------------------------------------------------------------

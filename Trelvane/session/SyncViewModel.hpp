@@ -4,16 +4,17 @@
 // The session controller: the one long-lived object that owns the session's tracks and drives every
 // stage, from dropped paths to a synced timeline. A user interface only observes its published state
 // and calls its operations; every user decision (the two grouping prompts, the stack-mode offer,
-// the file choice) is a pending value plus an operation that answers it, so a dialog, a command-line
-// flag or a test can drive it alike. What only a drawing needs (zoom, playhead, the glide of the
-// clips, the eased progress bar) is kept by `TimelineViewState`, which a window makes over the
-// controller from its published state and its flow events; a command line goes without.
+// the file choice, the export's options and file) is a pending value plus an operation that answers
+// it, so a dialog, a command-line flag or a test can drive it alike. What only a drawing needs (zoom,
+// playhead, the glide of the clips, the eased progress bar) is kept by `TimelineViewState`, which a window
+// makes over the controller from its published state and its flow events; a command line goes without.
 //
 // Lifecycle: made with `create` on the main thread, then confined to it: every operation is called
 // there, and every change of state happens there. Work runs on worker threads with copies of the
 // session; their results come back through the main queue and are dropped when the controller is
 // gone or the work was cancelled. The queue and the settings must outlive the controller.
 
+#include "Trelvane/export/ExportOptions.hpp"
 #include "Trelvane/session/FormatAdvisory.hpp"
 #include "Trelvane/session/MainQueue.hpp"
 #include "Trelvane/session/Observers.hpp"
@@ -22,6 +23,7 @@
 #include "Trelvane/session/TaskRunner.hpp"
 #include "TrelvaneEngine/ingest/IngestEngine.hpp"
 
+#include <filesystem>
 #include <functional>
 #include <map>
 #include <memory>
@@ -69,6 +71,8 @@ enum class Published {
     pendingStackModeOffer,
     pendingFileChoice,
     ingestActive,
+    pendingExport,
+    exportNotice,
 };
 
 // A step of a flow that a view showing the clips on their way needs but that leaves no trace in
@@ -126,6 +130,29 @@ struct FileChoiceRequest {
     bool canChooseDirectories = true;
 };
 
+// What the export dialog is opened with.
+struct ExportPrompt {
+    std::vector<float> detectedFrameRates; // the session's detected rates when the export was asked for
+    ExportSummary summary;
+    // What the dialog preselects: the first target, the rate of the family the detected rates
+    // suggest, one track per channel.
+    ExportOptions defaults;
+    std::string rootFolderName; // what the default file name begins with
+};
+
+// The dialog's and the save panel's answer.
+struct ExportChoice {
+    ExportOptions options;
+    std::filesystem::path path; // absolute, as the save panel gave it
+};
+
+// What the window tells after an export: the notice, or the refusal.
+struct ExportNotice {
+    bool failed = false;
+    std::string title; // "Export finished", or "Export failed"
+    std::string body;  // "<file name> saved.", or the sentence that says why not
+};
+
 class SyncViewModel : public std::enable_shared_from_this<SyncViewModel> {
   public:
     static std::shared_ptr<SyncViewModel> create(MainQueue& queue, Settings& settings, SessionStages stages);
@@ -165,6 +192,8 @@ class SyncViewModel : public std::enable_shared_from_this<SyncViewModel> {
     const std::vector<FormatAdvisory>& formatAdvisories() const { return formatAdvisories_; }
     const std::optional<StackModeOffer>& pendingStackModeOffer() const { return pendingStackModeOffer_; }
     const std::optional<FileChoiceRequest>& pendingFileChoice() const { return pendingFileChoice_; }
+    const std::optional<ExportPrompt>& pendingExport() const { return pendingExport_; }
+    const std::optional<ExportNotice>& exportNotice() const { return exportNotice_; }
 
     // Unpublished state a driver or a test may read.
     const RunOutcome& outcome() const { return outcome_; }
@@ -176,6 +205,9 @@ class SyncViewModel : public std::enable_shared_from_this<SyncViewModel> {
     }
     bool didOfferStackMode() const { return didOfferStackMode_; }
     bool isSyncRunning() const { return syncTask_.has_value(); }
+    // An export answered by the user is being written; it starts as `pendingExport` is cleared and
+    // ends as `exportNotice` is set.
+    bool isExporting() const { return exportsRunning_ > 0; }
     // An add is running or waiting to run (metadata, grouping, prompts or extraction).
     bool isIngesting() const { return chainRunning_; }
     const IngestEngine& ingestEngine() const { return ingestEngine_; }
@@ -205,6 +237,16 @@ class SyncViewModel : public std::enable_shared_from_this<SyncViewModel> {
     void restoreGaps();
     // The advisory sheet was closed.
     void dismissFormatAdvisories();
+
+    // ---- export ---------------------------------------------------------------------------------
+    // Opens the export dialog over the session as it stands (an empty one gives an empty document).
+    void exportXML();
+    // The answer of the dialog and the save panel; nothing when either was cancelled. The document
+    // is built and written on a worker with a copy of the tracks, by the same flow as the command
+    // line's, replacing an existing file (the save panel has asked) but never a clip's media; the
+    // outcome comes back as `exportNotice`.
+    void answerExport(const std::optional<ExportChoice>& choice);
+    void dismissExportNotice();
 
     // ---- editing (the work is done by TrackEditing) --------------------------------------------
     void toggleClipSelection(const Uuid& id);
@@ -296,6 +338,8 @@ class SyncViewModel : public std::enable_shared_from_this<SyncViewModel> {
     std::vector<FormatAdvisory> formatAdvisories_;
     std::optional<StackModeOffer> pendingStackModeOffer_;
     std::optional<FileChoiceRequest> pendingFileChoice_;
+    std::optional<ExportPrompt> pendingExport_;
+    std::optional<ExportNotice> exportNotice_;
     RunOutcome outcome_;
 
     // ---- unpublished (main thread) ----
@@ -321,6 +365,7 @@ class SyncViewModel : public std::enable_shared_from_this<SyncViewModel> {
     std::optional<std::stop_source> syncTask_;
     std::uint64_t syncRun_ = 0;
     bool didOfferStackMode_ = false;
+    int exportsRunning_ = 0;
 };
 
 } // namespace trelvane

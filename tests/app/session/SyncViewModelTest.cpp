@@ -528,6 +528,48 @@ TEST_F(SessionTest, ADropADeleteAndAMuteDuringASyncOutliveItsResult) {
     EXPECT_TRUE(vm->allExtracted());
 }
 
+TEST_F(SessionTest, ExportRunsTheSharedFlowOffTheMainThreadAndTellsHowItEnded) {
+    vm->ingestURLs({shoot()});
+    ASSERT_TRUE(pumpIngest());
+    const auto media = tmp.file("shoot/rec/R1.WAV", "RIFF media");
+    vm->exportXML();
+    ASSERT_TRUE(vm->pendingExport().has_value());
+    const ExportPrompt prompt = *vm->pendingExport();
+    EXPECT_EQ(prompt.detectedFrameRates, std::vector<float>{29.97f});
+    EXPECT_EQ(prompt.summary.clipCount, 4);
+    EXPECT_EQ(prompt.defaults.target, ExportTarget::premiere);
+    EXPECT_DOUBLE_EQ(prompt.defaults.fps, 29.97);
+    EXPECT_EQ(prompt.rootFolderName, "shoot");
+
+    auto answer = [&](const std::filesystem::path& path) {
+        vm->exportXML();
+        vm->dismissExportNotice();
+        vm->answerExport(ExportChoice{prompt.defaults, path});
+        EXPECT_FALSE(vm->pendingExport().has_value());
+        EXPECT_TRUE(vm->isExporting());
+        EXPECT_TRUE(pumpUntil([&] { return vm->exportNotice().has_value(); }));
+        EXPECT_FALSE(vm->isExporting());
+        return vm->exportNotice().value_or(ExportNotice{});
+    };
+    const auto done = answer(tmp / "cut");
+    EXPECT_FALSE(done.failed);
+    EXPECT_EQ(done.title + " / " + done.body, "Export finished / cut.xml saved.");
+    EXPECT_NE(slurp(tmp / "cut.xml").find("<xmeml"), std::string::npos);
+    EXPECT_TRUE(log.contains("[Notify] Export finished — cut.xml saved."));
+
+    // A clip's media is never written, under any of its names.
+    std::filesystem::create_hard_link(media, tmp / "take.xml");
+    const auto refused = answer(tmp / "take.xml");
+    EXPECT_TRUE(refused.failed);
+    EXPECT_EQ(refused.title, "Export failed");
+    EXPECT_TRUE(log.contains("[Export] failed: " + refused.body)) << refused.body;
+    EXPECT_EQ(slurp(media), "RIFF media");
+
+    vm->exportXML();
+    vm->answerExport(std::nullopt);
+    EXPECT_FALSE(vm->pendingExport() || vm->isExporting());
+}
+
 TEST_F(SessionTest, MediaDroppedDuringAStackRunIsBackWithTheTracks) {
     settings.setString(Settings::kSyncModeKey, "stacks");
     doubles.stacks = [&](Sources src) {
