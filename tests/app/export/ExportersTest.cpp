@@ -7,6 +7,7 @@
 #include "Trelvane/export/FCPXMLExporter.hpp"
 #include "Trelvane/export/OTIOExporter.hpp"
 #include "app/export/ExportFixtures.hpp"
+#include "app/export/XmlCheck.hpp"
 
 #include <cmath>
 #include <cstdlib>
@@ -17,6 +18,7 @@
 
 using namespace trelvane;
 using trelvane::test::exportSession;
+using trelvane::test::xmllintAccepts;
 
 namespace {
 
@@ -32,14 +34,6 @@ void expectGolden(const std::string& name, const std::string& actual) {
         return;
     }
     EXPECT_EQ(test::slurp(path), actual) << name << " differs from the golden document";
-}
-
-// Whether xmllint finds the file well formed (and, given a DTD, valid against it).
-bool xmllintAccepts(const std::filesystem::path& file, const std::string& dtd = {}) {
-    const std::string cmd = "xmllint --noout " +
-                            (dtd.empty() ? "" : "--dtdvalid " + test::quoted(dtd) + " ") +
-                            test::quoted(file.string()) + " 2>&1";
-    return std::system(cmd.c_str()) == 0;
 }
 
 } // namespace
@@ -106,34 +100,14 @@ TEST(FCPXMLExporter, PresetsAndTheFallbackForAnUnknownSize) {
 
 namespace {
 
-// The DTD is not ours to ship, so it lives beside the checkout: TRELVANE_FCPXML_DTD names it, or
-// it is looked for as shared/interchange/ in the folders above the sources.
-std::filesystem::path findDtd() {
-    if (const char* named = std::getenv("TRELVANE_FCPXML_DTD"); named != nullptr && *named != '\0')
-        return named;
-    const std::filesystem::path relative = "shared/interchange/FCPXMLv1_10.dtd";
-    std::error_code ec;
-    for (auto dir = std::filesystem::weakly_canonical(TRELVANE_SOURCE_DIR, ec).parent_path(); !dir.empty();
-         dir = dir.parent_path()) {
-        if (std::filesystem::exists(dir / relative, ec)) return dir / relative;
-        if (dir == dir.parent_path()) break;
-    }
-    return std::filesystem::path(TRELVANE_SOURCE_DIR) / ".." / relative;
-}
-
-const std::filesystem::path kDtd = findDtd();
+const std::filesystem::path kDtd = test::fcpxmlDtd();
 
 } // namespace
 
 // Every rate the export offers, both layouts: the document is valid against the format's DTD
 // (which also resolves every reference), and every offset falls on a frame of the sequence.
 TEST(FCPXMLExporter, ValidatesAgainstDtdAtEveryRate) {
-    if (!std::filesystem::exists(kDtd)) {
-        // Continuous integration must check against it: there a missing DTD fails, never skips.
-        if (const char* ci = std::getenv("CI"); ci != nullptr && std::string(ci) == "true")
-            FAIL() << "FCPXML DTD not found at " << kDtd << " (set TRELVANE_FCPXML_DTD)";
-        GTEST_SKIP() << "FCPXML DTD not found at " << kDtd;
-    }
+    TRELVANE_REQUIRE_FCPXML_DTD(kDtd)
     test::TempDir dir;
     for (const double fps : {23.976, 25.0, 29.97, 30.0, 50.0, 59.94})
         for (const auto layout : {ChannelLayout::perChannel, ChannelLayout::mixed}) {
