@@ -17,11 +17,14 @@ constexpr int kBarHeight = 3;
 
 } // namespace
 
-BottomBar::BottomBar(std::shared_ptr<SyncViewModel> vm, std::shared_ptr<TimelineViewState> view, QWidget* parent)
-    : QWidget(parent), vm_(std::move(vm)), view_(std::move(view)), icon_(new QLabel(this)), text_(new QLabel(this)) {
+BottomBar::BottomBar(std::shared_ptr<SyncViewModel> vm, std::shared_ptr<TimelineViewState> view,
+                     QWidget* parent)
+    : QWidget(parent), vm_(std::move(vm)), view_(std::move(view)), icon_(new QLabel(this)),
+      text_(new QLabel(this)) {
     setFixedHeight(30);
-    icon_->setPixmap(QIcon::fromTheme("dialog-warning", qApp->style()->standardIcon(QStyle::SP_MessageBoxWarning))
-                         .pixmap(14, 14));
+    icon_->setPixmap(
+        QIcon::fromTheme("dialog-warning", qApp->style()->standardIcon(QStyle::SP_MessageBoxWarning))
+            .pixmap(14, 14));
     icon_->setVisible(false);
     text_->setTextFormat(Qt::PlainText);
     text_->setMinimumWidth(1);

@@ -17,7 +17,8 @@ namespace trelvane {
 
 class BottomBar : public QWidget {
   public:
-    BottomBar(std::shared_ptr<SyncViewModel> vm, std::shared_ptr<TimelineViewState> view, QWidget* parent = nullptr);
+    BottomBar(std::shared_ptr<SyncViewModel> vm, std::shared_ptr<TimelineViewState> view,
+              QWidget* parent = nullptr);
     QLabel* statusLabel() const { return text_; }
     QLabel* warningIcon() const { return icon_; }
     double drawnFill() const { return fill_; }

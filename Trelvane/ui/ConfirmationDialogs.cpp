@@ -70,7 +70,8 @@ ProposalSheet::ProposalSheet(const QString& title, const QString& text, const QS
         list->addWidget(check);
         auto* detail = wrapped(row.detail, this, "color: #8d929b; margin-left: 24px;");
         list->addWidget(detail);
-        if (!row.extra.isEmpty()) list->addWidget(wrapped(row.extra, this, "color: #8d929b; margin-left: 24px;"));
+        if (!row.extra.isEmpty())
+            list->addWidget(wrapped(row.extra, this, "color: #8d929b; margin-left: 24px;"));
         rows_.emplace_back(row.id, check);
         checks_.push_back(check);
     }
@@ -107,8 +108,11 @@ namespace {
 std::vector<ProposalSheet::Row> cameraRows(const std::vector<CameraGroupProposal>& proposals) {
     std::vector<ProposalSheet::Row> rows;
     for (const auto& p : proposals)
-        rows.push_back({p.id, joinedNames(p.trackNames, "  →  "),
-                        QString("%1 clips  ·  prefix %2  ·  %3").arg(p.clipCount).arg(qs(p.filenamePrefix), qs(p.sequenceHint)),
+        rows.push_back({p.id,
+                        joinedNames(p.trackNames, "  →  "),
+                        QString("%1 clips  ·  prefix %2  ·  %3")
+                            .arg(p.clipCount)
+                            .arg(qs(p.filenamePrefix), qs(p.sequenceHint)),
                         {}});
     return rows;
 }
@@ -131,27 +135,31 @@ std::vector<ProposalSheet::Row> dayRows(const std::vector<DayRegionProposal>& pr
 CameraGroupConfirmationView::CameraGroupConfirmationView(std::shared_ptr<SyncViewModel> vm,
                                                          const std::vector<CameraGroupProposal>& proposals,
                                                          QWidget* parent)
-    : ProposalSheet("One camera across folders?",
-                    "These folder-tracks look like one recorder split across cards — filenames continue in order. "
-                    "Grouped tracks are laid end-to-end and synced as one chain.",
-                    "Keep all separate", cameraRows(proposals),
-                    [vm](const std::set<Uuid>& accepted) { vm->confirmCameraGroups(accepted); }, parent) {}
+    : ProposalSheet(
+          "One camera across folders?",
+          "These folder-tracks look like one recorder split across cards — filenames continue in order. "
+          "Grouped tracks are laid end-to-end and synced as one chain.",
+          "Keep all separate", cameraRows(proposals),
+          [vm](const std::set<Uuid>& accepted) { vm->confirmCameraGroups(accepted); }, parent) {}
 
 DayRegionConfirmationView::DayRegionConfirmationView(std::shared_ptr<SyncViewModel> vm,
-                                                     const std::vector<DayRegionProposal>& proposals, QWidget* parent)
-    : ProposalSheet("Different parts of the day?",
-                    "Recording clocks suggest these tracks don't overlap in time. Each region syncs separately so "
-                    "clips from one part of the day don't false-match another.",
-                    "Treat as one day", dayRows(proposals),
-                    [vm](const std::set<Uuid>& accepted) { vm->confirmDayRegions(accepted); }, parent) {}
+                                                     const std::vector<DayRegionProposal>& proposals,
+                                                     QWidget* parent)
+    : ProposalSheet(
+          "Different parts of the day?",
+          "Recording clocks suggest these tracks don't overlap in time. Each region syncs separately so "
+          "clips from one part of the day don't false-match another.",
+          "Treat as one day", dayRows(proposals),
+          [vm](const std::set<Uuid>& accepted) { vm->confirmDayRegions(accepted); }, parent) {}
 
-FormatAdvisoryView::FormatAdvisoryView(std::shared_ptr<SyncViewModel> vm, const std::vector<FormatAdvisory>& advisories,
-                                       QWidget* parent)
+FormatAdvisoryView::FormatAdvisoryView(std::shared_ptr<SyncViewModel> vm,
+                                       const std::vector<FormatAdvisory>& advisories, QWidget* parent)
     : QDialog(parent), vm_(std::move(vm)) {
-    QVBoxLayout* list = sheetFrame(this, "Some clips need a codec",
-                                   "These files use a format Trelvane can't decode audio from yet, so they're placed "
-                                   "by timecode/interpolation instead of sound. Sync still ran — this is just so you "
-                                   "know why.");
+    QVBoxLayout* list =
+        sheetFrame(this, "Some clips need a codec",
+                   "These files use a format Trelvane can't decode audio from yet, so they're placed "
+                   "by timecode/interpolation instead of sound. Sync still ran — this is just so you "
+                   "know why.");
     for (const auto& a : advisories) {
         auto* row = new QHBoxLayout;
         auto* text = new QVBoxLayout;
@@ -160,15 +168,16 @@ FormatAdvisoryView::FormatAdvisoryView(std::shared_ptr<SyncViewModel> vm, const 
         bold.setBold(true);
         name->setFont(bold);
         text->addWidget(name);
-        text->addWidget(wrapped(QString("%1%2").arg(a.clipCount).arg(a.clipCount == 1 ? " clip" : " clips"), this,
-                                "color: #8d929b;"));
+        text->addWidget(wrapped(QString("%1%2").arg(a.clipCount).arg(a.clipCount == 1 ? " clip" : " clips"),
+                                this, "color: #8d929b;"));
         text->addWidget(wrapped(qs(a.note), this, "color: #8d929b;"));
         row->addLayout(text, 1);
         if (a.url) {
             auto* get = new QPushButton("Get it ", this);
             get->setIcon(QIcon::fromTheme("go-next"));
             get->setLayoutDirection(Qt::RightToLeft);
-            connect(get, &QPushButton::clicked, this, [url = qs(*a.url)] { QDesktopServices::openUrl(QUrl(url)); });
+            connect(get, &QPushButton::clicked, this,
+                    [url = qs(*a.url)] { QDesktopServices::openUrl(QUrl(url)); });
             row->addWidget(get, 0, Qt::AlignTop);
         }
         list->addLayout(row);

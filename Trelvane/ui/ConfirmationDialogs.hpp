@@ -36,8 +36,8 @@ class ProposalSheet : public QDialog {
     };
     using Answer = std::function<void(const std::set<Uuid>& accepted)>;
 
-    ProposalSheet(const QString& title, const QString& text, const QString& refuseButton, const std::vector<Row>& rows,
-                  Answer answer, QWidget* parent);
+    ProposalSheet(const QString& title, const QString& text, const QString& refuseButton,
+                  const std::vector<Row>& rows, Answer answer, QWidget* parent);
     std::set<Uuid> accepted() const;
     const std::vector<QCheckBox*>& checks() const { return checks_; }
     QPushButton* refuseButton() const { return refuse_; }
@@ -56,14 +56,14 @@ class ProposalSheet : public QDialog {
 
 class CameraGroupConfirmationView : public ProposalSheet {
   public:
-    CameraGroupConfirmationView(std::shared_ptr<SyncViewModel> vm, const std::vector<CameraGroupProposal>& proposals,
-                                QWidget* parent);
+    CameraGroupConfirmationView(std::shared_ptr<SyncViewModel> vm,
+                                const std::vector<CameraGroupProposal>& proposals, QWidget* parent);
 };
 
 class DayRegionConfirmationView : public ProposalSheet {
   public:
-    DayRegionConfirmationView(std::shared_ptr<SyncViewModel> vm, const std::vector<DayRegionProposal>& proposals,
-                              QWidget* parent);
+    DayRegionConfirmationView(std::shared_ptr<SyncViewModel> vm,
+                              const std::vector<DayRegionProposal>& proposals, QWidget* parent);
 };
 
 class FormatAdvisoryView : public QDialog {

@@ -14,7 +14,8 @@ DropZone::DropZone(QWidget* parent)
     : QWidget(parent), title_(new QLabel("Drop folders or files here", this)),
       detail_(new QLabel("Each folder → One track · MOV MP4 WAV MP3 AIFF", this)) {
     auto* icon = new QLabel(this);
-    icon->setPixmap(QIcon::fromTheme("folder-open", qApp->style()->standardIcon(QStyle::SP_DirOpenIcon)).pixmap(48, 48));
+    icon->setPixmap(
+        QIcon::fromTheme("folder-open", qApp->style()->standardIcon(QStyle::SP_DirOpenIcon)).pixmap(48, 48));
     icon->setAlignment(Qt::AlignCenter);
     QFont big = title_->font();
     big.setPointSizeF(big.pointSizeF() * 1.4);

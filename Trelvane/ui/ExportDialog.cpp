@@ -65,7 +65,8 @@ ExportDialog::ExportDialog(std::vector<float> detectedFrameRates, const ExportSu
     auto* targetLayout = new QVBoxLayout(targetBox);
     int index = 0;
     for (ExportTarget target : kAllExportTargets) {
-        auto* button = new QRadioButton(QString("%1 — %2").arg(targetTitle(target), targetDetail(target)), targetBox);
+        auto* button =
+            new QRadioButton(QString("%1 — %2").arg(targetTitle(target), targetDetail(target)), targetBox);
         targets_->addButton(button, index++);
         targetLayout->addWidget(button);
         if (target == defaults.target) button->setChecked(true);
@@ -75,17 +76,18 @@ ExportDialog::ExportDialog(std::vector<float> detectedFrameRates, const ExportSu
     auto* form = new QFormLayout;
     for (RateFamily family : kAllRateFamilies) {
         const auto raw = rawValue(family);
-        family_->addItem(QString::fromUtf8(raw.data(), static_cast<qsizetype>(raw.size())), static_cast<int>(family));
+        family_->addItem(QString::fromUtf8(raw.data(), static_cast<qsizetype>(raw.size())),
+                         static_cast<int>(family));
     }
     form->addRow("Rate family", family_);
     form->addRow("Frame rate", rate_);
     layout->addLayout(form);
 
-    const RateFamily family = ratesOffered(RateFamily::pal).end() !=
-                                      std::find(ratesOffered(RateFamily::pal).begin(),
-                                                ratesOffered(RateFamily::pal).end(), defaults.fps)
-                                  ? RateFamily::pal
-                                  : RateFamily::ntsc;
+    const RateFamily family =
+        ratesOffered(RateFamily::pal).end() != std::find(ratesOffered(RateFamily::pal).begin(),
+                                                         ratesOffered(RateFamily::pal).end(), defaults.fps)
+            ? RateFamily::pal
+            : RateFamily::ntsc;
     family_->setCurrentIndex(family_->findData(static_cast<int>(family)));
     fillRates(family, defaults.fps);
     connect(family_, &QComboBox::currentIndexChanged, this, [this] {
@@ -96,7 +98,8 @@ ExportDialog::ExportDialog(std::vector<float> detectedFrameRates, const ExportSu
     auto* channelBox = new QGroupBox("Audio channels", this);
     auto* channelLayout = new QVBoxLayout(channelBox);
     const int channels = std::max(1, summary.maxChannels);
-    auto* perChannel = new QRadioButton(QString("One track per channel — up to %1").arg(channels), channelBox);
+    auto* perChannel =
+        new QRadioButton(QString("One track per channel — up to %1").arg(channels), channelBox);
     auto* mixed = new QRadioButton(
         QString("%1 channels on one track, summed by the editor. They cannot be separated again without "
                 "re-importing.")
@@ -116,7 +119,8 @@ ExportDialog::ExportDialog(std::vector<float> detectedFrameRates, const ExportSu
                           .arg(summary.clipCount == 1 ? "" : "s")
                           .arg(QString::fromStdString(summary.durationString())));
     layout->addWidget(summary_);
-    auto* note = new QLabel("Clips without usable audio are placed in order between the clips around them.", this);
+    auto* note =
+        new QLabel("Clips without usable audio are placed in order between the clips around them.", this);
     note->setWordWrap(true);
     note->setStyleSheet("color: #8d929b;");
     layout->addWidget(note);
@@ -140,7 +144,8 @@ void ExportDialog::fillRates(RateFamily family, double preferred) {
 ExportOptions ExportDialog::options() const {
     ExportOptions options;
     const int target = targets_->checkedId();
-    options.target = kAllExportTargets[std::clamp(target, 0, static_cast<int>(std::size(kAllExportTargets)) - 1)];
+    options.target =
+        kAllExportTargets[std::clamp(target, 0, static_cast<int>(std::size(kAllExportTargets)) - 1)];
     options.fps = rate_->currentData().toDouble();
     options.channels = static_cast<ChannelLayout>(channels_->checkedId());
     return options;

@@ -20,8 +20,8 @@ namespace trelvane {
 
 class ExportDialog : public QDialog {
   public:
-    ExportDialog(std::vector<float> detectedFrameRates, const ExportSummary& summary, const ExportOptions& defaults,
-                 QWidget* parent);
+    ExportDialog(std::vector<float> detectedFrameRates, const ExportSummary& summary,
+                 const ExportOptions& defaults, QWidget* parent);
     ExportOptions options() const;
 
     QButtonGroup* targets() const { return targets_; }

@@ -55,7 +55,9 @@ class Divider : public QSplitter {
 };
 
 QIcon muteIcon(bool muted) {
-    if (muted) return QIcon::fromTheme("audio-volume-muted", qApp->style()->standardIcon(QStyle::SP_MediaVolumeMuted));
+    if (muted)
+        return QIcon::fromTheme("audio-volume-muted",
+                                qApp->style()->standardIcon(QStyle::SP_MediaVolumeMuted));
     return QIcon::fromTheme("audio-volume-high", qApp->style()->standardIcon(QStyle::SP_MediaVolume));
 }
 
@@ -148,19 +150,19 @@ MainTimeline::MainTimeline(std::shared_ptr<SyncViewModel> vm, std::shared_ptr<Ti
     sideLayout->addWidget(sidebar_);
     side->setMinimumWidth(160);
 
-    timeline_ = new TimelineView(
-        {.onSeek =
-             [this](double t) {
-                 view_->setScrubbing(true);
-                 view_->setPlayheadTime(t);
-             },
-         .onScrubEnd =
-             [this](double t) {
-                 view_->setPlayheadTime(t);
-                 view_->setScrubbing(false);
-             },
-         .onSelect = [this](const Uuid& id, double) { vm_->toggleClipSelection(id); },
-         .onClearSelection = [this] { vm_->clearSelection(); }});
+    timeline_ =
+        new TimelineView({.onSeek =
+                              [this](double t) {
+                                  view_->setScrubbing(true);
+                                  view_->setPlayheadTime(t);
+                              },
+                          .onScrubEnd =
+                              [this](double t) {
+                                  view_->setPlayheadTime(t);
+                                  view_->setScrubbing(false);
+                              },
+                          .onSelect = [this](const Uuid& id, double) { vm_->toggleClipSelection(id); },
+                          .onClearSelection = [this] { vm_->clearSelection(); }});
     timeline_->setVerticalScrollBarPolicy(Qt::ScrollBarAsNeeded);
     timeline_->viewport()->installEventFilter(this);
     // The rows of both sides stand at the same height.
@@ -171,7 +173,8 @@ MainTimeline::MainTimeline(std::shared_ptr<SyncViewModel> vm, std::shared_ptr<Ti
     splitter_->addWidget(timeline_);
     splitter_->setStretchFactor(1, 1);
     splitter_->setSizes({static_cast<int>(view_->zoom().sidebarWidth), 800});
-    connect(splitter_, &QSplitter::splitterMoved, this, [this](int pos, int) { view_->setSidebarWidth(pos); });
+    connect(splitter_, &QSplitter::splitterMoved, this,
+            [this](int pos, int) { view_->setSidebarWidth(pos); });
 
     auto* layout = new QHBoxLayout(this);
     layout->setContentsMargins(0, 0, 0, 0);
@@ -209,8 +212,9 @@ void MainTimeline::refreshNow() {
 void MainTimeline::refresh() {
     refreshQueued_ = false;
     const unsigned dirty = std::exchange(dirty_, 0u);
-    timeline_->setDocument({&vm_->sources(), &view_->displayedOffsets(), &vm_->selectedClipIDs(), view_->pxPerSec(),
-                            vm_->totalDuration(), view_->playheadTime(), view_->debugSyncEnabled()});
+    timeline_->setDocument({&vm_->sources(), &view_->displayedOffsets(), &vm_->selectedClipIDs(),
+                            view_->pxPerSec(), vm_->totalDuration(), view_->playheadTime(),
+                            view_->debugSyncEnabled()});
     bool rebuilt = false;
     if (dirty & sourcesDirty) {
         const auto signature = sourcesSignature();
@@ -257,7 +261,9 @@ void MainTimeline::rebuildSidebar() {
     }
     while (rows_.size() < sources.size()) {
         const std::size_t index = rows_.size();
-        auto trackID = [this, index] { return index < vm_->sources().size() ? vm_->sources()[index].id : Uuid{}; };
+        auto trackID = [this, index] {
+            return index < vm_->sources().size() ? vm_->sources()[index].id : Uuid{};
+        };
         auto* row = new SidebarRow([this, trackID] { vm_->selectTrack(trackID()); },
                                    [this, trackID] { vm_->toggleMute(trackID()); });
         rowsLayout_->insertWidget(static_cast<int>(index), row);
@@ -266,8 +272,10 @@ void MainTimeline::rebuildSidebar() {
     for (std::size_t i = 0; i < sources.size(); ++i)
         rows_[i]->display(sources[i]);
     // Room under the last row for the timeline's horizontal scroll bar, so both sides scroll as far.
-    const int bar = timeline_->horizontalScrollBar()->isVisible() ? timeline_->horizontalScrollBar()->height() : 0;
-    sidebar_->widget()->setMinimumHeight(static_cast<int>(G::kRowPitch * static_cast<double>(rows_.size())) + bar);
+    const int bar =
+        timeline_->horizontalScrollBar()->isVisible() ? timeline_->horizontalScrollBar()->height() : 0;
+    sidebar_->widget()->setMinimumHeight(static_cast<int>(G::kRowPitch * static_cast<double>(rows_.size())) +
+                                         bar);
 }
 
 bool MainTimeline::eventFilter(QObject* watched, QEvent* event) {

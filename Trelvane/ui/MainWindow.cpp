@@ -87,7 +87,8 @@ struct ModeText {
 };
 constexpr ModeText kModes[] = {
     {SyncMode::tracks, "Tracks — one device per track", "Several devices recorded the same moment."},
-    {SyncMode::stacks, "Stacks — takes over the same music", "One shoot, repeated takes over the same playback."},
+    {SyncMode::stacks, "Stacks — takes over the same music",
+     "One shoot, repeated takes over the same playback."},
 };
 
 } // namespace
@@ -114,7 +115,8 @@ const char* MainWindow::literal(Command command) {
 
 MainWindow::MainWindow(MainQueue& queue, Settings& settings, SessionStages stages, QWidget* parent)
     : QMainWindow(parent), queue_(queue), settings_(settings),
-      vm_(SyncViewModel::create(queue, settings, std::move(stages))), view_(TimelineViewState::create(queue, vm_)) {
+      vm_(SyncViewModel::create(queue, settings, std::move(stages))),
+      view_(TimelineViewState::create(queue, vm_)) {
     registerResources();
     setWindowTitle("Trelvane");
     setWindowIcon(QIcon(":/trelvane.svg"));
@@ -152,14 +154,15 @@ MainWindow::MainWindow(MainQueue& queue, Settings& settings, SessionStages stage
     observation_ = vm_->observe([this](Published what) { refresh(what); });
     qApp->installEventFilter(this);
     // Notices may come from any thread; they are shown from the GUI thread.
-    Notifier::setPresenter([guard = QPointer<MainWindow>(this)](const std::string& title, const std::string& body) {
-        QMetaObject::invokeMethod(
-            qApp,
-            [guard, title = QString::fromStdString(title), body = QString::fromStdString(body)] {
-                if (guard) guard->showNotice(title, body);
-            },
-            Qt::QueuedConnection);
-    });
+    Notifier::setPresenter(
+        [guard = QPointer<MainWindow>(this)](const std::string& title, const std::string& body) {
+            QMetaObject::invokeMethod(
+                qApp,
+                [guard, title = QString::fromStdString(title), body = QString::fromStdString(body)] {
+                    if (guard) guard->showNotice(title, body);
+                },
+                Qt::QueuedConnection);
+        });
     refreshControls();
 }
 
@@ -457,9 +460,10 @@ void MainWindow::presentExportNotice() {
 }
 
 void MainWindow::confirmCleanProject() {
-    auto* box = new QMessageBox(QMessageBox::Warning, "Clean project?",
-                                "Remove all tracks and clips from this session. Files on disk are not changed.",
-                                QMessageBox::NoButton, this);
+    auto* box =
+        new QMessageBox(QMessageBox::Warning, "Clean project?",
+                        "Remove all tracks and clips from this session. Files on disk are not changed.",
+                        QMessageBox::NoButton, this);
     QPushButton* clean = box->addButton("Clean", QMessageBox::DestructiveRole);
     QPushButton* cancel = box->addButton("Cancel", QMessageBox::RejectRole);
     box->setDefaultButton(cancel);
@@ -471,10 +475,11 @@ void MainWindow::confirmCleanProject() {
 }
 
 void MainWindow::confirmClearCache() {
-    auto* box = new QMessageBox(QMessageBox::Question, "Clear Envelope Cache?",
-                                "The analysis of every file seen before is removed from this computer. The next "
-                                "sync reads those files again. Your media are not changed.",
-                                QMessageBox::NoButton, this);
+    auto* box =
+        new QMessageBox(QMessageBox::Question, "Clear Envelope Cache?",
+                        "The analysis of every file seen before is removed from this computer. The next "
+                        "sync reads those files again. Your media are not changed.",
+                        QMessageBox::NoButton, this);
     QPushButton* clear = box->addButton("Clear", QMessageBox::DestructiveRole);
     QPushButton* cancel = box->addButton("Cancel", QMessageBox::RejectRole);
     box->setDefaultButton(cancel);
@@ -490,11 +495,12 @@ void MainWindow::confirmClearCache() {
 }
 
 void MainWindow::checkForUpdates() {
-    showSheet(new QMessageBox(QMessageBox::Information, "Check for Updates",
-                              QString("This is Trelvane %1. On this system Trelvane is updated with the package "
-                                      "or the build it was installed from.")
-                                  .arg(kVersion),
-                              QMessageBox::Ok, this));
+    showSheet(
+        new QMessageBox(QMessageBox::Information, "Check for Updates",
+                        QString("This is Trelvane %1. On this system Trelvane is updated with the package "
+                                "or the build it was installed from.")
+                            .arg(kVersion),
+                        QMessageBox::Ok, this));
 }
 
 void MainWindow::showNotice(const QString& title, const QString& body) {

@@ -37,7 +37,15 @@ class MainTimeline;
 class MainWindow : public QMainWindow {
   public:
     // What the menus post and the window carries out.
-    enum class Command { addMedia, synchronize, exportXML, selectAll, cleanProject, closeGaps, syncModeChanged };
+    enum class Command {
+        addMedia,
+        synchronize,
+        exportXML,
+        selectAll,
+        cleanProject,
+        closeGaps,
+        syncModeChanged
+    };
     // "tv.addMedia", "tv.synchronize", …
     static const char* literal(Command command);
 

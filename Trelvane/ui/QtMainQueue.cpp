@@ -25,7 +25,8 @@ QtMainQueue::QtMainQueue() {
 QtMainQueue::~QtMainQueue() = default;
 
 void QtMainQueue::post(std::function<void()> fn) {
-    QMetaObject::invokeMethod(&context_, [fn = std::move(fn)] { fn(); }, Qt::QueuedConnection);
+    QMetaObject::invokeMethod(
+        &context_, [fn = std::move(fn)] { fn(); }, Qt::QueuedConnection);
 }
 
 void QtMainQueue::postAfter(double seconds, std::function<void()> fn) {
@@ -44,15 +45,16 @@ Timer QtMainQueue::every(double seconds, std::function<void()> fn) {
     timer->setTimerType(Qt::PreciseTimer);
     timer->setInterval(std::max(1, milliseconds(seconds)));
     // A reset handle is noticed at the next tick, which then stops and frees the timer.
-    QObject::connect(timer, &QTimer::timeout, timer, [timer, weak = std::weak_ptr<bool>(live), fn = std::move(fn)] {
-        auto alive = weak.lock();
-        if (alive && *alive) fn();
-        alive = weak.lock();
-        if (!alive || !*alive) {
-            timer->stop();
-            timer->deleteLater();
-        }
-    });
+    QObject::connect(timer, &QTimer::timeout, timer,
+                     [timer, weak = std::weak_ptr<bool>(live), fn = std::move(fn)] {
+                         auto alive = weak.lock();
+                         if (alive && *alive) fn();
+                         alive = weak.lock();
+                         if (!alive || !*alive) {
+                             timer->stop();
+                             timer->deleteLater();
+                         }
+                     });
     timer->start();
     return Timer(live);
 }

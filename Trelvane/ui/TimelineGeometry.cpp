@@ -38,8 +38,8 @@ double documentHeight(int trackCount) {
 
 Frame clipFrame(double time, double duration, double pxPerSec, int trackIndex) {
     const double width = std::max(0.0, duration) * pxPerSec;
-    return {time * pxPerSec + kBodyLead, rowTop(trackIndex) + kBodyInset, std::max(kMinBodyWidth, width - kBodyTrim),
-            kBodyHeight};
+    return {time * pxPerSec + kBodyLead, rowTop(trackIndex) + kBodyInset,
+            std::max(kMinBodyWidth, width - kBodyTrim), kBodyHeight};
 }
 
 double tickInterval(double pxPerSec) {

@@ -21,8 +21,10 @@ inline constexpr double kBodyHeight = 56;
 inline constexpr double kBodyLead = 0.5;
 inline constexpr double kBodyTrim = 1;
 inline constexpr double kMinBodyWidth = 3;
-// A label needs a body wider than this.
+// A label needs a body wider than this; a waveform needs a body at least this wide to show more
+// than a smear.
 inline constexpr double kMinLabelWidth = 24;
+inline constexpr double kMinWaveWidth = 6;
 // The ruler aims at a tick every 80 points; labels stand 3 right of their tick and are made only
 // for what is in view, give or take 60.
 inline constexpr double kTickSpacing = 80;
@@ -37,7 +39,9 @@ inline constexpr double kClickSlop = 8;
 
 struct Frame {
     double x = 0, y = 0, width = 0, height = 0;
-    bool contains(double px, double py) const { return px >= x && px <= x + width && py >= y && py <= y + height; }
+    bool contains(double px, double py) const {
+        return px >= x && px <= x + width && py >= y && py <= y + height;
+    }
 };
 
 double rowTop(int trackIndex);

@@ -2,6 +2,7 @@
 #include "Trelvane/ui/TimelineView.hpp"
 
 #include <QFont>
+#include <QFontMetricsF>
 #include <QGraphicsLineItem>
 #include <QGraphicsPathItem>
 #include <QGraphicsRectItem>
@@ -9,6 +10,7 @@
 #include <QGraphicsSimpleTextItem>
 #include <QHelpEvent>
 #include <QMouseEvent>
+#include <QPainter>
 #include <QPen>
 #include <QScrollBar>
 #include <QToolTip>
@@ -31,7 +33,8 @@ const QColor kDivider("#2e3036");
 const QColor kPlayhead("#ff5a4f");
 const QColor kSelection("#4a9eff");
 const QColor kLabel("#f2f3f5");
-const QColor kWave(255, 255, 255, 150);
+// How much white the waveform's bars have over the body's colour.
+constexpr double kWaveLightness = 0.6;
 
 // Where the waveform's middle lies in the body, and how far a full bar reaches either side; the
 // label takes the top of the body.
@@ -82,9 +85,9 @@ constexpr std::uint64_t kHashSeed = 1469598103934665603ull;
 
 TimelineView::TimelineView(Callbacks callbacks, QWidget* parent)
     : QGraphicsView(parent), callbacks_(std::move(callbacks)), scene_(new QGraphicsScene(this)) {
-    // Hit-testing walks the clip frames, so the scene keeps no spatial index to update on every
-    // move of a glide; one full repaint per frame is cheaper than tracking thousands of regions.
-    scene_->setItemIndexMethod(QGraphicsScene::NoIndex);
+    // One full repaint per frame is cheaper than tracking thousands of changed regions. The scene's
+    // spatial index (see repositionClips) is what finds the clips in view when painting.
+    scene_->setItemIndexMethod(QGraphicsScene::BspTreeIndex);
     scene_->setBackgroundBrush(kBackground);
     setScene(scene_);
     setAlignment(Qt::AlignLeft | Qt::AlignTop);
@@ -122,17 +125,18 @@ void TimelineView::rebuildAll() {
     static const Sources kNone;
     const Sources& sources = document_.sources ? *document_.sources : kNone;
     std::set<Uuid> present;
+    drawOrder_.clear();
     for (const auto& track : sources)
         for (const auto& clip : track.clips) {
             present.insert(clip.id);
             auto [it, made] = clipLayers_.try_emplace(clip.id);
             ClipLayers& layers = it->second;
+            drawOrder_.push_back(&layers);
             if (made) {
-                layers.body = scene_->addRect(QRectF(0, 0, G::kMinBodyWidth, G::kBodyHeight), QPen(Qt::NoPen));
-                layers.body->setFlag(QGraphicsItem::ItemClipsChildrenToShape);
-                layers.wave = new QGraphicsPathItem(layers.body);
-                layers.wave->setPen(Qt::NoPen);
-                layers.wave->setBrush(kWave);
+                layers.clipID = clip.id;
+                layers.body =
+                    scene_->addRect(QRectF(0, 0, G::kMinBodyWidth, G::kBodyHeight), QPen(Qt::NoPen));
+                layers.wave = new WaveLayer(layers.body);
                 layers.label = new QGraphicsSimpleTextItem(layers.body);
                 layers.label->setBrush(kLabel);
                 QFont font = layers.label->font();
@@ -147,10 +151,7 @@ void TimelineView::rebuildAll() {
             ++it;
             continue;
         }
-        if (it->second.wave) waveBars_ -= static_cast<std::size_t>(
-                                 std::max(0, it->second.waveBuiltRange ? it->second.waveBuiltRange->second -
-                                                                             it->second.waveBuiltRange->first
-                                                                       : 0));
+        waveBars_ -= it->second.wave->barCount();
         delete it->second.body; // takes its wave and label along
         it = clipLayers_.erase(it);
     }
@@ -165,7 +166,13 @@ void TimelineView::styleClip(ClipLayers& layers, const ClipItem& clip) {
     std::uint64_t look = mix(kHashSeed, static_cast<std::uint64_t>(clip.syncStatus));
     look = mix(look, static_cast<std::uint64_t>(clip.audioUsability));
     if (look != layers.lookSignature || !layers.lookSignature) {
-        layers.body->setBrush(bodyColour(clip));
+        const QColor body = bodyColour(clip);
+        layers.body->setBrush(body);
+        auto lighter = [](int channel) {
+            return static_cast<int>(channel + (255 - channel) * kWaveLightness);
+        };
+        layers.wave->setColour(QColor(lighter(body.red()), lighter(body.green()), lighter(body.blue())));
+        layers.wave->update();
         layers.lookSignature = look;
     }
     std::string text = G::clipLabel(clip);
@@ -174,47 +181,69 @@ void TimelineView::styleClip(ClipLayers& layers, const ClipItem& clip) {
         if (clip.matchScore) text += fmt::format(" {:.1f}", *clip.matchScore);
     }
     if (text != layers.labelText) {
-        layers.label->setText(QString::fromStdString(text));
         layers.labelText = std::move(text);
+        layers.labelFitWidth = -1;
     }
     // New analysis means a new waveform: what was built no longer holds.
     if (clip.waveformPreview.size() != layers.previewSize) {
         layers.previewSize = clip.waveformPreview.size();
-        if (layers.waveBuiltRange)
-            waveBars_ -= static_cast<std::size_t>(layers.waveBuiltRange->second - layers.waveBuiltRange->first);
-        layers.waveBuiltRange.reset();
-        layers.wave->setPath(QPainterPath());
+        setWave(layers, {}, std::nullopt);
     }
 }
 
 void TimelineView::layoutClip(ClipLayers& layers, double bodyWidth) {
     const QRectF rect(0, 0, bodyWidth, G::kBodyHeight);
     if (layers.body->rect() != rect) layers.body->setRect(rect);
+    const bool waved = bodyWidth >= G::kMinWaveWidth;
+    if (layers.wave->isVisible() != waved) layers.wave->setVisible(waved);
     const bool labelled = G::showsLabel(bodyWidth);
     if (layers.label->isVisible() != labelled) layers.label->setVisible(labelled);
+    // Shortened to the body rather than clipped by it: clipping every clip costs each frame.
+    if (labelled && layers.labelFitWidth != bodyWidth) {
+        const QString full = QString::fromStdString(layers.labelText);
+        layers.label->setText(
+            QFontMetricsF(layers.label->font()).elidedText(full, Qt::ElideRight, bodyWidth - 8));
+        layers.labelFitWidth = bodyWidth;
+    }
 }
 
 void TimelineView::repositionClips() {
     static const Sources kNone;
     const Sources& sources = document_.sources ? *document_.sources : kNone;
     clipFrames_.clear();
+    const std::map<Uuid, double>* displayed =
+        document_.displayedOffsets && !document_.displayedOffsets->empty() ? document_.displayedOffsets
+                                                                           : nullptr;
+    bool animating = false;
+    std::size_t index = 0;
     for (std::size_t ti = 0; ti < sources.size(); ++ti)
         for (const auto& clip : sources[ti].clips) {
-            auto it = clipLayers_.find(clip.id);
-            if (it == clipLayers_.end()) continue;
+            ClipLayers* layers = index < drawOrder_.size() ? drawOrder_[index] : nullptr;
+            ++index;
+            if (!layers || layers->clipID != clip.id) {
+                auto it = clipLayers_.find(clip.id);
+                if (it == clipLayers_.end()) continue;
+                layers = &it->second;
+            }
             double time = clip.startOffset;
-            if (document_.displayedOffsets)
-                if (auto d = document_.displayedOffsets->find(clip.id); d != document_.displayedOffsets->end())
+            if (displayed)
+                if (auto d = displayed->find(clip.id); d != displayed->end()) {
                     time = d->second;
+                    animating = animating || std::abs(time - clip.startOffset) > 0.01;
+                }
             const auto frame = G::clipFrame(time, clip.duration, document_.pxPerSec, static_cast<int>(ti));
-            ClipLayers& layers = it->second;
-            layers.body->setPos(frame.x, frame.y);
-            layoutClip(layers, frame.width);
+            layers->body->setPos(frame.x, frame.y);
+            layoutClip(*layers, frame.width);
             clipFrames_.push_back({clip.id, sources[ti].id, frame});
         }
+    // While every clip moves each frame, keeping the spatial index up to date costs more than
+    // painting without one; at rest the index makes painting and scrolling cheap. Hit-testing walks
+    // the clip frames and needs neither.
+    const auto method = animating ? QGraphicsScene::NoIndex : QGraphicsScene::BspTreeIndex;
+    if (scene_->itemIndexMethod() != method) scene_->setItemIndexMethod(method);
     updateSceneRect();
     updatePlayhead();
-    if (!isAnimatingOffsets()) {
+    if (!animating) {
         visibleDidChange();
         if (toolTipsWaiting_) rebuildToolTips();
     } else {
@@ -228,7 +257,8 @@ void TimelineView::restyleSelection() {
     const QPen selectedPen(kSelection, 2);
     for (auto& [id, layers] : clipLayers_) {
         const bool on = selected.contains(id);
-        if ((layers.body->pen().style() != Qt::NoPen) != on) layers.body->setPen(on ? selectedPen : QPen(Qt::NoPen));
+        if ((layers.body->pen().style() != Qt::NoPen) != on)
+            layers.body->setPen(on ? selectedPen : QPen(Qt::NoPen));
     }
 }
 
@@ -246,8 +276,10 @@ void TimelineView::rebuildToolTips() {
             signature = mixId(signature, clip.id);
             signature = mix(signature, static_cast<std::uint64_t>(clip.syncStatus));
             signature = mix(signature, static_cast<std::uint64_t>(clip.audioUsability));
-            signature = mix(signature, clip.placementPass ? static_cast<std::uint64_t>(*clip.placementPass) + 1u : 0u);
-            signature = mix(signature, clip.matchScore ? static_cast<std::uint64_t>(*clip.matchScore * 1000) : 0u);
+            signature = mix(signature,
+                            clip.placementPass ? static_cast<std::uint64_t>(*clip.placementPass) + 1u : 0u);
+            signature =
+                mix(signature, clip.matchScore ? static_cast<std::uint64_t>(*clip.matchScore * 1000) : 0u);
             signature = mixText(signature, clip.placementNote.value_or(""));
             signature = mixText(signature, clip.audioProblem.value_or(""));
         }
@@ -269,14 +301,16 @@ void TimelineView::visibleDidChange() {
             auto it = clipLayers_.find(clip.id);
             if (it == clipLayers_.end()) continue;
             const QRectF body = it->second.body->sceneBoundingRect();
-            if (body.right() < visible.left() || body.left() > visible.right() || body.bottom() < visible.top() ||
+            if (body.width() < G::kMinWaveWidth || body.right() < visible.left() ||
+                body.left() > visible.right() || body.bottom() < visible.top() ||
                 body.top() > visible.bottom())
                 continue;
             buildWavePath(it->second, clip, visible.left(), visible.right());
         }
 }
 
-void TimelineView::buildWavePath(ClipLayers& layers, const ClipItem& clip, double visibleLeft, double visibleRight) {
+void TimelineView::buildWavePath(ClipLayers& layers, const ClipItem& clip, double visibleLeft,
+                                 double visibleRight) {
     const auto& preview = clip.waveformPreview;
     if (preview.empty()) return;
     const double width = layers.body->rect().width();
@@ -288,13 +322,14 @@ void TimelineView::buildWavePath(ClipLayers& layers, const ClipItem& clip, doubl
     const int first = std::clamp(static_cast<int>(std::floor(left / barWidth)), 0, bars);
     const int last = std::clamp(static_cast<int>(std::ceil(right / barWidth)), 0, bars);
     if (first >= last) return;
-    if (layers.waveBuiltRange && layers.waveBuiltZoom == document_.pxPerSec && layers.waveBuiltRange->first <= first &&
-        layers.waveBuiltRange->second >= last)
+    if (layers.waveBuiltRange && layers.waveBuiltZoom == document_.pxPerSec &&
+        layers.waveBuiltRange->first <= first && layers.waveBuiltRange->second >= last)
         return;
     // Half a view's worth either side, so that a short scroll finds its bars already built.
     const int slack = (last - first) / 2;
     const int from = std::max(0, first - slack), to = std::min(bars, last + slack);
-    QPainterPath path;
+    std::vector<QRectF> rects;
+    rects.reserve(static_cast<std::size_t>(to - from));
     const double drawn = std::max(0.6, barWidth * 0.7);
     for (int b = from; b < to; ++b) {
         const int i0 = static_cast<int>(static_cast<long long>(b) * n / bars);
@@ -303,14 +338,36 @@ void TimelineView::buildWavePath(ClipLayers& layers, const ClipItem& clip, doubl
         for (int i = i0; i < std::min(i1, n); ++i)
             v = std::max(v, preview[static_cast<std::size_t>(i)]);
         const double reach = std::max(0.5, static_cast<double>(v) * kWaveReach);
-        path.addRect(QRectF(b * barWidth, kWaveMiddle - reach, drawn, 2 * reach));
+        rects.emplace_back(b * barWidth, kWaveMiddle - reach, drawn, 2 * reach);
     }
-    layers.wave->setPath(path);
-    if (layers.waveBuiltRange)
-        waveBars_ -= static_cast<std::size_t>(layers.waveBuiltRange->second - layers.waveBuiltRange->first);
-    layers.waveBuiltRange = std::make_pair(from, to);
+    setWave(layers, std::move(rects), std::make_pair(from, to));
     layers.waveBuiltZoom = document_.pxPerSec;
-    waveBars_ += static_cast<std::size_t>(to - from);
+}
+
+void TimelineView::setWave(ClipLayers& layers, std::vector<QRectF> bars,
+                           std::optional<std::pair<int, int>> range) {
+    waveBars_ -= layers.wave->barCount();
+    waveBars_ += bars.size();
+    layers.wave->setBars(std::move(bars));
+    layers.waveBuiltRange = range;
+}
+
+WaveLayer::WaveLayer(QGraphicsItem* parent) : QGraphicsItem(parent) {}
+
+void WaveLayer::setBars(std::vector<QRectF> bars) {
+    prepareGeometryChange();
+    bars_ = std::move(bars);
+    bounds_ = QRectF();
+    if (!bars_.empty())
+        bounds_ = QRectF(QPointF(bars_.front().left(), 0), QPointF(bars_.back().right(), G::kBodyHeight));
+    update();
+}
+
+void WaveLayer::paint(QPainter* painter, const QStyleOptionGraphicsItem*, QWidget*) {
+    if (bars_.empty()) return;
+    painter->setPen(Qt::NoPen);
+    painter->setBrush(colour_);
+    painter->drawRects(bars_.data(), static_cast<int>(bars_.size()));
 }
 
 void TimelineView::updatePlayhead() {
@@ -319,7 +376,8 @@ void TimelineView::updatePlayhead() {
 }
 
 bool TimelineView::isAnimatingOffsets() const {
-    if (!document_.sources || !document_.displayedOffsets || document_.displayedOffsets->empty()) return false;
+    if (!document_.sources || !document_.displayedOffsets || document_.displayedOffsets->empty())
+        return false;
     for (const auto& track : *document_.sources)
         for (const auto& clip : track.clips)
             if (auto it = document_.displayedOffsets->find(clip.id); it != document_.displayedOffsets->end())
@@ -373,8 +431,8 @@ QStringList TimelineView::tickLabels() const {
 // ---- geometry of the document -------------------------------------------------------------------
 
 void TimelineView::updateSceneRect() {
-    const double width =
-        std::max(static_cast<double>(viewport()->width()), document_.totalDuration * document_.pxPerSec + G::kTrailingRoom);
+    const double width = std::max(static_cast<double>(viewport()->width()),
+                                  document_.totalDuration * document_.pxPerSec + G::kTrailingRoom);
     const double height = std::max(static_cast<double>(viewport()->height()), G::documentHeight(trackCount_));
     if (sceneRect() != QRectF(0, 0, width, height)) {
         scene_->setSceneRect(0, 0, width, height);
@@ -471,7 +529,8 @@ void TimelineView::mouseReleaseEvent(QMouseEvent* event) {
 bool TimelineView::viewportEvent(QEvent* event) {
     if (event->type() == QEvent::ToolTip) {
         auto* help = static_cast<QHelpEvent*>(event);
-        const QString text = help->pos().y() > G::kRulerHeight ? toolTipAt(mapToScene(help->pos())) : QString();
+        const QString text =
+            help->pos().y() > G::kRulerHeight ? toolTipAt(mapToScene(help->pos())) : QString();
         if (text.isEmpty())
             QToolTip::hideText();
         else

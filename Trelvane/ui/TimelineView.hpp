@@ -18,6 +18,7 @@
 #include "Trelvane/session/SessionStages.hpp"
 #include "Trelvane/ui/TimelineGeometry.hpp"
 
+#include <QGraphicsItem>
 #include <QGraphicsView>
 
 #include <cstdint>
@@ -31,10 +32,29 @@
 
 class QGraphicsPathItem;
 class QGraphicsRectItem;
+class QStyleOptionGraphicsItem;
 class QGraphicsSimpleTextItem;
 class QGraphicsLineItem;
 
 namespace trelvane {
+
+// One clip's waveform: its bars as rectangles in the clip body's coordinates, filled in one call.
+// A path of thousands of small rectangles per clip costs the rasteriser far more per frame.
+class WaveLayer : public QGraphicsItem {
+  public:
+    explicit WaveLayer(QGraphicsItem* parent);
+    void setBars(std::vector<QRectF> bars);
+    std::size_t barCount() const { return bars_.size(); }
+    // Opaque, mixed from the body's colour: blending thousands of bars costs each frame.
+    void setColour(const QColor& colour) { colour_ = colour; }
+    QRectF boundingRect() const override { return bounds_; }
+    void paint(QPainter* painter, const QStyleOptionGraphicsItem* option, QWidget* widget) override;
+
+  private:
+    std::vector<QRectF> bars_;
+    QRectF bounds_;
+    QColor colour_;
+};
 
 class TimelineView : public QGraphicsView {
   public:
@@ -58,14 +78,16 @@ class TimelineView : public QGraphicsView {
     };
 
     struct ClipLayers {
+        Uuid clipID;
         QGraphicsRectItem* body = nullptr;
-        QGraphicsPathItem* wave = nullptr;
+        WaveLayer* wave = nullptr;
         QGraphicsSimpleTextItem* label = nullptr;
         // The bars of the waveform built so far, [first, last), and the scale they were built at.
         std::optional<std::pair<int, int>> waveBuiltRange;
         double waveBuiltZoom = 0;
         // What the look was made from, so that an unchanged clip is left alone.
         std::string labelText;
+        double labelFitWidth = -1; // the body width the shown label was shortened for
         std::uint64_t lookSignature = 0;
         std::size_t previewSize = 0;
     };
@@ -119,6 +141,8 @@ class TimelineView : public QGraphicsView {
     void layoutClip(ClipLayers& layers, double bodyWidth);
     void styleClip(ClipLayers& layers, const ClipItem& clip);
     void buildWavePath(ClipLayers& layers, const ClipItem& clip, double visibleLeft, double visibleRight);
+    // Replaces a clip's bars, keeping the count of all bars.
+    void setWave(ClipLayers& layers, std::vector<QRectF> bars, std::optional<std::pair<int, int>> range);
     void updateTickLabels();
     void updateSceneRect();
     void pinRuler();
@@ -130,6 +154,9 @@ class TimelineView : public QGraphicsView {
     QGraphicsScene* scene_;
 
     std::map<Uuid, ClipLayers> clipLayers_;
+    // The layers in the order of the tracks and their clips, as of the last rebuild: a glide frame
+    // walks them beside the clips instead of looking each one up.
+    std::vector<ClipLayers*> drawOrder_;
     std::vector<ClipFrame> clipFrames_;
     std::size_t waveBars_ = 0;
 

@@ -26,7 +26,8 @@ int main(int argc, char** argv) {
     parser.setApplicationDescription("Lines up the clips of a multi-camera shoot by their sound.");
     parser.addHelpOption();
     parser.addVersionOption();
-    parser.addPositionalArgument("paths", "Folders or media files to add, as if dropped on the window.", "[PATH...]");
+    parser.addPositionalArgument("paths", "Folders or media files to add, as if dropped on the window.",
+                                 "[PATH...]");
     parser.process(app);
 
     trelvane::AppLog::start(trelvane::AppLog::Mode::redirectStdio);
