@@ -15,7 +15,38 @@
 #include <QMessageBox>
 #include <QTimer>
 
+#include <cstring>
+
+namespace {
+
+// --help and --version answer without a display, so they work over ssh and in scripts.
+bool onlyAsksForInformation(int argc, char** argv) {
+    for (int i = 1; i < argc; ++i)
+        for (const char* flag : {"-h", "--help", "--help-all", "-v", "--version"})
+            if (std::strcmp(argv[i], flag) == 0) return true;
+    return false;
+}
+
+void describe(QCommandLineParser& parser) {
+    parser.setApplicationDescription("Lines up the clips of a multi-camera shoot by their sound.");
+    parser.addHelpOption();
+    parser.addVersionOption();
+    parser.addPositionalArgument("paths", "Folders or media files to add, as if dropped on the window.",
+                                 "[PATH...]");
+}
+
+} // namespace
+
 int main(int argc, char** argv) {
+    if (onlyAsksForInformation(argc, argv)) {
+        QCoreApplication info(argc, argv);
+        QCoreApplication::setApplicationName("trelvane-app");
+        QCoreApplication::setApplicationVersion(trelvane::kVersion);
+        QCommandLineParser parser;
+        describe(parser);
+        parser.process(info); // prints and exits
+        return 0;
+    }
     QApplication app(argc, argv);
     QApplication::setApplicationName("Trelvane");
     QApplication::setApplicationVersion(trelvane::kVersion);

@@ -48,7 +48,8 @@ void snapshot(MainWindow& window, const char* name) {
 
 TEST(AppEndToEnd, TheDemoShootIsDroppedSyncedAndExportedFromTheWindow) {
     const std::filesystem::path root = TRELVANE_SOURCE_DIR;
-    ASSERT_EQ(std::system(("bash " + quoted((root / "scripts/make-demo.sh").string()) + " >/dev/null").c_str()), 0);
+    ASSERT_EQ(
+        std::system(("bash " + quoted((root / "scripts/make-demo.sh").string()) + " >/dev/null").c_str()), 0);
     const auto dtd = fcpxmlDtd();
     TRELVANE_REQUIRE_FCPXML_DTD(dtd)
 
@@ -74,7 +75,9 @@ TEST(AppEndToEnd, TheDemoShootIsDroppedSyncedAndExportedFromTheWindow) {
     std::vector<std::string> titles;
     for (;;) {
         ASSERT_TRUE(pumpUntil(
-            [&] { return window.currentSheet() || (vm.state().is(AppState::Kind::ready) && !vm.isIngesting()); },
+            [&] {
+                return window.currentSheet() || (vm.state().is(AppState::Kind::ready) && !vm.isIngesting());
+            },
             600));
         QDialog* sheet = window.currentSheet();
         if (!sheet) break;

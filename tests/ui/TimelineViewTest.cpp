@@ -52,7 +52,8 @@ struct Fixture {
         view.repositionClips();
     }
     const TimelineView::ClipLayers& layers(int track, int index) const {
-        return view.clipLayers().at(sources[static_cast<std::size_t>(track)].clips[static_cast<std::size_t>(index)].id);
+        return view.clipLayers().at(
+            sources[static_cast<std::size_t>(track)].clips[static_cast<std::size_t>(index)].id);
     }
     // A point of the document in the view's own coordinates.
     QPoint at(double x, double y) const { return view.mapFromScene(QPointF(x, y)); }
@@ -87,7 +88,8 @@ TEST(TimelineView, DrawsEachClipByTheGeometryRules) {
         EXPECT_EQ(l.label->isVisible(), c.label);
     }
     EXPECT_EQ(f.layers(0, 2).labelText, "b");
-    EXPECT_DOUBLE_EQ(f.view.sceneRect().height(), std::max<double>(f.view.viewport()->height(), 31.0 + 2 * 73));
+    EXPECT_DOUBLE_EQ(f.view.sceneRect().height(),
+                     std::max<double>(f.view.viewport()->height(), 31.0 + 2 * 73));
 
     // Emptied, nothing is left but the ruler.
     f.sources.clear();

@@ -55,13 +55,15 @@ struct FakeStages {
             p.preview = std::vector<float>(10, 0.5f);
             return ExtractOutcome(p);
         };
-        s.synchronise = [this](Sources src, ProgressFn progress, SessionStages::SyncPlace, std::stop_token stop) {
+        s.synchronise = [this](Sources src, ProgressFn progress, SessionStages::SyncPlace,
+                               std::stop_token stop) {
             while (gateShut && !stop.stop_requested())
                 QThread::msleep(2);
             progress({0.5, {}});
             for (std::size_t i = 0; i < src.size(); ++i)
                 for (std::size_t k = 0; k < src[i].clips.size(); ++k) {
-                    src[i].clips[k].startOffset = 100.0 * static_cast<double>(i) + 12.0 * static_cast<double>(k);
+                    src[i].clips[k].startOffset =
+                        100.0 * static_cast<double>(i) + 12.0 * static_cast<double>(k);
                     src[i].clips[k].syncStatus = SyncStatus::synced;
                 }
             return src;

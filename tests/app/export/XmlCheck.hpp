@@ -22,7 +22,8 @@ inline bool xmllintAccepts(const std::filesystem::path& file, const std::string&
 // The DTD is not ours to ship, so it lives beside the checkout: TRELVANE_FCPXML_DTD names it, or
 // it is looked for as shared/interchange/ in the folders above the sources.
 inline std::filesystem::path fcpxmlDtd() {
-    if (const char* named = std::getenv("TRELVANE_FCPXML_DTD"); named != nullptr && *named != '\0') return named;
+    if (const char* named = std::getenv("TRELVANE_FCPXML_DTD"); named != nullptr && *named != '\0')
+        return named;
     const std::filesystem::path relative = "shared/interchange/FCPXMLv1_10.dtd";
     std::error_code ec;
     for (auto dir = std::filesystem::weakly_canonical(TRELVANE_SOURCE_DIR, ec).parent_path(); !dir.empty();
@@ -34,11 +35,11 @@ inline std::filesystem::path fcpxmlDtd() {
 }
 
 // Continuous integration must check against the DTD: there a missing one fails, never skips.
-#define TRELVANE_REQUIRE_FCPXML_DTD(dtd)                                                                         \
-    if (!std::filesystem::exists(dtd)) {                                                                         \
-        if (const char* ci = std::getenv("CI"); ci != nullptr && std::string(ci) == "true")                      \
-            FAIL() << "FCPXML DTD not found at " << (dtd) << " (set TRELVANE_FCPXML_DTD)";                       \
-        GTEST_SKIP() << "FCPXML DTD not found at " << (dtd);                                                     \
+#define TRELVANE_REQUIRE_FCPXML_DTD(dtd)                                                                     \
+    if (!std::filesystem::exists(dtd)) {                                                                     \
+        if (const char* ci = std::getenv("CI"); ci != nullptr && std::string(ci) == "true")                  \
+            FAIL() << "FCPXML DTD not found at " << (dtd) << " (set TRELVANE_FCPXML_DTD)";                   \
+        GTEST_SKIP() << "FCPXML DTD not found at " << (dtd);                                                 \
     }
 
 } // namespace trelvane::test
