@@ -7,7 +7,7 @@ cd "$(dirname "$0")/.."
 
 bash scripts/setup.sh
 cmake --preset release
-cmake --build --preset release --target trelvane
+cmake --build --preset release --target trelvane trelvane-app
 bash scripts/make-demo.sh
 
 # The main job: the whole shoot synchronised, and the timeline written for each editor. The
@@ -19,3 +19,4 @@ echo "== trelvane sync demo/shoot --export premiere --export resolve --export fc
   --export premiere --export resolve --export fcpxml --export otio)
 echo
 echo "Import one of the documents above into your editor; demo-out/session.json has every clip's place."
+echo "To see it in the window: build/release/trelvane-app demo/shoot"
