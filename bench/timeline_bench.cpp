@@ -68,7 +68,8 @@ Sources syntheticSession() {
         double at = 0;
         for (int k = 0; k < kClipsPerTrack; ++k) {
             ClipItem clip;
-            clip.url = Url::fromPath("/shoot/Device" + std::to_string(t + 1) + "/C" + std::to_string(k) + ".MOV");
+            clip.url =
+                Url::fromPath("/shoot/Device" + std::to_string(t + 1) + "/C" + std::to_string(k) + ".MOV");
             clip.duration = length(random);
             clip.startOffset = at;
             clip.syncStatus = k % 9 == 0 ? SyncStatus::weak : SyncStatus::synced;
@@ -113,8 +114,8 @@ int main(int argc, char** argv) {
     TimelineZoom zoom;
     zoom.availableWidth = width;
 
-    std::printf("timeline: %d clips on %d tracks over %.0f h, view %dx%d\n", kTracks * kClipsPerTrack, kTracks,
-                kHours, view.viewport()->width(), view.viewport()->height());
+    std::printf("timeline: %d clips on %d tracks over %.0f h, view %dx%d\n", kTracks * kClipsPerTrack,
+                kTracks, kHours, view.viewport()->width(), view.viewport()->height());
 
     view.setDocument({&sources, &displayed, &selected, zoom.pxPerSec(total), total, 0});
     auto start = std::chrono::steady_clock::now();
@@ -168,11 +169,13 @@ int main(int argc, char** argv) {
         scrollBuild.add(ms(built - start));
         scroll.add(ms(std::chrono::steady_clock::now() - start));
     }
-    std::printf("scroll step, build     %8.2f ms median  %8.2f ms p95   (16x zoom; %zu bars built over %zu steps)\n",
-                scrollBuild.percentile(0.5), scrollBuild.percentile(0.95), view.waveBarCount() - barsBefore,
-                scroll.samples.size());
+    std::printf(
+        "scroll step, build     %8.2f ms median  %8.2f ms p95   (16x zoom; %zu bars built over %zu steps)\n",
+        scrollBuild.percentile(0.5), scrollBuild.percentile(0.95), view.waveBarCount() - barsBefore,
+        scroll.samples.size());
     std::printf("scroll step, build+paint%7.2f ms median  %8.2f ms p95\n", scroll.percentile(0.5),
                 scroll.percentile(0.95));
-    std::printf("memory: resident %.0f MB (session alone %.0f MB), peak %.0f MB\n", residentMB(), baseMB, peakMB());
+    std::printf("memory: resident %.0f MB (session alone %.0f MB), peak %.0f MB\n", residentMB(), baseMB,
+                peakMB());
     return 0;
 }
