@@ -190,6 +190,8 @@ void MainWindow::buildActionCluster() {
     connect(add, &QToolButton::clicked, this, [this] { perform(Command::addMedia); });
     bar->addWidget(add);
 
+    syncIcon_ = themed("view-refresh", QStyle::SP_BrowserReload);
+    stopIcon_ = themed("media-playback-stop", QStyle::SP_MediaStop);
     syncButton_ = new QToolButton;
     syncButton_->setToolButtonStyle(Qt::ToolButtonTextBesideIcon);
     connect(syncButton_, &QToolButton::clicked, this, [this] {
@@ -232,8 +234,8 @@ void MainWindow::buildMenus() {
     QAction* add = file->addAction("Add Media or Folder…", this, [this] { perform(Command::addMedia); });
     add->setShortcut(QKeySequence::Open);
     file->addAction("Synchronize", this, [this] { perform(Command::synchronize); });
-    QAction* exportAction = file->addAction("Export XML…", this, [this] { perform(Command::exportXML); });
-    exportAction->setShortcut(QKeySequence(Qt::CTRL | Qt::Key_E));
+    exportAction_ = file->addAction("Export XML…", this, [this] { perform(Command::exportXML); });
+    exportAction_->setShortcut(QKeySequence(Qt::CTRL | Qt::Key_E));
     file->addSeparator();
     QAction* quit = file->addAction("Quit", this, &QWidget::close);
     quit->setShortcut(QKeySequence::Quit);
@@ -337,9 +339,11 @@ void MainWindow::refreshControls() {
     const bool syncing = vm_->state().is(AppState::Kind::syncing);
     stack_->setCurrentWidget(vm_->sources().empty() ? static_cast<QWidget*>(dropZone_) : timeline_);
     syncButton_->setText(syncing ? "Stop" : "Synchronize");
-    syncButton_->setIcon(syncing ? themed("media-playback-stop", QStyle::SP_MediaStop)
-                                 : themed("view-refresh", QStyle::SP_BrowserReload));
-    exportButton_->setEnabled(vm_->state().is(AppState::Kind::synced));
+    syncButton_->setIcon(syncing ? stopIcon_ : syncIcon_);
+    // Export is offered once there is a timeline to export.
+    const bool synced = vm_->state().is(AppState::Kind::synced);
+    exportButton_->setEnabled(synced);
+    exportAction_->setEnabled(synced);
     modePicker_->setEnabled(!syncing);
     const SyncMode mode = settings_.stringValue(Settings::kSyncModeKey) == Settings::kSyncModeStacks
                               ? SyncMode::stacks
@@ -352,7 +356,7 @@ void MainWindow::refreshControls() {
     const QSignalBlocker blockGaps(autoCloseGaps_), blockDiag(diagnostics_);
     autoCloseGaps_->setChecked(settings_.boolValue(Settings::kAutoCloseGapsKey));
     diagnostics_->setChecked(AppLog::diagnosticsEnabled(settings_));
-    closeGaps_->setEnabled(vm_->state().is(AppState::Kind::synced));
+    closeGaps_->setEnabled(synced);
 }
 
 // ---- sheets ---------------------------------------------------------------------------------------
@@ -459,39 +463,36 @@ void MainWindow::presentExportNotice() {
     showSheet(box);
 }
 
-void MainWindow::confirmCleanProject() {
-    auto* box =
-        new QMessageBox(QMessageBox::Warning, "Clean project?",
-                        "Remove all tracks and clips from this session. Files on disk are not changed.",
-                        QMessageBox::NoButton, this);
-    QPushButton* clean = box->addButton("Clean", QMessageBox::DestructiveRole);
+void MainWindow::confirm(const QString& title, const QString& text, const QString& action,
+                         std::function<void()> onConfirm) {
+    auto* box = new QMessageBox(QMessageBox::Warning, title, text, QMessageBox::NoButton, this);
+    QPushButton* go = box->addButton(action, QMessageBox::DestructiveRole);
     QPushButton* cancel = box->addButton("Cancel", QMessageBox::RejectRole);
+    // Nothing is lost by a stray Return or Escape.
     box->setDefaultButton(cancel);
     box->setEscapeButton(cancel);
-    connect(box, &QMessageBox::finished, this, [this, box, clean] {
-        if (box->clickedButton() == clean) vm_->cleanProject();
+    connect(box, &QMessageBox::finished, this, [box, go, onConfirm = std::move(onConfirm)] {
+        if (box->clickedButton() == go) onConfirm();
     });
     showSheet(box);
 }
 
+void MainWindow::confirmCleanProject() {
+    confirm("Clean project?", "Remove all tracks and clips from this session. Files on disk are not changed.",
+            "Clean", [this] { vm_->cleanProject(); });
+}
+
 void MainWindow::confirmClearCache() {
-    auto* box =
-        new QMessageBox(QMessageBox::Question, "Clear Envelope Cache?",
-                        "The analysis of every file seen before is removed from this computer. The next "
-                        "sync reads those files again. Your media are not changed.",
-                        QMessageBox::NoButton, this);
-    QPushButton* clear = box->addButton("Clear", QMessageBox::DestructiveRole);
-    QPushButton* cancel = box->addButton("Cancel", QMessageBox::RejectRole);
-    box->setDefaultButton(cancel);
-    box->setEscapeButton(cancel);
-    connect(box, &QMessageBox::finished, this, [this, box, clear] {
-        if (box->clickedButton() != clear) return;
-        const int removed = EnvelopeCache::clearAll();
-        showSheet(new QMessageBox(QMessageBox::Information, "Cache Cleared",
-                                  QString("%1 %2 removed").arg(removed).arg(removed == 1 ? "file" : "files"),
-                                  QMessageBox::Ok, this));
-    });
-    showSheet(box);
+    confirm("Clear Envelope Cache?",
+            "The analysis of every file seen before is removed from this computer. The next sync reads those "
+            "files again. Your media are not changed.",
+            "Clear", [this] {
+                const int removed = EnvelopeCache::clearAll();
+                showSheet(new QMessageBox(
+                    QMessageBox::Information, "Cache Cleared",
+                    QString("%1 %2 removed").arg(removed).arg(removed == 1 ? "file" : "files"),
+                    QMessageBox::Ok, this));
+            });
 }
 
 void MainWindow::checkForUpdates() {

@@ -15,9 +15,11 @@
 #include "Trelvane/session/SyncViewModel.hpp"
 #include "Trelvane/session/TimelineViewState.hpp"
 
+#include <QIcon>
 #include <QMainWindow>
 #include <QPointer>
 
+#include <functional>
 #include <map>
 #include <memory>
 
@@ -91,6 +93,9 @@ class MainWindow : public QMainWindow {
     void presentFileChooser();
     void presentExport();
     void presentExportNotice();
+    // A question whose yes changes something: Cancel is the default and Escape's answer.
+    void confirm(const QString& title, const QString& text, const QString& action,
+                 std::function<void()> onConfirm);
     void confirmCleanProject();
     void confirmClearCache();
     void checkForUpdates();
@@ -114,6 +119,8 @@ class MainWindow : public QMainWindow {
     QAction* autoCloseGaps_ = nullptr;
     QAction* diagnostics_ = nullptr;
     QAction* closeGaps_ = nullptr;
+    QAction* exportAction_ = nullptr;
+    QIcon syncIcon_, stopIcon_;
     QLabel* notice_;
     QPointer<QDialog> sheet_;
     bool sheetQueued_ = false;

@@ -434,18 +434,14 @@ void TimelineView::updateSceneRect() {
     const double width = std::max(static_cast<double>(viewport()->width()),
                                   document_.totalDuration * document_.pxPerSec + G::kTrailingRoom);
     const double height = std::max(static_cast<double>(viewport()->height()), G::documentHeight(trackCount_));
-    if (sceneRect() != QRectF(0, 0, width, height)) {
+    const bool resized = sceneRect() != QRectF(0, 0, width, height);
+    if (resized) {
         scene_->setSceneRect(0, 0, width, height);
         setSceneRect(0, 0, width, height);
         rulerLayer_->setRect(0, 0, width, G::kRulerHeight);
-        QPainterPath dividers;
-        for (int k = 0; k < trackCount_; ++k) {
-            const double y = G::rowTop(k) + G::kRowHeight + 0.5;
-            dividers.moveTo(0, y);
-            dividers.lineTo(width, y);
-        }
-        dividerLayer_->setPath(dividers);
-    } else if (dividerLayer_->path().elementCount() != 2 * trackCount_) {
+    }
+    // A line under each row, across the whole document.
+    if (resized || dividerLayer_->path().elementCount() != 2 * trackCount_) {
         QPainterPath dividers;
         for (int k = 0; k < trackCount_; ++k) {
             const double y = G::rowTop(k) + G::kRowHeight + 0.5;
