@@ -3,10 +3,10 @@
 
 // Tells the user that a long stage (ingest, extraction, sync, export) has ended.
 //
-// Lifecycle: the Qt shell installs a presenter at start-up, one that posts a desktop notification
-// only while the application is not the active one; without one (command-line tool, tests) each
-// notice is a log line. Both operations are safe from any thread; the presenter is called on the
-// thread that calls `stageDone`.
+// Lifecycle: the desktop window installs a presenter while it exists, one that shows the notice in
+// the window for a few seconds; without one (command-line tool, tests) each notice is a log line.
+// Both operations are safe from any thread; the presenter is called on the thread that calls
+// `stageDone`.
 
 #include <functional>
 #include <string>
