@@ -35,6 +35,11 @@ class Settings {
     static constexpr std::string_view kDiagEndpointKey = "tv_diag_endpoint";
     // The most the feature cache may hold, in GB (2^30 bytes; fractions allowed); 2 by default.
     static constexpr std::string_view kCacheMaxGBKey = "tvCacheMaxGB";
+    // Where the editor panels go; unset by default, so that nothing is installed anywhere unasked.
+    // The DaVinci Resolve base folder (its panels go under "Workflow Integration Plugins" in it).
+    static constexpr std::string_view kResolvePluginsRootKey = "tvResolvePluginsRoot";
+    // The folder where Premiere Pro looks for CEP extensions.
+    static constexpr std::string_view kPremiereExtensionsRootKey = "tvPremiereExtensionsRoot";
 
     static constexpr std::string_view kSyncModeTracks = "tracks";
     static constexpr std::string_view kSyncModeStacks = "stacks";
