@@ -28,8 +28,6 @@ constexpr int kRate = 16000;
 // samples while it grows; the reservation is address space, pages are only touched as filled.
 constexpr std::size_t kTwoHours = 115'200'000;
 constexpr std::int64_t kMostSamples = static_cast<std::int64_t>(kLongestExtraction * kAnalysisRate);
-// Frames one packet may fail to give before the decoder is taken to be stuck.
-constexpr int kMostRejectedFrames = 1000;
 // The most channels libswresample mixes in one stream.
 constexpr int kMostChannels = 64;
 
@@ -133,9 +131,7 @@ struct StreamReader {
     FFmpegMedia::CodecPtr decoder;
     // Built for the format of the frames that arrive, and built anew when it changes.
     SwrPtr resampler;
-    int channels = 0;
-    int format = -1;
-    int rate = 0;
+    FFmpegMedia::FrameForm form;
     // Where the next output sample goes, once the first frame has placed the stream.
     std::int64_t position = 0;
     bool placed = false;
@@ -234,41 +230,23 @@ class Reader {
     // Sends one packet (nothing: the end) and takes every frame it gives. A packet the decoder
     // rejects as invalid leaves a gap, as a damaged block does; any other error ends the read.
     void decode(StreamReader& reader, const AVPacket* packet) {
-        const int sent = avcodec_send_packet(reader.decoder.get(), packet);
-        if (sent < 0 && sent != AVERROR_INVALIDDATA && sent != AVERROR_EOF) throw ReadFailure{};
-        // Each rejected frame consumes input; the bound only guards against a decoder that
-        // would keep refusing the same data.
-        for (int rejected = 0;;) {
-            const int got = avcodec_receive_frame(reader.decoder.get(), frame_);
-            if (got == AVERROR(EAGAIN) || got == AVERROR_EOF) return;
-            if (got == AVERROR_INVALIDDATA && ++rejected < kMostRejectedFrames) continue;
-            if (got < 0) throw ReadFailure{};
-            convert(reader, frame_);
-            av_frame_unref(frame_);
-        }
+        if (!FFmpegMedia::decodePacket(reader.decoder.get(), packet, frame_,
+                                       [&](const AVFrame* frame) { convert(reader, frame); }))
+            throw ReadFailure{};
     }
 
     void convert(StreamReader& reader, const AVFrame* frame) {
         const int channels = frame->ch_layout.nb_channels;
         if (frame->nb_samples <= 0 || channels <= 0) return;
-        if (!reader.resampler || channels != reader.channels || frame->format != reader.format ||
-            frame->sample_rate != reader.rate) {
+        if (!reader.resampler || FFmpegMedia::FrameForm::of(frame) != reader.form) {
             drainResampler(reader);
             reader.resampler = makeResampler(channels, static_cast<AVSampleFormat>(frame->format),
                                              frame->sample_rate, kRate);
             if (!reader.resampler) throw ReadFailure{};
-            reader.channels = channels;
-            reader.format = frame->format;
-            reader.rate = frame->sample_rate;
+            reader.form = FFmpegMedia::FrameForm::of(frame);
         }
         if (!reader.placed) place(reader, frame);
-        const int room = swr_get_out_samples(reader.resampler.get(), frame->nb_samples);
-        if (room < 0) throw ReadFailure{};
-        buffer_.resize(static_cast<std::size_t>(room) + 1);
-        auto* out = reinterpret_cast<std::uint8_t*>(buffer_.data());
-        const int made =
-            swr_convert(reader.resampler.get(), &out, room + 1,
-                        const_cast<const std::uint8_t**>(frame->extended_data), frame->nb_samples);
+        const int made = FFmpegMedia::resampleFrame(reader.resampler.get(), frame, buffer_, 1);
         if (made < 0) throw ReadFailure{};
         mix_.add(reader.position, buffer_.data(), made);
     }

@@ -18,6 +18,8 @@ namespace trelvane::FFmpegMedia {
 
 namespace {
 
+// Frames one packet may fail to give before the decoder is taken to be stuck.
+constexpr int kMostRejectedFrames = 1000;
 // Demuxers of media that a shoot holds. Playlists and concatenation lists are not media: they
 // would make the demuxer open other files.
 constexpr const char* kMediaFormats = "mov,wav,w64,aiff,caf,mp3,aac,ac3,eac3,flac,ogg,matroska,avi,asf,mxf,"
@@ -105,6 +107,31 @@ std::vector<AudioDecoder> openAudioDecoders(AVFormatContext* ctx, const std::str
         throw TrelvaneError::readerStartFailed(
             fmt::format("{} ({})", message(AVERROR_DECODER_NOT_FOUND), missingName));
     return decoders;
+}
+
+bool decodePacket(AVCodecContext* decoder, const AVPacket* packet, AVFrame* frame,
+                  const std::function<void(const AVFrame*)>& onFrame) {
+    const int sent = avcodec_send_packet(decoder, packet);
+    if (sent < 0 && sent != AVERROR_INVALIDDATA && sent != AVERROR_EOF) return false;
+    // Each rejected frame consumes input; the bound only guards against a decoder that would
+    // keep refusing the same data.
+    for (int rejected = 0;;) {
+        const int got = avcodec_receive_frame(decoder, frame);
+        if (got == AVERROR(EAGAIN) || got == AVERROR_EOF) return true;
+        if (got == AVERROR_INVALIDDATA && ++rejected < kMostRejectedFrames) continue;
+        if (got < 0) return false;
+        onFrame(frame);
+        av_frame_unref(frame);
+    }
+}
+
+int resampleFrame(SwrContext* swr, const AVFrame* frame, std::vector<float>& out, int outChannels) {
+    const int room = swr_get_out_samples(swr, frame->nb_samples);
+    if (room < 0) return room;
+    out.resize(static_cast<std::size_t>(outChannels) * (static_cast<std::size_t>(room) + 1));
+    auto* to = reinterpret_cast<std::uint8_t*>(out.data());
+    return swr_convert(swr, &to, room + 1, const_cast<const std::uint8_t**>(frame->extended_data),
+                       frame->nb_samples);
 }
 
 std::optional<double> seconds(std::int64_t ts, AVRational base) {

@@ -9,6 +9,7 @@
 #include "TrelvaneEngine/support/Url.hpp"
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -69,6 +70,29 @@ struct AudioDecoder {
 // decoder is discarded. Throws TrelvaneError::noAudioTrack(name) when there is no audio stream,
 // readerStartFailed (FFmpeg's message and the codec) when none of them can be decoded.
 std::vector<AudioDecoder> openAudioDecoders(AVFormatContext* ctx, const std::string& name);
+
+// Sends one packet (nothing: the end) to `decoder` and hands every frame it gives to `onFrame`,
+// unreferencing it after. A packet or frame the decoder rejects as invalid leaves a gap, as a
+// damaged block does; any other error returns false. What `onFrame` throws passes through.
+bool decodePacket(AVCodecContext* decoder, const AVPacket* packet, AVFrame* frame,
+                  const std::function<void(const AVFrame*)>& onFrame);
+
+// The form of a stream's decoded frames that its resampler was built for: a frame of another
+// form (a broadcast switching from stereo to 5.1) needs a new resampler.
+struct FrameForm {
+    int channels = 0;
+    int format = -1;
+    int rate = 0;
+
+    static FrameForm of(const AVFrame* frame) {
+        return {frame->ch_layout.nb_channels, frame->format, frame->sample_rate};
+    }
+    bool operator==(const FrameForm&) const = default;
+};
+
+// Runs `frame` through `swr` into `out`, resized to hold all that may come out with `outChannels`
+// interleaved floats a sample: the samples made, negative on failure.
+int resampleFrame(SwrContext* swr, const AVFrame* frame, std::vector<float>& out, int outChannels);
 
 // A timestamp in seconds; nothing when it is unset, the time base is not positive, or it is not
 // finite.
