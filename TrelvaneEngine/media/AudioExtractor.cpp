@@ -1,11 +1,11 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 #include "TrelvaneEngine/media/AudioExtractor.hpp"
 
+#include "TrelvaneEngine/media/FFmpegMedia.hpp"
 #include "TrelvaneEngine/model/TrelvaneError.hpp"
 #include "TrelvaneEngine/support/Files.hpp"
 
 #include <algorithm>
-#include <cerrno>
 #include <climits>
 #include <cmath>
 #include <cstdint>
@@ -14,16 +14,9 @@
 #include <memory>
 #include <optional>
 #include <sys/stat.h>
-#include <system_error>
 
 extern "C" {
-#include <libavcodec/avcodec.h>
-#include <libavformat/avformat.h>
 #include <libavutil/channel_layout.h>
-#include <libavutil/dict.h>
-#include <libavutil/error.h>
-#include <libavutil/frame.h>
-#include <libswresample/swresample.h>
 }
 
 namespace trelvane::AudioExtractor {
@@ -35,47 +28,14 @@ constexpr int kRate = 16000;
 // samples while it grows; the reservation is address space, pages are only touched as filled.
 constexpr std::size_t kTwoHours = 115'200'000;
 constexpr std::int64_t kMostSamples = static_cast<std::int64_t>(kLongestExtraction * kAnalysisRate);
-// Frames one packet may fail to give before the decoder is taken to be stuck.
-constexpr int kMostRejectedFrames = 1000;
 // The most channels libswresample mixes in one stream.
 constexpr int kMostChannels = 64;
-// Demuxers of media that a shoot holds. Playlists and concatenation lists are not media: they
-// would make the demuxer open other files.
-constexpr const char* kMediaFormats = "mov,wav,w64,aiff,caf,mp3,aac,ac3,eac3,flac,ogg,matroska,avi,asf,mxf,"
-                                      "mpegts,mpeg,dv,flv,amr,wv,ape,au,tta,dts,truehd,gxf,nut";
 
-// ---- handles -------------------------------------------------------------------------------------
-
-struct FormatCloser {
-    void operator()(AVFormatContext* ctx) const noexcept { avformat_close_input(&ctx); }
-};
-struct CodecFree {
-    void operator()(AVCodecContext* ctx) const noexcept { avcodec_free_context(&ctx); }
-};
-struct SwrFree {
-    void operator()(SwrContext* ctx) const noexcept { swr_free(&ctx); }
-};
-struct PacketFree {
-    void operator()(AVPacket* pkt) const noexcept { av_packet_free(&pkt); }
-};
-struct FrameFree {
-    void operator()(AVFrame* frame) const noexcept { av_frame_free(&frame); }
-};
-struct DictionaryFree {
-    void operator()(AVDictionary** dict) const noexcept { av_dict_free(dict); }
-};
-
-using FormatPtr = std::unique_ptr<AVFormatContext, FormatCloser>;
-using CodecPtr = std::unique_ptr<AVCodecContext, CodecFree>;
-using SwrPtr = std::unique_ptr<SwrContext, SwrFree>;
-using PacketPtr = std::unique_ptr<AVPacket, PacketFree>;
-using FramePtr = std::unique_ptr<AVFrame, FrameFree>;
-
-std::string ffmpegMessage(int error) {
-    char text[AV_ERROR_MAX_STRING_SIZE] = {};
-    if (av_strerror(error, text, sizeof text) < 0) return fmt::format("Error {}", error);
-    return text;
-}
+using FFmpegMedia::AudioDecoder;
+using FFmpegMedia::FramePtr;
+using FFmpegMedia::PacketPtr;
+using FFmpegMedia::seconds;
+using FFmpegMedia::SwrPtr;
 
 // A resampler from `channels` channels of `format` at `rate` Hz to mono floats at `to` Hz that
 // mixes all channels with the same weight. Nothing when libswresample refuses.
@@ -168,12 +128,10 @@ class Mix {
 
 struct StreamReader {
     AVStream* stream = nullptr;
-    CodecPtr decoder;
+    FFmpegMedia::CodecPtr decoder;
     // Built for the format of the frames that arrive, and built anew when it changes.
     SwrPtr resampler;
-    int channels = 0;
-    int format = -1;
-    int rate = 0;
+    FFmpegMedia::FrameForm form;
     // Where the next output sample goes, once the first frame has placed the stream.
     std::int64_t position = 0;
     bool placed = false;
@@ -205,104 +163,24 @@ class Reader {
     bool cutShort() const { return cutShort_; }
 
   private:
-    void open() {
-        struct stat st {};
-        if (::stat(url_.path().c_str(), &st) != 0)
-            throw TrelvaneError::readerStartFailed(std::error_code(errno, std::generic_category()).message());
-        // A pipe would block, a device never end.
-        if (S_ISDIR(st.st_mode))
-            throw TrelvaneError::readerStartFailed(
-                std::error_code(EISDIR, std::generic_category()).message());
-        if (!S_ISREG(st.st_mode)) throw TrelvaneError::readerStartFailed("Not a regular file");
-
-        AVDictionary* options = nullptr;
-        const std::unique_ptr<AVDictionary*, DictionaryFree> freeOptions(&options);
-        av_dict_set(&options, "protocol_whitelist", "file", 0);
-        av_dict_set(&options, "format_whitelist", kMediaFormats, 0);
-        AVFormatContext* raw = nullptr;
-        // The file protocol by name, so that no part of a path is ever taken for another protocol.
-        const std::string target = "file:" + url_.path();
-        // On failure the context is freed by the call itself.
-        const int opened = avformat_open_input(&raw, target.c_str(), nullptr, &options);
-        if (opened < 0) {
-            // A format outside the list above is, to this reader, no media at all.
-            const int shown = opened == AVERROR(EINVAL) ? AVERROR_INVALIDDATA : opened;
-            throw TrelvaneError::readerStartFailed(ffmpegMessage(shown));
-        }
-        format_.reset(raw);
-
-        // Pictures are never decoded, and not even read where the demuxer can skip them.
-        bool incomplete = false;
-        for (unsigned i = 0; i < raw->nb_streams; ++i) {
-            AVStream* stream = raw->streams[i];
-            const AVCodecParameters* par = stream->codecpar;
-            if (par->codec_type != AVMEDIA_TYPE_AUDIO)
-                stream->discard = AVDISCARD_ALL;
-            else if (par->codec_id == AV_CODEC_ID_NONE || par->sample_rate <= 0 ||
-                     par->ch_layout.nb_channels <= 0 || stream->start_time == AV_NOPTS_VALUE)
-                incomplete = true;
-        }
-        // Only files whose headers leave something out are probed (a WAV tells no start time, an
-        // MPEG transport stream no sample rate); a failure leaves what the headers gave.
-        if (incomplete) avformat_find_stream_info(raw, nullptr);
-    }
+    void open() { format_ = FFmpegMedia::openInput(url_); }
 
     void chooseStreams() {
-        AVFormatContext* ctx = format_.get();
-        int missingDecoder = 0;
-        std::string missingName;
-        for (unsigned i = 0; i < ctx->nb_streams; ++i) {
-            AVStream* st = ctx->streams[i];
-            if (st->codecpar->codec_type != AVMEDIA_TYPE_AUDIO) continue;
-            st->discard = AVDISCARD_DEFAULT;
-            const AVCodec* codec = avcodec_find_decoder(st->codecpar->codec_id);
-            CodecPtr decoder(codec ? avcodec_alloc_context3(codec) : nullptr);
-            if (!decoder || avcodec_parameters_to_context(decoder.get(), st->codecpar) < 0) {
-                ++missingDecoder;
-                missingName = avcodec_get_name(st->codecpar->codec_id);
-                st->discard = AVDISCARD_ALL;
-                continue;
-            }
-            // The time base lets the decoder move a frame's timestamp past the priming samples it
-            // drops, so that the first kept sample lands where the edit list puts it.
-            decoder->pkt_timebase = st->time_base;
-            if (avcodec_open2(decoder.get(), codec, nullptr) < 0) {
-                ++missingDecoder;
-                missingName = avcodec_get_name(st->codecpar->codec_id);
-                st->discard = AVDISCARD_ALL;
-                continue;
-            }
+        for (AudioDecoder& opened : FFmpegMedia::openAudioDecoders(format_.get(), name_)) {
             auto reader = std::make_unique<StreamReader>();
-            reader->stream = st;
-            reader->decoder = std::move(decoder);
+            reader->stream = opened.stream;
+            reader->decoder = std::move(opened.decoder);
+            const auto i = static_cast<std::size_t>(opened.stream->index);
             if (streamsByIndex_.size() <= i) streamsByIndex_.resize(i + 1);
             streamsByIndex_[i] = reader.get();
             streams_.push_back(std::move(reader));
         }
-        if (streams_.empty() && missingDecoder == 0) throw TrelvaneError::noAudioTrack(name_);
-        if (streams_.empty())
-            throw TrelvaneError::readerStartFailed(
-                fmt::format("{} ({})", ffmpegMessage(AVERROR_DECODER_NOT_FOUND), missingName));
-
+        std::vector<AudioDecoder> used;
+        for (const auto& reader : streams_)
+            used.push_back({reader->stream, nullptr});
         // The clip starts where its earliest sound or picture starts: a stream that begins later
-        // is preceded by silence. Cover art has a time but is no picture of the clip.
-        for (unsigned i = 0; i < ctx->nb_streams; ++i) {
-            const AVStream* st = ctx->streams[i];
-            const auto type = st->codecpar->codec_type;
-            const bool picture =
-                type == AVMEDIA_TYPE_VIDEO && (st->disposition & AV_DISPOSITION_ATTACHED_PIC) == 0;
-            if ((type != AVMEDIA_TYPE_AUDIO && !picture) || st->start_time == AV_NOPTS_VALUE) continue;
-            if (type == AVMEDIA_TYPE_AUDIO && (i >= streamsByIndex_.size() || !streamsByIndex_[i])) continue;
-            const auto start = seconds(st->start_time, st->time_base);
-            if (start && (!zero_ || *start < *zero_)) zero_ = start;
-        }
-    }
-
-    static std::optional<double> seconds(std::int64_t ts, AVRational base) {
-        if (ts == AV_NOPTS_VALUE || base.num <= 0 || base.den <= 0) return std::nullopt;
-        const double s = static_cast<double>(ts) * av_q2d(base);
-        if (!std::isfinite(s)) return std::nullopt;
-        return s;
+        // is preceded by silence.
+        zero_ = FFmpegMedia::clipZero(format_.get(), used);
     }
 
     void decodeAll() {
@@ -352,41 +230,23 @@ class Reader {
     // Sends one packet (nothing: the end) and takes every frame it gives. A packet the decoder
     // rejects as invalid leaves a gap, as a damaged block does; any other error ends the read.
     void decode(StreamReader& reader, const AVPacket* packet) {
-        const int sent = avcodec_send_packet(reader.decoder.get(), packet);
-        if (sent < 0 && sent != AVERROR_INVALIDDATA && sent != AVERROR_EOF) throw ReadFailure{};
-        // Each rejected frame consumes input; the bound only guards against a decoder that
-        // would keep refusing the same data.
-        for (int rejected = 0;;) {
-            const int got = avcodec_receive_frame(reader.decoder.get(), frame_);
-            if (got == AVERROR(EAGAIN) || got == AVERROR_EOF) return;
-            if (got == AVERROR_INVALIDDATA && ++rejected < kMostRejectedFrames) continue;
-            if (got < 0) throw ReadFailure{};
-            convert(reader, frame_);
-            av_frame_unref(frame_);
-        }
+        if (!FFmpegMedia::decodePacket(reader.decoder.get(), packet, frame_,
+                                       [&](const AVFrame* frame) { convert(reader, frame); }))
+            throw ReadFailure{};
     }
 
     void convert(StreamReader& reader, const AVFrame* frame) {
         const int channels = frame->ch_layout.nb_channels;
         if (frame->nb_samples <= 0 || channels <= 0) return;
-        if (!reader.resampler || channels != reader.channels || frame->format != reader.format ||
-            frame->sample_rate != reader.rate) {
+        if (!reader.resampler || FFmpegMedia::FrameForm::of(frame) != reader.form) {
             drainResampler(reader);
             reader.resampler = makeResampler(channels, static_cast<AVSampleFormat>(frame->format),
                                              frame->sample_rate, kRate);
             if (!reader.resampler) throw ReadFailure{};
-            reader.channels = channels;
-            reader.format = frame->format;
-            reader.rate = frame->sample_rate;
+            reader.form = FFmpegMedia::FrameForm::of(frame);
         }
         if (!reader.placed) place(reader, frame);
-        const int room = swr_get_out_samples(reader.resampler.get(), frame->nb_samples);
-        if (room < 0) throw ReadFailure{};
-        buffer_.resize(static_cast<std::size_t>(room) + 1);
-        auto* out = reinterpret_cast<std::uint8_t*>(buffer_.data());
-        const int made =
-            swr_convert(reader.resampler.get(), &out, room + 1,
-                        const_cast<const std::uint8_t**>(frame->extended_data), frame->nb_samples);
+        const int made = FFmpegMedia::resampleFrame(reader.resampler.get(), frame, buffer_, 1);
         if (made < 0) throw ReadFailure{};
         mix_.add(reader.position, buffer_.data(), made);
     }
@@ -425,7 +285,7 @@ class Reader {
     std::string name_;
     Mix mix_;
     std::stop_token stop_;
-    FormatPtr format_;
+    FFmpegMedia::FormatPtr format_;
     std::vector<std::unique_ptr<StreamReader>> streams_;
     std::vector<StreamReader*> streamsByIndex_;
     std::optional<double> zero_;
@@ -536,13 +396,13 @@ std::vector<float> resampleMono(std::span<const float> samples, double from, dou
     const auto* from8 = reinterpret_cast<const std::uint8_t*>(samples.data());
     const int room = static_cast<int>(out.size());
     const int made = swr_convert(swr.get(), &to8, room, count > 0 ? &from8 : nullptr, count);
-    if (made < 0) throw TrelvaneError::readFailed(ffmpegMessage(made));
+    if (made < 0) throw TrelvaneError::readFailed(FFmpegMedia::message(made));
     int total = made;
     // The filter's tail, held back until the end of the input is known.
     while (total < room) {
         auto* tail = reinterpret_cast<std::uint8_t*>(out.data() + total);
         const int more = swr_convert(swr.get(), &tail, room - total, nullptr, 0);
-        if (more < 0) throw TrelvaneError::readFailed(ffmpegMessage(more));
+        if (more < 0) throw TrelvaneError::readFailed(FFmpegMedia::message(more));
         if (more == 0) break;
         total += more;
     }
