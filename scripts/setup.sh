@@ -15,8 +15,8 @@ PACKAGES=(
   # media decoding, FFT, JSON, command line, formatting, diagnostics upload
   libavformat-dev libavcodec-dev libavutil-dev libswresample-dev
   libfftw3-dev nlohmann-json3-dev libcli11-dev libfmt-dev libcurl4-openssl-dev
-  # the desktop application (Qt 6 Widgets; the SVG plugin draws its icon)
-  qt6-base-dev libqt6svg6
+  # the desktop application (Qt 6 Widgets and Multimedia for playback; the SVG plugin draws its icon)
+  qt6-base-dev qt6-multimedia-dev libqt6svg6
   # tests and benchmarks
   libgtest-dev libgmock-dev libbenchmark-dev
   # export tests: xmllint reads documents back and checks FCPXML against its DTD

@@ -3,11 +3,13 @@
 
 #include "Trelvane/session/AppLog.hpp"
 #include "Trelvane/session/Notifier.hpp"
+#include "Trelvane/ui/AudioPlayer.hpp"
 #include "Trelvane/ui/BottomBar.hpp"
 #include "Trelvane/ui/ConfirmationDialogs.hpp"
 #include "Trelvane/ui/DropZone.hpp"
 #include "Trelvane/ui/ExportDialog.hpp"
 #include "Trelvane/ui/MainTimeline.hpp"
+#include "Trelvane/ui/PluginsView.hpp"
 #include "TrelvaneEngine/media/EnvelopeCache.hpp"
 #include "TrelvaneEngine/support/EngineLog.hpp"
 #include "TrelvaneVersion.hpp"
@@ -107,6 +109,8 @@ const char* MainWindow::literal(Command command) {
         return "tv.cleanProject";
     case Command::closeGaps:
         return "tv.closeGaps";
+    case Command::showPlugins:
+        return "tv.showPlugins";
     case Command::syncModeChanged:
         return "tv.syncModeChanged";
     }
@@ -151,6 +155,17 @@ MainWindow::MainWindow(MainQueue& queue, Settings& settings, SessionStages stage
     buildActionCluster();
     buildMenus();
 
+    player_ = std::make_unique<AudioPlayer>(queue);
+    // The playhead follows the sound, unless the user holds it.
+    playerObservation_ = player_->observe([this](AudioPlayer::Change what) {
+        if (what == AudioPlayer::Change::currentTime && player_->isPlaying() && !view_->isScrubbing())
+            view_->setPlayheadTime(player_->currentTime());
+    });
+    // A scrub while playing plays on from where it was let go.
+    viewObservation_ = view_->observe([this](TimelineViewState::Change what) {
+        if (what == TimelineViewState::Change::isScrubbing && !view_->isScrubbing() && player_->isPlaying())
+            player_->seek(vm_->sources(), view_->playheadTime());
+    });
     observation_ = vm_->observe([this](Published what) { refresh(what); });
     qApp->installEventFilter(this);
     // Notices may come from any thread; they are shown from the GUI thread.
@@ -167,6 +182,7 @@ MainWindow::MainWindow(MainQueue& queue, Settings& settings, SessionStages stage
 }
 
 MainWindow::~MainWindow() {
+    player_->stop();
     Notifier::setPresenter({});
     qApp->removeEventFilter(this);
 }
@@ -271,9 +287,7 @@ void MainWindow::buildMenus() {
         group->addAction(action);
         modeActions_[m.mode] = action;
     }
-    // The editor panels come with their installer.
-    QAction* plugins = mode->addAction("Plugins");
-    plugins->setEnabled(false);
+    mode->addAction("Plugins", this, [this] { perform(Command::showPlugins); });
 
     QMenu* help = menuBar()->addMenu("Help");
     help->addAction("Check for Updates…", this, [this] { checkForUpdates(); });
@@ -302,6 +316,12 @@ void MainWindow::perform(Command command) {
         else
             vm_->closeGaps(true);
         break;
+    case Command::showPlugins:
+        // One window, read again each time it appears.
+        if (!plugins_) plugins_ = new PluginsView(settings_, this);
+        plugins_->show();
+        plugins_->raise();
+        break;
     case Command::syncModeChanged:
         vm_->syncModeChanged();
         break;
@@ -320,6 +340,12 @@ void MainWindow::setSyncMode(SyncMode mode) {
 
 void MainWindow::refresh(Published what) {
     switch (what) {
+    case Published::sources:
+        // However a track was muted, the sound follows on its next buffer.
+        if (player_->isPlaying())
+            for (const auto& track : vm_->sources())
+                player_->setMuted(track.id, track.isMuted);
+        break;
     case Published::pendingCameraGroups:
     case Published::pendingDayRegions:
     case Published::formatAdvisories:
@@ -479,7 +505,10 @@ void MainWindow::confirm(const QString& title, const QString& text, const QStrin
 
 void MainWindow::confirmCleanProject() {
     confirm("Clean project?", "Remove all tracks and clips from this session. Files on disk are not changed.",
-            "Clean", [this] { vm_->cleanProject(); });
+            "Clean", [this] {
+                player_->stop();
+                vm_->cleanProject();
+            });
 }
 
 void MainWindow::confirmClearCache() {
@@ -554,6 +583,9 @@ bool MainWindow::handleKey(QKeyEvent* event) {
         return true;
     case Qt::Key_0:
         view_->zoomReset();
+        return true;
+    case Qt::Key_Space:
+        player_->togglePlayback(vm_->sources(), view_->playbackTime());
         return true;
     case Qt::Key_N:
         if (vm_->selectedClipIDs().empty()) return false;

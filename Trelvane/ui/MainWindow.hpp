@@ -8,9 +8,9 @@
 // are shown one at a time, in that order, and each answers the controller however it is closed.
 // The whole window takes dropped files and folders at any time.
 //
-// Lifecycle: GUI thread only. It makes the controller and the view state and keeps them for its
-// life; the queue and the settings outlive it. It installs the notice presenter and the key
-// monitor while it exists.
+// Lifecycle: GUI thread only. It makes the controller, the view state and the audio player and
+// keeps them for its life; the queue and the settings outlive it. It installs the notice presenter and the
+// key monitor while it exists.
 
 #include "Trelvane/session/SyncViewModel.hpp"
 #include "Trelvane/session/TimelineViewState.hpp"
@@ -32,9 +32,11 @@ class QToolButton;
 
 namespace trelvane {
 
+class AudioPlayer;
 class BottomBar;
 class DropZone;
 class MainTimeline;
+class PluginsView;
 
 class MainWindow : public QMainWindow {
   public:
@@ -46,6 +48,7 @@ class MainWindow : public QMainWindow {
         selectAll,
         cleanProject,
         closeGaps,
+        showPlugins,
         syncModeChanged
     };
     // "tv.addMedia", "tv.synchronize", …
@@ -60,6 +63,7 @@ class MainWindow : public QMainWindow {
 
     SyncViewModel& vm() const { return *vm_; }
     TimelineViewState& viewState() const { return *view_; }
+    AudioPlayer& player() const { return *player_; }
     MainTimeline* timeline() const { return timeline_; }
     BottomBar* bottomBar() const { return bottomBar_; }
     DropZone* dropZone() const { return dropZone_; }
@@ -106,7 +110,8 @@ class MainWindow : public QMainWindow {
     Settings& settings_;
     std::shared_ptr<SyncViewModel> vm_;
     std::shared_ptr<TimelineViewState> view_;
-    std::shared_ptr<void> observation_;
+    std::unique_ptr<AudioPlayer> player_;
+    std::shared_ptr<void> observation_, viewObservation_, playerObservation_;
 
     QStackedWidget* stack_;
     DropZone* dropZone_;
@@ -123,6 +128,7 @@ class MainWindow : public QMainWindow {
     QIcon syncIcon_, stopIcon_;
     QLabel* notice_;
     QPointer<QDialog> sheet_;
+    PluginsView* plugins_ = nullptr;
     bool sheetQueued_ = false;
 };
 

@@ -5,6 +5,7 @@
 #include "Trelvane/session/ProductStages.hpp"
 #include "Trelvane/session/Settings.hpp"
 #include "Trelvane/ui/MainWindow.hpp"
+#include "Trelvane/ui/PluginInstaller.hpp"
 #include "Trelvane/ui/QtMainQueue.hpp"
 #include "Trelvane/ui/Theme.hpp"
 #include "TrelvaneVersion.hpp"
@@ -64,6 +65,8 @@ int main(int argc, char** argv) {
     trelvane::AppLog::start(trelvane::AppLog::Mode::redirectStdio);
     trelvane::Settings settings(trelvane::Settings::defaultPath());
     trelvane::QtMainQueue queue;
+    // The editor panels go where the settings say, without asking; all of it stays in the log.
+    (void)trelvane::PluginInstaller::installAtStartUp(settings);
     trelvane::MainWindow window(queue, settings, trelvane::productStages());
     window.show();
 
