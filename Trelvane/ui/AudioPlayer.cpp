@@ -56,7 +56,9 @@ class MixerDevice : public QIODevice {
 };
 
 AudioPlayer::AudioPlayer(MainQueue& queue, OutputLookup output)
-    : queue_(queue), output_(output ? std::move(output) : OutputLookup([] { return QMediaDevices::defaultAudioOutput(); })) {}
+    : queue_(queue),
+      output_(output ? std::move(output) : OutputLookup([] { return QMediaDevices::defaultAudioOutput(); })) {
+}
 
 AudioPlayer::~AudioPlayer() {
     stop();

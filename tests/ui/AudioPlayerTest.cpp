@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 // The player on a machine without sound: every operation leaves its state right, the reason is
 // logged once, and nothing waits or breaks.
-#include "TestSupport.hpp"
 #include "Trelvane/ui/AudioPlayer.hpp"
+#include "TestSupport.hpp"
 #include "Trelvane/ui/QtMainQueue.hpp"
 
 #include <algorithm>
@@ -39,7 +39,8 @@ TEST(AudioPlayer, WithoutAnOutputDeviceItStaysStoppedAndSaysWhyOnce) {
     EXPECT_EQ(std::count(changes.begin(), changes.end(), AudioPlayer::Change::isPlaying), 0);
 
     const auto lines = log.lines();
-    EXPECT_EQ(std::count_if(lines.begin(), lines.end(), [](const std::string& l) { return l.rfind("AudioEngine: ", 0) == 0; }),
+    EXPECT_EQ(std::count_if(lines.begin(), lines.end(),
+                            [](const std::string& l) { return l.rfind("AudioEngine: ", 0) == 0; }),
               1);
     EXPECT_TRUE(log.contains("AudioEngine: no audio output device"));
 }
