@@ -596,6 +596,7 @@ void SyncViewModel::startSyncTask(std::function<void(std::stop_token, const Post
 }
 
 void SyncViewModel::beginSyncRun(bool stacks) {
+    trackAtRunStart_ = TrackEditing::trackOfClips(sources_);
     outcome_.offsetsBeforeCloseGaps.reset();
     outcome_.syncWasStopped = false;
     notify(Published::syncWasStopped);
@@ -613,7 +614,7 @@ void SyncViewModel::setSyncProgress(double progress) {
 void SyncViewModel::installSyncOutcome(Sources result) {
     syncTask_.reset();
     // The run worked on a copy; the edits and drops made meanwhile are kept.
-    setSources(TrackEditing::mergeRunResult(std::move(result), sources_));
+    setSources(TrackEditing::mergeRunResult(std::move(result), sources_, trackAtRunStart_));
     refreshCounters();
     outcome_.failureSummary = summarizeFailures(sources_);
     notify(Published::failureSummary);

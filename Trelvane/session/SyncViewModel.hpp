@@ -363,6 +363,9 @@ class SyncViewModel : public std::enable_shared_from_this<SyncViewModel> {
     bool addedDuringRun_ = false;
     // The running sync or stack job, by run number; callbacks of other runs are dropped.
     std::optional<std::stop_source> syncTask_;
+    // Which track each clip was on when the running sync or stack run started, so that a clip the
+    // user moves meanwhile goes where the user put it.
+    std::map<Uuid, Uuid> trackAtRunStart_;
     std::uint64_t syncRun_ = 0;
     bool didOfferStackMode_ = false;
     int exportsRunning_ = 0;

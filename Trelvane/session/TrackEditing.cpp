@@ -139,31 +139,53 @@ bool adoptMetadata(Sources& live, const Sources& read) {
     return any;
 }
 
-Sources mergeRunResult(Sources result, const Sources& live) {
-    const std::set<Uuid> liveClips = allClips(live);
-    const std::set<Uuid> held = allClips(result);
+std::map<Uuid, Uuid> trackOfClips(const Sources& sources) {
+    std::map<Uuid, Uuid> tracks;
+    for (const auto& t : sources)
+        for (const auto& c : t.clips)
+            tracks.emplace(c.id, t.id);
+    return tracks;
+}
+
+Sources mergeRunResult(Sources result, const Sources& live, const std::map<Uuid, Uuid>& trackAtStart) {
+    std::set<Uuid> liveClips, moved;
     std::map<Uuid, const TrackSource*> liveTracks;
-    for (const auto& t : live)
+    for (const auto& t : live) {
         liveTracks.emplace(t.id, &t);
+        for (const auto& c : t.clips) {
+            liveClips.insert(c.id);
+            if (auto at = trackAtStart.find(c.id); at != trackAtStart.end() && at->second != t.id)
+                moved.insert(c.id);
+        }
+    }
+    // What the result keeps: the clips still there and still on the track the run found them on.
+    const auto keeps = [&](const ClipItem& c) { return liveClips.contains(c.id) && !moved.contains(c.id); };
+    std::set<Uuid> held;
+    for (const auto& t : result)
+        for (const auto& c : t.clips)
+            if (keeps(c)) held.insert(c.id);
+    const auto asAdded = [&](ClipItem clip) {
+        if (moved.contains(clip.id)) clip.syncStatus = SyncStatus::pending;
+        return clip;
+    };
 
     Sources merged;
     for (auto& t : result) {
         const auto before = t.clips.size();
-        std::erase_if(t.clips, [&](const ClipItem& c) { return !liveClips.contains(c.id); });
-        if (t.clips.empty() && before > 0) continue;
-        const auto twin = liveTracks.find(t.id);
-        if (twin != liveTracks.end()) {
+        std::erase_if(t.clips, [&](const ClipItem& c) { return !keeps(c); });
+        if (const auto twin = liveTracks.find(t.id); twin != liveTracks.end()) {
             t.isMuted = twin->second->isMuted;
             double end = 0;
             for (const auto& c : t.clips)
                 end = std::max(end, c.startOffset + c.duration);
             for (const auto& c : twin->second->clips) {
                 if (held.contains(c.id)) continue;
-                t.clips.push_back(c);
+                t.clips.push_back(asAdded(c));
                 t.clips.back().startOffset = end;
                 end += c.duration;
             }
         }
+        if (t.clips.empty() && before > 0) continue;
         merged.push_back(std::move(t));
     }
     const std::set<Uuid> resultTracks = [&] {
@@ -177,6 +199,8 @@ Sources mergeRunResult(Sources result, const Sources& live) {
         TrackSource added = t;
         const auto before = added.clips.size();
         std::erase_if(added.clips, [&](const ClipItem& c) { return held.contains(c.id); });
+        for (auto& c : added.clips)
+            c = asAdded(std::move(c));
         if (added.clips.empty()) continue;
         if (added.clips.size() != before) IngestEngine::recomputeOffsets(added);
         merged.push_back(std::move(added));

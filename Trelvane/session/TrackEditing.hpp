@@ -51,11 +51,17 @@ void resetStatuses(Sources& sources);
 // True when a clip was taken.
 bool adoptMetadata(Sources& live, const Sources& read);
 
+// Which track each clip is on, by clip id.
+std::map<Uuid, Uuid> trackOfClips(const Sources& sources);
+
 // The result of a sync or stack run made to agree with the live list as it stands when the run
 // ends, so that what the user did meanwhile is kept: clips deleted meanwhile stay deleted (a track
 // left empty goes), a track's `isMuted` follows the live track of the same id, and the live clips
 // the result does not hold (added meanwhile) are kept: after the end of the result's track of the
-// same id when there is one, end to end, otherwise on their live track, appended to the list.
-Sources mergeRunResult(Sources result, const Sources& live);
+// same id when there is one, end to end, otherwise on their live track, appended to the list. A
+// clip moved to another track meanwhile (its live track is not the one in `trackAtStart`, the
+// layout the run started from) counts as added, back to `pending`: the run placed it as part of
+// the grouping the user has just corrected.
+Sources mergeRunResult(Sources result, const Sources& live, const std::map<Uuid, Uuid>& trackAtStart);
 
 } // namespace trelvane::TrackEditing

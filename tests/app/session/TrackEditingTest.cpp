@@ -124,7 +124,8 @@ TEST(TrackEditingTest, ARunResultKeepsTheDeletesMutesAndDropsMadeWhileItRan) {
     live.emplace_back().name = "C";
     live.back().clips.emplace_back().url = Url::fromPath("/shoot/C/c1.WAV");
 
-    Sources merged = TrackEditing::mergeRunResult(result, live);
+    const auto layout = TrackEditing::trackOfClips(base);
+    Sources merged = TrackEditing::mergeRunResult(result, live, layout);
     EXPECT_EQ(describe(merged), "A:a1@100,a3@120,a4@130 | B:b1@105,b2@115 | C:c1@0");
     EXPECT_TRUE(merged[1].isMuted);
     EXPECT_EQ(merged[0].clips[2].syncStatus, SyncStatus::pending);
@@ -136,6 +137,14 @@ TEST(TrackEditingTest, ARunResultKeepsTheDeletesMutesAndDropsMadeWhileItRan) {
     stack.name = "S";
     for (const auto& t : result)
         stack.clips.insert(stack.clips.end(), t.clips.begin(), t.clips.end());
-    EXPECT_EQ(describe(TrackEditing::mergeRunResult(result, live)), "A:a1@100,a3@120,a4@130 | C:c1@0");
-    EXPECT_EQ(describe(TrackEditing::mergeRunResult({stack}, live)), "S:a1@100,a3@120 | A:a4@0 | C:c1@0");
+    EXPECT_EQ(describe(TrackEditing::mergeRunResult(result, live, layout)),
+              "A:a1@100,a3@120,a4@130 | C:c1@0");
+    EXPECT_EQ(describe(TrackEditing::mergeRunResult({stack}, live, layout)),
+              "S:a1@100,a3@120 | A:a4@0 | C:c1@0");
+
+    // A clip moved to a track of its own meanwhile stays there, waiting for the next run.
+    ASSERT_TRUE(TrackEditing::moveToNewTrack(live, clipsNamed(live, "a3")));
+    merged = TrackEditing::mergeRunResult(result, live, layout);
+    EXPECT_EQ(describe(merged), "A:a1@100,a4@110 | a3*day1:a3@0 | C:c1@0");
+    EXPECT_EQ(merged[1].clips[0].syncStatus, SyncStatus::pending);
 }
