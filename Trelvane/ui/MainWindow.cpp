@@ -26,9 +26,11 @@
 #include <QMenuBar>
 #include <QMessageBox>
 #include <QMimeData>
+#include <QPainter>
 #include <QPushButton>
 #include <QStackedWidget>
 #include <QStyle>
+#include <QStyledItemDelegate>
 #include <QTimer>
 #include <QToolBar>
 #include <QToolButton>
@@ -73,6 +75,40 @@ class MediaChooser : public QFileDialog {
 
   private:
     QStringList chosen_;
+};
+
+// The mode picker's list: each mode's title, and under it in a quieter line what it is for.
+class ModeItemDelegate : public QStyledItemDelegate {
+  public:
+    using QStyledItemDelegate::QStyledItemDelegate;
+
+    void paint(QPainter* painter, const QStyleOptionViewItem& option,
+               const QModelIndex& index) const override {
+        QStyleOptionViewItem item = option;
+        initStyleOption(&item, index);
+        const QString line = index.data(Qt::ToolTipRole).toString();
+        item.text.clear();
+        item.widget->style()->drawControl(QStyle::CE_ItemViewItem, &item, painter, item.widget);
+        const QRect area = option.rect.adjusted(10, 4, -10, -4);
+        const bool selected = option.state & QStyle::State_Selected;
+        painter->save();
+        painter->setPen(option.palette.color(selected ? QPalette::HighlightedText : QPalette::Text));
+        painter->drawText(area, Qt::AlignLeft | Qt::AlignTop, index.data(Qt::DisplayRole).toString());
+        QFont small = option.font;
+        small.setPointSizeF(small.pointSizeF() * 0.9);
+        painter->setFont(small);
+        painter->setPen(
+            option.palette.color(selected ? QPalette::HighlightedText : QPalette::PlaceholderText));
+        painter->drawText(area, Qt::AlignLeft | Qt::AlignBottom, line);
+        painter->restore();
+    }
+    QSize sizeHint(const QStyleOptionViewItem& option, const QModelIndex& index) const override {
+        const QSize one = QStyledItemDelegate::sizeHint(option, index);
+        const QFontMetrics metrics(option.font);
+        const int width = std::max(metrics.horizontalAdvance(index.data(Qt::DisplayRole).toString()),
+                                   metrics.horizontalAdvance(index.data(Qt::ToolTipRole).toString()));
+        return {width + 24, 2 * one.height() + 8};
+    }
 };
 
 std::vector<Url> urlsOf(const QStringList& paths) {
@@ -234,6 +270,13 @@ void MainWindow::buildActionCluster() {
         modePicker_->addItem(m.title, static_cast<int>(m.mode));
         modePicker_->setItemData(modePicker_->count() - 1, m.line, Qt::ToolTipRole);
     }
+    modePicker_->setItemDelegate(new ModeItemDelegate(modePicker_));
+    // The list is as wide as its longest line, wider than the picker itself.
+    int widest = 0;
+    for (const auto& m : kModes)
+        widest = std::max({widest, modePicker_->fontMetrics().horizontalAdvance(m.title),
+                           modePicker_->fontMetrics().horizontalAdvance(m.line)});
+    modePicker_->view()->setMinimumWidth(widest + 40);
     connect(modePicker_, &QComboBox::activated, this,
             [this](int index) { setSyncMode(static_cast<SyncMode>(modePicker_->itemData(index).toInt())); });
     bar->addWidget(modePicker_);
