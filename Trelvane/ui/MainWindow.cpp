@@ -154,7 +154,7 @@ const char* MainWindow::literal(Command command) {
 }
 
 MainWindow::MainWindow(MainQueue& queue, Settings& settings, SessionStages stages, QWidget* parent)
-    : QMainWindow(parent), queue_(queue), settings_(settings),
+    : QMainWindow(parent), settings_(settings),
       vm_(SyncViewModel::create(queue, settings, std::move(stages))),
       view_(TimelineViewState::create(queue, vm_)) {
     registerResources();

@@ -106,7 +106,6 @@ class MainWindow : public QMainWindow {
     void showNotice(const QString& title, const QString& body);
     bool handleKey(QKeyEvent* event);
 
-    MainQueue& queue_;
     Settings& settings_;
     std::shared_ptr<SyncViewModel> vm_;
     std::shared_ptr<TimelineViewState> view_;
