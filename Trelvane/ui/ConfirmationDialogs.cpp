@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 #include "Trelvane/ui/ConfirmationDialogs.hpp"
 
+#include "Trelvane/ui/Labels.hpp"
+
 #include <QCheckBox>
 #include <QDesktopServices>
 #include <QHBoxLayout>
@@ -25,14 +27,6 @@ QString joinedNames(const std::vector<std::string>& names, const char* separator
     return list.join(separator);
 }
 
-QLabel* wrapped(const QString& text, QWidget* parent, const char* style = nullptr) {
-    auto* label = new QLabel(text, parent);
-    label->setWordWrap(true);
-    label->setTextFormat(Qt::PlainText);
-    if (style) label->setStyleSheet(style);
-    return label;
-}
-
 // The title and text at the top of a sheet, and a scrolling list under them.
 QVBoxLayout* sheetFrame(QDialog* sheet, const QString& title, const QString& text) {
     sheet->setWindowTitle(title);
@@ -40,13 +34,8 @@ QVBoxLayout* sheetFrame(QDialog* sheet, const QString& title, const QString& tex
     sheet->setAttribute(Qt::WA_DeleteOnClose);
     sheet->setMinimumWidth(520);
     auto* layout = new QVBoxLayout(sheet);
-    auto* heading = wrapped(title, sheet);
-    QFont bold = heading->font();
-    bold.setBold(true);
-    bold.setPointSizeF(bold.pointSizeF() * 1.25);
-    heading->setFont(bold);
-    layout->addWidget(heading);
-    layout->addWidget(wrapped(text, sheet));
+    layout->addWidget(Labels::heading(title, sheet, 1.25));
+    layout->addWidget(Labels::text(text, sheet));
     auto* scroll = new QScrollArea(sheet);
     scroll->setWidgetResizable(true);
     scroll->setFrameShape(QFrame::NoFrame);
@@ -68,10 +57,10 @@ ProposalSheet::ProposalSheet(const QString& title, const QString& text, const QS
         auto* check = new QCheckBox(row.title);
         check->setChecked(true);
         list->addWidget(check);
-        auto* detail = wrapped(row.detail, this, "color: #8d929b; margin-left: 24px;");
+        auto* detail = Labels::text(row.detail, this, "color: #8d929b; margin-left: 24px;");
         list->addWidget(detail);
         if (!row.extra.isEmpty())
-            list->addWidget(wrapped(row.extra, this, "color: #8d929b; margin-left: 24px;"));
+            list->addWidget(Labels::text(row.extra, this, "color: #8d929b; margin-left: 24px;"));
         rows_.emplace_back(row.id, check);
         checks_.push_back(check);
     }
@@ -163,14 +152,11 @@ FormatAdvisoryView::FormatAdvisoryView(std::shared_ptr<SyncViewModel> vm,
     for (const auto& a : advisories) {
         auto* row = new QHBoxLayout;
         auto* text = new QVBoxLayout;
-        auto* name = wrapped(qs(a.displayName), this);
-        QFont bold = name->font();
-        bold.setBold(true);
-        name->setFont(bold);
-        text->addWidget(name);
-        text->addWidget(wrapped(QString("%1%2").arg(a.clipCount).arg(a.clipCount == 1 ? " clip" : " clips"),
-                                this, "color: #8d929b;"));
-        text->addWidget(wrapped(qs(a.note), this, "color: #8d929b;"));
+        text->addWidget(Labels::heading(qs(a.displayName), this));
+        text->addWidget(
+            Labels::text(QString("%1%2").arg(a.clipCount).arg(a.clipCount == 1 ? " clip" : " clips"), this,
+                         "color: #8d929b;"));
+        text->addWidget(Labels::text(qs(a.note), this, "color: #8d929b;"));
         row->addLayout(text, 1);
         if (a.url) {
             auto* get = new QPushButton("Get it ", this);

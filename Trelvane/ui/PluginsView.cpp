@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 #include "Trelvane/ui/PluginsView.hpp"
 
+#include "Trelvane/ui/Labels.hpp"
+
 #include <QFrame>
 #include <QHBoxLayout>
 #include <QLabel>
@@ -27,14 +29,6 @@ CardText cardText(PluginInstaller::Panel panel) {
             "Window › Extensions › Trelvane"};
 }
 
-QLabel* plainLabel(const QString& text, QWidget* parent, const char* style = nullptr) {
-    auto* label = new QLabel(text, parent);
-    label->setTextFormat(Qt::PlainText);
-    label->setWordWrap(true);
-    if (style) label->setStyleSheet(style);
-    return label;
-}
-
 } // namespace
 
 PluginsView::PluginsView(const Settings& settings, QWidget* parent)
@@ -46,13 +40,8 @@ PluginsView::PluginsView(const Settings& settings, std::filesystem::path resourc
     setWindowTitle(title);
     setMinimumWidth(520);
     auto* layout = new QVBoxLayout(this);
-    auto* heading = plainLabel(title, this);
-    QFont bold = heading->font();
-    bold.setBold(true);
-    bold.setPointSizeF(bold.pointSizeF() * 1.25);
-    heading->setFont(bold);
-    layout->addWidget(heading);
-    layout->addWidget(plainLabel("Sync clips already in your project — no import or export.", this));
+    layout->addWidget(Labels::heading(title, this, 1.25));
+    layout->addWidget(Labels::text("Sync clips already in your project — no import or export.", this));
 
     davinci_ = makeCard(Panel::davinci);
     premiere_ = makeCard(Panel::premiere);
@@ -63,9 +52,9 @@ PluginsView::PluginsView(const Settings& settings, std::filesystem::path resourc
 
     const char* dim = "color: palette(placeholder-text);";
     layout->addWidget(
-        plainLabel("After installing, restart your editor so the Trelvane panel appears.", this, dim));
+        Labels::text("After installing, restart your editor so the Trelvane panel appears.", this, dim));
     layout->addWidget(
-        plainLabel("Plugins install automatically when you open Trelvane the first time.", this, dim));
+        Labels::text("Plugins install automatically when you open Trelvane the first time.", this, dim));
 }
 
 PluginsView::Card PluginsView::makeCard(Panel panel) {
@@ -73,16 +62,12 @@ PluginsView::Card PluginsView::makeCard(Panel panel) {
     auto* frame = new QFrame(this);
     frame->setFrameShape(QFrame::StyledPanel);
     auto* column = new QVBoxLayout(frame);
-    auto* name = plainLabel(text.editor, frame);
-    QFont bold = name->font();
-    bold.setBold(true);
-    name->setFont(bold);
-    column->addWidget(name);
-    column->addWidget(plainLabel(text.line, frame));
+    column->addWidget(Labels::heading(text.editor, frame));
+    column->addWidget(Labels::text(text.line, frame));
     Card card;
-    card.state = plainLabel({}, frame);
-    card.missing = plainLabel(text.missing, frame, "color: #e0a05f;");
-    card.where = plainLabel(text.where, frame, "color: palette(placeholder-text);");
+    card.state = Labels::text({}, frame);
+    card.missing = Labels::text(text.missing, frame, "color: #e0a05f;");
+    card.where = Labels::text(text.where, frame, "color: palette(placeholder-text);");
     card.button = new QPushButton(frame);
     column->addWidget(card.state);
     column->addWidget(card.missing);
