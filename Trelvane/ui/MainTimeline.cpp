@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 #include "Trelvane/ui/MainTimeline.hpp"
 
+#include "Trelvane/ui/Labels.hpp"
 #include "Trelvane/ui/TimelineView.hpp"
 
 #include <QApplication>
@@ -61,18 +62,6 @@ QIcon muteIcon(bool muted) {
     return QIcon::fromTheme("audio-volume-high", qApp->style()->standardIcon(QStyle::SP_MediaVolume));
 }
 
-std::uint64_t mix(std::uint64_t hash, std::string_view bytes) {
-    for (unsigned char ch : bytes) {
-        hash ^= ch;
-        hash *= 1099511628211ull;
-    }
-    return hash;
-}
-
-template <typename T> std::uint64_t mixValue(std::uint64_t hash, const T& value) {
-    return mix(hash, std::string_view(reinterpret_cast<const char*>(&value), sizeof value));
-}
-
 } // namespace
 
 // ---- sidebar rows -------------------------------------------------------------------------------
@@ -83,9 +72,7 @@ SidebarRow::SidebarRow(std::function<void()> onSelect, std::function<void()> onT
     setFixedHeight(static_cast<int>(G::kRowPitch));
     setObjectName("SidebarRow");
     setStyleSheet("#SidebarRow { border-bottom: 1px solid #2e3036; }");
-    QFont bold = name_->font();
-    bold.setBold(true);
-    name_->setFont(bold);
+    Labels::makeBold(name_);
     subtitle_->setStyleSheet("color: #8d929b;");
     name_->setTextInteractionFlags(Qt::NoTextInteraction);
     mute_->setAutoRaise(true);
@@ -235,22 +222,18 @@ void MainTimeline::refresh() {
 }
 
 std::uint64_t MainTimeline::sourcesSignature() const {
-    std::uint64_t hash = 1469598103934665603ull;
+    G::Signature signature;
     for (const auto& track : vm_->sources()) {
-        hash = mixValue(hash, track.id);
-        hash = mix(hash, track.name);
-        hash = mixValue(hash, track.isMuted);
-        hash = mixValue(hash, track.clips.size());
-        for (const auto& clip : track.clips) {
-            hash = mixValue(hash, clip.id);
-            hash = mix(hash, clip.url.path());
-            hash = mixValue(hash, clip.syncStatus);
-            hash = mixValue(hash, clip.audioUsability);
-            hash = mixValue(hash, clip.waveformPreview.size());
-            hash = mixValue(hash, clip.startTimecode.has_value());
-        }
+        signature.add(track.id).addText(track.name).add(track.isMuted).add(track.clips.size());
+        for (const auto& clip : track.clips)
+            signature.add(clip.id)
+                .addText(clip.url.path())
+                .add(clip.syncStatus)
+                .add(clip.audioUsability)
+                .add(clip.waveformPreview.size())
+                .add(clip.startTimecode.has_value());
     }
-    return hash;
+    return signature.value;
 }
 
 void MainTimeline::rebuildSidebar() {

@@ -7,7 +7,10 @@
 
 #include "TrelvaneEngine/model/TrackModels.hpp"
 
+#include <cstdint>
 #include <string>
+#include <string_view>
+#include <type_traits>
 
 namespace trelvane::TimelineGeometry {
 
@@ -62,5 +65,24 @@ std::string clipLabel(const ClipItem& clip);
 std::string statusWord(const ClipItem& clip);
 // The name, the status word and, on a line of its own, why the clip stands where it stands.
 std::string toolTipText(const ClipItem& clip);
+
+// A running FNV-1a hash of what a drawing was made from, to tell cheaply whether it changed.
+struct Signature {
+    std::uint64_t value = 14695981039346656037ull;
+
+    Signature& add(std::string_view bytes) {
+        for (unsigned char ch : bytes) {
+            value ^= ch;
+            value *= 1099511628211ull;
+        }
+        return *this;
+    }
+    // The text and its length, so that neighbouring texts can't trade characters unseen.
+    Signature& addText(std::string_view text) { return add(text).add(text.size()); }
+    template <typename T>
+    requires std::is_trivially_copyable_v<T> Signature& add(const T& v) {
+        return add(std::string_view(reinterpret_cast<const char*>(&v), sizeof v));
+    }
+};
 
 } // namespace trelvane::TimelineGeometry

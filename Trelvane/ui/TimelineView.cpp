@@ -56,31 +56,6 @@ QColor bodyColour(const ClipItem& clip) {
     return QColor("#52607a");
 }
 
-std::uint64_t mix(std::uint64_t hash, std::uint64_t value) {
-    // FNV-1a over the value's bytes.
-    for (int i = 0; i < 8; ++i) {
-        hash ^= (value >> (8 * i)) & 0xffu;
-        hash *= 1099511628211ull;
-    }
-    return hash;
-}
-
-std::uint64_t mixText(std::uint64_t hash, const std::string& text) {
-    for (unsigned char ch : text) {
-        hash ^= ch;
-        hash *= 1099511628211ull;
-    }
-    return mix(hash, text.size());
-}
-
-std::uint64_t mixId(std::uint64_t hash, const Uuid& id) {
-    for (auto byte : id.bytes)
-        hash = mix(hash, byte);
-    return hash;
-}
-
-constexpr std::uint64_t kHashSeed = 1469598103934665603ull;
-
 } // namespace
 
 TimelineView::TimelineView(Callbacks callbacks, QWidget* parent)
@@ -163,9 +138,8 @@ void TimelineView::rebuildAll() {
 }
 
 void TimelineView::styleClip(ClipLayers& layers, const ClipItem& clip) {
-    std::uint64_t look = mix(kHashSeed, static_cast<std::uint64_t>(clip.syncStatus));
-    look = mix(look, static_cast<std::uint64_t>(clip.audioUsability));
-    if (look != layers.lookSignature || !layers.lookSignature) {
+    const auto look = std::make_pair(clip.syncStatus, clip.audioUsability);
+    if (layers.look != look) {
         const QColor body = bodyColour(clip);
         layers.body->setBrush(body);
         auto lighter = [](int channel) {
@@ -173,7 +147,7 @@ void TimelineView::styleClip(ClipLayers& layers, const ClipItem& clip) {
         };
         layers.wave->setColour(QColor(lighter(body.red()), lighter(body.green()), lighter(body.blue())));
         layers.wave->update();
-        layers.lookSignature = look;
+        layers.look = look;
     }
     std::string text = G::clipLabel(clip);
     if (document_.debugSyncEnabled && clip.placementPass) {
@@ -218,13 +192,8 @@ void TimelineView::repositionClips() {
     std::size_t index = 0;
     for (std::size_t ti = 0; ti < sources.size(); ++ti)
         for (const auto& clip : sources[ti].clips) {
-            ClipLayers* layers = index < drawOrder_.size() ? drawOrder_[index] : nullptr;
-            ++index;
-            if (!layers || layers->clipID != clip.id) {
-                auto it = clipLayers_.find(clip.id);
-                if (it == clipLayers_.end()) continue;
-                layers = &it->second;
-            }
+            ClipLayers* layers = layersOf(clip, index++);
+            if (!layers) continue;
             double time = clip.startOffset;
             if (displayed)
                 if (auto d = displayed->find(clip.id); d != displayed->end()) {
@@ -243,12 +212,17 @@ void TimelineView::repositionClips() {
     if (scene_->itemIndexMethod() != method) scene_->setItemIndexMethod(method);
     updateSceneRect();
     updatePlayhead();
+    updateTickLabels();
     if (!animating) {
-        visibleDidChange();
+        buildVisibleWaves();
         if (toolTipsWaiting_) rebuildToolTips();
-    } else {
-        updateTickLabels();
     }
+}
+
+TimelineView::ClipLayers* TimelineView::layersOf(const ClipItem& clip, std::size_t index) {
+    if (index < drawOrder_.size() && drawOrder_[index]->clipID == clip.id) return drawOrder_[index];
+    const auto it = clipLayers_.find(clip.id);
+    return it == clipLayers_.end() ? nullptr : &it->second;
 }
 
 void TimelineView::restyleSelection() {
@@ -270,21 +244,17 @@ void TimelineView::rebuildToolTips() {
     toolTipsWaiting_ = false;
     static const Sources kNone;
     const Sources& sources = document_.sources ? *document_.sources : kNone;
-    std::uint64_t signature = kHashSeed;
+    G::Signature signature;
     for (const auto& track : sources)
         for (const auto& clip : track.clips) {
-            signature = mixId(signature, clip.id);
-            signature = mix(signature, static_cast<std::uint64_t>(clip.syncStatus));
-            signature = mix(signature, static_cast<std::uint64_t>(clip.audioUsability));
-            signature = mix(signature,
-                            clip.placementPass ? static_cast<std::uint64_t>(*clip.placementPass) + 1u : 0u);
-            signature =
-                mix(signature, clip.matchScore ? static_cast<std::uint64_t>(*clip.matchScore * 1000) : 0u);
-            signature = mixText(signature, clip.placementNote.value_or(""));
-            signature = mixText(signature, clip.audioProblem.value_or(""));
+            signature.add(clip.id).add(clip.syncStatus).add(clip.audioUsability);
+            // Values, not the optionals: their padding bytes are not part of what they hold.
+            signature.add(clip.placementPass ? static_cast<int>(*clip.placementPass) : -1);
+            signature.add(clip.matchScore.value_or(-1.0f)).addText(clip.placementNote.value_or(""));
+            signature.addText(clip.audioProblem.value_or(""));
         }
-    if (signature == lastToolTipSignature_ && toolTipTextByTag_.size() == clipFrames_.size()) return;
-    lastToolTipSignature_ = signature;
+    if (signature.value == lastToolTipSignature_ && toolTipTextByTag_.size() == clipFrames_.size()) return;
+    lastToolTipSignature_ = signature.value;
     toolTipTextByTag_.clear();
     int tag = 0;
     for (const auto& track : sources)
@@ -294,18 +264,23 @@ void TimelineView::rebuildToolTips() {
 
 void TimelineView::visibleDidChange() {
     updateTickLabels();
-    if (isAnimatingOffsets() || !document_.sources) return;
+    if (!isAnimatingOffsets()) buildVisibleWaves();
+}
+
+void TimelineView::buildVisibleWaves() {
+    if (!document_.sources) return;
     const QRectF visible = visibleDocumentRect();
+    std::size_t index = 0;
     for (const auto& track : *document_.sources)
         for (const auto& clip : track.clips) {
-            auto it = clipLayers_.find(clip.id);
-            if (it == clipLayers_.end()) continue;
-            const QRectF body = it->second.body->sceneBoundingRect();
+            ClipLayers* layers = layersOf(clip, index++);
+            if (!layers) continue;
+            const QRectF body = layers->body->sceneBoundingRect();
             if (body.width() < G::kMinWaveWidth || body.right() < visible.left() ||
                 body.left() > visible.right() || body.bottom() < visible.top() ||
                 body.top() > visible.bottom())
                 continue;
-            buildWavePath(it->second, clip, visible.left(), visible.right());
+            buildWavePath(*layers, clip, visible.left(), visible.right());
         }
 }
 

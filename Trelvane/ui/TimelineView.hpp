@@ -88,7 +88,7 @@ class TimelineView : public QGraphicsView {
         // What the look was made from, so that an unchanged clip is left alone.
         std::string labelText;
         double labelFitWidth = -1; // the body width the shown label was shortened for
-        std::uint64_t lookSignature = 0;
+        std::optional<std::pair<SyncStatus, AudioUsability>> look;
         std::size_t previewSize = 0;
     };
 
@@ -140,6 +140,11 @@ class TimelineView : public QGraphicsView {
   private:
     void layoutClip(ClipLayers& layers, double bodyWidth);
     void styleClip(ClipLayers& layers, const ClipItem& clip);
+    // The clip's layers: the one at `index` of the last rebuild's order when it is that clip's,
+    // else looked up; nothing for a clip without layers.
+    ClipLayers* layersOf(const ClipItem& clip, std::size_t index);
+    // Waveforms of the clips in view, without asking whether clips glide (the caller knows).
+    void buildVisibleWaves();
     void buildWavePath(ClipLayers& layers, const ClipItem& clip, double visibleLeft, double visibleRight);
     // Replaces a clip's bars, keeping the count of all bars.
     void setWave(ClipLayers& layers, std::vector<QRectF> bars, std::optional<std::pair<int, int>> range);
