@@ -21,6 +21,8 @@ constexpr std::size_t kShortest = 64;
 // measures the peak against a fair sample of the correlation.
 constexpr int kLeastSidelobeSpan = 512;
 constexpr int kNewtonSteps = 12;
+// Share of the mean cross-spectral magnitude below which a bin is not raised to full weight.
+constexpr double kWhiteningFloor = 0.1;
 
 // The whitened cross-spectrum of b against a (bins 1 to P/2 - 1, DC and Nyquist dropped: they
 // carry no phase) and its inverse transform, the whitened correlation by lag.
@@ -30,7 +32,10 @@ struct Whitened {
     std::size_t length = 0;
 };
 
-std::optional<Whitened> whiten(std::span<const float> a, std::span<const float> b) {
+// Both sides are tapered by one half-sine, b's moved `shift` samples later: with the taper on the
+// same stretch of shared sound on both sides, the window's edges neither blur the peak nor pull it
+// towards the lag where the tapers coincide.
+std::optional<Whitened> whiten(std::span<const float> a, std::span<const float> b, int shift) {
     const std::size_t total = a.size() + b.size();
     unsigned log2n = 1;
     while ((std::size_t{1} << log2n) < total) {
@@ -40,8 +45,16 @@ std::optional<Whitened> whiten(std::span<const float> a, std::span<const float> 
     if (setup == nullptr) return std::nullopt;
     auto wa = setup->makeWorkspace();
     auto wb = setup->makeWorkspace();
-    std::copy(a.begin(), a.end(), wa.signal().begin());
-    std::copy(b.begin(), b.end(), wb.signal().begin());
+    const double step = std::numbers::pi / double(a.size());
+    const auto taper = [&](std::span<const float> x, std::span<float> out, long from) {
+        for (std::size_t i = 0; i < x.size(); ++i) {
+            const long at = long(i) - from;
+            out[i] =
+                at < 0 || at >= long(a.size()) ? 0.0f : float(x[i] * std::sin(step * (double(at) + 0.5)));
+        }
+    };
+    taper(a, wa.signal(), 0);
+    taper(b, wb.signal(), shift);
     setup->forward(wa);
     setup->forward(wb);
 
@@ -51,28 +64,26 @@ std::optional<Whitened> whiten(std::span<const float> a, std::span<const float> 
     w.re.assign(half, 0.0);
     w.im.assign(half, 0.0);
     const auto ar = wa.real(), ai = wa.imag(), br = wb.real(), bi = wb.imag();
-    double largest = 0;
+    double magnitudes = 0;
     for (std::size_t k = 1; k < half; ++k) {
         // B times the conjugate of A: a pure delay of L samples in b leaves the phase -wL, whose
         // inverse transform peaks at +L.
         w.re[k] = double(br[k]) * ar[k] + double(bi[k]) * ai[k];
         w.im[k] = double(bi[k]) * ar[k] - double(br[k]) * ai[k];
-        largest = std::max(largest, std::hypot(w.re[k], w.im[k]));
+        magnitudes += std::hypot(w.re[k], w.im[k]);
     }
-    if (!(largest > 0)) return std::nullopt; // one side silent
-    // Bins far below the strongest hold only rounding: left at zero rather than blown up to one.
-    const double floor = largest * 1e-9;
+    if (!(magnitudes > 0)) return std::nullopt; // one side silent
+    // Every bin to unit magnitude, except those far below the mean: there one side holds next to
+    // nothing (a band a device does not record, a telephone recording's empty top), and the other
+    // side's noise would weigh as much as the sound. They keep their share of the floor instead.
+    const double floor = kWhiteningFloor * magnitudes / double(half - 1);
     auto out = wa.real(), outi = wa.imag();
     out[0] = 0.0f;
     outi[0] = 0.0f;
     for (std::size_t k = 1; k < half; ++k) {
-        const double m = std::hypot(w.re[k], w.im[k]);
-        if (m > floor) {
-            w.re[k] /= m;
-            w.im[k] /= m;
-        } else {
-            w.re[k] = w.im[k] = 0.0;
-        }
+        const double m = std::max(std::hypot(w.re[k], w.im[k]), floor);
+        w.re[k] /= m;
+        w.im[k] /= m;
         out[k] = static_cast<float>(w.re[k]);
         outi[k] = static_cast<float>(w.im[k]);
     }
@@ -116,11 +127,6 @@ std::optional<Peak> integerPeak(const Whitened& w, int maxLag) {
     return best;
 }
 
-bool acceptable(std::span<const float> a, std::span<const float> b, int maxLag) {
-    return a.size() >= kShortest && b.size() >= kShortest && maxLag >= 0 &&
-           std::size_t(maxLag) < std::min(a.size(), b.size());
-}
-
 // The continuous whitened correlation near `start` (sum over bins of Re(G e^{iwt})): Newton steps
 // on its first derivative, kept within a sample of the integer peak.
 double bandLimitedPeak(const Whitened& w, int start) {
@@ -143,28 +149,40 @@ double bandLimitedPeak(const Whitened& w, int start) {
     return tau;
 }
 
+// The whitened correlation with b's taper following the lag found with both tapers in place.
+std::optional<std::pair<Whitened, Peak>> alignedPeak(std::span<const float> a, std::span<const float> b,
+                                                     int maxLag) {
+    if (a.size() < kShortest || b.size() < kShortest || maxLag < 0 ||
+        std::size_t(maxLag) >= std::min(a.size(), b.size()))
+        return std::nullopt;
+    const auto first = whiten(a, b, 0);
+    if (!first) return std::nullopt;
+    const auto rough = integerPeak(*first, maxLag);
+    if (!rough) return std::nullopt;
+    auto w = whiten(a, b, rough->lag);
+    if (!w) return std::nullopt;
+    const auto peak = integerPeak(*w, maxLag);
+    if (!peak) return std::nullopt;
+    return std::pair{std::move(*w), *peak};
+}
+
 } // namespace
 
 std::optional<Lag> gccPhat(std::span<const float> a, std::span<const float> b, int maxLag) {
-    if (!acceptable(a, b, maxLag)) return std::nullopt;
-    const auto w = whiten(a, b);
-    if (!w) return std::nullopt;
-    const auto peak = integerPeak(*w, maxLag);
-    if (!peak) return std::nullopt;
-    return Lag{bandLimitedPeak(*w, peak->lag), peak->confidence};
+    const auto found = alignedPeak(a, b, maxLag);
+    if (!found) return std::nullopt;
+    const auto& [w, peak] = *found;
+    return Lag{bandLimitedPeak(w, peak.lag), peak.confidence};
 }
 
 std::optional<Lag> gccPhatParabolic(std::span<const float> a, std::span<const float> b, int maxLag) {
-    if (!acceptable(a, b, maxLag)) return std::nullopt;
-    const auto w = whiten(a, b);
-    if (!w) return std::nullopt;
-    const auto peak = integerPeak(*w, maxLag);
-    if (!peak) return std::nullopt;
-    const double before = atLag(*w, peak->lag - 1), at = atLag(*w, peak->lag),
-                 after = atLag(*w, peak->lag + 1);
+    const auto found = alignedPeak(a, b, maxLag);
+    if (!found) return std::nullopt;
+    const auto& [w, peak] = *found;
+    const double before = atLag(w, peak.lag - 1), at = atLag(w, peak.lag), after = atLag(w, peak.lag + 1);
     const double curve = before - 2 * at + after;
     const double shift = curve < 0 ? std::clamp(0.5 * (before - after) / curve, -0.5, 0.5) : 0.0;
-    return Lag{peak->lag + shift, peak->confidence};
+    return Lag{peak.lag + shift, peak.confidence};
 }
 
 namespace {

@@ -8,8 +8,8 @@
 #include <nlohmann/json.hpp>
 
 #include <cmath>
-#include <cstdlib>
 #include <cstdint>
+#include <cstdlib>
 #include <fstream>
 #include <numbers>
 #include <random>
@@ -141,9 +141,9 @@ TEST(FineAlign, FindsAFractionalShiftThroughColouringAndNoise) {
     const auto speech = recording(n + 4000);
     const auto hiss = noise(n + 4000, 3);
     // source, shift in samples, the other side's SNR in dB
-    const std::tuple<const char*, double, double> cases[] = {
-        {"noise", 0.37, 20},   {"noise", -12.5, 10},  {"noise", 151.83, 5},
-        {"speech", 0.5, 20},   {"speech", -3.21, 10}, {"speech", 402.66, 10}};
+    const std::tuple<const char*, double, double> cases[] = {{"noise", 0.37, 20},   {"noise", -12.5, 10},
+                                                             {"noise", 151.83, 5},  {"speech", 0.5, 20},
+                                                             {"speech", -3.21, 10}, {"speech", 402.66, 10}};
     for (const auto& [source, shift, snr] : cases) {
         SCOPED_TRACE(std::string(source) + " shifted " + std::to_string(shift));
         const auto& x = std::string(source) == "noise" ? hiss : speech;
@@ -182,7 +182,8 @@ TEST(FineAlign, RefinesAPairAndMeasuresItsDriftOrRefusesUnrelatedSound) {
         const auto b = colour(resample(x, 1 + ppm * 1e-6, shift - 4000, n), 10, 13);
         writeWav(dir / "b.wav", b);
         // Both placed at 0, as a band sync a few milliseconds out would put them.
-        const FineAlign::Pair pair{Url::fromPath(dir / "a.wav"), 0, Url::fromPath(dir / "b.wav"), 0, 0, seconds};
+        const FineAlign::Pair pair{
+            Url::fromPath(dir / "a.wav"), 0, Url::fromPath(dir / "b.wav"), 0, 0, seconds};
         const auto r = FineAlign::refinePair(pair);
         ASSERT_TRUE(r);
         EXPECT_EQ(r->windowsAgreeing, 6);
@@ -193,10 +194,13 @@ TEST(FineAlign, RefinesAPairAndMeasuresItsDriftOrRefusesUnrelatedSound) {
         EXPECT_NEAR(r->correctionAt(30), -shift / kRate + 30 * ppm * 1e-6, 2e-5);
     }
     writeWav(dir / "c.wav", noise(n, 99));
-    EXPECT_FALSE(FineAlign::refinePair({Url::fromPath(dir / "a.wav"), 0, Url::fromPath(dir / "c.wav"), 0, 0, seconds}));
+    EXPECT_FALSE(FineAlign::refinePair(
+        {Url::fromPath(dir / "a.wav"), 0, Url::fromPath(dir / "c.wav"), 0, 0, seconds}));
     // An overlap shorter than two windows, or a file that is not media, is refused as well.
-    EXPECT_FALSE(FineAlign::refinePair({Url::fromPath(dir / "a.wav"), 0, Url::fromPath(dir / "b.wav"), 0, 10, 13.9}));
-    EXPECT_FALSE(FineAlign::refinePair({Url::fromPath(dir / "a.wav"), 0, Url::fromPath(dir / "none.wav"), 0, 0, seconds}));
+    EXPECT_FALSE(
+        FineAlign::refinePair({Url::fromPath(dir / "a.wav"), 0, Url::fromPath(dir / "b.wav"), 0, 10, 13.9}));
+    EXPECT_FALSE(FineAlign::refinePair(
+        {Url::fromPath(dir / "a.wav"), 0, Url::fromPath(dir / "none.wav"), 0, 0, seconds}));
 }
 
 // Pairs of the demo shoot placed a band frame or so from where their sound lines up (as the band
@@ -223,9 +227,14 @@ TEST(FineAlign, PlacesDemoRecordingsWithinAMillisecond) {
         if (a.is_null() || b.is_null()) continue;
         const double aStart = a["start"], bStart = b["start"];
         const double start = std::max(aStart, bStart);
-        const double end = std::min(aStart + a["duration"].get<double>(), bStart + b["duration"].get<double>());
-        const FineAlign::Pair pair{Url::fromPath(root + "/demo/" + reference), aStart,
-                                   Url::fromPath(root + "/demo/" + other), bStart + error, start, end};
+        const double end =
+            std::min(aStart + a["duration"].get<double>(), bStart + b["duration"].get<double>());
+        const FineAlign::Pair pair{Url::fromPath(root + "/demo/" + reference),
+                                   aStart,
+                                   Url::fromPath(root + "/demo/" + other),
+                                   bStart + error,
+                                   start,
+                                   end};
         const auto r = FineAlign::refinePair(pair);
         ASSERT_TRUE(r);
         EXPECT_GE(r->windowsAgreeing, 4);
