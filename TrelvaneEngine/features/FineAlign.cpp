@@ -70,7 +70,7 @@ std::optional<Whitened> whiten(std::span<const float> a, std::span<const float> 
         // inverse transform peaks at +L.
         w.re[k] = double(br[k]) * ar[k] + double(bi[k]) * ai[k];
         w.im[k] = double(bi[k]) * ar[k] - double(br[k]) * ai[k];
-        magnitudes += std::hypot(w.re[k], w.im[k]);
+        magnitudes += std::sqrt(w.re[k] * w.re[k] + w.im[k] * w.im[k]);
     }
     if (!(magnitudes > 0)) return std::nullopt; // one side silent
     // Every bin to unit magnitude, except those far below the mean: there one side holds next to
@@ -81,7 +81,7 @@ std::optional<Whitened> whiten(std::span<const float> a, std::span<const float> 
     out[0] = 0.0f;
     outi[0] = 0.0f;
     for (std::size_t k = 1; k < half; ++k) {
-        const double m = std::max(std::hypot(w.re[k], w.im[k]), floor);
+        const double m = std::max(std::sqrt(w.re[k] * w.re[k] + w.im[k] * w.im[k]), floor);
         w.re[k] /= m;
         w.im[k] /= m;
         out[k] = static_cast<float>(w.re[k]);
@@ -134,11 +134,18 @@ double bandLimitedPeak(const Whitened& w, int start) {
     double tau = start;
     for (int i = 0; i < kNewtonSteps; ++i) {
         double d1 = 0, d2 = 0;
+        // e^{i w_k tau} by one rotation per bin rather than a sine and cosine each: the rounding
+        // this accumulates over 2^23 bins stays far below the lag's own uncertainty.
+        const double turnC = std::cos(step * tau), turnS = std::sin(step * tau);
+        double c = turnC, s = turnS;
         for (std::size_t k = 1; k < w.re.size(); ++k) {
             const double omega = step * double(k);
-            const double c = std::cos(omega * tau), s = std::sin(omega * tau);
-            d1 += omega * (-w.re[k] * s - w.im[k] * c);
-            d2 -= omega * omega * (w.re[k] * c - w.im[k] * s);
+            const double re = w.re[k] * c - w.im[k] * s;
+            d1 -= omega * (w.re[k] * s + w.im[k] * c);
+            d2 -= omega * omega * re;
+            const double nextC = c * turnC - s * turnS;
+            s = s * turnC + c * turnS;
+            c = nextC;
         }
         if (!(d2 < 0)) break; // not at a maximum: keep what we have
         const double next = std::clamp(tau - d1 / d2, start - 1.0, start + 1.0);
@@ -281,7 +288,7 @@ std::optional<Refinement> refinePair(const Pair& pair, const Options& options) {
             points.erase(points.begin() + std::ptrdiff_t(line.worst));
             continue;
         }
-        if (2 * int(points.size()) < result.windowsUsed) return std::nullopt;
+        if (2 * int(points.size()) <= result.windowsUsed) return std::nullopt;
         result.windowsAgreeing = int(points.size());
         result.centre = line.centre;
         result.correction = line.value;

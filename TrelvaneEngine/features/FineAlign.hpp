@@ -110,7 +110,7 @@ struct Refinement {
 // overlap, finds each window's lag with gccPhat, and fits lag against time by least squares,
 // dropping the worst window until all the rest lie within agreementSeconds of the line. Nothing
 // when the overlap is shorter than one window plus the search on both sides, fewer than
-// minAgreeing windows agree (or fewer than half of those that passed minConfidence), or the fitted
+// minAgreeing windows agree (or no more than half of those that passed minConfidence), or the fitted
 // drift exceeds mostDriftPPM; nothing too when a file cannot be opened or decoded, since a pair
 // that is not refined keeps the placement the sync gave it.
 std::optional<Refinement> refinePair(const Pair& pair, const Options& options = {});
