@@ -195,8 +195,11 @@ std::optional<Lag> gccPhatParabolic(std::span<const float> a, std::span<const fl
 namespace {
 
 // `seconds` of a file's sound from file time `from`, mixed to mono at kSampleRate; empty when
-// the file ends first.
+// the window starts before the file (the reader would start at 0, out of step) or the file ends
+// first.
 std::vector<float> monoWindow(const Url& url, double from, double seconds) {
+    if (from < -0.5 / kSampleRate) return {};
+    from = std::max(from, 0.0);
     const auto frames = static_cast<std::size_t>(std::lround(seconds * kSampleRate));
     AudioStreamReader reader(url, from, kSampleRate);
     std::vector<float> stereo;
