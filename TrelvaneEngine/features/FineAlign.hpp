@@ -106,13 +106,14 @@ struct Refinement {
     double correctionAt(double t) const { return correction + (t - centre) * driftPPM * 1e-6; }
 };
 
-// Decodes `windows` stretches of both files (mixed to mono at kSampleRate) spread over the
-// overlap, finds each window's lag with gccPhat, and fits lag against time by least squares,
-// dropping the worst window until all the rest lie within agreementSeconds of the line. Nothing
-// when the overlap is shorter than one window plus the search on both sides, fewer than
-// minAgreeing windows agree (or no more than half of those that passed minConfidence), or the fitted
-// drift exceeds mostDriftPPM; nothing too when a file cannot be opened or decoded, since a pair
-// that is not refined keeps the placement the sync gave it.
+// Decodes `windows` stretches of both files (mixed to mono at kSampleRate, each file's window over
+// the same span of the timeline as placed) spread over the overlap, finds each window's lag with
+// gccPhat, and fits lag against time by least squares, dropping the worst window until all the
+// rest lie within agreementSeconds of the line. Windows overlap each other by half a window at
+// most, so an overlap shorter than (minAgreeing + 1) / 2 windows (4 s by default) is refused.
+// Nothing as well when fewer than minAgreeing windows agree, or no more than half of those that
+// passed minConfidence, or the fitted drift exceeds mostDriftPPM; and when a file cannot be opened
+// or decoded, since a pair that is not refined keeps the placement the sync gave it.
 std::optional<Refinement> refinePair(const Pair& pair, const Options& options = {});
 
 } // namespace FineAlign
