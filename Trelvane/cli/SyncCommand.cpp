@@ -30,6 +30,11 @@ std::string scoreText(const std::optional<float>& score) {
     return score ? fmt::format("{:.1f}", *score) : std::string("-");
 }
 
+// "+12.3ppm", or "-" where the clip's clock was not measured (the report has its standard error).
+std::string driftText(const ClipItem& clip) {
+    return clip.driftPPM ? fmt::format("{:+.1f}ppm", *clip.driftPPM) : std::string("-");
+}
+
 // Each target once, in the order given.
 std::vector<std::string> distinctExports(const SyncOptions& options) {
     std::vector<std::string> words;
@@ -232,13 +237,13 @@ int runSync(const SyncOptions& options, const CommonOptions& common) {
 
     if (options.table) {
         std::vector<std::vector<std::string>> rows{
-            {"TRACK", "CLIP", "START", "END", "STATUS", "SCORE", "PASS"}};
+            {"TRACK", "CLIP", "START", "END", "STATUS", "SCORE", "DRIFT", "PASS"}};
         for (const auto& t : vm->sources())
             for (const auto& c : t.clips)
                 rows.push_back(
                     {terminalSafe(t.name), terminalSafe(c.url.lastPathComponent()),
                      fmt::format("{:.2f}", c.startOffset), fmt::format("{:.2f}", c.startOffset + c.duration),
-                     std::string(rawValue(c.syncStatus)), scoreText(c.matchScore),
+                     std::string(rawValue(c.syncStatus)), scoreText(c.matchScore), driftText(c),
                      terminalSafe(c.placementPass ? std::string(rawValue(*c.placementPass)) : "-")});
         printTable(rows, out);
     }

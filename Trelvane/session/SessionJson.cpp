@@ -46,6 +46,9 @@ json encodeClip(const ClipItem& c) {
         {"audioProblem", opt(c.audioProblem)},
         {"audioCutShort", c.audioCutShort},
         {"siblingLeaderID", opt(c.siblingLeaderID)},
+        {"driftPPM", opt(c.driftPPM)},
+        {"driftUncertaintyPPM", opt(c.driftUncertaintyPPM)},
+        {"refinementNote", opt(c.refinementNote)},
         {"placementExplanation", c.placementExplanation()},
         {"failureBucket", opt(c.failureBucket())},
     };

@@ -188,8 +188,20 @@ std::string ClipItem::placementExplanation() const {
     if (matchScore && !placedWithoutScore(placementPass)) line += fmt::sprintf(" · score %.1f", *matchScore);
     if (placementNote && !placementNote->empty()) line += " · " + *placementNote;
     if (tcDisagrees) line += " · timecode disagrees with the audio position";
+    if (refinementNote && !refinementNote->empty()) line += " · " + *refinementNote;
     if (audioCutShort) line += fmt::sprintf(" · file cut short — its sound ends after %.1f s", duration);
     return line;
+}
+
+std::optional<double> ClipItem::driftSpeed(double frameSeconds) const {
+    if (!driftPPM || !(frameSeconds > 0)) return std::nullopt;
+    if (std::abs(*driftPPM) * 1e-6 * duration < frameSeconds / 4) return std::nullopt;
+    return 1.0 / (1.0 + *driftPPM * 1e-6);
+}
+
+double ClipItem::timelineDuration(double frameSeconds) const {
+    const auto speed = driftSpeed(frameSeconds);
+    return speed ? duration / *speed : duration;
 }
 
 std::optional<std::string> ClipItem::failureBucket() const {

@@ -91,9 +91,26 @@ struct ClipItem {
     // The file ends before the sound its index promises: `duration` is what decoded.
     bool audioCutShort = false;
     std::optional<Uuid> siblingLeaderID;
+    // The clip's clock against the timeline's, as its sound measures it: each second of the file
+    // spans 1 + driftPPM / 1e6 seconds of the timeline, so a positive figure is a clock that runs
+    // slow (the file holds more of the performance than its own length says). Nothing when it was
+    // not measured. `driftUncertaintyPPM` is one standard error of it.
+    std::optional<double> driftPPM;
+    std::optional<double> driftUncertaintyPPM;
+    // How the sample-accurate refinement of a synced clip went, for its tool tip: the clip its
+    // sound was lined up with, or why the band placement was kept.
+    std::optional<std::string> refinementNote;
 
     // The length of the picture: the sidecar audio of a take runs 0.512 s longer than its picture.
     double pictureDuration() const;
+    // The speed, as a fraction of normal, that cancels the clip's drift on a timeline of frames
+    // `frameSeconds` long: 1 / (1 + driftPPM / 1e6). Nothing where the drift over the whole clip
+    // stays under a quarter of a frame: there the end's sound and picture lie within the frame the
+    // start already rounds to, and a clip left at normal speed is what the editor expects.
+    std::optional<double> driftSpeed(double frameSeconds) const;
+    // The length the clip covers on the timeline: its duration stretched by its drift when
+    // `driftSpeed` would correct it, else its duration.
+    double timelineDuration(double frameSeconds) const;
     // One line telling the user why the clip stands where it stands (the clip's tool tip).
     std::string placementExplanation() const;
     // The cause of a failed clip, for counting failures; nothing unless the clip failed.
