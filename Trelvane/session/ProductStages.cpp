@@ -6,6 +6,7 @@
 #include "TrelvaneEngine/media/EnvelopeCache.hpp"
 #include "TrelvaneEngine/stacks/StackBuilder.hpp"
 #include "TrelvaneEngine/support/WorkerWindow.hpp"
+#include "TrelvaneEngine/sync/FineSync.hpp"
 #include "TrelvaneEngine/sync/SyncEngine.hpp"
 
 namespace trelvane {
@@ -41,8 +42,27 @@ SessionStages productStages() {
     stages.synchronise = [](Sources sources, ProgressFn progress, SessionStages::SyncPlace place,
                             std::stop_token stop) {
         // 0 lets the engine use every processor.
-        return SyncEngine::synchronise(std::move(sources), progress, place, std::move(stop),
-                                       WorkerWindow::requestedWorkers().value_or(0));
+        const int workers = WorkerWindow::requestedWorkers().value_or(0);
+        // The band sync takes most of the stage's time; the fine alignment the rest.
+        constexpr double kBandShare = 0.8;
+        auto scaled = [&progress](double from, double share) -> ProgressFn {
+            if (!progress) return {};
+            return [&progress, from, share](const Progress& p) {
+                progress({from + share * p.fraction, p.current});
+            };
+        };
+        auto placed = SyncEngine::synchronise(sources, scaled(0, kBandShare), place, stop, workers);
+        if (stop.stop_requested()) return sources;
+        FineSync::Options options;
+        options.align = FineSync::defaultAlignOptions();
+        options.cacheFolder = EnvelopeCache::cacheDir();
+        options.workers = workers;
+        auto refined = FineSync::refine(std::move(placed), options, scaled(kBandShare, 1 - kBandShare), stop);
+        if (stop.stop_requested()) return sources;
+        for (const auto& track : refined)
+            for (const auto& clip : track.clips)
+                if (place) place(clip.id, clip.startOffset, clip.syncStatus);
+        return refined;
     };
     return stages;
 }

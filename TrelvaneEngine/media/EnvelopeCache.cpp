@@ -28,6 +28,7 @@ namespace {
 namespace fs = std::filesystem;
 
 const char* const kBandsSuffix = ".bands";
+const char* const kNumbersSuffix = ".fine";
 
 // ---- little-endian bytes ----------------------------------------------------------------------
 
@@ -405,6 +406,52 @@ bool saveBands(const Url& url, const BandFeature& feature, const fs::path& folde
     if (!text) return false;
     const auto bytes = serializeBands(*text, feature);
     return bytes && writeEntry(folder, keyOf(*text) + kBandsSuffix, *bytes);
+}
+
+std::optional<std::vector<std::uint8_t>> serializeNumbers(std::string_view keyText,
+                                                          std::span<const double> values) {
+    if (!fitsU32(keyText.size()) || !fitsU32(values.size()) ||
+        !std::all_of(values.begin(), values.end(), [](double v) { return std::isfinite(v); }))
+        return std::nullopt;
+    std::vector<std::uint8_t> out;
+    out.reserve(16 + keyText.size() + 8 * values.size());
+    putU32(out, kNumbersVersion);
+    putText(out, keyText);
+    putU32(out, static_cast<std::uint32_t>(values.size()));
+    for (const double v : values)
+        putU64(out, std::bit_cast<std::uint64_t>(v));
+    sealEntry(out);
+    return out;
+}
+
+std::optional<std::vector<double>> deserializeNumbers(std::span<const std::uint8_t> bytes,
+                                                      std::string_view keyText) {
+    Reader in(bytes);
+    if (in.u32() != kNumbersVersion || !in.text(keyText)) return std::nullopt;
+    const auto count = in.u32();
+    // The checksum's four bytes follow the values.
+    if (!count || in.remaining() < 4 || (in.remaining() - 4) / 8 != *count || (in.remaining() - 4) % 8 != 0)
+        return std::nullopt;
+    std::vector<double> values(*count);
+    for (double& v : values) {
+        v = std::bit_cast<double>(*in.u64());
+        if (!std::isfinite(v)) return std::nullopt;
+    }
+    if (!sealHolds(bytes, in)) return std::nullopt;
+    return values;
+}
+
+std::optional<std::vector<double>> loadNumbers(std::string_view keyText, const fs::path& folder) {
+    const auto path = folder / (keyOf(keyText) + kNumbersSuffix);
+    const auto bytes = readEntry(path);
+    auto values = bytes ? deserializeNumbers(*bytes, keyText) : std::nullopt;
+    if (values) markUsed(path);
+    return values;
+}
+
+bool saveNumbers(std::string_view keyText, std::span<const double> values, const fs::path& folder) {
+    const auto bytes = serializeNumbers(keyText, values);
+    return bytes && writeEntry(folder, keyOf(keyText) + kNumbersSuffix, *bytes);
 }
 
 PruneResult prune(Date now, const fs::path& folder, std::int64_t ceiling) {

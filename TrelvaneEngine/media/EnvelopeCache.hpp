@@ -9,7 +9,9 @@
 // same content) and a crash mid-write never leave a half entry that reads as valid.
 //
 // Entries live in one folder, named by the source file's key: "<key>" holds preview, envelope and
-// the decoded length, "<key>.bands" the band feature. All numbers are little-endian, without
+// the decoded length, "<key>.bands" the band feature. What is measured between two files (the fine
+// alignment of a pair) is a short record of numbers, "<key>.fine", keyed by a text its caller
+// makes of both files' key texts and of what it asked. All numbers are little-endian, without
 // padding:
 //
 //   preview, envelope and length       band feature
@@ -18,6 +20,12 @@
 //   f64 decoded length in seconds      u32 band count b
 //   u32 n, then n f32 (preview)        u32 frames f, then b * f f32, band after band
 //   u32 m, then m f32 (envelope)       u32 CRC-32 of every byte before it
+//   u32 CRC-32 of every byte before it
+//
+//   record of numbers
+//   u32 version (1)
+//   u32 k, then k bytes: key text
+//   u32 n, then n f64
 //   u32 CRC-32 of every byte before it
 //
 // A file is read only when it is exactly as long as its counts say, so a truncated, padded or
@@ -46,6 +54,7 @@ namespace trelvane::EnvelopeCache {
 // Raising a version turns the old entries into misses; they age out through `prune`.
 inline constexpr std::uint32_t kPairVersion = 5;
 inline constexpr std::uint32_t kBandsVersion = 7;
+inline constexpr std::uint32_t kNumbersVersion = 1;
 
 // `prune` removes entries older than this, whatever the total size...
 inline constexpr std::int64_t kMaxAgeSeconds = 604'800; // 7 days
@@ -119,6 +128,21 @@ bool savePair(const Url& url, const Pair& pair, const std::filesystem::path& fol
 std::optional<BandFeature> loadBands(const Url& url, const std::filesystem::path& folder = cacheDir());
 // As `savePair`, for the band feature.
 bool saveBands(const Url& url, const BandFeature& feature, const std::filesystem::path& folder = cacheDir());
+
+// The bytes of a record of numbers, or nothing when a value is not finite or a count does not fit.
+std::optional<std::vector<std::uint8_t>> serializeNumbers(std::string_view keyText,
+                                                          std::span<const double> values);
+// Nothing unless the version is 1, the bytes are exactly what the count promises, the key text and
+// checksum hold and every value is finite. An empty record is a record: a refusal remembered.
+std::optional<std::vector<double>> deserializeNumbers(std::span<const std::uint8_t> bytes,
+                                                      std::string_view keyText);
+// The record stored under `keyText` (any text; the caller makes it of whatever its numbers depend
+// on, file key texts included); a hit marks it as used.
+std::optional<std::vector<double>> loadNumbers(std::string_view keyText,
+                                               const std::filesystem::path& folder = cacheDir());
+// As `savePair`, for a record of numbers.
+bool saveNumbers(std::string_view keyText, std::span<const double> values,
+                 const std::filesystem::path& folder = cacheDir());
 
 // Removes the entries whose modification time is earlier than `now` minus 7 days, then, while the
 // remaining files add up to more than `ceiling` bytes (2^31 unless the user chose otherwise), the

@@ -3,6 +3,7 @@
 
 #include "MediaSupport.hpp"
 #include "TrelvaneEngine/media/AudioStreamReader.hpp"
+#include "engine/features/Signals.hpp"
 
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
@@ -19,45 +20,6 @@ using namespace trelvane;
 using namespace trelvane::test;
 
 namespace {
-
-constexpr int kRate = FineAlign::kSampleRate;
-
-std::vector<float> noise(std::size_t n, unsigned seed, float level = 1.0f) {
-    std::mt19937 rng(seed);
-    std::normal_distribution<float> dist(0.0f, level);
-    std::vector<float> v(n);
-    for (auto& x : v)
-        x = dist(rng);
-    return v;
-}
-
-// y[n] = x(n * ratio - shift), x interpolated by a sinc 64 taps wide under a (1 - u^2)^3 window:
-// a delay of `shift` samples and a clock `ratio` times as fast, as a second device would record it.
-std::vector<float> resample(const std::vector<float>& x, double ratio, double shift, std::size_t n) {
-    constexpr int half = 32;
-    std::vector<float> y(n, 0.0f);
-    for (std::size_t i = 0; i < n; ++i) {
-        const double at = double(i) * ratio - shift;
-        const auto base = static_cast<long>(std::floor(at));
-        const double fraction = at - double(base);
-        if (fraction == 0) {
-            y[i] = base >= 0 && base < long(x.size()) ? x[std::size_t(base)] : 0.0f;
-            continue;
-        }
-        // sin(pi (fraction + m)) alternates in sign with m, so one sine serves every tap.
-        const double sine = std::sin(std::numbers::pi * fraction) / std::numbers::pi;
-        double sum = 0;
-        for (long k = base - half + 1; k <= base + half; ++k) {
-            if (k < 0 || k >= long(x.size())) continue;
-            const double t = at - double(k);
-            const double u = t / half;
-            const double w = (1 - u * u) * (1 - u * u) * (1 - u * u);
-            sum += x[std::size_t(k)] * ((base - k) % 2 == 0 ? sine : -sine) / t * w;
-        }
-        y[i] = float(sum);
-    }
-    return y;
-}
 
 // Another device's colouring: a resonant boost near 2.5 kHz and a roll-off towards the top,
 // then its own noise at `snr` dB below the signal. The filter is symmetric about its centre, so it
@@ -111,27 +73,6 @@ std::vector<float> recording(std::size_t n) {
     for (std::size_t i = 0; i < n && !mono.empty(); ++i)
         out[i] = mono[i % mono.size()];
     return out;
-}
-
-// A mono 32-bit float WAV file at the refinement's rate.
-void writeWav(const std::filesystem::path& path, const std::vector<float>& samples) {
-    std::ofstream f(path, std::ios::binary);
-    const auto u32 = [&](std::uint32_t v) { f.write(reinterpret_cast<const char*>(&v), 4); };
-    const auto u16 = [&](std::uint16_t v) { f.write(reinterpret_cast<const char*>(&v), 2); };
-    const auto bytes = std::uint32_t(samples.size() * 4);
-    f.write("RIFF", 4);
-    u32(36 + bytes);
-    f.write("WAVEfmt ", 8);
-    u32(16);
-    u16(3); // IEEE float
-    u16(1);
-    u32(kRate);
-    u32(kRate * 4);
-    u16(4);
-    u16(32);
-    f.write("data", 4);
-    u32(bytes);
-    f.write(reinterpret_cast<const char*>(samples.data()), std::streamsize(bytes));
 }
 
 } // namespace

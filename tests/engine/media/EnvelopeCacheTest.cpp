@@ -125,6 +125,29 @@ TEST(EnvelopeCache, EntriesThatAreOffAreMisses) {
     EXPECT_FALSE(EC::deserializeBands(swapped(*EC::serializeBands(kKey, featureOf(2, 1))), kKey));
 }
 
+// A record of numbers: 0.5 as a double, counted; empty is a record (a refusal remembered); what
+// is off is a miss, and what could not be read back is not written.
+TEST(EnvelopeCache, RecordsOfNumbersRoundTripAndWhatIsOffIsAMiss) {
+    EXPECT_EQ(EC::serializeNumbers("k", std::vector<double>{0.5}),
+              sealed(1, "k", {1, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0xe0, 0x3f}));
+    const std::vector<double> values{-0.0123, 4.5, 1e-9};
+    EXPECT_EQ(EC::deserializeNumbers(*EC::serializeNumbers(kKey, values), kKey), values);
+    EXPECT_EQ(EC::deserializeNumbers(*EC::serializeNumbers(kKey, {}), kKey), std::vector<double>{});
+    EXPECT_FALSE(EC::serializeNumbers(kKey, std::vector<double>{std::numeric_limits<double>::infinity()}));
+    const auto good = *EC::serializeNumbers(kKey, values);
+    auto flipped = good, short_ = good;
+    flipped[good.size() - 6] ^= 0x01;
+    short_.erase(short_.end() - 5);
+    for (const auto& bytes : {flipped, short_, *EC::serializeNumbers(kKey + "x", values)})
+        EXPECT_FALSE(EC::deserializeNumbers(bytes, kKey));
+
+    TempDir dir;
+    EXPECT_FALSE(EC::loadNumbers(kKey, dir.path()));
+    ASSERT_TRUE(EC::saveNumbers(kKey, values, dir.path()));
+    EXPECT_EQ(EC::loadNumbers(kKey, dir.path()), values);
+    EXPECT_EQ(namesIn(dir.path()), std::vector<std::string>{djb2Key(kKey) + ".fine"});
+}
+
 // ---- keys -------------------------------------------------------------------------------------
 
 // A file that can't be read has no key and is never cached.

@@ -156,3 +156,26 @@ TEST(TrackModels, TimeRangeHintNeedsBothDatesOrAnOverrideRawCodesAndErrorTexts) 
     EXPECT_EQ(TrelvaneError::readerStartFailed("x").description(), "Reader failed: x");
     EXPECT_EQ(TrelvaneError::notEnoughTracks().description(), "Need at least 2 tracks");
 }
+
+// A drift is corrected only where it reaches a quarter of a frame over the whole clip.
+TEST(TrackModels, DriftIsCorrectedFromAQuarterFrameOverTheClip) {
+    // drift ppm, clip seconds, frame seconds, corrected
+    const std::tuple<std::optional<double>, double, double, bool> cases[] = {
+        {std::nullopt, 3600, 0.04, false}, {125.0, 3600, 0.04, true},    {-125.0, 3600, 0.04, true},
+        {5.0, 600, 0.04, false},           {5.0, 3600, 0.04, true},      {20.0, 499, 0.04, false},
+        {20.0, 501, 0.04, true},           {20.0, 501, 1 / 24.0, false}, {125.0, 3600, 0.0, false}};
+    for (const auto& [ppm, seconds, frame, corrected] : cases) {
+        ClipItem c = clipAt("/a.wav", seconds);
+        c.driftPPM = ppm;
+        SCOPED_TRACE(std::to_string(ppm.value_or(0)) + " ppm over " + std::to_string(seconds) + " s");
+        const auto speed = c.driftSpeed(frame);
+        EXPECT_EQ(speed.has_value(), corrected);
+        if (!speed) {
+            EXPECT_EQ(c.timelineDuration(frame), seconds);
+            continue;
+        }
+        EXPECT_DOUBLE_EQ(*speed, 1 / (1 + *ppm * 1e-6));
+        // A slow clock's file holds more of the performance: it lies longer on the timeline.
+        EXPECT_NEAR(c.timelineDuration(frame) - seconds, seconds * *ppm * 1e-6, 1e-9);
+    }
+}

@@ -1,0 +1,379 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+#include "TrelvaneEngine/sync/FineSync.hpp"
+
+#include "TrelvaneEngine/media/EnvelopeCache.hpp"
+#include "TrelvaneEngine/support/EngineLog.hpp"
+#include "TrelvaneEngine/support/WorkerWindow.hpp"
+#include "TrelvaneEngine/sync/PairwiseOffsetSolver.hpp"
+#include "TrelvaneEngine/sync/SyncEngine.hpp"
+
+#include <algorithm>
+#include <cmath>
+#include <map>
+#include <numeric>
+#include <set>
+#include <string>
+#include <utility>
+
+namespace trelvane::FineSync {
+
+namespace {
+
+// Two refined pairs of one truth agree to some hundredths of a millisecond; a pair this far from
+// what the others make of its clips has locked onto something else (an echo, a repeated passage).
+constexpr double kPlaceTolerance = 0.5e-3;
+// A drift this far from the others' (or four standard errors, whichever is more) is not believed.
+constexpr double kDriftTolerancePPM = 3.0;
+// Standard errors below this are not trusted to weigh more: a line through a few windows can fit
+// by chance better than its clocks allow.
+constexpr double kLeastDriftErrorPPM = 0.2;
+
+struct Node {
+    int si = 0, ci = 0;
+    double start = 0, end = 0;
+    std::string region;
+    bool video = false;
+    bool synced = false; // a weak clip is refined against synced ones but never moves them
+};
+
+struct Edge {
+    int from = 0, to = 0; // `from` is the pair's reference
+    std::optional<FineAlign::Refinement> found;
+    double centre = 0; // timeline time of the measurement
+};
+
+std::string regionOf(const TrackSource& track, const ClipItem& clip) {
+    return track.session + '\x1f' + clip.dayRegion.value_or(track.dayRegion.value_or("default"));
+}
+
+// Everything a pair's measurement depends on, exactly: both files as the cache knows them, where
+// one lies against the other and the stretch measured, and the options.
+std::optional<std::string> pairKey(const FineAlign::Pair& pair, const FineAlign::Options& o) {
+    const auto a = EnvelopeCache::keyText(pair.reference);
+    const auto b = EnvelopeCache::keyText(pair.other);
+    if (!a || !b) return std::nullopt;
+    return fmt::sprintf("fine|%s|%s|%a|%a|%a|%d|%a|%a|%a|%a|%a|%d", *a, *b, pair.otherOffset, pair.overlapStart,
+                        pair.overlapEnd, o.windows, o.windowSeconds, o.searchSeconds, o.mostDriftPPM,
+                        o.minConfidence, o.agreementSeconds, o.minAgreeing);
+}
+
+std::vector<double> numbersOf(const std::optional<FineAlign::Refinement>& r) {
+    if (!r) return {};
+    return {r->correction,   r->centre,          r->driftPPM,        r->driftUncertaintyPPM,
+            double(r->windowsAgreeing), double(r->windowsUsed), double(r->windowsTried), r->residualSeconds};
+}
+
+std::optional<std::optional<FineAlign::Refinement>> refinementOf(const std::vector<double>& v) {
+    if (v.empty()) return std::optional<FineAlign::Refinement>{};
+    if (v.size() != 8) return std::nullopt;
+    FineAlign::Refinement r;
+    r.correction = v[0];
+    r.centre = v[1];
+    r.driftPPM = v[2];
+    r.driftUncertaintyPPM = v[3];
+    r.windowsAgreeing = int(v[4]);
+    r.windowsUsed = int(v[5]);
+    r.windowsTried = int(v[6]);
+    r.residualSeconds = v[7];
+    return r;
+}
+
+double median(std::vector<double> values) {
+    if (values.empty()) return 0;
+    const std::size_t mid = values.size() / 2;
+    std::nth_element(values.begin(), values.begin() + std::ptrdiff_t(mid), values.end());
+    double m = values[mid];
+    if (values.size() % 2 == 0)
+        m = 0.5 * (m + *std::max_element(values.begin(), values.begin() + std::ptrdiff_t(mid)));
+    return m;
+}
+
+int rootOf(std::vector<int>& parent, int i) {
+    while (parent[i] != i)
+        i = parent[i] = parent[parent[i]];
+    return i;
+}
+
+// The nodes tied together by `edges`, each group in ascending order; lone nodes left out.
+std::vector<std::vector<int>> groupsOf(int n, const std::vector<const Edge*>& edges) {
+    std::vector<int> parent(n);
+    std::iota(parent.begin(), parent.end(), 0);
+    for (const Edge* e : edges)
+        parent[rootOf(parent, e->to)] = rootOf(parent, e->from);
+    std::map<int, std::vector<int>> byRoot;
+    for (int i = 0; i < n; ++i)
+        byRoot[rootOf(parent, i)].push_back(i);
+    std::vector<std::vector<int>> groups;
+    for (auto& [_, members] : byRoot)
+        if (members.size() >= 2) groups.push_back(std::move(members));
+    std::sort(groups.begin(), groups.end());
+    return groups;
+}
+
+struct Solution {
+    std::vector<double> shift;      // seconds added to the start, per node
+    std::vector<double> drift;      // ppm, per node
+    std::vector<double> driftError; // ppm, per node
+};
+
+// One group's drifts and shifts from its edges (already consistent or not): drifts first, since
+// each pair's shift was measured at its own time and the drifts carry it to each clip's start.
+void solveGroup(const std::vector<Node>& nodes, const std::vector<int>& members,
+                const std::vector<const Edge*>& edges, Solution& out) {
+    std::map<int, int> at;
+    for (int m : members)
+        at[m] = int(at.size());
+    std::vector<PairwiseOffsetSolver::Measurement> drifts, places;
+    std::vector<double> weightSum(members.size(), 0.0);
+    for (const Edge* e : edges) {
+        if (!at.count(e->from)) continue;
+        const double error = std::max(e->found->driftUncertaintyPPM, kLeastDriftErrorPPM);
+        const float weight = float(1.0 / (error * error));
+        drifts.push_back({at[e->from], at[e->to], e->found->driftPPM, weight});
+        weightSum[at[e->from]] += weight;
+        weightSum[at[e->to]] += weight;
+    }
+    auto drift = PairwiseOffsetSolver::solve(int(members.size()), 0, drifts);
+    // The pictures' clock is the timeline's.
+    std::vector<double> gauge;
+    for (std::size_t k = 0; k < members.size(); ++k)
+        if (nodes[members[k]].video) gauge.push_back(drift[k]);
+    if (gauge.empty()) gauge = drift;
+    const double zero = median(gauge);
+    for (double& d : drift)
+        d -= zero;
+
+    for (const Edge* e : edges) {
+        if (!at.count(e->from)) continue;
+        const int i = at[e->from], j = at[e->to];
+        // The pair says how far the other clip's sound moves against the reference's at the
+        // measurement's time; each clip's own drift carries that back to its start.
+        const double offset = e->found->correction - (e->centre - nodes[e->to].start) * drift[j] * 1e-6 +
+                              (e->centre - nodes[e->from].start) * drift[i] * 1e-6;
+        places.push_back({i, j, offset, float(e->found->windowsAgreeing)});
+    }
+    auto shift = PairwiseOffsetSolver::solve(int(members.size()), 0, places);
+    const double middle = median(shift);
+    for (std::size_t k = 0; k < members.size(); ++k) {
+        out.shift[members[k]] = shift[k] - middle;
+        out.drift[members[k]] = drift[k];
+        out.driftError[members[k]] = weightSum[k] > 0 ? 1.0 / std::sqrt(weightSum[k]) : 0.0;
+    }
+}
+
+// How far one edge lies from the solution, as a share of what is tolerated (above 1: too far).
+double misfit(const std::vector<Node>& nodes, const Edge& e, const Solution& s) {
+    const double driftSaid = s.drift[e.to] - s.drift[e.from];
+    const double driftRoom = std::max(kDriftTolerancePPM, 4 * e.found->driftUncertaintyPPM);
+    const double placeSaid = s.shift[e.to] + (e.centre - nodes[e.to].start) * s.drift[e.to] * 1e-6 -
+                             s.shift[e.from] - (e.centre - nodes[e.from].start) * s.drift[e.from] * 1e-6;
+    return std::max(std::abs(driftSaid - e.found->driftPPM) / driftRoom,
+                    std::abs(placeSaid - e.found->correction) / kPlaceTolerance);
+}
+
+} // namespace
+
+FineAlign::Options defaultAlignOptions() {
+    FineAlign::Options o;
+    o.windows = 4;
+    o.windowSeconds = 1.5;
+    return o;
+}
+
+std::optional<FineAlign::Refinement> measurePair(const FineAlign::Pair& pair, const Options& options) {
+    const auto key = options.cacheFolder ? pairKey(pair, options.align) : std::nullopt;
+    if (key)
+        if (const auto stored = EnvelopeCache::loadNumbers(*key, *options.cacheFolder))
+            if (const auto r = refinementOf(*stored)) return *r;
+    auto found = FineAlign::refinePair(pair, options.align);
+    if (key) EnvelopeCache::saveNumbers(*key, numbersOf(found), *options.cacheFolder);
+    return found;
+}
+
+std::vector<TrackSource> refine(std::vector<TrackSource> tracks, const Options& options,
+                                const ProgressFn& onProgress, std::stop_token stop) {
+    const std::vector<TrackSource> input = tracks;
+    for (auto& track : tracks)
+        for (auto& clip : track.clips) {
+            clip.driftPPM.reset();
+            clip.driftUncertaintyPPM.reset();
+            clip.refinementNote.reset();
+        }
+
+    std::vector<Node> nodes;
+    for (int si = 0; si < int(tracks.size()); ++si)
+        for (int ci = 0; ci < int(tracks[si].clips.size()); ++ci) {
+            const ClipItem& c = tracks[si].clips[ci];
+            const bool placedBySound = c.syncStatus == SyncStatus::synced || c.syncStatus == SyncStatus::weak;
+            if (!placedBySound || c.audioUsability != AudioUsability::ok || c.duration < kShortestMatchableClip)
+                continue;
+            nodes.push_back({si, ci, c.startOffset, c.startOffset + c.duration, regionOf(tracks[si], c),
+                             tracks[si].type == SourceType::video, c.syncStatus == SyncStatus::synced});
+        }
+    const int n = int(nodes.size());
+    auto clipOf = [&](int i) -> ClipItem& { return tracks[nodes[i].si].clips[nodes[i].ci]; };
+    auto overlap = [&](int i, int j) {
+        return std::min(nodes[i].end, nodes[j].end) - std::max(nodes[i].start, nodes[j].start);
+    };
+
+    // Each clip's partners: the synced clips of other tracks in its region that overlap it longest.
+    std::set<std::pair<int, int>> chosen;
+    std::vector<bool> hadPartner(n, false);
+    for (int i = 0; i < n; ++i) {
+        std::vector<int> others;
+        for (int j = 0; j < n; ++j)
+            if (nodes[j].synced && nodes[j].si != nodes[i].si && nodes[j].region == nodes[i].region &&
+                overlap(i, j) >= options.leastOverlap)
+                others.push_back(j);
+        std::stable_sort(others.begin(), others.end(),
+                         [&](int a, int b) { return overlap(i, a) > overlap(i, b); });
+        if (int(others.size()) > options.partnersPerClip) others.resize(std::size_t(options.partnersPerClip));
+        for (int j : others) {
+            chosen.insert({std::min(i, j), std::max(i, j)});
+            hadPartner[i] = true;
+            if (nodes[i].synced) hadPartner[j] = true;
+        }
+    }
+    std::vector<Edge> edges;
+    for (const auto& [i, j] : chosen)
+        edges.push_back({i, j, std::nullopt, 0});
+
+    // Measured with the reference at 0: the result then does not depend on where the timeline
+    // happens to start, and the cache holds it exactly.
+    std::size_t done = 0;
+    const std::function<std::optional<FineAlign::Refinement>(std::size_t)> job = [&](std::size_t k) {
+        const Node &a = nodes[edges[k].from], &b = nodes[edges[k].to];
+        FineAlign::Pair pair{clipOf(edges[k].from).url, 0.0, clipOf(edges[k].to).url, b.start - a.start,
+                             std::max(a.start, b.start) - a.start, std::min(a.end, b.end) - a.start};
+        return measurePair(pair, options);
+    };
+    const std::function<void(std::size_t, std::optional<FineAlign::Refinement>)> keep =
+        [&](std::size_t k, std::optional<FineAlign::Refinement> found) {
+            edges[k].found = found;
+            if (found) edges[k].centre = nodes[edges[k].from].start + found->centre;
+            ++done;
+            if (onProgress)
+                onProgress({double(done) / double(edges.size()), clipOf(edges[k].to).url.lastPathComponent()});
+        };
+    WorkerWindow::run<std::optional<FineAlign::Refinement>>(
+        options.workers > 0 ? options.workers : std::max(WorkerWindow::processorCount(), 2), edges.size(), job,
+        keep, stop);
+    if (stop.stop_requested()) return input;
+
+    // Solved together, dropping the worst pair while any lies out of tolerance.
+    std::vector<const Edge*> kept;
+    for (const Edge& e : edges)
+        if (e.found && nodes[e.from].synced && nodes[e.to].synced) kept.push_back(&e);
+    const int bothSynced = int(kept.size());
+    Solution solution{std::vector<double>(n, 0.0), std::vector<double>(n, 0.0), std::vector<double>(n, 0.0)};
+    for (;;) {
+        for (const auto& members : groupsOf(n, kept))
+            solveGroup(nodes, members, kept, solution);
+        std::size_t worst = 0;
+        double worstMisfit = 0;
+        for (std::size_t k = 0; k < kept.size(); ++k)
+            if (const double m = misfit(nodes, *kept[k], solution); m > worstMisfit) worst = k, worstMisfit = m;
+        if (worstMisfit <= 1) break;
+        kept.erase(kept.begin() + std::ptrdiff_t(worst));
+        std::fill(solution.shift.begin(), solution.shift.end(), 0.0);
+        std::fill(solution.drift.begin(), solution.drift.end(), 0.0);
+        std::fill(solution.driftError.begin(), solution.driftError.end(), 0.0);
+    }
+
+    std::vector<const Edge*> best(n, nullptr);
+    for (const Edge* e : kept)
+        for (const int self : {e->from, e->to})
+            if (!best[self] || e->found->windowsAgreeing > best[self]->found->windowsAgreeing) best[self] = e;
+    std::vector<bool> refined(n, false);
+    for (int i = 0; i < n; ++i)
+        refined[i] = best[i] != nullptr;
+    // A weak clip follows the synced clips it was measured against, where they agree on it.
+    for (int w = 0; w < n; ++w) {
+        if (nodes[w].synced) continue;
+        std::vector<double> shifts, drifts;
+        for (const Edge& e : edges) {
+            if (!e.found || (e.from != w && e.to != w)) continue;
+            const bool later = e.to == w;
+            const int p = later ? e.from : e.to;
+            if (!refined[p]) continue;
+            const double drift = solution.drift[p] + (later ? e.found->driftPPM : -e.found->driftPPM);
+            const double partnerThere =
+                solution.shift[p] + (e.centre - nodes[p].start) * solution.drift[p] * 1e-6;
+            shifts.push_back(partnerThere + (later ? e.found->correction : -e.found->correction) -
+                             (e.centre - nodes[w].start) * drift * 1e-6);
+            drifts.push_back(drift);
+            if (!best[w] || e.found->windowsAgreeing > best[w]->found->windowsAgreeing) best[w] = &e;
+        }
+        const auto [low, high] = std::minmax_element(shifts.begin(), shifts.end());
+        if (shifts.empty() || *high - *low > kPlaceTolerance) {
+            best[w] = nullptr;
+            continue;
+        }
+        refined[w] = true;
+        solution.shift[w] = std::accumulate(shifts.begin(), shifts.end(), 0.0) / double(shifts.size());
+        solution.drift[w] = std::accumulate(drifts.begin(), drifts.end(), 0.0) / double(drifts.size());
+        solution.driftError[w] = best[w]->found->driftUncertaintyPPM;
+    }
+
+    int lined = 0, keptBand = 0;
+    for (int i = 0; i < n; ++i) {
+        ClipItem& clip = clipOf(i);
+        if (refined[i]) {
+            ++lined;
+            const int partner = best[i]->from == i ? best[i]->to : best[i]->from;
+            clip.startOffset = nodes[i].start + solution.shift[i];
+            clip.driftPPM = solution.drift[i];
+            clip.driftUncertaintyPPM = solution.driftError[i];
+            clip.refinementNote = "lined up to the sample with '" + clipOf(partner).url.lastPathComponent() + "'";
+            if (std::abs(solution.drift[i]) * 1e-6 * clip.duration >= 0.005)
+                EngineLog::logf("[FineSync]  '%s' clock %+.1f ppm (±%.1f) — %+.1f ms over the clip",
+                                clip.url.lastPathComponent(), solution.drift[i], solution.driftError[i],
+                                solution.drift[i] * 1e-3 * clip.duration);
+            continue;
+        }
+        // A weak clip already tells the user to check it by ear.
+        if (!nodes[i].synced) continue;
+        ++keptBand;
+        std::string why;
+        if (!hadPartner[i])
+            why = fmt::sprintf("no clip of another track overlaps it by %.0f s", options.leastOverlap);
+        else if (std::none_of(edges.begin(), edges.end(), [&](const Edge& e) {
+                     return e.found && nodes[e.from].synced && nodes[e.to].synced && (e.from == i || e.to == i);
+                 }))
+            why = "its sound and the clips around it did not agree closely enough in enough windows";
+        else
+            why = "its fine alignment disagrees with the clips around it";
+        clip.refinementNote = "band placement kept (within a frame) — " + why;
+    }
+
+    // A clip not refined keeps its place against the refined clip nearest it, which moved by the
+    // shift and drift the solve gave it there.
+    for (int si = 0; si < int(tracks.size()); ++si)
+        for (int ci = 0; ci < int(tracks[si].clips.size()); ++ci) {
+            ClipItem& clip = tracks[si].clips[ci];
+            const auto self = std::find_if(nodes.begin(), nodes.end(),
+                                           [&](const Node& node) { return node.si == si && node.ci == ci; });
+            if (self != nodes.end() && refined[std::size_t(self - nodes.begin())]) continue;
+            const double start = input[si].clips[ci].startOffset, end = start + clip.duration;
+            const std::string region = regionOf(tracks[si], clip);
+            int nearest = -1;
+            double distance = 0;
+            for (int j = 0; j < n; ++j) {
+                if (!refined[j] || nodes[j].region != region) continue;
+                const double d = std::max({0.0, nodes[j].start - end, start - nodes[j].end});
+                if (nearest < 0 || d < distance) nearest = j, distance = d;
+            }
+            if (nearest < 0) continue;
+            clip.startOffset =
+                start + solution.shift[nearest] + (start - nodes[nearest].start) * solution.drift[nearest] * 1e-6;
+        }
+    SyncEngine::normaliseOffsets(tracks);
+    EngineLog::logf("[FineSync] %d pair(s) measured, %d refused, %d left out as disagreeing; %d clip(s) lined up "
+                    "to the sample, %d kept at the band placement",
+                    int(edges.size()), int(std::count_if(edges.begin(), edges.end(), [](const Edge& e) { return !e.found; })),
+                    bothSynced - int(kept.size()), lined,
+                    keptBand);
+    return tracks;
+}
+
+} // namespace trelvane::FineSync
