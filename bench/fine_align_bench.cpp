@@ -1,31 +1,30 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 // Figures of the fine alignment: how far the peak interpolation leans towards whole samples, and
-// what refining each synced clip against one neighbour does on generated shoots.
+// what the fine alignment stage costs on generated shoots.
 //
 //   trelvane_fine_align_bench                            the interpolation bias only
 //   trelvane_fine_align_bench SHOOT REPORT [SHOOT REPORT ...]
 //
-// SHOOT is a folder written by the corpus generator (truth.json with each file's start, acoustic
-// delay_ms and clock ppm); REPORT the session report of `trelvane sync SHOOT --report REPORT`.
-// Each synced matchable clip is refined against the synced clip that overlaps it longest on the
-// report's timeline. Its error is the pair's: where the refinement puts it against where its
-// sound truly lines up with the reference's sound (delays and both clocks counted), beside the
-// same for the band offset. Printed: clips within 1 ms and 5 ms before and after, refused pairs,
-// the drift error, and the wall time per pair (decoding included). Figures, never pass/fail.
-//
-// Two habits of the generator are allowed for. Its acoustic delay reaches only the first channel
-// of the stereo performance, so each file holds the sound twice, undelayed and delay_ms late, at
-// like levels: besides the error against the delayed truth, the error against the nearest of the
-// four pairings of copies is printed. And its clock error sets a whole-hertz rate, so a file's
-// real drift is ppm rounded to a multiple of 1/48000 (20.8 ppm).
+// SHOOT is a folder written by the corpus generator (truth.json with each file's clock ppm);
+// REPORT the session report of `trelvane sync SHOOT --report REPORT`. The stage is run over the
+// report's timeline with an empty cache, then again with the cache it filled: the two times are
+// what it adds to a cold and a warm sync (compare the cold one with the whole `trelvane sync`).
+// Each recorder's drift is printed beside its truth; the generator sets a whole-hertz rate, so
+// that truth is its ppm rounded to a multiple of 1/48000 (20.8 ppm). How close the clips come
+// is scored on the report itself: `score.py --aligned --frame 0.001`. Figures, never pass/fail.
 
 #include "TrelvaneEngine/features/FineAlign.hpp"
+#include "TrelvaneEngine/sync/FineSync.hpp"
+
+#include <fmt/printf.h>
 
 #include <algorithm>
 #include <chrono>
 #include <cmath>
 #include <cstdio>
+#include <filesystem>
 #include <fstream>
+#include <functional>
 #include <map>
 #include <nlohmann/json.hpp>
 #include <numbers>
@@ -69,102 +68,67 @@ void interpolationBias() {
     std::printf("largest error: band-limited %.4f, parabola %.4f samples\n", worstBand, worstParabola);
 }
 
-struct Clip {
-    std::string url;
-    double band = 0, duration = 0;
-    double start = 0, delay = 0, ppm = 0; // from the truth; ppm as rendered
-    bool matchable = false;
-};
+// The tracks of a session report, as far as the fine alignment reads them.
+std::vector<TrackSource> tracksOf(const nlohmann::json& report) {
+    std::vector<TrackSource> tracks;
+    for (const auto& t : report["tracks"]) {
+        TrackSource track;
+        track.name = t["name"];
+        track.type = sourceTypeFromRaw(t["type"].get<std::string>()).value_or(SourceType::video);
+        track.session = t.value("session", "");
+        for (const auto& c : t["clips"]) {
+            ClipItem clip;
+            clip.url = Url::fromPath(c["url"].get<std::string>());
+            clip.startOffset = c["startOffset"];
+            clip.duration = c["duration"];
+            clip.syncStatus =
+                syncStatusFromRaw(c["syncStatus"].get<std::string>()).value_or(SyncStatus::pending);
+            clip.audioUsability =
+                audioUsabilityFromRaw(c["audioUsability"].get<std::string>()).value_or(AudioUsability::ok);
+            if (c["dayRegion"].is_string()) clip.dayRegion = c["dayRegion"].get<std::string>();
+            track.clips.push_back(std::move(clip));
+        }
+        tracks.push_back(std::move(track));
+    }
+    return tracks;
+}
 
+double secondsOf(const std::function<void()>& work) {
+    const auto started = std::chrono::steady_clock::now();
+    work();
+    return std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
+}
+
+// The stage over a shoot's report: its time with nothing cached and with everything cached, and
+// each recorder's measured drift against the truth (ppm as rendered: whole hertz).
 void shoot(const std::string& folder, const std::string& reportPath) {
     std::ifstream truthFile(folder + "/truth.json"), reportFile(reportPath);
     const auto truth = nlohmann::json::parse(truthFile);
-    const auto report = nlohmann::json::parse(reportFile);
-    std::map<std::string, nlohmann::json> byUrl;
-    for (const auto& f : truth["files"])
-        byUrl[folder + "/" + f["path"].get<std::string>()] = f;
-    std::vector<Clip> clips;
-    for (const auto& track : report["tracks"])
-        for (const auto& c : track["clips"]) {
-            if (c["syncStatus"] != "synced") continue;
-            const auto it = byUrl.find(c["url"].get<std::string>());
-            if (it == byUrl.end()) continue;
-            const auto& t = it->second;
-            const double rate = std::round(48000 * (1 + t.value("ppm", 0.0) * 1e-6));
-            clips.push_back({c["url"], c["startOffset"], c["duration"], t["start"].get<double>(),
-                             t.value("delay_ms", 0.0) / 1000, (rate / 48000 - 1) * 1e6,
-                             t.value("matchable", false)});
-        }
-
-    double worstBand = 0;
-    int total = 0, refused = 0, bandIn1 = 0, bandIn5 = 0, in1 = 0, in5 = 0, copyIn1 = 0, copyIn5 = 0;
-    double seconds = 0, worstDrift = 0;
-    std::vector<double> errors;
-    for (const auto& o : clips) {
-        if (!o.matchable) continue;
-        const Clip* best = nullptr;
-        double longest = 0;
-        for (const auto& r : clips) {
-            const double overlap =
-                std::min(o.band + o.duration, r.band + r.duration) - std::max(o.band, r.band);
-            if (&r != &o && overlap > longest) {
-                longest = overlap;
-                best = &r;
-            }
-        }
-        if (best == nullptr) continue;
-        ++total;
-        const Clip& r = *best;
-        // Where the other's first sample belongs on the report's timeline, the reference held at
-        // its band offset: the performance between the two aligned starts, in the reference's time.
-        const auto at = [&](double otherDelay, double referenceDelay) {
-            return r.band + (o.start - otherDelay - r.start + referenceDelay) / (1 + r.ppm * 1e-6);
-        };
-        const double expected = at(o.delay, r.delay);
-        const double bandError = o.band - expected;
-        worstBand = std::max(worstBand, std::abs(bandError));
-        bandIn1 += std::abs(bandError) <= 1e-3;
-        bandIn5 += std::abs(bandError) <= 5e-3;
-        const auto started = std::chrono::steady_clock::now();
-        const auto refined = FineAlign::refinePair({Url::fromPath(r.url), r.band, Url::fromPath(o.url),
-                                                    o.band, std::max(o.band, r.band),
-                                                    std::min(o.band + o.duration, r.band + r.duration)});
-        seconds += std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
-        if (!refined) {
-            ++refused;
-            std::printf("  refused  %s (band %+.2f ms)\n", o.url.c_str() + folder.size() + 1,
-                        bandError * 1e3);
-            continue;
-        }
-        const double error = o.band + refined->correctionAt(o.band) - expected;
-        errors.push_back(std::abs(error));
-        in1 += std::abs(error) <= 1e-3;
-        in5 += std::abs(error) <= 5e-3;
-        double nearest = INFINITY;
-        for (const double od : {0.0, o.delay})
-            for (const double rd : {0.0, r.delay})
-                nearest = std::min(nearest, std::abs(o.band + refined->correctionAt(o.band) - at(od, rd)));
-        copyIn1 += nearest <= 1e-3;
-        copyIn5 += nearest <= 5e-3;
-        const double driftError = refined->driftPPM - (o.ppm - r.ppm);
-        worstDrift = std::max(worstDrift, std::abs(driftError));
-        if (nearest > 1e-3)
-            std::printf("  %s against %s: band %+.2f ms, refined %+.3f ms, %d/%d windows, drift %+.1f ppm "
-                        "(truth %+.1f)\n",
-                        o.url.c_str() + folder.size() + 1, r.url.c_str() + folder.size() + 1, bandError * 1e3,
-                        error * 1e3, refined->windowsAgreeing, refined->windowsUsed, refined->driftPPM,
-                        o.ppm - r.ppm);
+    const auto tracks = tracksOf(nlohmann::json::parse(reportFile));
+    const auto cache = std::filesystem::temp_directory_path() / "trelvane-fine-align-bench";
+    std::filesystem::remove_all(cache);
+    FineSync::Options options;
+    options.align = FineSync::defaultAlignOptions();
+    options.cacheFolder = cache;
+    std::vector<TrackSource> refined;
+    const double cold = secondsOf([&] { refined = FineSync::refine(tracks, options, {}); });
+    const double warm = secondsOf([&] { FineSync::refine(tracks, options, {}); });
+    std::filesystem::remove_all(cache);
+    std::printf("%s: fine alignment %.2f s cold, %.3f s warm\n", folder.c_str(), cold, warm);
+    for (const auto& f : truth["files"]) {
+        if (f.value("kind", "") != "recorder") continue;
+        const std::string url = folder + "/" + f["path"].get<std::string>();
+        const double rate = std::round(48000 * (1 + f.value("ppm", 0.0) * 1e-6));
+        for (const auto& track : refined)
+            for (const auto& clip : track.clips)
+                if (clip.url.path() == url)
+                    std::printf("  %s: drift %s ppm, truth %+.1f ppm\n", clip.url.lastPathComponent().c_str(),
+                                clip.driftPPM ? fmt::sprintf("%+.2f (±%.2f)", *clip.driftPPM,
+                                                             clip.driftUncertaintyPPM.value_or(0))
+                                                    .c_str()
+                                              : "-",
+                                (rate / 48000 - 1) * 1e6);
     }
-    std::sort(errors.begin(), errors.end());
-    const double median = errors.empty() ? 0 : errors[errors.size() / 2];
-    const double worst = errors.empty() ? 0 : errors.back();
-    std::printf("%s: %d pairs; band offsets %d within 1 ms, %d within 5 ms (worst %.2f ms); refined %d "
-                "within 1 ms, %d within "
-                "5 ms (median %.3f ms, worst %.3f ms), %d refused; nearest copy: %d within 1 ms, %d within 5 "
-                "ms; worst drift error "
-                "%.2f ppm; %.3f s per pair\n",
-                folder.c_str(), total, bandIn1, bandIn5, worstBand * 1e3, in1, in5, median * 1e3, worst * 1e3,
-                refused, copyIn1, copyIn5, worstDrift, total > 0 ? seconds / total : 0.0);
 }
 
 } // namespace

@@ -42,6 +42,29 @@ struct Edge {
     double centre = 0; // timeline time of the measurement
 };
 
+// Whether a weak clip's place came from its own sound (or its lead channel's): one laid by a clock
+// or between neighbours is seconds out as often as not, and a search of a few tens of
+// milliseconds around it would only spend the decoding.
+bool weakButHeard(const ClipItem& clip) {
+    using enum PlacementPass;
+    if (clip.syncStatus != SyncStatus::weak || !clip.placementPass) return false;
+    switch (*clip.placementPass) {
+    case reference:
+    case unlinkedBackup:
+    case clock:
+    case interpolated:
+    case interpolatedNoAudio:
+    case channelOfReference:
+    case channelOfUnlinkedBackup:
+    case channelOfClock:
+    case channelOfInterpolated:
+    case channelOfInterpolatedNoAudio:
+        return false;
+    default:
+        return true;
+    }
+}
+
 std::string regionOf(const TrackSource& track, const ClipItem& clip) {
     return track.session + '\x1f' + clip.dayRegion.value_or(track.dayRegion.value_or("default"));
 }
@@ -52,15 +75,21 @@ std::optional<std::string> pairKey(const FineAlign::Pair& pair, const FineAlign:
     const auto a = EnvelopeCache::keyText(pair.reference);
     const auto b = EnvelopeCache::keyText(pair.other);
     if (!a || !b) return std::nullopt;
-    return fmt::sprintf("fine|%s|%s|%a|%a|%a|%d|%a|%a|%a|%a|%a|%d", *a, *b, pair.otherOffset, pair.overlapStart,
-                        pair.overlapEnd, o.windows, o.windowSeconds, o.searchSeconds, o.mostDriftPPM,
-                        o.minConfidence, o.agreementSeconds, o.minAgreeing);
+    return fmt::sprintf("fine|%s|%s|%a|%a|%a|%d|%a|%a|%a|%a|%a|%d", *a, *b, pair.otherOffset,
+                        pair.overlapStart, pair.overlapEnd, o.windows, o.windowSeconds, o.searchSeconds,
+                        o.mostDriftPPM, o.minConfidence, o.agreementSeconds, o.minAgreeing);
 }
 
 std::vector<double> numbersOf(const std::optional<FineAlign::Refinement>& r) {
     if (!r) return {};
-    return {r->correction,   r->centre,          r->driftPPM,        r->driftUncertaintyPPM,
-            double(r->windowsAgreeing), double(r->windowsUsed), double(r->windowsTried), r->residualSeconds};
+    return {r->correction,
+            r->centre,
+            r->driftPPM,
+            r->driftUncertaintyPPM,
+            double(r->windowsAgreeing),
+            double(r->windowsUsed),
+            double(r->windowsTried),
+            r->residualSeconds};
 }
 
 std::optional<std::optional<FineAlign::Refinement>> refinementOf(const std::vector<double>& v) {
@@ -204,8 +233,8 @@ std::vector<TrackSource> refine(std::vector<TrackSource> tracks, const Options& 
     for (int si = 0; si < int(tracks.size()); ++si)
         for (int ci = 0; ci < int(tracks[si].clips.size()); ++ci) {
             const ClipItem& c = tracks[si].clips[ci];
-            const bool placedBySound = c.syncStatus == SyncStatus::synced || c.syncStatus == SyncStatus::weak;
-            if (!placedBySound || c.audioUsability != AudioUsability::ok || c.duration < kShortestMatchableClip)
+            if ((c.syncStatus != SyncStatus::synced && !weakButHeard(c)) ||
+                c.audioUsability != AudioUsability::ok || c.duration < kShortestMatchableClip)
                 continue;
             nodes.push_back({si, ci, c.startOffset, c.startOffset + c.duration, regionOf(tracks[si], c),
                              tracks[si].type == SourceType::video, c.syncStatus == SyncStatus::synced});
@@ -243,8 +272,12 @@ std::vector<TrackSource> refine(std::vector<TrackSource> tracks, const Options& 
     std::size_t done = 0;
     const std::function<std::optional<FineAlign::Refinement>(std::size_t)> job = [&](std::size_t k) {
         const Node &a = nodes[edges[k].from], &b = nodes[edges[k].to];
-        FineAlign::Pair pair{clipOf(edges[k].from).url, 0.0, clipOf(edges[k].to).url, b.start - a.start,
-                             std::max(a.start, b.start) - a.start, std::min(a.end, b.end) - a.start};
+        FineAlign::Pair pair{clipOf(edges[k].from).url,
+                             0.0,
+                             clipOf(edges[k].to).url,
+                             b.start - a.start,
+                             std::max(a.start, b.start) - a.start,
+                             std::min(a.end, b.end) - a.start};
         return measurePair(pair, options);
     };
     const std::function<void(std::size_t, std::optional<FineAlign::Refinement>)> keep =
@@ -253,11 +286,12 @@ std::vector<TrackSource> refine(std::vector<TrackSource> tracks, const Options& 
             if (found) edges[k].centre = nodes[edges[k].from].start + found->centre;
             ++done;
             if (onProgress)
-                onProgress({double(done) / double(edges.size()), clipOf(edges[k].to).url.lastPathComponent()});
+                onProgress(
+                    {double(done) / double(edges.size()), clipOf(edges[k].to).url.lastPathComponent()});
         };
     WorkerWindow::run<std::optional<FineAlign::Refinement>>(
-        options.workers > 0 ? options.workers : std::max(WorkerWindow::processorCount(), 2), edges.size(), job,
-        keep, stop);
+        options.workers > 0 ? options.workers : std::max(WorkerWindow::processorCount(), 2), edges.size(),
+        job, keep, stop);
     if (stop.stop_requested()) return input;
 
     // Solved together, dropping the worst pair while any lies out of tolerance.
@@ -272,7 +306,8 @@ std::vector<TrackSource> refine(std::vector<TrackSource> tracks, const Options& 
         std::size_t worst = 0;
         double worstMisfit = 0;
         for (std::size_t k = 0; k < kept.size(); ++k)
-            if (const double m = misfit(nodes, *kept[k], solution); m > worstMisfit) worst = k, worstMisfit = m;
+            if (const double m = misfit(nodes, *kept[k], solution); m > worstMisfit)
+                worst = k, worstMisfit = m;
         if (worstMisfit <= 1) break;
         kept.erase(kept.begin() + std::ptrdiff_t(worst));
         std::fill(solution.shift.begin(), solution.shift.end(), 0.0);
@@ -324,7 +359,8 @@ std::vector<TrackSource> refine(std::vector<TrackSource> tracks, const Options& 
             clip.startOffset = nodes[i].start + solution.shift[i];
             clip.driftPPM = solution.drift[i];
             clip.driftUncertaintyPPM = solution.driftError[i];
-            clip.refinementNote = "lined up to the sample with '" + clipOf(partner).url.lastPathComponent() + "'";
+            clip.refinementNote =
+                "lined up to the sample with '" + clipOf(partner).url.lastPathComponent() + "'";
             if (std::abs(solution.drift[i]) * 1e-6 * clip.duration >= 0.005)
                 EngineLog::logf("[FineSync]  '%s' clock %+.1f ppm (±%.1f) — %+.1f ms over the clip",
                                 clip.url.lastPathComponent(), solution.drift[i], solution.driftError[i],
@@ -338,7 +374,8 @@ std::vector<TrackSource> refine(std::vector<TrackSource> tracks, const Options& 
         if (!hadPartner[i])
             why = fmt::sprintf("no clip of another track overlaps it by %.0f s", options.leastOverlap);
         else if (std::none_of(edges.begin(), edges.end(), [&](const Edge& e) {
-                     return e.found && nodes[e.from].synced && nodes[e.to].synced && (e.from == i || e.to == i);
+                     return e.found && nodes[e.from].synced && nodes[e.to].synced &&
+                            (e.from == i || e.to == i);
                  }))
             why = "its sound and the clips around it did not agree closely enough in enough windows";
         else
@@ -364,15 +401,16 @@ std::vector<TrackSource> refine(std::vector<TrackSource> tracks, const Options& 
                 if (nearest < 0 || d < distance) nearest = j, distance = d;
             }
             if (nearest < 0) continue;
-            clip.startOffset =
-                start + solution.shift[nearest] + (start - nodes[nearest].start) * solution.drift[nearest] * 1e-6;
+            clip.startOffset = start + solution.shift[nearest] +
+                               (start - nodes[nearest].start) * solution.drift[nearest] * 1e-6;
         }
     SyncEngine::normaliseOffsets(tracks);
-    EngineLog::logf("[FineSync] %d pair(s) measured, %d refused, %d left out as disagreeing; %d clip(s) lined up "
-                    "to the sample, %d kept at the band placement",
-                    int(edges.size()), int(std::count_if(edges.begin(), edges.end(), [](const Edge& e) { return !e.found; })),
-                    bothSynced - int(kept.size()), lined,
-                    keptBand);
+    EngineLog::logf(
+        "[FineSync] %d pair(s) measured, %d refused, %d left out as disagreeing; %d clip(s) lined up "
+        "to the sample, %d kept at the band placement",
+        int(edges.size()),
+        int(std::count_if(edges.begin(), edges.end(), [](const Edge& e) { return !e.found; })),
+        bothSynced - int(kept.size()), lined, keptBand);
     return tracks;
 }
 

@@ -94,8 +94,9 @@ TEST(FineSync, PlacesClipsToAFractionOfASampleAndMeasuresTheDriftingRecorder) {
     // clips around it, and says why.
     const ClipItem& stray = at(refined, 1, 1);
     EXPECT_FALSE(stray.driftPPM);
-    EXPECT_EQ(stray.refinementNote.value_or(""), "band placement kept (within a frame) — its sound and the clips "
-                                                 "around it did not agree closely enough in enough windows");
+    EXPECT_EQ(stray.refinementNote.value_or(""),
+              "band placement kept (within a frame) — its sound and the clips "
+              "around it did not agree closely enough in enough windows");
     EXPECT_NE(stray.placementExplanation().find("band placement kept"), std::string::npos);
     EXPECT_NEAR(stray.startOffset - cam.startOffset, 44, 0.05);
 }
@@ -132,12 +133,17 @@ TEST(FineSync, AStopLeavesTheTimelineAsItWasAndWeakClipsFollowSyncedOnes) {
     const auto stopped = FineSync::refine(shoot.tracks, options(), {}, stop.get_token());
     EXPECT_EQ(at(stopped, 1, 0).startOffset, at(shoot.tracks, 1, 0).startOffset);
 
-    // A weak clip is lined up with the synced clips it overlaps but never moves them.
+    // A weak clip its sound placed is lined up with the synced clips it overlaps but never moves
+    // them; one its clock placed is not measured.
     shoot.tracks[1].clips[0].syncStatus = SyncStatus::weak;
+    shoot.tracks[1].clips[0].placementPass = PlacementPass::bracketFill;
+    shoot.tracks[1].clips[1].syncStatus = SyncStatus::weak;
+    shoot.tracks[1].clips[1].placementPass = PlacementPass::clock;
     const auto withWeak = FineSync::refine(shoot.tracks, options(), {});
     EXPECT_NEAR(at(withWeak, 1, 0).startOffset - at(withWeak, 0, 0).startOffset, Shoot::kRecorderStart, 3e-5);
     EXPECT_EQ(at(withWeak, 1, 0).syncStatus, SyncStatus::weak);
     EXPECT_NEAR(at(withWeak, 2, 0).startOffset - at(withWeak, 0, 0).startOffset, Shoot::kDriftingStart, 3e-5);
+    EXPECT_FALSE(at(withWeak, 1, 1).refinementNote);
 
     // Nothing else is measured, and a synced clip with no synced partner says so.
     for (auto& track : shoot.tracks)
