@@ -3,7 +3,7 @@
 // what the fine alignment stage costs on generated shoots.
 //
 //   trelvane_fine_align_bench                            the interpolation bias only
-//   trelvane_fine_align_bench SHOOT REPORT [SHOOT REPORT ...]
+//   trelvane_fine_align_bench SHOOT REPORT [SHOOT REPORT ...]   the stage on shoots
 //
 // SHOOT is a folder written by the corpus generator (truth.json with each file's clock ppm);
 // REPORT the session report of `trelvane sync SHOOT --report REPORT`. The stage is run over the
@@ -134,7 +134,7 @@ void shoot(const std::string& folder, const std::string& reportPath) {
 } // namespace
 
 int main(int argc, char** argv) {
-    interpolationBias();
+    if (argc < 3) interpolationBias();
     for (int i = 1; i + 1 < argc; i += 2)
         shoot(argv[i], argv[i + 1]);
     return 0;

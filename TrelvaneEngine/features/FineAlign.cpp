@@ -35,8 +35,12 @@ struct Whitened {
 // Both sides are tapered by one half-sine, b's moved `shift` samples later: with the taper on the
 // same stretch of shared sound on both sides, the window's edges neither blur the peak nor pull it
 // towards the lag where the tapers coincide.
-std::optional<Whitened> whiten(std::span<const float> a, std::span<const float> b, int shift) {
-    const std::size_t total = a.size() + b.size();
+//
+// Only lags within `reach` either side are read, so the transform need only be long enough that
+// no lag within it wraps onto another where the two windows still overlap: the longer window and
+// the reach, not both windows end to end, which halves the work.
+std::optional<Whitened> whiten(std::span<const float> a, std::span<const float> b, int shift, int reach) {
+    const std::size_t total = std::max(a.size(), b.size()) + std::size_t(reach) + 1;
     unsigned log2n = 1;
     while ((std::size_t{1} << log2n) < total) {
         if (++log2n > SyncCorrelator::kMaxLog2n) return std::nullopt;
@@ -45,12 +49,24 @@ std::optional<Whitened> whiten(std::span<const float> a, std::span<const float> 
     if (setup == nullptr) return std::nullopt;
     auto wa = setup->makeWorkspace();
     auto wb = setup->makeWorkspace();
+    // sin(step * (i + 0.5)) by one rotation per sample: the rounding over a window stays far
+    // below a float's resolution, at a fraction of the cost of a sine each.
     const double step = std::numbers::pi / double(a.size());
+    std::vector<float> halfSine(a.size());
+    {
+        const double turnC = std::cos(step), turnS = std::sin(step);
+        double c = std::cos(0.5 * step), s = std::sin(0.5 * step);
+        for (float& v : halfSine) {
+            v = float(s);
+            const double nextS = s * turnC + c * turnS;
+            c = c * turnC - s * turnS;
+            s = nextS;
+        }
+    }
     const auto taper = [&](std::span<const float> x, std::span<float> out, long from) {
         for (std::size_t i = 0; i < x.size(); ++i) {
             const long at = long(i) - from;
-            out[i] =
-                at < 0 || at >= long(a.size()) ? 0.0f : float(x[i] * std::sin(step * (double(at) + 0.5)));
+            out[i] = at < 0 || at >= long(a.size()) ? 0.0f : x[i] * halfSine[std::size_t(at)];
         }
     };
     taper(a, wa.signal(), 0);
@@ -162,11 +178,12 @@ std::optional<std::pair<Whitened, Peak>> alignedPeak(std::span<const float> a, s
     if (a.size() < kShortest || b.size() < kShortest || maxLag < 0 ||
         std::size_t(maxLag) >= std::min(a.size(), b.size()))
         return std::nullopt;
-    const auto first = whiten(a, b, 0);
+    const int reach = std::max(maxLag, kLeastSidelobeSpan);
+    const auto first = whiten(a, b, 0, reach);
     if (!first) return std::nullopt;
     const auto rough = integerPeak(*first, maxLag);
     if (!rough) return std::nullopt;
-    auto w = whiten(a, b, rough->lag);
+    auto w = whiten(a, b, rough->lag, reach);
     if (!w) return std::nullopt;
     const auto peak = integerPeak(*w, maxLag);
     if (!peak) return std::nullopt;
