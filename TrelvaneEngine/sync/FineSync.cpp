@@ -139,6 +139,38 @@ std::vector<std::vector<int>> groupsOf(int n, const std::vector<const Edge*>& ed
     return groups;
 }
 
+// The inverse of a symmetric positive definite matrix (row-major, n x n) by Gauss-Jordan; nothing
+// when it is singular. The groups are the clips of one stretch of a shoot: small.
+std::optional<std::vector<double>> inverse(std::vector<double> a, std::size_t n) {
+    std::vector<double> inv(n * n, 0.0);
+    for (std::size_t i = 0; i < n; ++i)
+        inv[i * n + i] = 1;
+    for (std::size_t col = 0; col < n; ++col) {
+        std::size_t pivot = col;
+        for (std::size_t r = col + 1; r < n; ++r)
+            if (std::abs(a[r * n + col]) > std::abs(a[pivot * n + col])) pivot = r;
+        if (!(std::abs(a[pivot * n + col]) > 1e-12)) return std::nullopt;
+        for (std::size_t k = 0; k < n; ++k) {
+            std::swap(a[col * n + k], a[pivot * n + k]);
+            std::swap(inv[col * n + k], inv[pivot * n + k]);
+        }
+        const double d = a[col * n + col];
+        for (std::size_t k = 0; k < n; ++k) {
+            a[col * n + k] /= d;
+            inv[col * n + k] /= d;
+        }
+        for (std::size_t r = 0; r < n; ++r) {
+            if (r == col || a[r * n + col] == 0) continue;
+            const double f = a[r * n + col];
+            for (std::size_t k = 0; k < n; ++k) {
+                a[r * n + k] -= f * a[col * n + k];
+                inv[r * n + k] -= f * inv[col * n + k];
+            }
+        }
+    }
+    return inv;
+}
+
 struct Solution {
     std::vector<double> shift;      // seconds added to the start, per node
     std::vector<double> drift;      // ppm, per node
@@ -153,14 +185,21 @@ void solveGroup(const std::vector<Node>& nodes, const std::vector<int>& members,
     for (int m : members)
         at[m] = int(at.size());
     std::vector<PairwiseOffsetSolver::Measurement> drifts, places;
-    std::vector<double> weightSum(members.size(), 0.0);
+    const std::size_t m = members.size();
+    // The weighted graph Laplacian of the drift measurements: its inverse (with one clip held) is
+    // the covariance of the solved drifts, so that a clip tied to the rest by one loose
+    // measurement is told as loosely known as it is.
+    std::vector<double> laplacian(m * m, 0.0);
     for (const Edge* e : edges) {
         if (!at.count(e->from)) continue;
         const double error = std::max(e->found->driftUncertaintyPPM, kLeastDriftErrorPPM);
         const float weight = float(1.0 / (error * error));
         drifts.push_back({at[e->from], at[e->to], e->found->driftPPM, weight});
-        weightSum[at[e->from]] += weight;
-        weightSum[at[e->to]] += weight;
+        const std::size_t i = std::size_t(at[e->from]), j = std::size_t(at[e->to]);
+        laplacian[i * m + i] += weight;
+        laplacian[j * m + j] += weight;
+        laplacian[i * m + j] -= weight;
+        laplacian[j * m + i] -= weight;
     }
     auto drift = PairwiseOffsetSolver::solve(int(members.size()), 0, drifts);
     // The pictures' clock is the timeline's.
@@ -186,7 +225,34 @@ void solveGroup(const std::vector<Node>& nodes, const std::vector<int>& members,
     for (std::size_t k = 0; k < members.size(); ++k) {
         out.shift[members[k]] = shift[k] - middle;
         out.drift[members[k]] = drift[k];
-        out.driftError[members[k]] = weightSum[k] > 0 ? 1.0 / std::sqrt(weightSum[k]) : 0.0;
+    }
+    // Covariance with the first clip held, then told against the gauge: the mean of the clips
+    // that set it (the median's spread is near enough that of the mean).
+    std::vector<double> held((m - 1) * (m - 1));
+    for (std::size_t r = 1; r < m; ++r)
+        for (std::size_t c = 1; c < m; ++c)
+            held[(r - 1) * (m - 1) + (c - 1)] = laplacian[r * m + c];
+    const auto covariance = inverse(std::move(held), m - 1);
+    if (!covariance) return;
+    const auto cov = [&](std::size_t r, std::size_t c) {
+        return r == 0 || c == 0 ? 0.0 : (*covariance)[(r - 1) * (m - 1) + (c - 1)];
+    };
+    std::vector<std::size_t> setters;
+    for (std::size_t k = 0; k < m; ++k)
+        if (nodes[members[k]].video) setters.push_back(k);
+    if (setters.empty())
+        for (std::size_t k = 0; k < m; ++k)
+            setters.push_back(k);
+    const double g = 1.0 / double(setters.size());
+    double gaugeVariance = 0;
+    for (const std::size_t a : setters)
+        for (const std::size_t b : setters)
+            gaugeVariance += g * g * cov(a, b);
+    for (std::size_t k = 0; k < m; ++k) {
+        double withGauge = 0;
+        for (const std::size_t a : setters)
+            withGauge += g * cov(k, a);
+        out.driftError[members[k]] = std::sqrt(std::max(0.0, cov(k, k) - 2 * withGauge + gaugeVariance));
     }
 }
 
