@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
-// Feeds arbitrary bytes to both cache-entry readers. Beyond memory errors (ASan) and undefined
+// Feeds arbitrary bytes to the three cache-entry readers. Beyond memory errors (ASan) and undefined
 // behaviour (UBSan), it checks what the header promises: an entry that reads is a well-formed value
 // of finite numbers that writes back to exactly the same bytes, so no input is read in two ways.
 // Entries are read as the file whose key text is kKeyText; the seed corpus holds entries of it.
@@ -57,6 +57,14 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         const auto again = EC::serializeBands(kKeyText, *feature);
         require(again && same(*again, bytes));
         require(!EC::deserializeBands(bytes, "/shoot/A002.WAV|4096|1700000000"));
+    }
+
+    if (const auto numbers = EC::deserializeNumbers(bytes, kKeyText)) {
+        require(16 + kKeyText.size() + 8 * numbers->size() == size);
+        require(std::all_of(numbers->begin(), numbers->end(), [](double v) { return std::isfinite(v); }));
+        const auto again = EC::serializeNumbers(kKeyText, *numbers);
+        require(again && same(*again, bytes));
+        require(!EC::deserializeNumbers(bytes, "/shoot/A002.WAV|4096|1700000000"));
     }
     return 0;
 }

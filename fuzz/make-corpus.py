@@ -46,10 +46,18 @@ def bands_entry(bands, frames):
     return sealed(body)
 
 
+def numbers_entry(values):
+    body = struct.pack("<II", 1, len(KEY)) + KEY + struct.pack("<I", len(values))
+    body += struct.pack("<%dd" % len(values), *values)
+    return sealed(body)
+
+
 write("envelope_cache_fuzz", "pair-empty", pair_entry(0.0, [], []))
 write("envelope_cache_fuzz", "pair-small", pair_entry(12.5, [i / 10.0 for i in range(10)], [0.25] * 20))
 write("envelope_cache_fuzz", "bands-empty", bands_entry(0, 0))
 write("envelope_cache_fuzz", "bands-small", bands_entry(8, 12))
+write("envelope_cache_fuzz", "numbers-empty", numbers_entry([]))
+write("envelope_cache_fuzz", "numbers-pair", numbers_entry([-0.0123, 41.5, 125.0, 0.2, 4, 4, 4, 1e-5]))
 
 # ---- riff_fuzz ----------------------------------------------------------------------------------
 
