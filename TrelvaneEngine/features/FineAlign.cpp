@@ -295,7 +295,12 @@ std::optional<Refinement> refinePair(const Pair& pair, const Options& options) {
             return std::nullopt;
         }
         const auto lag = gccPhat(a, b, maxLag);
-        if (!lag || lag->confidence < options.minConfidence) continue;
+        if (!lag || lag->confidence < options.minConfidence) {
+            // Once too few windows are left to agree, the pair is refused whatever they say: a
+            // pair placed seconds out costs two windows, not all of them.
+            if (result.windowsTried - int(points.size()) > count - options.minAgreeing) return std::nullopt;
+            continue;
+        }
         // A sound that comes late in the other file's window means that file starts earlier
         // than it is placed.
         points.push_back({centre, -lag->samples / kSampleRate});

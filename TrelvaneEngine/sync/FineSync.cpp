@@ -42,29 +42,6 @@ struct Edge {
     double centre = 0; // timeline time of the measurement
 };
 
-// Whether a weak clip's place came from its own sound (or its lead channel's): one laid by a clock
-// or between neighbours is seconds out as often as not, and a search of a few tens of
-// milliseconds around it would only spend the decoding.
-bool weakButHeard(const ClipItem& clip) {
-    using enum PlacementPass;
-    if (clip.syncStatus != SyncStatus::weak || !clip.placementPass) return false;
-    switch (*clip.placementPass) {
-    case reference:
-    case unlinkedBackup:
-    case clock:
-    case interpolated:
-    case interpolatedNoAudio:
-    case channelOfReference:
-    case channelOfUnlinkedBackup:
-    case channelOfClock:
-    case channelOfInterpolated:
-    case channelOfInterpolatedNoAudio:
-        return false;
-    default:
-        return true;
-    }
-}
-
 std::string regionOf(const TrackSource& track, const ClipItem& clip) {
     return track.session + '\x1f' + clip.dayRegion.value_or(track.dayRegion.value_or("default"));
 }
@@ -299,7 +276,9 @@ std::vector<TrackSource> refine(std::vector<TrackSource> tracks, const Options& 
     for (int si = 0; si < int(tracks.size()); ++si)
         for (int ci = 0; ci < int(tracks[si].clips.size()); ++ci) {
             const ClipItem& c = tracks[si].clips[ci];
-            if ((c.syncStatus != SyncStatus::synced && !weakButHeard(c)) ||
+            // A weak clip is measured too, even one its clock placed: a clock is often right to a
+            // few tens of milliseconds, and a pair that is not costs only two windows (below).
+            if ((c.syncStatus != SyncStatus::synced && c.syncStatus != SyncStatus::weak) ||
                 c.audioUsability != AudioUsability::ok || c.duration < kShortestMatchableClip)
                 continue;
             nodes.push_back({si, ci, c.startOffset, c.startOffset + c.duration, regionOf(tracks[si], c),

@@ -133,12 +133,10 @@ TEST(FineSync, AStopLeavesTheTimelineAsItWasAndWeakClipsFollowSyncedOnes) {
     const auto stopped = FineSync::refine(shoot.tracks, options(), {}, stop.get_token());
     EXPECT_EQ(at(stopped, 1, 0).startOffset, at(shoot.tracks, 1, 0).startOffset);
 
-    // A weak clip its sound placed is lined up with the synced clips it overlaps but never moves
-    // them; one its clock placed is not measured.
+    // A weak clip is lined up with the synced clips it overlaps but never moves them, and one
+    // that can't be says nothing: weak already tells the user to check it by ear.
     shoot.tracks[1].clips[0].syncStatus = SyncStatus::weak;
-    shoot.tracks[1].clips[0].placementPass = PlacementPass::bracketFill;
     shoot.tracks[1].clips[1].syncStatus = SyncStatus::weak;
-    shoot.tracks[1].clips[1].placementPass = PlacementPass::clock;
     const auto withWeak = FineSync::refine(shoot.tracks, options(), {});
     EXPECT_NEAR(at(withWeak, 1, 0).startOffset - at(withWeak, 0, 0).startOffset, Shoot::kRecorderStart, 3e-5);
     EXPECT_EQ(at(withWeak, 1, 0).syncStatus, SyncStatus::weak);
