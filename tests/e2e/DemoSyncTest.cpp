@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <gtest/gtest.h>
 #include <map>
+#include <nlohmann/json.hpp>
 
 namespace trelvane::test {
 namespace {
@@ -62,10 +63,57 @@ TEST(DemoSync, CacheStateAndWorkerCountNeverChangeTheAnswer) {
     }
     std::filesystem::remove(cache / (keys[1] + ".bands"));
     std::filesystem::remove(cache / keys[3]);
+    // And half of the pairs' fine alignments.
+    std::vector<std::filesystem::path> fine;
+    for (const auto& e : std::filesystem::directory_iterator(cache))
+        if (e.path().extension() == ".fine") fine.push_back(e.path());
+    std::sort(fine.begin(), fine.end());
+    ASSERT_GE(fine.size(), 10u);
+    for (std::size_t k = 0; k < fine.size(); k += 2)
+        std::filesystem::remove(fine[k]);
     sync(shared, "half a cache", "");
 
     sync(alone, "one worker, empty cache", "TRELVANE_WORKERS=1");
     sync(alone, "eight workers, full cache", "TRELVANE_WORKERS=8");
+}
+
+// Every synced clip lies within a millisecond of where its sound lines up with the others' (the
+// truth counts each device's distance from the stage), and nothing that was not measured is
+// given a drift.
+TEST(DemoSync, EverySyncedClipLiesWithinAMillisecondOfItsSound) {
+    const std::string root = demoRoot();
+    ASSERT_FALSE(HasFailure());
+    TempDir home;
+    const auto report = home / "report.json";
+    const auto run =
+        runShell(cliEnvironment(home) + " " + quoted(TRELVANE_CLI_PATH) + " sync " +
+                 quoted(root + "/demo/shoot") + " --report " + quoted(report.string()) + " 2>&1");
+    ASSERT_EQ(run.status, 0) << run.out;
+    const auto truthFile = nlohmann::json::parse(slurp(root + "/demo/truth.json"));
+    const auto reportFile = nlohmann::json::parse(slurp(report));
+    std::map<std::string, double> truth;
+    for (const auto& f : truthFile["files"])
+        if (f["matchable"] == true) truth[root + "/demo/" + f["path"].get<std::string>()] = f["start"];
+    std::vector<std::pair<std::string, double>> placed;
+    for (const auto& t : reportFile["tracks"])
+        for (const auto& c : t["clips"]) {
+            const std::string url = c["url"];
+            if (c["syncStatus"] != "synced") {
+                EXPECT_TRUE(c["driftPPM"].is_null() || c["syncStatus"] == "weak") << url;
+                continue;
+            }
+            ASSERT_TRUE(truth.count(url)) << url << " is synced but not matchable";
+            placed.push_back({url, c["startOffset"].get<double>() - truth[url]});
+            EXPECT_TRUE(c["driftPPM"].is_number()) << url;
+        }
+    ASSERT_GE(placed.size(), 12u);
+    std::vector<double> shifts;
+    for (const auto& [_, d] : placed)
+        shifts.push_back(d);
+    std::nth_element(shifts.begin(), shifts.begin() + std::ptrdiff_t(shifts.size() / 2), shifts.end());
+    const double shift = shifts[shifts.size() / 2];
+    for (const auto& [url, d] : placed)
+        EXPECT_NEAR(d, shift, 1e-3) << url;
 }
 
 } // namespace
