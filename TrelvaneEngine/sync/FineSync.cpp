@@ -8,6 +8,7 @@
 #include "TrelvaneEngine/sync/SyncEngine.hpp"
 
 #include <algorithm>
+#include <array>
 #include <cmath>
 #include <map>
 #include <numeric>
@@ -291,30 +292,21 @@ std::vector<TrackSource> refine(std::vector<TrackSource> tracks, const Options& 
     };
 
     // Each clip's partners: the synced clips of other tracks in its region that overlap it longest.
-    std::set<std::pair<int, int>> chosen;
-    std::vector<bool> hadPartner(n, false);
+    std::vector<std::vector<int>> candidates(n);
     for (int i = 0; i < n; ++i) {
-        std::vector<int> others;
         for (int j = 0; j < n; ++j)
             if (nodes[j].synced && nodes[j].si != nodes[i].si && nodes[j].region == nodes[i].region &&
                 overlap(i, j) >= options.leastOverlap)
-                others.push_back(j);
-        std::stable_sort(others.begin(), others.end(),
+                candidates[i].push_back(j);
+        std::stable_sort(candidates[i].begin(), candidates[i].end(),
                          [&](int a, int b) { return overlap(i, a) > overlap(i, b); });
-        if (int(others.size()) > options.partnersPerClip) others.resize(std::size_t(options.partnersPerClip));
-        for (int j : others) {
-            chosen.insert({std::min(i, j), std::max(i, j)});
-            hadPartner[i] = true;
-            if (nodes[i].synced) hadPartner[j] = true;
-        }
     }
+    std::vector<bool> hadPartner(n, false);
+    std::set<std::pair<int, int>> chosen;
     std::vector<Edge> edges;
-    for (const auto& [i, j] : chosen)
-        edges.push_back({i, j, std::nullopt, 0});
 
     // Measured with the reference at 0: the result then does not depend on where the timeline
     // happens to start, and the cache holds it exactly.
-    std::size_t done = 0;
     const std::function<std::optional<FineAlign::Refinement>(std::size_t)> job = [&](std::size_t k) {
         const Node &a = nodes[edges[k].from], &b = nodes[edges[k].to];
         FineAlign::Pair pair{clipOf(edges[k].from).url,
@@ -325,19 +317,76 @@ std::vector<TrackSource> refine(std::vector<TrackSource> tracks, const Options& 
                              std::min(a.end, b.end) - a.start};
         return measurePair(pair, options);
     };
-    const std::function<void(std::size_t, std::optional<FineAlign::Refinement>)> keep =
-        [&](std::size_t k, std::optional<FineAlign::Refinement> found) {
-            edges[k].found = found;
-            if (found) edges[k].centre = nodes[edges[k].from].start + found->centre;
-            ++done;
-            if (onProgress)
-                onProgress(
-                    {double(done) / double(edges.size()), clipOf(edges[k].to).url.lastPathComponent()});
+    // The partners that overlap longest first; a clip none of them could be measured against
+    // (its shared stretch quiet, or only one of them hearing it well) tries as many again.
+    constexpr int kRounds = 2;
+    const std::array<double, kRounds + 1> progressAt{0.0, 0.85, 1.0};
+    for (int round = 0; round < kRounds; ++round) {
+        const std::size_t first = edges.size();
+        for (int i = 0; i < n; ++i) {
+            const bool measured = std::any_of(edges.begin(), edges.end(), [&](const Edge& e) {
+                return e.found && (e.from == i || e.to == i) && nodes[e.from].synced && nodes[e.to].synced;
+            });
+            const bool heardByASyncedClip = std::any_of(edges.begin(), edges.end(), [&](const Edge& e) {
+                return e.found && (e.from == i || e.to == i);
+            });
+            if (round > 0 && (nodes[i].synced ? measured : heardByASyncedClip)) continue;
+            const auto from = std::min(candidates[i].size(), std::size_t(round * options.partnersPerClip));
+            const auto to =
+                std::min(candidates[i].size(), std::size_t((round + 1) * options.partnersPerClip));
+            for (auto k = from; k < to; ++k) {
+                const int j = candidates[i][k];
+                hadPartner[i] = true;
+                if (nodes[i].synced) hadPartner[j] = true;
+                if (chosen.insert({std::min(i, j), std::max(i, j)}).second)
+                    edges.push_back({std::min(i, j), std::max(i, j), std::nullopt, 0});
+            }
+        }
+        // Bridges: where the partners chosen leave the synced clips in groups that overlaps
+        // would join, the longest overlap between two groups joins them. Each group would
+        // otherwise keep its own band placement against the others, a few milliseconds out.
+        std::vector<int> parent(n);
+        std::iota(parent.begin(), parent.end(), 0);
+        const auto join = [&](int i, int j) { parent[rootOf(parent, i)] = rootOf(parent, j); };
+        for (std::size_t k = 0; k < edges.size(); ++k)
+            if (nodes[edges[k].from].synced && nodes[edges[k].to].synced && (k >= first || edges[k].found))
+                join(edges[k].from, edges[k].to);
+        std::vector<std::pair<int, int>> links;
+        for (int i = 0; i < n; ++i)
+            if (nodes[i].synced)
+                for (const int j : candidates[i])
+                    if (i < j) links.push_back({i, j});
+        std::stable_sort(links.begin(), links.end(), [&](const auto& a, const auto& b) {
+            return overlap(a.first, a.second) > overlap(b.first, b.second);
+        });
+        for (const auto& [i, j] : links)
+            if (rootOf(parent, i) != rootOf(parent, j) && chosen.insert({i, j}).second) {
+                edges.push_back({i, j, std::nullopt, 0});
+                join(i, j);
+            }
+        std::sort(edges.begin() + std::ptrdiff_t(first), edges.end(), [](const Edge& a, const Edge& b) {
+            return std::pair{a.from, a.to} < std::pair{b.from, b.to};
+        });
+        std::size_t done = 0;
+        const std::function<void(std::size_t, std::optional<FineAlign::Refinement>)> keep =
+            [&](std::size_t k, std::optional<FineAlign::Refinement> found) {
+                Edge& e = edges[first + k];
+                e.found = found;
+                if (found) e.centre = nodes[e.from].start + found->centre;
+                ++done;
+                if (onProgress)
+                    onProgress({progressAt[round] + (progressAt[round + 1] - progressAt[round]) *
+                                                        double(done) / double(edges.size() - first),
+                                clipOf(e.to).url.lastPathComponent()});
+            };
+        const std::function<std::optional<FineAlign::Refinement>(std::size_t)> shifted = [&](std::size_t k) {
+            return job(first + k);
         };
-    WorkerWindow::run<std::optional<FineAlign::Refinement>>(
-        options.workers > 0 ? options.workers : std::max(WorkerWindow::processorCount(), 2), edges.size(),
-        job, keep, stop);
-    if (stop.stop_requested()) return input;
+        WorkerWindow::run<std::optional<FineAlign::Refinement>>(
+            options.workers > 0 ? options.workers : std::max(WorkerWindow::processorCount(), 2),
+            edges.size() - first, shifted, keep, stop);
+        if (stop.stop_requested()) return input;
+    }
 
     // Solved together, dropping the worst pair while any lies out of tolerance.
     std::vector<const Edge*> kept;
