@@ -1,8 +1,9 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 // Sound between frames and clock drift in the exports, read back from each document: FCPXML and
-// OTIO keep a recorder on its sample and stretch a drifting clip so that its end lines up, and a
-// drift too small to matter changes nothing.
+// OTIO keep a recorder on its sample, every format stretches a drifting clip so that its end lines
+// up, FCP7 says how far its frames moved the sound, and a drift too small to matter changes nothing.
 #include "TestSupport.hpp"
+#include "Trelvane/export/ExportFlow.hpp"
 #include "Trelvane/export/FCP7Exporter.hpp"
 #include "Trelvane/export/FCPXMLExporter.hpp"
 #include "Trelvane/export/OTIOExporter.hpp"
@@ -91,6 +92,35 @@ std::vector<OtioClip> otioClips(const json& doc, const std::string& name) {
     return found;
 }
 
+// The first timeline clip item of the named file in an FCP7 document: its numbers and its speed.
+struct Fcp7Item {
+    int start = 0, in = 0, out = 0;
+    std::optional<double> speed;
+};
+
+std::string between(const std::string& text, const std::string& open, const std::string& close,
+                    std::size_t from = 0) {
+    const auto a = text.find(open, from);
+    if (a == std::string::npos) return {};
+    const auto b = text.find(close, a + open.size());
+    return text.substr(a + open.size(), b - a - open.size());
+}
+
+Fcp7Item fcp7Item(const std::string& xml, const std::string& name) {
+    for (auto at = xml.find("<clipitem id=\"clipitem-"); at != std::string::npos;
+         at = xml.find("<clipitem id=\"clipitem-", at + 1)) {
+        const std::string item = xml.substr(at, xml.find("</clipitem>", at) - at);
+        if (between(item, "<name>", "</name>") != name) continue;
+        Fcp7Item out{std::stoi(between(item, "<start>", "</start>")),
+                     std::stoi(between(item, "<in>", "</in>")), std::stoi(between(item, "<out>", "</out>")),
+                     std::nullopt};
+        if (const auto speed = item.find("<parameterid>speed</parameterid>"); speed != std::string::npos)
+            out.speed = std::stod(between(item, "<value>", "</value>", speed));
+        return out;
+    }
+    throw std::runtime_error("no clip item " + name);
+}
+
 } // namespace
 
 TEST(DriftExport, FcpxmlPlacesSoundOnItsSampleAndStretchesDriftingClips) {
@@ -157,6 +187,49 @@ TEST(DriftExport, OtioCountsSoundInSamplesAndWarpsDriftingClips) {
             EXPECT_EQ(read.effects[0]["time_scalar"].get<double>(), *clip.driftSpeed(frame));
         }
     }
+}
+
+TEST(DriftExport, Fcp7RemapsDriftingClipsOnFramesAndSaysHowFarItMovedTheSound) {
+    const auto session = driftSession();
+    const struct {
+        ExportStyle style;
+        double fps;
+    } cases[] = {{ExportStyle::premiere, 25}, {ExportStyle::resolve, 29.97}};
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.fps);
+        const auto ri = FCP7Exporter::rateInfo(c.fps);
+        const std::string xml = FCP7Exporter::buildXML(session, c.fps, c.style, ChannelLayout::perChannel);
+        for (const char* name : {"LONG.WAV", "LONG.MOV"}) {
+            SCOPED_TRACE(name);
+            const ClipItem& clip = clipNamed(session, name);
+            const auto item = fcp7Item(xml, name);
+            EXPECT_EQ(item.start, ri.frames(clip.startOffset));
+            EXPECT_EQ(item.out - item.in, ri.frames(clip.timelineDuration(1.0 / ri.effectiveRate())));
+            ASSERT_TRUE(item.speed);
+            // Whole frames at both ends: the speed is good to one frame over the clip.
+            EXPECT_NEAR(*item.speed, 100 * *clip.driftSpeed(1.0 / ri.effectiveRate()),
+                        100.0 / (item.out - item.in));
+            EXPECT_NEAR(*item.speed * (item.out - item.in) / 100, ri.frames(clip.duration), 0.5);
+        }
+        EXPECT_FALSE(fcp7Item(xml, "SHORT.WAV").speed);
+    }
+
+    // 19.3 ms, 7 ms and nothing at 25 fps; no line where nothing moves, nor for the other targets.
+    ExportSummary summary;
+    summary.soundOffsets = {0.0193, 1.007, 2.0};
+    EXPECT_EQ(summary.snapLine(ExportTarget::premiere, 25),
+              "audio snapped to frames: up to 19.3 ms (mean 8.8 ms)");
+    EXPECT_TRUE(summary.snapLine(ExportTarget::resolve, 25));
+    EXPECT_FALSE(summary.snapLine(ExportTarget::finalCut, 25));
+    EXPECT_FALSE(summary.snapLine(ExportTarget::otio, 25));
+    summary.soundOffsets = {0.0004, 3.0};
+    EXPECT_FALSE(summary.snapLine(ExportTarget::premiere, 25));
+    // Only sound that was heard counts.
+    auto silent = driftSession();
+    for (auto& track : silent)
+        for (auto& clip : track.clips)
+            clip.audioUsability = AudioUsability::silent;
+    EXPECT_TRUE(makeExportSummary(silent).soundOffsets.empty());
 }
 
 // A drift that moves the end by less than a quarter of a frame leaves every document as it was.
