@@ -173,9 +173,15 @@ std::vector<ClipPlan> makePlans(const std::vector<TrackSource>& videoSrcs,
 
 // ---- clip helpers ---------------------------------------------------------------------------
 
+std::optional<double> driftCorrection(const ClipItem& clip, double frameSeconds) {
+    const auto speed = clip.driftSpeed(frameSeconds);
+    if (!speed || !std::isfinite(*speed) || !(*speed > 0)) return std::nullopt;
+    return speed;
+}
+
 std::optional<ItemTiming> pictureTiming(const ClipItem& clip, const RateInfo& ri) {
     if (!clip.pictureURL || *clip.pictureURL == clip.url) return std::nullopt;
-    const auto drift = clip.driftSpeed(1.0 / ri.effectiveRate());
+    const auto drift = driftCorrection(clip, 1.0 / ri.effectiveRate());
     const double played = clip.pictureDuration();
     ItemTiming timing;
     timing.timelineFrames = std::max(ri.frames(drift ? played / *drift : played), 1);
@@ -193,9 +199,9 @@ ItemTiming fileTiming(const ClipItem& clip, const RateInfo& ri) {
     const double frameSeconds = 1.0 / ri.effectiveRate();
     ItemTiming timing;
     timing.sourceFrames = ri.frames(clip.duration);
-    timing.timelineFrames = ri.frames(clip.timelineDuration(frameSeconds));
-    if (clip.driftSpeed(frameSeconds) && timing.sourceFrames != timing.timelineFrames &&
-        timing.timelineFrames > 0)
+    const auto drift = driftCorrection(clip, frameSeconds);
+    timing.timelineFrames = ri.frames(drift ? clip.duration / *drift : clip.duration);
+    if (drift && timing.sourceFrames != timing.timelineFrames && timing.timelineFrames > 0)
         timing.speed = static_cast<double>(timing.sourceFrames) / timing.timelineFrames * 100.0;
     return timing;
 }
@@ -771,7 +777,10 @@ std::string buildXML(const std::vector<TrackSource>& sources, double fps, Export
     double end = 0;
     for (const auto& track : sources)
         for (const auto& clip : track.clips)
-            end = std::max(end, clip.startOffset + clip.timelineDuration(1.0 / w.ri.effectiveRate()));
+            if (const auto drift = driftCorrection(clip, 1.0 / w.ri.effectiveRate()))
+                end = std::max(end, clip.startOffset + clip.duration / *drift);
+            else
+                end = std::max(end, clip.startOffset + clip.duration);
     const int sequenceFrames = w.ri.frames(end);
 
     const std::vector<ClipPlan> plans = makePlans(videoSrcs, audioSrcs, channels);

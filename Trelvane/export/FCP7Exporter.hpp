@@ -95,6 +95,10 @@ AudioTrackMap videoAudioTrackMap(const std::vector<TrackSource>& videoSrcs, Chan
 std::vector<ClipPlan> makePlans(const std::vector<TrackSource>& videoSrcs,
                                 const std::vector<TrackSource>& audioSrcs, ChannelLayout channels);
 
+// The speed that cancels the clip's drift on a timeline of frames `frameSeconds` long
+// (`ClipItem::driftSpeed`), where that is a speed at all: nothing for one that is not a positive
+// finite number, as a damaged drift figure would give.
+std::optional<double> driftCorrection(const ClipItem& clip, double frameSeconds);
 // Nothing unless the clip has a picture file of its own.
 std::optional<ItemTiming> pictureTiming(const ClipItem& clip, const RateInfo& ri);
 // The clip's own file (its sound, or a camera file's picture and sound): its frames, and where its

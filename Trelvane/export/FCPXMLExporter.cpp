@@ -175,7 +175,7 @@ struct Builder {
     // the time map that plays its whole asset over that length.
     Placement sound(const ClipItem& clip, std::vector<std::string>& children) const {
         const bool between = !onFrame(clip.startOffset);
-        const auto speed = clip.driftSpeed(frameSeconds());
+        const auto speed = FCP7Exporter::driftCorrection(clip, frameSeconds());
         if (!between && !speed) return framed(clip, num(clip.duration));
         Placement p;
         p.offset = between ? audioRational(samples(clip.startOffset)) : time(clip.startOffset);
@@ -304,7 +304,7 @@ std::string build(const std::vector<TrackSource>& sources, double fps, ChannelLa
                                                   std::max(clip.channelCount, 2));
 
             // A conformed picture and a drifting clock both change the speed; together they multiply.
-            const auto drift = clip.driftSpeed(b.frameSeconds());
+            const auto drift = FCP7Exporter::driftCorrection(clip, b.frameSeconds());
             const double conform = speedRatio(clip);
             const double ratio = drift ? (conform == 0 ? 1.0 : conform) * *drift : conform;
             const double sourceSeconds =

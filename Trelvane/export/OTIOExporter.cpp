@@ -186,7 +186,7 @@ json document(const std::vector<TrackSource>& sources, double fps, ChannelLayout
         Entry e;
         e.clip = &clip;
         e.file = file;
-        e.speed = clip.driftSpeed(1.0 / frameRate);
+        e.speed = FCP7Exporter::driftCorrection(clip, 1.0 / frameRate);
         e.start = count(clip.startOffset, rate);
         e.duration = std::max(count(e.speed ? seconds / *e.speed : seconds, rate), 0LL);
         e.available = std::max(count(clip.duration, rate), 0LL);
@@ -201,7 +201,7 @@ json document(const std::vector<TrackSource>& sources, double fps, ChannelLayout
             if (std::isfinite(frames) &&
                 std::fabs(frames - std::round(frames)) / frameRate * kAudioRate > 0.5)
                 return kAudioRate;
-            if (clip->driftSpeed(1.0 / frameRate)) return kAudioRate;
+            if (FCP7Exporter::driftCorrection(*clip, 1.0 / frameRate)) return kAudioRate;
         }
         return frameRate;
     };

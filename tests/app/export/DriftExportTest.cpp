@@ -232,14 +232,17 @@ TEST(DriftExport, Fcp7RemapsDriftingClipsOnFramesAndSaysHowFarItMovedTheSound) {
     EXPECT_TRUE(makeExportSummary(silent).soundOffsets.empty());
 }
 
-// A drift that moves the end by less than a quarter of a frame leaves every document as it was.
-TEST(DriftExport, ADriftUnderAQuarterFrameChangesNothing) {
+// A drift that moves the end by less than a quarter of a frame, or that is no speed at all (a
+// damaged figure), leaves every document as it was.
+TEST(DriftExport, ADriftUnderAQuarterFrameOrUnusableChangesNothing) {
     auto plain = test::exportSession();
     auto drifting = plain;
+    const double unusable[] = {-1e6, -3e6, std::nan("")};
+    std::size_t n = 0;
     for (auto& track : drifting)
         for (auto& clip : track.clips)
             // 4 ms over the clip: under a quarter of the shortest frame offered (4.17 ms at 59.94).
-            clip.driftPPM = 4e-3 / clip.duration * 1e6;
+            clip.driftPPM = n < 3 ? unusable[n++] : 4e-3 / clip.duration * 1e6;
     for (const double fps : {23.976, 25.0, 59.94}) {
         SCOPED_TRACE(fps);
         for (const auto style : {ExportStyle::premiere, ExportStyle::resolve})
