@@ -294,7 +294,10 @@ int runSync(const SyncOptions& options, const CommonOptions& common) {
             Notifier::stageDone(written.noticeTitle, written.noticeBody);
             out << word << ": " << terminalSafe(written.path.string()) << "  (" << written.summary.trackCount
                 << " tracks, " << written.summary.clipCount << " clips, " << written.summary.durationString()
-                << ")\n";
+                << ")";
+            if (const auto snap = written.summary.snapLine(written.options.target, written.options.fps))
+                out << "  ·  " << *snap;
+            out << '\n';
         } catch (const ExportError& e) {
             return refuse(e.what());
         }

@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 #include "Trelvane/export/ExportOptions.hpp"
 
+#include "Trelvane/export/FCP7Exporter.hpp"
+
 #include <algorithm>
 #include <cmath>
 #include <fmt/printf.h>
@@ -169,6 +171,23 @@ std::string ExportSummary::durationString() const {
     return fmt::sprintf("%02d:%02d:%02d", total / 3600, (total / 60) % 60, total % 60);
 }
 
+std::optional<std::string> ExportSummary::snapLine(ExportTarget target, double fps) const {
+    if (target != ExportTarget::premiere && target != ExportTarget::resolve) return std::nullopt;
+    if (soundOffsets.empty() || !std::isfinite(fps) || fps <= 0) return std::nullopt;
+    const auto ri = FCP7Exporter::rateInfo(fps);
+    double largest = 0, total = 0;
+    for (const double offset : soundOffsets) {
+        const double moved = std::fabs(ri.frames(offset) / ri.effectiveRate() - offset);
+        if (!std::isfinite(moved)) continue;
+        largest = std::max(largest, moved);
+        total += moved;
+    }
+    // Half a millisecond is about as far as sound travels in 17 cm: no one hears it.
+    if (!(largest * 1000 > 0.5)) return std::nullopt;
+    return fmt::sprintf("audio snapped to frames: up to %.1f ms (mean %.1f ms)", largest * 1000,
+                        total / static_cast<double>(soundOffsets.size()) * 1000);
+}
+
 ExportSummary makeExportSummary(const std::vector<TrackSource>& sources) {
     ExportSummary summary;
     summary.trackCount = static_cast<int>(sources.size());
@@ -177,6 +196,7 @@ ExportSummary makeExportSummary(const std::vector<TrackSource>& sources) {
             ++summary.clipCount;
             summary.duration = std::max(summary.duration, clip.startOffset + clip.duration);
             summary.maxChannels = std::max(summary.maxChannels, std::max(clip.channelCount, 1));
+            if (clip.audioUsability == AudioUsability::ok) summary.soundOffsets.push_back(clip.startOffset);
         }
     return summary;
 }

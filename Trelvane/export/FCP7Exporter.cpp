@@ -173,19 +173,47 @@ std::vector<ClipPlan> makePlans(const std::vector<TrackSource>& videoSrcs,
 
 // ---- clip helpers ---------------------------------------------------------------------------
 
-std::optional<PictureTiming> pictureTiming(const ClipItem& clip, const RateInfo& ri) {
+std::optional<double> driftCorrection(const ClipItem& clip, double frameSeconds) {
+    const auto speed = clip.driftSpeed(frameSeconds);
+    if (!speed || !std::isfinite(*speed) || !(*speed > 0)) return std::nullopt;
+    return speed;
+}
+
+std::optional<ItemTiming> pictureTiming(const ClipItem& clip, const RateInfo& ri) {
     if (!clip.pictureURL || *clip.pictureURL == clip.url) return std::nullopt;
-    PictureTiming timing;
-    timing.timelineFrames = std::max(ri.frames(clip.pictureDuration()), 1);
-    if (clip.pictureFrames && *clip.pictureFrames >= 1) {
-        timing.sourceFrames = *clip.pictureFrames;
-        const double speed = static_cast<double>(timing.sourceFrames) / timing.timelineFrames * 100.0;
-        // Below a twentieth of a percent the remap would only add rounding noise.
-        if (std::fabs(speed - 100.0) >= 0.05) timing.speed = speed;
-    } else {
-        timing.sourceFrames = timing.timelineFrames;
-    }
+    const auto drift = driftCorrection(clip, 1.0 / ri.effectiveRate());
+    const double played = clip.pictureDuration();
+    ItemTiming timing;
+    timing.timelineFrames = std::max(ri.frames(drift ? played / *drift : played), 1);
+    const bool counted = clip.pictureFrames && *clip.pictureFrames >= 1;
+    timing.sourceFrames = counted ? *clip.pictureFrames : std::max(ri.frames(played), 1);
+    const double speed = static_cast<double>(timing.sourceFrames) / timing.timelineFrames * 100.0;
+    // Below a twentieth of a percent a conform's remap would only add rounding noise; a drift is
+    // corrected only where it moves the end by a quarter of a frame, so it always counts.
+    if (drift ? timing.sourceFrames != timing.timelineFrames : std::fabs(speed - 100.0) >= 0.05)
+        timing.speed = speed;
     return timing;
+}
+
+ItemTiming fileTiming(const ClipItem& clip, const RateInfo& ri) {
+    const double frameSeconds = 1.0 / ri.effectiveRate();
+    ItemTiming timing;
+    timing.sourceFrames = ri.frames(clip.duration);
+    const auto drift = driftCorrection(clip, frameSeconds);
+    timing.timelineFrames = ri.frames(drift ? clip.duration / *drift : clip.duration);
+    if (drift && timing.sourceFrames != timing.timelineFrames && timing.timelineFrames > 0)
+        timing.speed = static_cast<double>(timing.sourceFrames) / timing.timelineFrames * 100.0;
+    return timing;
+}
+
+std::string speedText(const ItemTiming& timing) {
+    const double speed = timing.speed.value_or(100.0);
+    int decimals = 3;
+    for (double scale = 1e3; decimals < 9; ++decimals, scale *= 10) {
+        const double written = std::round(speed * scale) / scale;
+        if (std::round(timing.timelineFrames * written / 100.0) == timing.sourceFrames) break;
+    }
+    return fmt::sprintf("%.*f", decimals, speed);
 }
 
 std::optional<std::string> reelName(const ClipItem& clip) {
@@ -374,7 +402,7 @@ struct Writer {
         add(indent, "</file>");
     }
 
-    void pictureFileXML(const ClipPlan& plan, const PictureTiming& timing, bool emitFull, int indent) {
+    void pictureFileXML(const ClipPlan& plan, const ItemTiming& timing, bool emitFull, int indent) {
         const int id = plan.pictureFileID.value_or(plan.fileID);
         if (!emitFull) {
             add(indent, fmt::sprintf("<file id=\"file-%d\"/>", id));
@@ -458,7 +486,7 @@ struct Writer {
         add(8, "</clip>");
     }
 
-    void pictureMasterClipXML(const ClipPlan& plan, const PictureTiming& timing) {
+    void pictureMasterClipXML(const ClipPlan& plan, const ItemTiming& timing) {
         const int id = plan.pictureMasterID.value_or(plan.masterClipID);
         const std::string name = plan.clip.pictureURL.value_or(plan.clip.url).lastPathComponent();
         masterClipHead(id, name, timing.sourceFrames);
@@ -512,7 +540,7 @@ struct Writer {
         add(indent, "</format>");
     }
 
-    void timeRemapXML(const PictureTiming& timing, int indent) {
+    void timeRemapXML(const ItemTiming& timing, int indent) {
         if (!timing.speed) return;
         const auto parameter = [&](std::string_view id, const std::optional<std::string>& min,
                                    const std::optional<std::string>& max,
@@ -533,7 +561,7 @@ struct Writer {
         add(indent + 4, "<mediatype>video</mediatype>");
         parameter("variablespeed", "0", "1", "0");
         add(indent + 4, "</parameter>");
-        parameter("speed", "-100000", "100000", fmt::sprintf("%.3f", *timing.speed));
+        parameter("speed", "-100000", "100000", speedText(timing));
         add(indent + 4, "</parameter>");
         parameter("reverse", std::nullopt, std::nullopt, "FALSE");
         add(indent + 4, "</parameter>");
@@ -620,8 +648,9 @@ struct Writer {
             itemTiming(clip.pictureURL->lastPathComponent(), plan.pictureMasterID.value_or(plan.masterClipID),
                        timing->sourceFrames, start, timing->timelineFrames);
         } else {
-            const int length = ri.frames(clip.duration);
-            itemTiming(clip.url.lastPathComponent(), plan.masterClipID, length, start, length);
+            const ItemTiming own = fileTiming(clip, ri);
+            itemTiming(clip.url.lastPathComponent(), plan.masterClipID, own.sourceFrames, start,
+                       own.timelineFrames);
         }
         add(10, "<alphatype>none</alphatype>");
         add(10, "<pixelaspectratio>square</pixelaspectratio>");
@@ -631,6 +660,7 @@ struct Writer {
             timeRemapXML(*timing, 10);
         } else {
             fileXML(plan, emitFullInSequence(plan.fileID), 10);
+            timeRemapXML(fileTiming(clip, ri), 10);
         }
         link(videoID, "video", plan.videoTrackIdx.value_or(1), plan.clipIndexInTrack);
         for (std::size_t k = 0; k < plan.audioItemIDs.size(); ++k)
@@ -643,13 +673,14 @@ struct Writer {
     void audioClipItemXML(const ClipPlan& plan, std::size_t channelIndex, int trackIdx, bool peel) {
         const ClipItem& clip = plan.clip;
         const int itemID = plan.audioItemIDs[channelIndex];
-        const int length = ri.frames(clip.duration);
+        const ItemTiming timing = fileTiming(clip, ri);
         add(8, fmt::sprintf("<clipitem id=\"clipitem-%d\" premiereChannelType=\"%s\">", itemID,
                             plan.channelCount != 1 ? "stereo" : "mono"));
-        itemTiming(clip.url.lastPathComponent(), plan.masterClipID, length, ri.frames(clip.startOffset),
-                   length);
+        itemTiming(clip.url.lastPathComponent(), plan.masterClipID, timing.sourceFrames,
+                   ri.frames(clip.startOffset), timing.timelineFrames);
         fileXML(plan, emitFullInSequence(plan.fileID), 10);
         sourceTrack(10, "audio", static_cast<int>(channelIndex) + 1);
+        timeRemapXML(timing, 10);
         link(plan.videoItemID.value_or(0), "video", plan.videoTrackIdx.value_or(1), plan.clipIndexInTrack);
         for (std::size_t k = 0; k < plan.audioItemIDs.size(); ++k)
             if (!peel || k == channelIndex)
@@ -663,12 +694,13 @@ struct Writer {
     void audioChannelClipItemXML(const ClipPlan& plan, std::size_t channelSlot, bool peel) {
         const ClipItem& clip = plan.clip;
         const int itemID = plan.audioItemIDs[channelSlot];
-        const int length = ri.frames(clip.duration);
+        const ItemTiming timing = fileTiming(clip, ri);
         add(8, fmt::sprintf("<clipitem id=\"clipitem-%d\" premiereChannelType=\"mono\">", itemID));
-        itemTiming(clip.url.lastPathComponent(), plan.masterClipID, length, ri.frames(clip.startOffset),
-                   length);
+        itemTiming(clip.url.lastPathComponent(), plan.masterClipID, timing.sourceFrames,
+                   ri.frames(clip.startOffset), timing.timelineFrames);
         fileXML(plan, emitFullInSequence(plan.fileID), 10);
         sourceTrack(10, "audio", static_cast<int>(channelSlot) + 1);
+        timeRemapXML(timing, 10);
         // Channels of one recording move together unless they were peeled onto tracks of their own.
         if (!peel && plan.audioItemIDs.size() > 1)
             for (std::size_t k = 0; k < plan.audioItemIDs.size(); ++k)
@@ -745,7 +777,10 @@ std::string buildXML(const std::vector<TrackSource>& sources, double fps, Export
     double end = 0;
     for (const auto& track : sources)
         for (const auto& clip : track.clips)
-            end = std::max(end, clip.startOffset + clip.duration);
+            if (const auto drift = driftCorrection(clip, 1.0 / w.ri.effectiveRate()))
+                end = std::max(end, clip.startOffset + clip.duration / *drift);
+            else
+                end = std::max(end, clip.startOffset + clip.duration);
     const int sequenceFrames = w.ri.frames(end);
 
     const std::vector<ClipPlan> plans = makePlans(videoSrcs, audioSrcs, channels);

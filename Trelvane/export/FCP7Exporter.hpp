@@ -7,6 +7,10 @@
 // `buildXML` writes the document line by line from those numbers, so that every cross reference
 // (`masterclipid`, `file id`, `linkclipref`) comes from one place. Nothing here fails or throws:
 // every optional value has a default. All functions are pure and safe from any thread.
+//
+// Everything sits on whole frames, sound included: the format counts nothing finer. A clip whose
+// clock drift is corrected (`ClipItem::driftSpeed`) gets on each of its items the Time Remap that
+// a conformed picture gets, at the speed that makes its end line up as well as its start.
 
 #include "Trelvane/export/ExportOptions.hpp"
 #include "TrelvaneEngine/model/TrackModels.hpp"
@@ -64,11 +68,12 @@ struct ClipPlan {
     bool hasCompanionPicture() const;
 };
 
-// How a companion picture fills the timeline.
-struct PictureTiming {
+// How a clip item fills the timeline: a companion picture played at its conform rate, or any file
+// of a clip whose clock drift is corrected (`ClipItem::driftSpeed`), runs at another speed.
+struct ItemTiming {
     int sourceFrames = 0;
     int timelineFrames = 0;
-    // Playback speed in percent; nothing when there is nothing to remap.
+    // Playback speed in percent, the ratio of the two counts; nothing when there is nothing to remap.
     std::optional<double> speed;
 };
 
@@ -90,8 +95,18 @@ AudioTrackMap videoAudioTrackMap(const std::vector<TrackSource>& videoSrcs, Chan
 std::vector<ClipPlan> makePlans(const std::vector<TrackSource>& videoSrcs,
                                 const std::vector<TrackSource>& audioSrcs, ChannelLayout channels);
 
+// The speed that cancels the clip's drift on a timeline of frames `frameSeconds` long
+// (`ClipItem::driftSpeed`), where that is a speed at all: nothing for one that is not a positive
+// finite number, as a damaged drift figure would give.
+std::optional<double> driftCorrection(const ClipItem& clip, double frameSeconds);
 // Nothing unless the clip has a picture file of its own.
-std::optional<PictureTiming> pictureTiming(const ClipItem& clip, const RateInfo& ri);
+std::optional<ItemTiming> pictureTiming(const ClipItem& clip, const RateInfo& ri);
+// The clip's own file (its sound, or a camera file's picture and sound): its frames, and where its
+// drift is corrected the stretched length it covers and the speed that plays it over that length.
+ItemTiming fileTiming(const ClipItem& clip, const RateInfo& ri);
+// The speed as the time remap writes it: three decimals, or as many more (up to nine) as the
+// timeline length needs to give back the source's frame count.
+std::string speedText(const ItemTiming& timing);
 // The recording day as "yyyyMMdd" in local time, else the name of the clip's folder, else nothing.
 std::optional<std::string> reelName(const ClipItem& clip);
 // "file://localhost" + the percent-encoded path, links resolved where the file exists.

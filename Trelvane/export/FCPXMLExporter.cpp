@@ -9,6 +9,7 @@
 #include <cmath>
 #include <fmt/format.h>
 #include <map>
+#include <numeric>
 #include <string_view>
 
 namespace trelvane::FCPXMLExporter {
@@ -54,6 +55,17 @@ FrameDuration frameDuration(const FCP7Exporter::RateInfo& ri) {
 // Frame counts are kept well inside 64 bits, whatever a clip claims.
 constexpr double kFrameLimit = 1e12;
 
+// The rate every sound asset is described at; sound-only clips are placed on its samples.
+constexpr long long kAudioRate = 48000;
+
+// Where a clip lies on the timeline: its offset and duration as written, and its end in units of
+// 1/den s, rounded up to a whole frame (the gap must hold it).
+struct Placement {
+    std::string offset;
+    std::string duration;
+    long long end = 0;
+};
+
 struct Builder {
     FCP7Exporter::RateInfo ri;
     FrameDuration fd;
@@ -78,6 +90,35 @@ struct Builder {
     }
     std::string rational(long long n) const { return n == 0 ? "0s" : fmt::format("{}/{}s", n, fd.den); }
     std::string time(double seconds) const { return rational(num(seconds)); }
+    double frameSeconds() const { return 1.0 / ri.effectiveRate(); }
+    // A count of 1/den s in seconds.
+    double toSeconds(long long n) const { return static_cast<double>(n) / static_cast<double>(fd.den); }
+
+    // `seconds` in whole samples, clamped as `num` clamps.
+    static long long samples(double seconds) {
+        if (!(seconds > 0)) return 0;
+        return static_cast<long long>(std::round(std::min(seconds, kFrameLimit) * kAudioRate));
+    }
+    // Samples as the shortest exact fraction of a second: 49008 -> "1021/1000s".
+    static std::string audioRational(long long samples) {
+        if (samples == 0) return "0s";
+        const long long d = std::gcd(samples, kAudioRate);
+        if (d == kAudioRate) return fmt::format("{}s", samples / d);
+        return fmt::format("{}/{}s", samples / d, kAudioRate / d);
+    }
+    // Whether `seconds` lies within half a sample of a frame: then the frame is written, exactly as
+    // for picture, and a sound clip placed on a frame reads the same as before samples were offered.
+    bool onFrame(double seconds) const {
+        if (!(seconds > 0)) return true;
+        const double frames = std::min(seconds * ri.effectiveRate(), kFrameLimit);
+        return std::fabs(frames - std::round(frames)) * frameSeconds() * kAudioRate <= 0.5;
+    }
+    // Whole frames that hold `seconds`: the end of a clip placed between frames.
+    long long framesCeil(double seconds) const {
+        if (!(seconds > 0)) return 0;
+        const double frames = std::ceil(std::min(seconds * ri.effectiveRate(), kFrameLimit) - 1e-6);
+        return static_cast<long long>(frames) * fd.num;
+    }
 
     std::string nextResourceID() { return fmt::format("r{}", nextID++); }
 
@@ -117,21 +158,61 @@ struct Builder {
 
     // The source side start of the picture, mapped to the clip's time by the speed ratio; whole
     // frames, so that the start stays on a frame boundary.
-    long long pictureStartNum(const ClipItem& clip) const {
+    long long pictureStartNum(const ClipItem& clip, double ratio) const {
         const long long n = num(clip.pictureTimecode.value_or(0.0));
-        const double ratio = speedRatio(clip);
         if (ratio == 0) return n;
         return static_cast<long long>(std::round(static_cast<double>(n / fd.num) / ratio)) * fd.num;
     }
 
-    std::string clipLine(const std::string& ref, int lane, const ClipItem& clip, const std::string& name,
-                         long long duration, const std::string& start, const std::optional<int>& role,
-                         const std::vector<std::string>& children) {
+    // A picture clip: offset and duration on the frame grid, as the editor requires of video.
+    Placement framed(const ClipItem& clip, long long duration) const {
         const long long offset = num(clip.startOffset);
-        end = std::max(end, offset + duration);
+        return {rational(offset), rational(duration), offset + duration};
+    }
+
+    // A sound-only clip: on its sample where it lies between frames, so that two recorders line up
+    // to the sample; a drift-corrected clip also runs for its stretched length to the sample, with
+    // the time map that plays its whole asset over that length.
+    Placement sound(const ClipItem& clip, std::vector<std::string>& children) const {
+        const bool between = !onFrame(clip.startOffset);
+        const auto speed = FCP7Exporter::driftCorrection(clip, frameSeconds());
+        if (!between && !speed) return framed(clip, num(clip.duration));
+        Placement p;
+        p.offset = between ? audioRational(samples(clip.startOffset)) : time(clip.startOffset);
+        if (!speed) {
+            p.duration = time(clip.duration);
+            p.end = framesCeil(clip.startOffset + toSeconds(num(clip.duration)));
+            return p;
+        }
+        // The asset is described in whole frames; that whole length is what is stretched.
+        const double media = toSeconds(num(clip.duration));
+        const long long stretched = samples(media / *speed);
+        p.duration = audioRational(stretched);
+        p.end =
+            framesCeil(clip.startOffset + static_cast<double>(stretched) / static_cast<double>(kAudioRate));
+        timeMap(children, "0s", p.duration, rational(num(clip.duration)), true);
+        return p;
+    }
+
+    // Two points, the clip's start and end: a constant speed. A clock's error is undone by
+    // playing the sound slower or faster as it was recorded, pitch and all.
+    static void timeMap(std::vector<std::string>& children, const std::string& from, const std::string& to,
+                        const std::string& value, bool drift, const std::string& fromValue = "0s") {
+        children.push_back(drift ? "            <timeMap preservesPitch=\"0\">" : "            <timeMap>");
+        children.push_back("              <timept time=\"" + from + "\" value=\"" + fromValue +
+                           "\" interp=\"smooth2\"/>");
+        children.push_back("              <timept time=\"" + to + "\" value=\"" + value +
+                           "\" interp=\"smooth2\"/>");
+        children.push_back("            </timeMap>");
+    }
+
+    std::string clipLine(const std::string& ref, int lane, const Placement& at, const std::string& name,
+                         const std::string& start, const std::optional<int>& role,
+                         const std::vector<std::string>& children) {
+        end = std::max(end, at.end);
         std::string line = "        <asset-clip ref=\"" + ref + "\" lane=\"" + std::to_string(lane) +
-                           "\" offset=\"" + rational(offset) + "\" name=\"" + XmlText::escape(name) +
-                           "\" duration=\"" + rational(duration) + "\" start=\"" + start;
+                           "\" offset=\"" + at.offset + "\" name=\"" + XmlText::escape(name) +
+                           "\" duration=\"" + at.duration + "\" start=\"" + start;
         if (role) line += "\" audioRole=\"dialogue.dialogue-" + std::to_string(*role);
         if (children.empty()) return line + "\"/>";
         line += "\">";
@@ -222,7 +303,10 @@ std::string build(const std::vector<TrackSource>& sources, double fps, ChannelLa
                                                   "audioRate=\"48000",
                                                   std::max(clip.channelCount, 2));
 
-            const double ratio = speedRatio(clip);
+            // A conformed picture and a drifting clock both change the speed; together they multiply.
+            const auto drift = FCP7Exporter::driftCorrection(clip, b.frameSeconds());
+            const double conform = speedRatio(clip);
+            const double ratio = drift ? (conform == 0 ? 1.0 : conform) * *drift : conform;
             const double sourceSeconds =
                 companion && clip.pictureFrames && clip.conformFrameRate && *clip.conformFrameRate > 0
                     ? *clip.pictureFrames / static_cast<double>(*clip.conformFrameRate)
@@ -233,21 +317,18 @@ std::string build(const std::vector<TrackSource>& sources, double fps, ChannelLa
 
             std::vector<std::string> children;
             long long duration = b.num(clip.pictureDuration());
-            const long long start = b.pictureStartNum(clip);
+            const long long start = b.pictureStartNum(clip, ratio);
             if (ratio != 0) {
                 const double startSeconds = clip.pictureTimecode.value_or(0.0);
                 const long long v0 = b.num(startSeconds), v1 = b.num(startSeconds + sourceSeconds);
                 const long long t0 = start, t1 = b.num((startSeconds + sourceSeconds) / ratio);
-                children.push_back("            <timeMap>");
-                children.push_back("              <timept time=\"" + b.rational(t0) + "\" value=\"" +
-                                   b.rational(v0) + "\" interp=\"smooth2\"/>");
-                children.push_back("              <timept time=\"" + b.rational(t1) + "\" value=\"" +
-                                   b.rational(v1) + "\" interp=\"smooth2\"/>");
-                children.push_back("            </timeMap>");
+                Builder::timeMap(children, b.rational(t0), b.rational(t1), b.rational(v1), drift.has_value(),
+                                 b.rational(v0));
                 duration = std::max(t1 - t0, 0LL);
             }
-            b.clipLines.push_back(b.clipLine(ref, pictureLane, clip, file.lastPathComponent(), duration,
-                                             b.rational(start), std::nullopt, children));
+            b.clipLines.push_back(b.clipLine(ref, pictureLane, b.framed(clip, duration),
+                                             file.lastPathComponent(), b.rational(start), std::nullopt,
+                                             children));
 
             if (companion && clip.audioUsability != AudioUsability::none) {
                 if (!sidecarLane) {
@@ -256,8 +337,10 @@ std::string build(const std::vector<TrackSource>& sources, double fps, ChannelLa
                 }
                 const std::string soundRef = b.assetID(clip.url, "0s", b.time(clip.duration),
                                                        soundAttributes(std::max(clip.channelCount, 1)));
-                b.clipLines.push_back(b.clipLine(soundRef, *sidecarLane, clip, clip.url.lastPathComponent(),
-                                                 b.num(clip.duration), "0s", sidecarRole, {}));
+                std::vector<std::string> soundChildren;
+                const Placement at = b.sound(clip, soundChildren);
+                b.clipLines.push_back(b.clipLine(soundRef, *sidecarLane, at, clip.url.lastPathComponent(),
+                                                 "0s", sidecarRole, soundChildren));
             }
         }
     }
@@ -271,18 +354,21 @@ std::string build(const std::vector<TrackSource>& sources, double fps, ChannelLa
         for (const auto& clip : track.clips) {
             const int count = std::max(clip.channelCount, 1);
             const std::string ref = b.assetID(clip.url, "0s", b.time(clip.duration), soundAttributes(count));
+            std::vector<std::string> timing;
+            const Placement at = b.sound(clip, timing);
             if (n == 1) {
-                b.clipLines.push_back(b.clipLine(ref, firstLane, clip, clip.url.lastPathComponent(),
-                                                 b.num(clip.duration), "0s", firstRole, {}));
+                b.clipLines.push_back(
+                    b.clipLine(ref, firstLane, at, clip.url.lastPathComponent(), "0s", firstRole, timing));
                 continue;
             }
             // One lane per channel; a clip with fewer channels than its track leaves the rest empty.
             for (int c = 0; c < std::min(n, count); ++c) {
-                const std::string child = fmt::format(
+                std::vector<std::string> children = timing;
+                children.push_back(fmt::format(
                     "            <audio-channel-source srcCh=\"{}\" role=\"dialogue.dialogue-{}\"/>", c + 1,
-                    firstRole + c);
-                b.clipLines.push_back(b.clipLine(ref, firstLane + c, clip, clip.url.lastPathComponent(),
-                                                 b.num(clip.duration), "0s", firstRole + c, {child}));
+                    firstRole + c));
+                b.clipLines.push_back(b.clipLine(ref, firstLane + c, at, clip.url.lastPathComponent(), "0s",
+                                                 firstRole + c, children));
             }
         }
     }

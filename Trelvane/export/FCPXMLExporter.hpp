@@ -7,6 +7,12 @@
 // its own ("dialogue.dialogue-1", "-2", ... counted over the audio lanes) and the channel chosen
 // by an `audio-channel-source`.
 //
+// Pictures sit on whole frames, as the editor requires of video. A sound-only clip (a recorder's,
+// or a take's sidecar sound) that lies between frames is placed on its sample at 48 kHz
+// ("1021/1000s"); on a frame it is written as a frame. A clip whose clock drift is corrected
+// (`ClipItem::driftSpeed`) gets a `timeMap` from its start to its end that plays its whole asset
+// over its stretched length, without keeping the pitch (a clock's error changed it too).
+//
 // Pure and stateless: safe from any thread; nothing fails or throws.
 
 #include "Trelvane/export/ExportOptions.hpp"

@@ -2,7 +2,10 @@
 #pragma once
 
 // OpenTimelineIO (`.otio`, JSON): a Timeline.1 holding one Stack.1 of Track.1, each track a run of
-// Clip.2 and Gap.1 items laid end to end. Times are RationalTime.1 in frames at the chosen rate.
+// Clip.2 and Gap.1 items laid end to end. Times are RationalTime.1 in frames at the chosen rate,
+// except on an audio track with a clip between frames or a drift-corrected clip: that track counts
+// in samples at 48 kHz. A drift-corrected clip (`ClipItem::driftSpeed`) spans its stretched length
+// and carries a LinearTimeWarp.1 whose `time_scalar` is the speed.
 //
 // OTIO tracks can't hold overlapping clips, so a clip that starts before the previous clip of its
 // track ends goes on an overflow track of the same kind ("<name> 2", ...). A clip placed before

@@ -112,12 +112,21 @@ ExportDialog::ExportDialog(std::vector<float> detectedFrameRates, const ExportSu
     channelLayout->addWidget(mixed);
     layout->addWidget(channelBox);
 
-    summary_->setText(QString("%1 track%2  ·  %3 clip%4  ·  %5")
-                          .arg(summary.trackCount)
-                          .arg(summary.trackCount == 1 ? "" : "s")
-                          .arg(summary.clipCount)
-                          .arg(summary.clipCount == 1 ? "" : "s")
-                          .arg(QString::fromStdString(summary.durationString())));
+    // The FCP7 targets move sound onto frames: the line says how far, for the target and rate picked.
+    const QString counts = QString("%1 track%2  ·  %3 clip%4  ·  %5")
+                               .arg(summary.trackCount)
+                               .arg(summary.trackCount == 1 ? "" : "s")
+                               .arg(summary.clipCount)
+                               .arg(summary.clipCount == 1 ? "" : "s")
+                               .arg(QString::fromStdString(summary.durationString()));
+    const auto showSummary = [this, counts, summary] {
+        const ExportOptions picked = options();
+        const auto snap = summary.snapLine(picked.target, picked.fps);
+        summary_->setText(snap ? counts + "\n" + QString::fromStdString(*snap) : counts);
+    };
+    showSummary();
+    connect(targets_, &QButtonGroup::idClicked, this, showSummary);
+    connect(rate_, &QComboBox::currentIndexChanged, this, showSummary);
     layout->addWidget(summary_);
     auto* note =
         new QLabel("Clips without usable audio are placed in order between the clips around them.", this);

@@ -4,10 +4,13 @@
 #include "Trelvane/ui/BottomBar.hpp"
 #include "Trelvane/ui/ConfirmationDialogs.hpp"
 #include "Trelvane/ui/DropZone.hpp"
+#include "Trelvane/ui/ExportDialog.hpp"
 #include "Trelvane/ui/MainTimeline.hpp"
 #include "Trelvane/ui/TimelineView.hpp"
 #include "UiSupport.hpp"
 
+#include <QAbstractButton>
+#include <QButtonGroup>
 #include <QCheckBox>
 #include <QComboBox>
 #include <QLabel>
@@ -151,4 +154,24 @@ TEST(MainWindow, KeysZoomSelectAndEditTheTimeline) {
     EXPECT_FALSE(view.debugSyncEnabled());
     EXPECT_TRUE(log.contains("[Diag] Debug sync ON ✓"));
     EXPECT_TRUE(log.contains("[Diag] Debug sync OFF"));
+}
+
+// The summary says how far frames move the sound only while an FCP7 target is picked, at the rate picked.
+TEST(ExportDialog, TheSummaryFollowsTheTargetAndRate) {
+    ExportSummary summary;
+    summary.trackCount = 2;
+    summary.clipCount = 3;
+    summary.soundOffsets = {0.0193, 1.007, 2.0};
+    ExportOptions defaults;
+    defaults.fps = 25;
+    ExportDialog dialog({25.0f}, summary, defaults, nullptr);
+    const auto text = [&] { return dialog.summaryLabel()->text().toStdString(); };
+    EXPECT_EQ(text(),
+              "2 tracks  ·  3 clips  ·  00:00:00\naudio snapped to frames: up to 19.3 ms (mean 8.8 ms)");
+    dialog.targets()->button(1)->click(); // Final Cut Pro
+    EXPECT_EQ(text(), "2 tracks  ·  3 clips  ·  00:00:00");
+    dialog.targets()->button(2)->click();    // Resolve
+    dialog.ratePicker()->setCurrentIndex(1); // 50: 19.3 ms -> 0.7 ms, 1.007 s -> 7 ms
+    EXPECT_EQ(text(),
+              "2 tracks  ·  3 clips  ·  00:00:00\naudio snapped to frames: up to 7.0 ms (mean 2.6 ms)");
 }

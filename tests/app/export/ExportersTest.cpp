@@ -105,7 +105,8 @@ const std::filesystem::path kDtd = test::fcpxmlDtd();
 } // namespace
 
 // Every rate the export offers, both layouts: the document is valid against the format's DTD
-// (which also resolves every reference), and every offset falls on a frame of the sequence.
+// (which also resolves every reference), every picture falls on a frame of the sequence and every
+// sound on a frame or a sample.
 TEST(FCPXMLExporter, ValidatesAgainstDtdAtEveryRate) {
     TRELVANE_REQUIRE_FCPXML_DTD(kDtd)
     test::TempDir dir;
@@ -115,12 +116,18 @@ TEST(FCPXMLExporter, ValidatesAgainstDtdAtEveryRate) {
             const std::string xml = FCPXMLExporter::build(exportSession(), fps, layout);
             EXPECT_TRUE(xmllintAccepts(dir.file("out.fcpxml", xml), kDtd.string())) << xml;
             const double rate = FCP7Exporter::rateInfo(fps).effectiveRate();
-            int clips = 0;
-            const std::regex offset(R"(<asset-clip [^>]* offset="(\d+)/(\d+)s")");
-            for (std::sregex_iterator m(xml.begin(), xml.end(), offset), end; m != end; ++m, ++clips) {
-                const double frames = std::stod((*m)[1]) / std::stod((*m)[2]) * rate;
-                EXPECT_NEAR(frames, std::round(frames), 1e-6) << m->str();
+            int pictures = 0;
+            const std::regex offset(R"(<asset-clip [^>]* offset="(\d+)(?:/(\d+))?s"([^>]*)>)");
+            for (std::sregex_iterator m(xml.begin(), xml.end(), offset), end; m != end; ++m) {
+                const double at = std::stod((*m)[1]) / ((*m)[2].matched ? std::stod((*m)[2]) : 1.0);
+                const double frames = at * rate, samples = at * 48000;
+                const bool sound = (*m)[3].str().find("audioRole") != std::string::npos;
+                pictures += sound ? 0 : 1;
+                if (sound && std::fabs(frames - std::round(frames)) > 1e-6)
+                    EXPECT_NEAR(samples, std::round(samples), 1e-6) << m->str();
+                else
+                    EXPECT_NEAR(frames, std::round(frames), 1e-6) << m->str();
             }
-            EXPECT_GE(clips, 6);
+            EXPECT_EQ(pictures, 6);
         }
 }
