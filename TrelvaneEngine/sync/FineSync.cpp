@@ -455,10 +455,15 @@ std::vector<TrackSource> refine(std::vector<TrackSource> tracks, const Options& 
             clip.driftUncertaintyPPM = solution.driftError[i];
             clip.refinementNote =
                 "lined up to the sample with '" + clipOf(partner).url.lastPathComponent() + "'";
-            if (std::abs(solution.drift[i]) * 1e-6 * clip.duration >= 0.005)
-                EngineLog::logf("[FineSync]  '%s' clock %+.1f ppm (±%.1f) — %+.1f ms over the clip",
-                                clip.url.lastPathComponent(), solution.drift[i], solution.driftError[i],
-                                solution.drift[i] * 1e-3 * clip.duration);
+            // A drift that moves the clip's end by a few milliseconds is worth telling where the
+            // user looks: it is what the exports then correct.
+            if (std::abs(solution.drift[i]) * 1e-6 * clip.duration >= 0.005) {
+                const std::string drift =
+                    fmt::sprintf("clock %+.1f ppm (±%.1f) — %+.1f ms over the clip", solution.drift[i],
+                                 solution.driftError[i], solution.drift[i] * 1e-3 * clip.duration);
+                *clip.refinementNote += " · " + drift;
+                EngineLog::logf("[FineSync]  '%s' %s", clip.url.lastPathComponent(), drift);
+            }
             continue;
         }
         // A weak clip already tells the user to check it by ear.

@@ -87,6 +87,9 @@ TEST(FineSync, PlacesClipsToAFractionOfASampleAndMeasuresTheDriftingRecorder) {
     EXPECT_NEAR(*rec.driftPPM, 0, 2);
     EXPECT_LT(*drifting.driftUncertaintyPPM, 2);
     EXPECT_EQ(drifting.refinementNote.value_or("").rfind("lined up to the sample with '", 0), 0u);
+    // Its drift moves its end by 6 ms: the tool tip says so; the others' says nothing of a clock.
+    EXPECT_NE(drifting.placementExplanation().find(" · clock +125."), std::string::npos);
+    EXPECT_EQ(rec.refinementNote.value_or("").find("clock"), std::string::npos);
     // The timeline still starts at 0.
     EXPECT_DOUBLE_EQ(cam.startOffset, 0);
 
