@@ -28,6 +28,14 @@ constexpr double kDriftTolerancePPM = 3.0;
 // Standard errors below this are not trusted to weigh more: a line through a few windows can fit
 // by chance better than its clocks allow.
 constexpr double kLeastDriftErrorPPM = 0.2;
+// Windows agree within a quarter of a millisecond, so a line through them can lean by a tenth of
+// one over its span whatever their scatter says: over 30 s that is 3 ppm, over 10 minutes 0.2.
+constexpr double kWindowLean = 1e-4;
+// Pairs that overlap this long measure a drift to a fraction of a ppm: they alone set the clocks
+// of the clips they join, each such group against its own pictures. A shorter pair only carries a
+// clock to a clip no long pair reaches; let it join two groups and its few ppm of error would
+// tilt one group's timeline against the other's by milliseconds over their length.
+constexpr double kLongPair = 120.0;
 
 struct Node {
     int si = 0, ci = 0;
@@ -155,6 +163,15 @@ struct Solution {
     std::vector<double> driftError; // ppm, per node
 };
 
+double spanOf(const std::vector<Node>& nodes, const Edge& e) {
+    return std::min(nodes[e.from].end, nodes[e.to].end) - std::max(nodes[e.from].start, nodes[e.to].start);
+}
+
+double driftErrorOf(const std::vector<Node>& nodes, const Edge& e) {
+    return std::max(
+        {e.found->driftUncertaintyPPM, kLeastDriftErrorPPM, kWindowLean / spanOf(nodes, e) * 1e6});
+}
+
 // One group's drifts and shifts from its edges (already consistent or not): drifts first, since
 // each pair's shift was measured at its own time and the drifts carry it to each clip's start.
 void solveGroup(const std::vector<Node>& nodes, const std::vector<int>& members,
@@ -168,26 +185,87 @@ void solveGroup(const std::vector<Node>& nodes, const std::vector<int>& members,
     // the covariance of the solved drifts, so that a clip tied to the rest by one loose
     // measurement is told as loosely known as it is.
     std::vector<double> laplacian(m * m, 0.0);
+    std::vector<PairwiseOffsetSolver::Measurement> longOnes;
     for (const Edge* e : edges) {
         if (!at.count(e->from)) continue;
-        const double error = std::max(e->found->driftUncertaintyPPM, kLeastDriftErrorPPM);
+        const double error = driftErrorOf(nodes, *e);
         const float weight = float(1.0 / (error * error));
         drifts.push_back({at[e->from], at[e->to], e->found->driftPPM, weight});
+        if (spanOf(nodes, *e) >= kLongPair) longOnes.push_back(drifts.back());
         const std::size_t i = std::size_t(at[e->from]), j = std::size_t(at[e->to]);
         laplacian[i * m + i] += weight;
         laplacian[j * m + j] += weight;
         laplacian[i * m + j] -= weight;
         laplacian[j * m + i] -= weight;
     }
-    auto drift = PairwiseOffsetSolver::solve(int(members.size()), 0, drifts);
-    // The pictures' clock is the timeline's.
-    std::vector<double> gauge;
-    for (std::size_t k = 0; k < members.size(); ++k)
-        if (nodes[members[k]].video) gauge.push_back(drift[k]);
-    if (gauge.empty()) gauge = drift;
-    const double zero = median(gauge);
-    for (double& d : drift)
-        d -= zero;
+    // The pictures' clock is the timeline's: the median drift of the video clips among `ks` (of
+    // all of them where there is none) is made 0.
+    const auto gaugeOf = [&](const std::vector<int>& ks, const std::vector<double>& drift) {
+        std::vector<double> videos, all;
+        for (const int k : ks) {
+            all.push_back(drift[std::size_t(k)]);
+            if (nodes[members[std::size_t(k)]].video) videos.push_back(drift[std::size_t(k)]);
+        }
+        return median(videos.empty() ? all : videos);
+    };
+    std::vector<double> drift(m, 0.0);
+    std::vector<bool> fixed(m, false);
+    // Clocks first from the long pairs, each group of clips they join on its own pictures' clock.
+    std::vector<int> parent(m);
+    std::iota(parent.begin(), parent.end(), 0);
+    for (const auto& d : longOnes)
+        parent[rootOf(parent, d.to)] = rootOf(parent, d.from);
+    std::map<int, std::vector<int>> byRoot;
+    for (int k = 0; k < int(m); ++k)
+        byRoot[rootOf(parent, k)].push_back(k);
+    for (const auto& [_, ks] : byRoot) {
+        if (ks.size() < 2) continue;
+        std::map<int, int> in;
+        for (const int k : ks)
+            in[k] = int(in.size());
+        std::vector<PairwiseOffsetSolver::Measurement> local;
+        for (const auto& d : longOnes)
+            if (in.count(d.from)) local.push_back({in[d.from], in[d.to], d.offset, d.weight});
+        const auto solved = PairwiseOffsetSolver::solve(int(ks.size()), 0, local);
+        for (std::size_t k = 0; k < ks.size(); ++k)
+            drift[std::size_t(ks[k])] = solved[k];
+        const double zero = gaugeOf(ks, drift);
+        for (const int k : ks) {
+            drift[std::size_t(k)] -= zero;
+            fixed[std::size_t(k)] = true;
+        }
+    }
+    if (std::none_of(fixed.begin(), fixed.end(), [](bool f) { return f; })) {
+        // No long pair at all: every pair sets the clocks together.
+        drift = PairwiseOffsetSolver::solve(int(m), 0, drifts);
+        std::vector<int> ks(m);
+        std::iota(ks.begin(), ks.end(), 0);
+        const double zero = gaugeOf(ks, drift);
+        for (double& d : drift)
+            d -= zero;
+    } else {
+        // The others from the clips already known, nearest first, each as the weighted mean of
+        // what its pairs with them say.
+        for (bool grew = true; grew;) {
+            grew = false;
+            std::vector<double> sum(m, 0.0), weights(m, 0.0);
+            for (const auto& d : drifts) {
+                if (fixed[std::size_t(d.from)] && !fixed[std::size_t(d.to)]) {
+                    sum[std::size_t(d.to)] += d.weight * (drift[std::size_t(d.from)] + d.offset);
+                    weights[std::size_t(d.to)] += d.weight;
+                }
+                if (fixed[std::size_t(d.to)] && !fixed[std::size_t(d.from)]) {
+                    sum[std::size_t(d.from)] += d.weight * (drift[std::size_t(d.to)] - d.offset);
+                    weights[std::size_t(d.from)] += d.weight;
+                }
+            }
+            for (std::size_t k = 0; k < m; ++k)
+                if (weights[k] > 0) {
+                    drift[k] = sum[k] / weights[k];
+                    fixed[k] = grew = true;
+                }
+        }
+    }
 
     for (const Edge* e : edges) {
         if (!at.count(e->from)) continue;
@@ -240,8 +318,10 @@ double misfit(const std::vector<Node>& nodes, const Edge& e, const Solution& s) 
     const double driftRoom = std::max(kDriftTolerancePPM, 4 * e.found->driftUncertaintyPPM);
     const double placeSaid = s.shift[e.to] + (e.centre - nodes[e.to].start) * s.drift[e.to] * 1e-6 -
                              s.shift[e.from] - (e.centre - nodes[e.from].start) * s.drift[e.from] * 1e-6;
-    return std::max(std::abs(driftSaid - e.found->driftPPM) / driftRoom,
-                    std::abs(placeSaid - e.found->correction) / kPlaceTolerance);
+    const double placeMisfit = std::abs(placeSaid - e.found->correction) / kPlaceTolerance;
+    // A short pair's drift may disagree with the clocks the long pairs set: it was not used there.
+    if (spanOf(nodes, e) < kLongPair) return placeMisfit;
+    return std::max(std::abs(driftSaid - e.found->driftPPM) / driftRoom, placeMisfit);
 }
 
 } // namespace
@@ -318,7 +398,7 @@ std::vector<TrackSource> refine(std::vector<TrackSource> tracks, const Options& 
         return measurePair(pair, options);
     };
     // The partners that overlap longest first; a clip none of them could be measured against
-    // (its shared stretch quiet, or only one of them hearing it well) tries as many again.
+    // (its shared stretch quiet, or only one of them hearing it well) tries twice as many more.
     constexpr int kRounds = 2;
     const std::array<double, kRounds + 1> progressAt{0.0, 0.85, 1.0};
     for (int round = 0; round < kRounds; ++round) {
@@ -331,9 +411,10 @@ std::vector<TrackSource> refine(std::vector<TrackSource> tracks, const Options& 
                 return e.found && (e.from == i || e.to == i);
             });
             if (round > 0 && (nodes[i].synced ? measured : heardByASyncedClip)) continue;
+            // Partners 0..k-1 first, then k..3k-1.
             const auto from = std::min(candidates[i].size(), std::size_t(round * options.partnersPerClip));
             const auto to =
-                std::min(candidates[i].size(), std::size_t((round + 1) * options.partnersPerClip));
+                std::min(candidates[i].size(), std::size_t((1 + 2 * round) * options.partnersPerClip));
             for (auto k = from; k < to; ++k) {
                 const int j = candidates[i][k];
                 hadPartner[i] = true;
