@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 #include "TrelvaneEngine/features/SpectralBands.hpp"
 
+#include "engine/features/Signals.hpp"
+
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -20,14 +22,7 @@ namespace {
 
 constexpr double kInf = std::numeric_limits<double>::infinity();
 
-std::vector<float> noise(std::size_t n, unsigned seed, float sd = 1.0f) {
-    std::mt19937 rng(seed);
-    std::normal_distribution<float> dist(0.0f, sd);
-    std::vector<float> v(n);
-    for (auto& x : v)
-        x = dist(rng);
-    return v;
-}
+using test::noise;
 
 // The band feature written out plainly: windowed DFT per frame in double, energies of the spectrum
 // at `spectrumScale` times the plain DFT, log1p, then the z-score (pinned on its own below).
