@@ -14,6 +14,7 @@
 #include <numeric>
 #include <set>
 #include <string>
+#include <tuple>
 #include <utility>
 
 namespace trelvane::FineSync {
@@ -46,7 +47,8 @@ struct Node {
 };
 
 struct Edge {
-    int from = 0, to = 0; // `from` is the pair's reference
+    int from = 0, to = 0;  // `from` is the pair's reference
+    bool thorough = false; // measured with the retry's longer and more windows
     std::optional<FineAlign::Refinement> found;
     double centre = 0; // timeline time of the measurement
 };
@@ -329,17 +331,18 @@ double misfit(const std::vector<Node>& nodes, const Edge& e, const Solution& s) 
 FineAlign::Options defaultAlignOptions() {
     FineAlign::Options o;
     o.windows = 4;
-    o.windowSeconds = 1.5;
+    o.windowSeconds = 1.0;
     return o;
 }
 
-std::optional<FineAlign::Refinement> measurePair(const FineAlign::Pair& pair, const Options& options) {
-    const auto key = options.cacheFolder ? pairKey(pair, options.align) : std::nullopt;
+std::optional<FineAlign::Refinement> measurePair(const FineAlign::Pair& pair, const FineAlign::Options& align,
+                                                 const std::optional<std::filesystem::path>& cacheFolder) {
+    const auto key = cacheFolder ? pairKey(pair, align) : std::nullopt;
     if (key)
-        if (const auto stored = EnvelopeCache::loadNumbers(*key, *options.cacheFolder))
+        if (const auto stored = EnvelopeCache::loadNumbers(*key, *cacheFolder))
             if (const auto r = refinementOf(*stored)) return *r;
-    auto found = FineAlign::refinePair(pair, options.align);
-    if (key) EnvelopeCache::saveNumbers(*key, numbersOf(found), *options.cacheFolder);
+    auto found = FineAlign::refinePair(pair, align);
+    if (key) EnvelopeCache::saveNumbers(*key, numbersOf(found), *cacheFolder);
     return found;
 }
 
@@ -382,7 +385,7 @@ std::vector<TrackSource> refine(std::vector<TrackSource> tracks, const Options& 
                          [&](int a, int b) { return overlap(i, a) > overlap(i, b); });
     }
     std::vector<bool> hadPartner(n, false);
-    std::set<std::pair<int, int>> chosen;
+    std::set<std::tuple<int, int, bool>> chosen;
     std::vector<Edge> edges;
 
     // Measured with the reference at 0: the result then does not depend on where the timeline
@@ -395,10 +398,12 @@ std::vector<TrackSource> refine(std::vector<TrackSource> tracks, const Options& 
                              b.start - a.start,
                              std::max(a.start, b.start) - a.start,
                              std::min(a.end, b.end) - a.start};
-        return measurePair(pair, options);
+        return measurePair(pair, edges[k].thorough ? options.thorough : options.align, options.cacheFolder);
     };
-    // The partners that overlap longest first; a clip none of them could be measured against
-    // (its shared stretch quiet, or only one of them hearing it well) tries twice as many more.
+    // The partners that overlap longest first, with the quick windows. A clip none of them could
+    // be measured against (its shared stretch quiet, or only one of them hearing it well) tries
+    // twice as many more; a synced one tries them all with the thorough windows, its first ones
+    // again included.
     constexpr int kRounds = 2;
     const std::array<double, kRounds + 1> progressAt{0.0, 0.85, 1.0};
     for (int round = 0; round < kRounds; ++round) {
@@ -411,16 +416,18 @@ std::vector<TrackSource> refine(std::vector<TrackSource> tracks, const Options& 
                 return e.found && (e.from == i || e.to == i);
             });
             if (round > 0 && (nodes[i].synced ? measured : heardByASyncedClip)) continue;
-            // Partners 0..k-1 first, then k..3k-1.
-            const auto from = std::min(candidates[i].size(), std::size_t(round * options.partnersPerClip));
+            // Partners 0..k-1 first, then k..3k-1 (0..3k-1 again, thoroughly, for a synced clip).
+            const bool thorough = round > 0 && nodes[i].synced;
+            const auto from =
+                std::min(candidates[i].size(), std::size_t(thorough ? 0 : round * options.partnersPerClip));
             const auto to =
                 std::min(candidates[i].size(), std::size_t((1 + 2 * round) * options.partnersPerClip));
             for (auto k = from; k < to; ++k) {
                 const int j = candidates[i][k];
                 hadPartner[i] = true;
                 if (nodes[i].synced) hadPartner[j] = true;
-                if (chosen.insert({std::min(i, j), std::max(i, j)}).second)
-                    edges.push_back({std::min(i, j), std::max(i, j), std::nullopt, 0});
+                if (chosen.insert({std::min(i, j), std::max(i, j), thorough}).second)
+                    edges.push_back({std::min(i, j), std::max(i, j), thorough, std::nullopt, 0});
             }
         }
         // Bridges: where the partners chosen leave the synced clips in groups that overlaps
@@ -441,8 +448,8 @@ std::vector<TrackSource> refine(std::vector<TrackSource> tracks, const Options& 
             return overlap(a.first, a.second) > overlap(b.first, b.second);
         });
         for (const auto& [i, j] : links)
-            if (rootOf(parent, i) != rootOf(parent, j) && chosen.insert({i, j}).second) {
-                edges.push_back({i, j, std::nullopt, 0});
+            if (rootOf(parent, i) != rootOf(parent, j) && chosen.insert({i, j, round > 0}).second) {
+                edges.push_back({i, j, round > 0, std::nullopt, 0});
                 join(i, j);
             }
         std::sort(edges.begin() + std::ptrdiff_t(first), edges.end(), [](const Edge& a, const Edge& b) {

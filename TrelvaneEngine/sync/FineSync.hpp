@@ -39,7 +39,11 @@
 namespace trelvane::FineSync {
 
 struct Options {
+    // The windows every pair is measured with first.
     FineAlign::Options align;
+    // Those a synced clip that no partner could be measured against tries again with: longer
+    // and more of them, for sound that is quiet or sparse where the quick ones fell.
+    FineAlign::Options thorough;
     // Each synced clip is measured against at most this many clips of other tracks, those that
     // overlap it longest: two give the solve a second opinion on every clip.
     int partnersPerClip = 2;
@@ -51,15 +55,17 @@ struct Options {
     int workers = 0;
 };
 
-// The windows FineSync asks of each pair by default: four of a second and a half. Fewer and shorter
-// than FineAlign's own defaults, which measure one pair as well as it can be measured; here every
-// clip is measured twice and solved with its neighbours, and the decoding is the stage's cost.
+// The windows FineSync asks of each pair first: four of a second. Fewer and shorter than
+// FineAlign's own defaults (six of two seconds, the thorough retry), which measure one pair as well
+// as it can be measured; here every clip is measured twice and solved with its neighbours, and the
+// decoding is the stage's cost.
 FineAlign::Options defaultAlignOptions();
 
 // A pair's measurement, the file offsets relative: `pair.referenceOffset` is 0 and the result's
 // `centre` is a time from the reference file's start. Reads the cache first when a folder is given,
 // and stores what it measured there. Nothing when the pair is refused.
-std::optional<FineAlign::Refinement> measurePair(const FineAlign::Pair& pair, const Options& options);
+std::optional<FineAlign::Refinement> measurePair(const FineAlign::Pair& pair, const FineAlign::Options& align,
+                                                 const std::optional<std::filesystem::path>& cacheFolder);
 
 // Refines the synced and weak clips of `tracks` (placed by a track-mode sync) as above and sets
 // `startOffset`, `driftPPM`, `driftUncertaintyPPM` and `refinementNote`; clears the last two
