@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <cmath>
 #include <numbers>
+#include <optional>
 #include <vector>
 
 namespace trelvane {
@@ -213,16 +214,20 @@ namespace {
 
 // `seconds` of a file's sound from file time `from`, mixed to mono at kSampleRate; empty when
 // the window starts before the file (the reader would start at 0, out of step) or the file ends
-// first.
-std::vector<float> monoWindow(const Url& url, double from, double seconds) {
+// first. The reader is opened at the first window and moved on for the next.
+std::vector<float> monoWindow(std::optional<AudioStreamReader>& reader, const Url& url, double from,
+                              double seconds) {
     if (from < -0.5 / kSampleRate) return {};
     from = std::max(from, 0.0);
     const auto frames = static_cast<std::size_t>(std::lround(seconds * kSampleRate));
-    AudioStreamReader reader(url, from, kSampleRate);
+    if (reader)
+        reader->seek(from);
+    else
+        reader.emplace(url, from, kSampleRate);
     std::vector<float> stereo;
     stereo.reserve(2 * frames);
     while (stereo.size() < 2 * frames)
-        if (reader.read(stereo, frames - stereo.size() / 2) == 0) break;
+        if (reader->read(stereo, frames - stereo.size() / 2) == 0) break;
     if (stereo.size() < 2 * frames) return {};
     std::vector<float> mono(frames);
     for (std::size_t i = 0; i < frames; ++i)
@@ -281,6 +286,7 @@ std::optional<Refinement> refinePair(const Pair& pair, const Options& options) {
 
     Refinement result;
     std::vector<Point> points;
+    std::optional<AudioStreamReader> referenceReader, otherReader;
     for (int i = 0; i < count; ++i) {
         const double centre =
             pair.overlapStart + 0.5 * length + (count > 1 ? span * i / (count - 1) : 0.5 * span);
@@ -289,8 +295,9 @@ std::optional<Refinement> refinePair(const Pair& pair, const Options& options) {
         ++result.windowsTried;
         std::vector<float> a, b;
         try {
-            a = monoWindow(pair.reference, centre - 0.5 * length - pair.referenceOffset, length);
-            b = monoWindow(pair.other, centre - 0.5 * length - pair.otherOffset, length);
+            a = monoWindow(referenceReader, pair.reference, centre - 0.5 * length - pair.referenceOffset,
+                           length);
+            b = monoWindow(otherReader, pair.other, centre - 0.5 * length - pair.otherOffset, length);
         } catch (const TrelvaneError&) {
             return std::nullopt;
         }

@@ -93,8 +93,13 @@ struct AudioStreamReader::State {
     // Every packet read and every decoder and resampler drained.
     bool ended = false;
 
-    void seek() {
-        if (from - kPreroll <= 0) return;
+    // `rewind`: the file has been read from, so a position near its start needs a seek too.
+    void seek(bool rewind = false) {
+        if (from - kPreroll <= 0) {
+            if (rewind)
+                avformat_seek_file(format.get(), -1, std::numeric_limits<std::int64_t>::min(), 0, 0, 0);
+            return;
+        }
         // Seeking on a sound stream lands on its own packets: a seek by the picture would go
         // back to the last key frame, seconds earlier.
         const AVStream* st = streams.front().decoder.stream;
@@ -260,6 +265,22 @@ AudioStreamReader::AudioStreamReader(const Url& url, double fromSeconds, int sam
 }
 
 AudioStreamReader::~AudioStreamReader() = default;
+
+void AudioStreamReader::seek(double fromSeconds) {
+    State& s = *state_;
+    s.from = std::isfinite(fromSeconds) ? std::max(fromSeconds, 0.0) : 0.0;
+    s.next = 0;
+    s.ended = false;
+    for (Stream& stream : s.streams) {
+        avcodec_flush_buffers(stream.decoder.decoder.get());
+        stream.resampler.reset();
+        stream.form = {};
+        stream.placed = false;
+        stream.start = 0;
+        stream.pending.clear();
+    }
+    s.seek(true);
+}
 
 std::size_t AudioStreamReader::read(std::vector<float>& out, std::size_t frames) {
     State& s = *state_;

@@ -32,6 +32,11 @@ class AudioStreamReader {
     AudioStreamReader(const AudioStreamReader&) = delete;
     AudioStreamReader& operator=(const AudioStreamReader&) = delete;
 
+    // Moves the stream to `fromSeconds` as if it had been opened there: what was decoded and not
+    // read is dropped. Cheaper than opening the file again, which for a long camera file means
+    // reading its whole index.
+    void seek(double fromSeconds);
+
     // Appends up to `frames` frames (2 floats each) to `out`; returns how many; 0 at the end.
     // Fewer than `frames` only at the end. A read that fails half-way (a damaged or cut-off
     // file) ends the stream there; nothing is thrown.
