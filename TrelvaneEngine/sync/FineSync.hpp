@@ -16,9 +16,12 @@
 // that was not refined (placed by clock or between neighbours, too short, refused) moves with the
 // refined clip nearest it, so that it stays where the band sync put it against its neighbours.
 //
-// Drift is told against the timeline's clock, which is the pictures': in each group of clips tied
-// together the median drift of the video clips is zero (of all clips where there is no video), so
-// a recorder whose clock runs fast is the clip that gets corrected, never the cameras.
+// Drift is told against the timeline's clock, which is the pictures': the clips that pairs of two
+// minutes or more tie together get their clocks from those pairs alone, and in each such group the
+// median drift of the video clips is zero (of all clips where there is no video), so a recorder
+// whose clock runs fast is the clip that gets corrected, never the cameras. A clip only short pairs
+// reach takes its clock from the clips they tie it to; a short pair's few ppm of error never tilt
+// one group's clock against another's.
 //
 // Each pair's measurement is kept in the feature cache under both files' keys and everything the
 // measurement depends on, a refusal included: a second run decodes nothing and gives the same
