@@ -326,6 +326,184 @@ double misfit(const std::vector<Node>& nodes, const Edge& e, const Solution& s) 
     return std::max(std::abs(driftSaid - e.found->driftPPM) / driftRoom, placeMisfit);
 }
 
+// The clips a run measures and the pairs it chose among them.
+struct Plan {
+    std::vector<Node> nodes;
+    // Each clip's possible partners: the synced clips of other tracks in its region that overlap
+    // it by at least the least overlap, the longest first.
+    std::vector<std::vector<int>> candidates;
+    std::vector<Edge> edges;
+    std::set<std::tuple<int, int, bool>> chosen;
+    // Whether any partner was ever proposed for the clip (its note says so when none was).
+    std::vector<bool> hadPartner;
+
+    double overlap(int i, int j) const {
+        return std::min(nodes[i].end, nodes[j].end) - std::max(nodes[i].start, nodes[j].start);
+    }
+    bool bothSynced(const Edge& e) const { return nodes[e.from].synced && nodes[e.to].synced; }
+    void add(int i, int j, bool thorough) {
+        if (chosen.insert({std::min(i, j), std::max(i, j), thorough}).second)
+            edges.push_back({std::min(i, j), std::max(i, j), thorough, std::nullopt, 0});
+    }
+};
+
+Plan planOf(const std::vector<TrackSource>& tracks, double leastOverlap) {
+    Plan plan;
+    for (int si = 0; si < int(tracks.size()); ++si)
+        for (int ci = 0; ci < int(tracks[si].clips.size()); ++ci) {
+            const ClipItem& c = tracks[si].clips[ci];
+            // A weak clip is measured too, even one its clock placed: a clock is often right to a
+            // few tens of milliseconds, and a pair that is not costs only two windows.
+            if ((c.syncStatus != SyncStatus::synced && c.syncStatus != SyncStatus::weak) ||
+                c.audioUsability != AudioUsability::ok || c.duration < kShortestMatchableClip)
+                continue;
+            plan.nodes.push_back({si, ci, c.startOffset, c.startOffset + c.duration, regionOf(tracks[si], c),
+                                  tracks[si].type == SourceType::video, c.syncStatus == SyncStatus::synced});
+        }
+    const int n = int(plan.nodes.size());
+    plan.candidates.resize(std::size_t(n));
+    plan.hadPartner.assign(std::size_t(n), false);
+    for (int i = 0; i < n; ++i) {
+        auto& mine = plan.candidates[std::size_t(i)];
+        for (int j = 0; j < n; ++j)
+            if (plan.nodes[j].synced && plan.nodes[j].si != plan.nodes[i].si &&
+                plan.nodes[j].region == plan.nodes[i].region && plan.overlap(i, j) >= leastOverlap)
+                mine.push_back(j);
+        std::stable_sort(mine.begin(), mine.end(),
+                         [&](int a, int b) { return plan.overlap(i, a) > plan.overlap(i, b); });
+    }
+    return plan;
+}
+
+// The pairs of one round, appended to `plan.edges` from `first` on, in a fixed order. Round 0:
+// each clip's `perClip` longest partners, with the quick windows. Round 1: a clip none of them
+// could be measured against (its shared stretch quiet, or only one of them hearing it well) tries
+// twice as many more; a synced one tries them all with the thorough windows, its first ones again
+// included. Then, where the pairs leave the synced clips in groups that overlaps would join, the
+// longest overlap between two groups joins them: each group would otherwise keep its own band
+// placement against the others, a few milliseconds out.
+void choosePairs(Plan& plan, int round, int perClip) {
+    const int n = int(plan.nodes.size());
+    const std::size_t first = plan.edges.size();
+    for (int i = 0; i < n; ++i) {
+        const bool synced = plan.nodes[i].synced;
+        const bool measured = std::any_of(plan.edges.begin(), plan.edges.end(), [&](const Edge& e) {
+            return e.found && (e.from == i || e.to == i) && (!synced || plan.bothSynced(e));
+        });
+        if (round > 0 && measured) continue;
+        const bool thorough = round > 0 && synced;
+        const auto& mine = plan.candidates[std::size_t(i)];
+        const auto from = std::min(mine.size(), std::size_t(thorough ? 0 : round * perClip));
+        const auto to = std::min(mine.size(), std::size_t((1 + 2 * round) * perClip));
+        for (auto k = from; k < to; ++k) {
+            plan.hadPartner[std::size_t(i)] = true;
+            if (synced) plan.hadPartner[std::size_t(mine[k])] = true;
+            plan.add(i, mine[k], thorough);
+        }
+    }
+    std::vector<int> parent(n);
+    std::iota(parent.begin(), parent.end(), 0);
+    const auto join = [&](int i, int j) { parent[rootOf(parent, i)] = rootOf(parent, j); };
+    for (std::size_t k = 0; k < plan.edges.size(); ++k)
+        if (plan.bothSynced(plan.edges[k]) && (k >= first || plan.edges[k].found))
+            join(plan.edges[k].from, plan.edges[k].to);
+    std::vector<std::pair<int, int>> links;
+    for (int i = 0; i < n; ++i)
+        if (plan.nodes[i].synced)
+            for (const int j : plan.candidates[std::size_t(i)])
+                if (i < j) links.push_back({i, j});
+    std::stable_sort(links.begin(), links.end(), [&](const auto& a, const auto& b) {
+        return plan.overlap(a.first, a.second) > plan.overlap(b.first, b.second);
+    });
+    for (const auto& [i, j] : links)
+        if (rootOf(parent, i) != rootOf(parent, j)) {
+            plan.add(i, j, round > 0);
+            join(i, j);
+        }
+    std::sort(plan.edges.begin() + std::ptrdiff_t(first), plan.edges.end(), [](const Edge& a, const Edge& b) {
+        return std::tuple{a.from, a.to, a.thorough} < std::tuple{b.from, b.to, b.thorough};
+    });
+}
+
+// The synced clips' drifts and shifts from the pairs between them, solved together; the pair
+// lying furthest out is dropped while any lies out of tolerance. `kept` is left holding the pairs
+// the solution rests on.
+Solution solveSynced(const std::vector<Node>& nodes, std::vector<const Edge*>& kept) {
+    const std::size_t n = nodes.size();
+    for (;;) {
+        Solution solution{std::vector<double>(n, 0.0), std::vector<double>(n, 0.0),
+                          std::vector<double>(n, 0.0)};
+        for (const auto& members : groupsOf(int(n), kept))
+            solveGroup(nodes, members, kept, solution);
+        std::size_t worst = 0;
+        double worstMisfit = 0;
+        for (std::size_t k = 0; k < kept.size(); ++k)
+            if (const double m = misfit(nodes, *kept[k], solution); m > worstMisfit)
+                worst = k, worstMisfit = m;
+        if (worstMisfit <= 1) return solution;
+        kept.erase(kept.begin() + std::ptrdiff_t(worst));
+    }
+}
+
+// A weak clip follows the refined synced clips it was measured against, where they agree on it.
+// Sets its entries of `solution`, `best` (the pair with most agreeing windows) and `refined`.
+void followSynced(const std::vector<Node>& nodes, const std::vector<Edge>& edges, Solution& solution,
+                  std::vector<const Edge*>& best, std::vector<bool>& refined) {
+    for (std::size_t w = 0; w < nodes.size(); ++w) {
+        if (nodes[w].synced) continue;
+        std::vector<double> shifts, drifts;
+        for (const Edge& e : edges) {
+            if (!e.found || (e.from != int(w) && e.to != int(w))) continue;
+            const bool later = e.to == int(w);
+            const auto p = std::size_t(later ? e.from : e.to);
+            if (!refined[p]) continue;
+            const double drift = solution.drift[p] + (later ? e.found->driftPPM : -e.found->driftPPM);
+            const double partnerThere =
+                solution.shift[p] + (e.centre - nodes[p].start) * solution.drift[p] * 1e-6;
+            shifts.push_back(partnerThere + (later ? e.found->correction : -e.found->correction) -
+                             (e.centre - nodes[w].start) * drift * 1e-6);
+            drifts.push_back(drift);
+            if (!best[w] || e.found->windowsAgreeing > best[w]->found->windowsAgreeing) best[w] = &e;
+        }
+        const auto [low, high] = std::minmax_element(shifts.begin(), shifts.end());
+        if (shifts.empty() || *high - *low > kPlaceTolerance) {
+            best[w] = nullptr;
+            continue;
+        }
+        refined[w] = true;
+        solution.shift[w] = std::accumulate(shifts.begin(), shifts.end(), 0.0) / double(shifts.size());
+        solution.drift[w] = std::accumulate(drifts.begin(), drifts.end(), 0.0) / double(drifts.size());
+        solution.driftError[w] = best[w]->found->driftUncertaintyPPM;
+    }
+}
+
+// A clip not refined keeps its place against the refined clip nearest it in its region, which
+// moved by the shift and drift the solve gave it there.
+void carryTheRest(std::vector<TrackSource>& tracks, const std::vector<TrackSource>& input,
+                  const std::vector<Node>& nodes, const std::vector<bool>& refined,
+                  const Solution& solution) {
+    std::set<std::pair<int, int>> done;
+    for (std::size_t i = 0; i < nodes.size(); ++i)
+        if (refined[i]) done.insert({nodes[i].si, nodes[i].ci});
+    for (int si = 0; si < int(tracks.size()); ++si)
+        for (int ci = 0; ci < int(tracks[si].clips.size()); ++ci) {
+            if (done.count({si, ci})) continue;
+            ClipItem& clip = tracks[si].clips[ci];
+            const double start = input[si].clips[ci].startOffset, end = start + clip.duration;
+            const std::string region = regionOf(tracks[si], clip);
+            std::optional<std::size_t> nearest;
+            double distance = 0;
+            for (std::size_t j = 0; j < nodes.size(); ++j) {
+                if (!refined[j] || nodes[j].region != region) continue;
+                const double d = std::max({0.0, nodes[j].start - end, start - nodes[j].end});
+                if (!nearest || d < distance) nearest = j, distance = d;
+            }
+            if (!nearest) continue;
+            clip.startOffset = start + solution.shift[*nearest] +
+                               (start - nodes[*nearest].start) * solution.drift[*nearest] * 1e-6;
+        }
+}
+
 } // namespace
 
 FineAlign::Options defaultAlignOptions() {
@@ -355,148 +533,53 @@ std::vector<TrackSource> refine(std::vector<TrackSource> tracks, const Options& 
             clip.driftUncertaintyPPM.reset();
             clip.refinementNote.reset();
         }
-
-    std::vector<Node> nodes;
-    for (int si = 0; si < int(tracks.size()); ++si)
-        for (int ci = 0; ci < int(tracks[si].clips.size()); ++ci) {
-            const ClipItem& c = tracks[si].clips[ci];
-            // A weak clip is measured too, even one its clock placed: a clock is often right to a
-            // few tens of milliseconds, and a pair that is not costs only two windows (below).
-            if ((c.syncStatus != SyncStatus::synced && c.syncStatus != SyncStatus::weak) ||
-                c.audioUsability != AudioUsability::ok || c.duration < kShortestMatchableClip)
-                continue;
-            nodes.push_back({si, ci, c.startOffset, c.startOffset + c.duration, regionOf(tracks[si], c),
-                             tracks[si].type == SourceType::video, c.syncStatus == SyncStatus::synced});
-        }
+    Plan plan = planOf(tracks, options.leastOverlap);
+    const auto& nodes = plan.nodes;
     const int n = int(nodes.size());
     auto clipOf = [&](int i) -> ClipItem& { return tracks[nodes[i].si].clips[nodes[i].ci]; };
-    auto overlap = [&](int i, int j) {
-        return std::min(nodes[i].end, nodes[j].end) - std::max(nodes[i].start, nodes[j].start);
-    };
-
-    // Each clip's partners: the synced clips of other tracks in its region that overlap it longest.
-    std::vector<std::vector<int>> candidates(n);
-    for (int i = 0; i < n; ++i) {
-        for (int j = 0; j < n; ++j)
-            if (nodes[j].synced && nodes[j].si != nodes[i].si && nodes[j].region == nodes[i].region &&
-                overlap(i, j) >= options.leastOverlap)
-                candidates[i].push_back(j);
-        std::stable_sort(candidates[i].begin(), candidates[i].end(),
-                         [&](int a, int b) { return overlap(i, a) > overlap(i, b); });
-    }
-    std::vector<bool> hadPartner(n, false);
-    std::set<std::tuple<int, int, bool>> chosen;
-    std::vector<Edge> edges;
 
     // Measured with the reference at 0: the result then does not depend on where the timeline
     // happens to start, and the cache holds it exactly.
-    const std::function<std::optional<FineAlign::Refinement>(std::size_t)> job = [&](std::size_t k) {
-        const Node &a = nodes[edges[k].from], &b = nodes[edges[k].to];
-        FineAlign::Pair pair{clipOf(edges[k].from).url,
-                             0.0,
-                             clipOf(edges[k].to).url,
-                             b.start - a.start,
-                             std::max(a.start, b.start) - a.start,
-                             std::min(a.end, b.end) - a.start};
-        return measurePair(pair, edges[k].thorough ? options.thorough : options.align, options.cacheFolder);
-    };
-    // The partners that overlap longest first, with the quick windows. A clip none of them could
-    // be measured against (its shared stretch quiet, or only one of them hearing it well) tries
-    // twice as many more; a synced one tries them all with the thorough windows, its first ones
-    // again included.
     constexpr int kRounds = 2;
     const std::array<double, kRounds + 1> progressAt{0.0, 0.85, 1.0};
     for (int round = 0; round < kRounds; ++round) {
-        const std::size_t first = edges.size();
-        for (int i = 0; i < n; ++i) {
-            const bool measured = std::any_of(edges.begin(), edges.end(), [&](const Edge& e) {
-                return e.found && (e.from == i || e.to == i) && nodes[e.from].synced && nodes[e.to].synced;
-            });
-            const bool heardByASyncedClip = std::any_of(edges.begin(), edges.end(), [&](const Edge& e) {
-                return e.found && (e.from == i || e.to == i);
-            });
-            if (round > 0 && (nodes[i].synced ? measured : heardByASyncedClip)) continue;
-            // Partners 0..k-1 first, then k..3k-1 (0..3k-1 again, thoroughly, for a synced clip).
-            const bool thorough = round > 0 && nodes[i].synced;
-            const auto from =
-                std::min(candidates[i].size(), std::size_t(thorough ? 0 : round * options.partnersPerClip));
-            const auto to =
-                std::min(candidates[i].size(), std::size_t((1 + 2 * round) * options.partnersPerClip));
-            for (auto k = from; k < to; ++k) {
-                const int j = candidates[i][k];
-                hadPartner[i] = true;
-                if (nodes[i].synced) hadPartner[j] = true;
-                if (chosen.insert({std::min(i, j), std::max(i, j), thorough}).second)
-                    edges.push_back({std::min(i, j), std::max(i, j), thorough, std::nullopt, 0});
-            }
-        }
-        // Bridges: where the partners chosen leave the synced clips in groups that overlaps
-        // would join, the longest overlap between two groups joins them. Each group would
-        // otherwise keep its own band placement against the others, a few milliseconds out.
-        std::vector<int> parent(n);
-        std::iota(parent.begin(), parent.end(), 0);
-        const auto join = [&](int i, int j) { parent[rootOf(parent, i)] = rootOf(parent, j); };
-        for (std::size_t k = 0; k < edges.size(); ++k)
-            if (nodes[edges[k].from].synced && nodes[edges[k].to].synced && (k >= first || edges[k].found))
-                join(edges[k].from, edges[k].to);
-        std::vector<std::pair<int, int>> links;
-        for (int i = 0; i < n; ++i)
-            if (nodes[i].synced)
-                for (const int j : candidates[i])
-                    if (i < j) links.push_back({i, j});
-        std::stable_sort(links.begin(), links.end(), [&](const auto& a, const auto& b) {
-            return overlap(a.first, a.second) > overlap(b.first, b.second);
-        });
-        for (const auto& [i, j] : links)
-            if (rootOf(parent, i) != rootOf(parent, j) && chosen.insert({i, j, round > 0}).second) {
-                edges.push_back({i, j, round > 0, std::nullopt, 0});
-                join(i, j);
-            }
-        std::sort(edges.begin() + std::ptrdiff_t(first), edges.end(), [](const Edge& a, const Edge& b) {
-            return std::pair{a.from, a.to} < std::pair{b.from, b.to};
-        });
+        const std::size_t first = plan.edges.size();
+        choosePairs(plan, round, options.partnersPerClip);
+        const std::function<std::optional<FineAlign::Refinement>(std::size_t)> job = [&](std::size_t k) {
+            const Edge& e = plan.edges[first + k];
+            const Node &a = nodes[e.from], &b = nodes[e.to];
+            const FineAlign::Pair pair{clipOf(e.from).url,
+                                       0.0,
+                                       clipOf(e.to).url,
+                                       b.start - a.start,
+                                       std::max(a.start, b.start) - a.start,
+                                       std::min(a.end, b.end) - a.start};
+            return measurePair(pair, e.thorough ? options.thorough : options.align, options.cacheFolder);
+        };
         std::size_t done = 0;
         const std::function<void(std::size_t, std::optional<FineAlign::Refinement>)> keep =
             [&](std::size_t k, std::optional<FineAlign::Refinement> found) {
-                Edge& e = edges[first + k];
+                Edge& e = plan.edges[first + k];
                 e.found = found;
                 if (found) e.centre = nodes[e.from].start + found->centre;
                 ++done;
                 if (onProgress)
                     onProgress({progressAt[round] + (progressAt[round + 1] - progressAt[round]) *
-                                                        double(done) / double(edges.size() - first),
+                                                        double(done) / double(plan.edges.size() - first),
                                 clipOf(e.to).url.lastPathComponent()});
             };
-        const std::function<std::optional<FineAlign::Refinement>(std::size_t)> shifted = [&](std::size_t k) {
-            return job(first + k);
-        };
         WorkerWindow::run<std::optional<FineAlign::Refinement>>(
             options.workers > 0 ? options.workers : std::max(WorkerWindow::processorCount(), 2),
-            edges.size() - first, shifted, keep, stop);
+            plan.edges.size() - first, job, keep, stop);
         if (stop.stop_requested()) return input;
     }
+    const auto& edges = plan.edges;
 
-    // Solved together, dropping the worst pair while any lies out of tolerance.
     std::vector<const Edge*> kept;
     for (const Edge& e : edges)
-        if (e.found && nodes[e.from].synced && nodes[e.to].synced) kept.push_back(&e);
+        if (e.found && plan.bothSynced(e)) kept.push_back(&e);
     const int bothSynced = int(kept.size());
-    Solution solution{std::vector<double>(n, 0.0), std::vector<double>(n, 0.0), std::vector<double>(n, 0.0)};
-    for (;;) {
-        for (const auto& members : groupsOf(n, kept))
-            solveGroup(nodes, members, kept, solution);
-        std::size_t worst = 0;
-        double worstMisfit = 0;
-        for (std::size_t k = 0; k < kept.size(); ++k)
-            if (const double m = misfit(nodes, *kept[k], solution); m > worstMisfit)
-                worst = k, worstMisfit = m;
-        if (worstMisfit <= 1) break;
-        kept.erase(kept.begin() + std::ptrdiff_t(worst));
-        std::fill(solution.shift.begin(), solution.shift.end(), 0.0);
-        std::fill(solution.drift.begin(), solution.drift.end(), 0.0);
-        std::fill(solution.driftError.begin(), solution.driftError.end(), 0.0);
-    }
-
+    Solution solution = solveSynced(nodes, kept);
     std::vector<const Edge*> best(n, nullptr);
     for (const Edge* e : kept)
         for (const int self : {e->from, e->to})
@@ -504,33 +587,7 @@ std::vector<TrackSource> refine(std::vector<TrackSource> tracks, const Options& 
     std::vector<bool> refined(n, false);
     for (int i = 0; i < n; ++i)
         refined[i] = best[i] != nullptr;
-    // A weak clip follows the synced clips it was measured against, where they agree on it.
-    for (int w = 0; w < n; ++w) {
-        if (nodes[w].synced) continue;
-        std::vector<double> shifts, drifts;
-        for (const Edge& e : edges) {
-            if (!e.found || (e.from != w && e.to != w)) continue;
-            const bool later = e.to == w;
-            const int p = later ? e.from : e.to;
-            if (!refined[p]) continue;
-            const double drift = solution.drift[p] + (later ? e.found->driftPPM : -e.found->driftPPM);
-            const double partnerThere =
-                solution.shift[p] + (e.centre - nodes[p].start) * solution.drift[p] * 1e-6;
-            shifts.push_back(partnerThere + (later ? e.found->correction : -e.found->correction) -
-                             (e.centre - nodes[w].start) * drift * 1e-6);
-            drifts.push_back(drift);
-            if (!best[w] || e.found->windowsAgreeing > best[w]->found->windowsAgreeing) best[w] = &e;
-        }
-        const auto [low, high] = std::minmax_element(shifts.begin(), shifts.end());
-        if (shifts.empty() || *high - *low > kPlaceTolerance) {
-            best[w] = nullptr;
-            continue;
-        }
-        refined[w] = true;
-        solution.shift[w] = std::accumulate(shifts.begin(), shifts.end(), 0.0) / double(shifts.size());
-        solution.drift[w] = std::accumulate(drifts.begin(), drifts.end(), 0.0) / double(drifts.size());
-        solution.driftError[w] = best[w]->found->driftUncertaintyPPM;
-    }
+    followSynced(nodes, edges, solution, best, refined);
 
     int lined = 0, keptBand = 0;
     for (int i = 0; i < n; ++i) {
@@ -558,39 +615,17 @@ std::vector<TrackSource> refine(std::vector<TrackSource> tracks, const Options& 
         if (!nodes[i].synced) continue;
         ++keptBand;
         std::string why;
-        if (!hadPartner[i])
+        if (!plan.hadPartner[std::size_t(i)])
             why = fmt::sprintf("no clip of another track overlaps it by %.0f s", options.leastOverlap);
         else if (std::none_of(edges.begin(), edges.end(), [&](const Edge& e) {
-                     return e.found && nodes[e.from].synced && nodes[e.to].synced &&
-                            (e.from == i || e.to == i);
+                     return e.found && plan.bothSynced(e) && (e.from == i || e.to == i);
                  }))
             why = "its sound and the clips around it did not agree closely enough in enough windows";
         else
             why = "its fine alignment disagrees with the clips around it";
         clip.refinementNote = "band placement kept (within a frame) — " + why;
     }
-
-    // A clip not refined keeps its place against the refined clip nearest it, which moved by the
-    // shift and drift the solve gave it there.
-    for (int si = 0; si < int(tracks.size()); ++si)
-        for (int ci = 0; ci < int(tracks[si].clips.size()); ++ci) {
-            ClipItem& clip = tracks[si].clips[ci];
-            const auto self = std::find_if(nodes.begin(), nodes.end(),
-                                           [&](const Node& node) { return node.si == si && node.ci == ci; });
-            if (self != nodes.end() && refined[std::size_t(self - nodes.begin())]) continue;
-            const double start = input[si].clips[ci].startOffset, end = start + clip.duration;
-            const std::string region = regionOf(tracks[si], clip);
-            int nearest = -1;
-            double distance = 0;
-            for (int j = 0; j < n; ++j) {
-                if (!refined[j] || nodes[j].region != region) continue;
-                const double d = std::max({0.0, nodes[j].start - end, start - nodes[j].end});
-                if (nearest < 0 || d < distance) nearest = j, distance = d;
-            }
-            if (nearest < 0) continue;
-            clip.startOffset = start + solution.shift[nearest] +
-                               (start - nodes[nearest].start) * solution.drift[nearest] * 1e-6;
-        }
+    carryTheRest(tracks, input, nodes, refined, solution);
     SyncEngine::normaliseOffsets(tracks);
     EngineLog::logf(
         "[FineSync] %d pair(s) measured, %d refused, %d left out as disagreeing; %d clip(s) lined up "
