@@ -534,6 +534,8 @@ std::vector<TrackSource> refine(std::vector<TrackSource> tracks, const Options& 
             clip.refinementNote.reset();
         }
     Plan plan = planOf(tracks, options.leastOverlap);
+    // Nothing placed by sound (a sync that had too little to work with): nothing moves either.
+    if (plan.nodes.empty()) return tracks;
     const auto& nodes = plan.nodes;
     const int n = int(nodes.size());
     auto clipOf = [&](int i) -> ClipItem& { return tracks[nodes[i].si].clips[nodes[i].ci]; };
