@@ -97,8 +97,8 @@ struct ClipItem {
     // not measured. `driftUncertaintyPPM` is one standard error of it.
     std::optional<double> driftPPM;
     std::optional<double> driftUncertaintyPPM;
-    // How the sample-accurate refinement of a synced clip went, for its tool tip: the clip its
-    // sound was lined up with, or why the band placement was kept.
+    // How the sample-accurate refinement of a synced or weak clip went, for its tool tip: the clip
+    // its sound was lined up with, or (synced clips only) why the band placement was kept.
     std::optional<std::string> refinementNote;
 
     // The length of the picture: the sidecar audio of a take runs 0.512 s longer than its picture.
