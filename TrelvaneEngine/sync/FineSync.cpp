@@ -183,10 +183,6 @@ void solveGroup(const std::vector<Node>& nodes, const std::vector<int>& members,
         at[m] = int(at.size());
     std::vector<PairwiseOffsetSolver::Measurement> drifts, places;
     const std::size_t m = members.size();
-    // The weighted graph Laplacian of the drift measurements: its inverse (with one clip held) is
-    // the covariance of the solved drifts, so that a clip tied to the rest by one loose
-    // measurement is told as loosely known as it is.
-    std::vector<double> laplacian(m * m, 0.0);
     std::vector<PairwiseOffsetSolver::Measurement> longOnes;
     for (const Edge* e : edges) {
         if (!at.count(e->from)) continue;
@@ -194,11 +190,6 @@ void solveGroup(const std::vector<Node>& nodes, const std::vector<int>& members,
         const float weight = float(1.0 / (error * error));
         drifts.push_back({at[e->from], at[e->to], e->found->driftPPM, weight});
         if (spanOf(nodes, *e) >= kLongPair) longOnes.push_back(drifts.back());
-        const std::size_t i = std::size_t(at[e->from]), j = std::size_t(at[e->to]);
-        laplacian[i * m + i] += weight;
-        laplacian[j * m + j] += weight;
-        laplacian[i * m + j] -= weight;
-        laplacian[j * m + i] -= weight;
     }
     // The pictures' clock is the timeline's: the median drift of the video clips among `ks` (of
     // all of them where there is none) is made 0.
@@ -283,6 +274,29 @@ void solveGroup(const std::vector<Node>& nodes, const std::vector<int>& members,
     for (std::size_t k = 0; k < members.size(); ++k) {
         out.shift[members[k]] = shift[k] - middle;
         out.drift[members[k]] = drift[k];
+    }
+}
+
+// Each clip's drift error in one group: the weighted graph Laplacian of its drift measurements,
+// inverted with one clip held, is the covariance of the solved drifts, so that a clip tied to the
+// rest by one loose measurement is told as loosely known as it is. Done once, for the solution
+// that stands.
+void driftErrors(const std::vector<Node>& nodes, const std::vector<int>& members,
+                 const std::vector<const Edge*>& edges, Solution& out) {
+    std::map<int, int> at;
+    for (int k : members)
+        at[k] = int(at.size());
+    const std::size_t m = members.size();
+    std::vector<double> laplacian(m * m, 0.0);
+    for (const Edge* e : edges) {
+        if (!at.count(e->from)) continue;
+        const double error = driftErrorOf(nodes, *e);
+        const double weight = double(float(1.0 / (error * error)));
+        const std::size_t i = std::size_t(at[e->from]), j = std::size_t(at[e->to]);
+        laplacian[i * m + i] += weight;
+        laplacian[j * m + j] += weight;
+        laplacian[i * m + j] -= weight;
+        laplacian[j * m + i] -= weight;
     }
     // Covariance with the first clip held, then told against the gauge: the mean of the clips
     // that set it (the median's spread is near enough that of the mean).
@@ -440,7 +454,11 @@ Solution solveSynced(const std::vector<Node>& nodes, std::vector<const Edge*>& k
         for (std::size_t k = 0; k < kept.size(); ++k)
             if (const double m = misfit(nodes, *kept[k], solution); m > worstMisfit)
                 worst = k, worstMisfit = m;
-        if (worstMisfit <= 1) return solution;
+        if (worstMisfit <= 1) {
+            for (const auto& members : groupsOf(int(n), kept))
+                driftErrors(nodes, members, kept, solution);
+            return solution;
+        }
         kept.erase(kept.begin() + std::ptrdiff_t(worst));
     }
 }
